@@ -1,0 +1,21 @@
+// Where a task was posted from: carried beside the task, for logs and tests.
+#pragma once
+
+namespace base {
+
+// A value; `file` must have static storage (a string literal).
+class Location {
+ public:
+  static constexpr Location CreateFromHere(const char* file, int line) { return Location(file, line); }
+
+  constexpr const char* file() const { return file_; }
+  constexpr int line() const { return line_; }
+
+ private:
+  constexpr Location(const char* file, int line) : file_(file), line_(line) {}
+
+  const char* file_;
+  int line_;
+};
+
+}  // namespace base

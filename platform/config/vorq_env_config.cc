@@ -1,0 +1,17 @@
+#include "platform/config/vorq_env_config.h"
+
+#include "platform/base/no_destructor.h"
+#include "platform/config/config_center.h"
+
+namespace config {
+
+VorqEnvConfig* VorqEnvConfig::GetInstance() {
+  static base::NoDestructor<VorqEnvConfig> instance;
+  return instance.get();
+}
+
+std::string VorqEnvConfig::GetDefaultNtpDomain() const {
+  return *ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().ntp_default_domain, std::string());
+}
+
+}  // namespace config

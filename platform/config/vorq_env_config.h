@@ -1,0 +1,19 @@
+// What the environment of this installation provides by default.
+#pragma once
+
+#include <string>
+
+namespace config {
+
+class VorqEnvConfig {
+ public:
+  // Never null, never destroyed.
+  static VorqEnvConfig* GetInstance();
+
+  // The environment's default NTP server domain, from the configuration entry `ntp_default_domain`; empty
+  // when it is unset. No public server is built in: those may only be preconfigured with their operators'
+  // leave. Any thread; takes a lock.
+  std::string GetDefaultNtpDomain() const;
+};
+
+}  // namespace config

@@ -1,0 +1,46 @@
+#include "platform/base/clock.h"
+
+#include <time.h>
+
+#include "platform/base/time.h"
+
+namespace base {
+
+static_assert(sizeof(time_t) == 8, "build with _TIME_BITS=64: a 32-bit time_t ends in 2038");
+
+namespace {
+
+// clock_gettime cannot fail with a clock that the kernel knows, and all kernels since 2.6.39 know both.
+// This is most of what a read of the network clock does beside the system's own work: the epoch is added to
+// the seconds, which are ready before the division is, and a 32-bit unsigned division is the shortest.
+int64_t ReadMicroseconds(clockid_t clock, int64_t epoch_us) {
+  timespec now;
+  clock_gettime(clock, &now);
+  return (static_cast<int64_t>(now.tv_sec) * 1000000 + epoch_us) + static_cast<uint32_t>(now.tv_nsec) / 1000;
+}
+
+}  // namespace
+
+Time Time::Now() { return Time(ReadMicroseconds(CLOCK_REALTIME, kWindowsToUnixEpochUs)); }
+
+int64_t GetSteadyTimeTicks() { return ReadMicroseconds(CLOCK_BOOTTIME, 0); }
+
+int64_t GetSystemTimeOffsetFromSteady() {
+  // Each wall reading is bracketed by two steady ones; whatever delays the thread in between widens the
+  // bracket, so the tightest of a few is the best.
+  constexpr int kTries = 4;
+  int64_t tightest_us = std::numeric_limits<int64_t>::max();
+  int64_t offset_us = 0;
+  for (int i = 0; i < kTries; ++i) {
+    const int64_t before_us = GetSteadyTimeTicks();
+    const int64_t wall_us = ReadMicroseconds(CLOCK_REALTIME, kWindowsToUnixEpochUs);
+    const int64_t bracket_us = GetSteadyTimeTicks() - before_us;
+    if (bracket_us < tightest_us) {
+      tightest_us = bracket_us;
+      offset_us = wall_us - (before_us + bracket_us / 2);
+    }
+  }
+  return offset_us;
+}
+
+}  // namespace base

@@ -1,0 +1,152 @@
+#include <errno.h>
+#include <stdio.h>
+#include <toml++/toml.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "platform/base/log.h"
+#include "platform/config/config_center.h"
+
+namespace config {
+
+namespace {
+
+constexpr char kLogFile[] = "platform/linux/config_file";
+// Far beyond any real file; a device given by mistake must not fill the memory.
+// Far above any real file, and low enough that a key of so many dots cannot exhaust the stack of whoever
+// parses it.
+constexpr size_t kMaxFileBytes = 16 * 1024;
+
+// What the file says, by slot, and the messages about what it says wrongly.
+class FileReader {
+ public:
+  explicit FileReader(std::string path) : path_(std::move(path)) {}
+
+  void Read();
+
+  std::array<base::Optional<uint64_t>, kNumberEntryCount> numbers;
+  std::array<base::Optional<std::string>, kTextEntryCount> texts;
+  std::vector<std::string> messages;
+
+ private:
+  // False with a message when the file cannot be read.
+  bool ReadBytes(std::string* bytes);
+  void ReadTable(const toml::table& table, const std::string& prefix);
+  void ReadValue(const std::string& key, const toml::node& value);
+  void ReadNumber(const NumberEntry& entry, const toml::node& value);
+  void Complain(const toml::source_region& place, const std::string& text);
+
+  const std::string path_;
+};
+
+void FileReader::Complain(const toml::source_region& place, const std::string& text) {
+  messages.push_back(path_ + ':' + std::to_string(place.begin.line) + ": " + text);
+}
+
+bool FileReader::ReadBytes(std::string* bytes) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path_.c_str(), "re"), &fclose);
+  bool is_good = file != nullptr;
+  while (is_good) {
+    std::array<char, 4096> block;
+    const size_t got = fread(block.data(), 1, block.size(), file.get());
+    bytes->append(block.data(), got);
+    if (bytes->size() > kMaxFileBytes) {
+      messages.push_back(path_ + ": the configuration file is larger than " +
+                         std::to_string(kMaxFileBytes / 1024) + " KiB and is not read");
+      return false;
+    }
+    if (got < block.size()) {
+      is_good = ferror(file.get()) == 0;
+      break;
+    }
+  }
+  if (!is_good) {
+    messages.push_back(path_ +
+                       ": cannot read the configuration file: " + std::system_category().message(errno));
+  }
+  return is_good;
+}
+
+void FileReader::Read() {
+  std::string bytes;
+  if (!ReadBytes(&bytes)) {
+    return;
+  }
+  try {
+    ReadTable(toml::parse(bytes, path_), {});
+  } catch (const toml::parse_error& error) {
+    Complain(error.source(), std::string(error.description()));
+  }
+}
+
+void FileReader::ReadTable(const toml::table& table, const std::string& prefix) {
+  for (const auto& [name, value] : table) {
+    const std::string key = prefix + std::string(name.str());
+    if (const toml::table* inner = value.as_table(); inner != nullptr && !inner->empty()) {
+      ReadTable(*inner, key + '.');
+    } else {
+      ReadValue(key, value);
+    }
+  }
+}
+
+void FileReader::ReadValue(const std::string& key, const toml::node& value) {
+  std::string known_keys;
+  for (const NumberEntry* entry : BaseCfg().numbers()) {
+    if (key == entry->key) {
+      ReadNumber(*entry, value);
+      return;
+    }
+    known_keys += std::string(known_keys.empty() ? "" : ", ") + entry->key;
+  }
+  for (const TextEntry* entry : BaseCfg().texts()) {
+    if (key == entry->key) {
+      texts[entry->slot] = value.value_exact<std::string>();
+      if (!texts[entry->slot]) {
+        Complain(value.source(), key + ": must be a text in quotes");
+      }
+      return;
+    }
+    known_keys += std::string(known_keys.empty() ? "" : ", ") + entry->key;
+  }
+  Complain(value.source(), "unknown key '" + key + "'; the known keys are " + known_keys);
+}
+
+void FileReader::ReadNumber(const NumberEntry& entry, const toml::node& value) {
+  const auto number = value.value_exact<int64_t>();
+  if (!number) {
+    Complain(value.source(), std::string(entry.key) + ": must be a whole number, without quotes");
+    return;
+  }
+  if (*number < 0 || static_cast<uint64_t>(*number) < entry.min ||
+      static_cast<uint64_t>(*number) > entry.max) {
+    Complain(value.source(), std::string(entry.key) + ": " + std::to_string(*number) +
+                                 " is not in the range " + std::to_string(entry.min) + " to " +
+                                 std::to_string(entry.max));
+    return;
+  }
+  numbers[entry.slot] = static_cast<uint64_t>(*number);
+}
+
+}  // namespace
+
+std::vector<std::string> ConfigCenterImpl::LoadFile(const std::string& path) {
+  FileReader reader(path);
+  reader.Read();
+  for (const NumberEntry* entry : BaseCfg().numbers()) {
+    SetNumber(*entry, Layer::kFile, reader.numbers[entry->slot]);
+  }
+  for (const TextEntry* entry : BaseCfg().texts()) {
+    SetText(*entry, Layer::kFile, std::move(reader.texts[entry->slot]));
+  }
+  for (const std::string& message : reader.messages) {
+    base::LocalLog(1, kLogFile, __LINE__, "%s", message.c_str());
+  }
+  return std::move(reader.messages);
+}
+
+}  // namespace config

@@ -1,0 +1,225 @@
+#include "platform/net/host_resolver.h"
+
+#include <ares.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "platform/base/clock.h"
+#include "platform/linux/name_lookup.h"
+
+namespace net {
+
+namespace {
+
+// How often the library's own time-outs are looked after. It could be asked when the next one is due, but
+// only in a `timeval`, whose layout on 32-bit Arm is not the one that the installed library was built with.
+constexpr int64_t kPollSliceUs = 20000;
+
+// A lost request is repeated after this fraction of the time allowed, then after twice and four times that.
+constexpr int64_t kTriesPerTimeout = 8;
+constexpr int kTries = 3;
+
+struct Lookup {
+  uint16_t port;
+  bool is_done = false;
+  int status = ARES_SUCCESS;
+  std::vector<IPEndPoint> addresses;
+};
+
+std::optional<IPEndPoint> FromNode(const ares_addrinfo_node& node, uint16_t port) {
+  if (node.ai_family == AF_INET) {
+    sockaddr_in address;
+    std::memcpy(&address, node.ai_addr, sizeof address);
+    std::array<uint8_t, 4> bytes;
+    std::memcpy(bytes.data(), &address.sin_addr, bytes.size());
+    return IPEndPoint::FromIPv4(bytes, port);
+  }
+  if (node.ai_family == AF_INET6) {
+    sockaddr_in6 address;
+    std::memcpy(&address, node.ai_addr, sizeof address);
+    std::array<uint8_t, 16> bytes;
+    std::memcpy(bytes.data(), &address.sin6_addr, bytes.size());
+    return IPEndPoint::FromIPv6(bytes, port, address.sin6_scope_id);
+  }
+  return std::nullopt;
+}
+
+void OnLookupDone(void* argument, int status, int /*timeouts*/, ares_addrinfo* info) {
+  auto& lookup = *static_cast<Lookup*>(argument);
+  lookup.is_done = true;
+  lookup.status = status;
+  for (const ares_addrinfo_node* node = info != nullptr ? info->nodes : nullptr; node != nullptr;
+       node = node->ai_next) {
+    const auto address = FromNode(*node, lookup.port);
+    if (address &&
+        std::find(lookup.addresses.begin(), lookup.addresses.end(), *address) == lookup.addresses.end()) {
+      lookup.addresses.push_back(*address);
+    }
+  }
+  ares_freeaddrinfo(info);
+}
+
+// One exchange with the name servers; it ends with the object.
+class Channel {
+ public:
+  Channel() = default;
+  ~Channel() {
+    if (channel_ != nullptr) {
+      ares_destroy(channel_);
+    }
+  }
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+
+  // An ARES_ status.
+  int Open(base::TimeDelta timeout, const std::string& name_servers);
+  // Runs `lookup` until it is done or the steady clock reaches the deadline.
+  void Run(const std::string& host, int64_t deadline_us, Lookup* lookup);
+
+ private:
+  void WaitAndProcess(int64_t wait_us);
+
+  ares_channel channel_ = nullptr;
+};
+
+int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
+  static const int library_status = ares_library_init(ARES_LIB_INIT_ALL);
+  if (library_status != ARES_SUCCESS) {
+    return library_status;
+  }
+  ares_options options{};
+  options.timeout =
+      static_cast<int>(std::clamp<int64_t>(timeout.InMilliseconds() / kTriesPerTimeout, 1, 5000));
+  options.tries = kTries;
+  char lookups[] = "fb";  // the hosts file, then the name servers, whatever the system's order is
+  options.lookups = lookups;
+  const int status =
+      ares_init_options(&channel_, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS);
+  if (status != ARES_SUCCESS) {
+    channel_ = nullptr;
+    return status;
+  }
+  return name_servers.empty() ? ARES_SUCCESS : ares_set_servers_ports_csv(channel_, name_servers.c_str());
+}
+
+void Channel::Run(const std::string& host, int64_t deadline_us, Lookup* lookup) {
+  ares_addrinfo_hints hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_DGRAM;
+  ares_getaddrinfo(channel_, host.c_str(), nullptr, &hints, OnLookupDone, lookup);
+  while (!lookup->is_done) {
+    const int64_t left_us = deadline_us - base::GetSteadyTimeTicks();
+    if (left_us <= 0) {
+      ares_cancel(channel_);
+      return;
+    }
+    WaitAndProcess(std::min(left_us, kPollSliceUs));
+  }
+}
+
+void Channel::WaitAndProcess(int64_t wait_us) {
+  std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets;
+  const int bits = ares_getsock(channel_, sockets.data(), static_cast<int>(sockets.size()));
+  std::array<pollfd, ARES_GETSOCK_MAXNUM> entries;
+  nfds_t count = 0;
+  for (size_t i = 0; i < sockets.size(); ++i) {
+    const bool is_readable = ARES_GETSOCK_READABLE(bits, i) != 0;
+    const bool is_writable = ARES_GETSOCK_WRITABLE(bits, i) != 0;
+    if (is_readable || is_writable) {
+      const auto events = static_cast<short>((is_readable ? POLLIN : 0) | (is_writable ? POLLOUT : 0));
+      entries[count++] = {sockets[i], events, 0};
+    }
+  }
+  poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000));
+  for (nfds_t i = 0; i < count; ++i) {
+    const bool is_failed = (entries[i].revents & (POLLERR | POLLHUP)) != 0;
+    const bool is_readable = is_failed || (entries[i].revents & POLLIN) != 0;
+    const bool is_writable = (entries[i].revents & POLLOUT) != 0;
+    ares_process_fd(channel_, is_readable ? entries[i].fd : ARES_SOCKET_BAD,
+                    is_writable ? entries[i].fd : ARES_SOCKET_BAD);
+  }
+  ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // time-outs
+}
+
+// Names that never exist (RFC 6761, section 6.4): asking anybody would only tell what was misconfigured.
+bool IsInvalid(std::string_view host) {
+  constexpr std::string_view kTopLevel = "invalid";
+  if (host.ends_with('.')) {
+    host.remove_suffix(1);
+  }
+  if (host.size() > kTopLevel.size() && host[host.size() - kTopLevel.size() - 1] != '.') {
+    return false;
+  }
+  return host.size() >= kTopLevel.size() &&
+         strncasecmp(host.data() + host.size() - kTopLevel.size(), kTopLevel.data(), kTopLevel.size()) == 0;
+}
+
+bool IsLocalhost(const std::string& host) {
+  return strcasecmp(host.c_str(), "localhost") == 0 || strcasecmp(host.c_str(), "localhost.") == 0;
+}
+
+ResolveResult Fail(ResolveError error, std::string detail) { return {{}, error, std::move(detail)}; }
+
+ResolveResult Explain(const std::string& host, int status, base::TimeDelta timeout) {
+  const std::string name = '\'' + host + '\'';
+  switch (status) {
+    case ARES_SUCCESS:  // without a usable address
+    case ARES_ENODATA:
+    case ARES_ENOTFOUND:
+    case ARES_EBADNAME:
+      return Fail(ResolveError::kNotFound,
+                  "the host name " + name + " does not exist or has no address; check its spelling");
+    case ARES_ECANCELLED:
+    case ARES_ETIMEOUT:
+      return Fail(ResolveError::kTimedOut,
+                  "no name server answered for " + name + " in time (at most " +
+                      std::to_string(timeout.InMilliseconds()) +
+                      " ms); check the network connection and the name servers in /etc/resolv.conf");
+    default:
+      return Fail(ResolveError::kFailed,
+                  "the host name " + name + " could not be looked up (" + ares_strerror(status) +
+                      "); check that /etc/resolv.conf names a working name server, or give an IP address");
+  }
+}
+
+}  // namespace
+
+ResolveResult internal::LookUpHost(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                                   const std::string& name_servers) {
+  if (const auto literal = IPEndPoint::FromLiteral(host, port)) {
+    return {{*literal}, ResolveError::kNone, {}};
+  }
+  if (IsLocalhost(host)) {
+    // Without asking anybody (RFC 6761, section 6.3): not every system has it in its hosts file.
+    return {{IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}, {}, {}};
+  }
+  if (host.empty() || IsInvalid(host)) {
+    // To a name server the empty name would be the root of all names.
+    return Explain(host, ARES_EBADNAME, timeout);
+  }
+  const auto now = base::TimeDelta::FromMicroseconds(base::GetSteadyTimeTicks());
+  Lookup lookup{port, false, ARES_SUCCESS, {}};
+  Channel channel;
+  if (const int status = channel.Open(timeout, name_servers); status != ARES_SUCCESS) {
+    return Explain(host, status, timeout);
+  }
+  channel.Run(host, (now + timeout).InMicroseconds(), &lookup);
+  if (lookup.addresses.empty()) {
+    return Explain(host, lookup.status, timeout);
+  }
+  return {std::move(lookup.addresses), ResolveError::kNone, {}};
+}
+
+ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
+  return internal::LookUpHost(host, port, timeout, {});
+}
+
+}  // namespace net

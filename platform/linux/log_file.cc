@@ -1,0 +1,82 @@
+#include "platform/base/log_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <spdlog/details/log_msg.h>
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "platform/base/log.h"
+
+namespace base {
+
+namespace {
+
+// The log's own lock lets one line through at a time.
+using FileSink = spdlog::sinks::rotating_file_sink_st;
+
+// Opens the file for appending. An empty string, or why that is impossible.
+std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* sink) {
+  // Tried first: the sink repeats a failing open for a while, which would hold up the log.
+  const int fd = open(options.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    return "cannot write the log file '" + options.path + "': " + std::system_category().message(errno);
+  }
+  close(fd);
+  try {
+    *sink = std::make_unique<FileSink>(options.path, options.max_bytes, options.max_files);
+    (*sink)->set_formatter(std::make_unique<spdlog::pattern_formatter>("%v"));
+    return {};
+  } catch (const std::exception& error) {
+    return "cannot write the log file '" + options.path + "': " + error.what();
+  }
+}
+
+// Writes lines to the file, and to standard error those that the file does not take. After a failure the
+// file is opened afresh, since a failed rotation leaves the old sink without a file.
+class FileWriter {
+ public:
+  FileWriter(LogFileOptions options, std::unique_ptr<FileSink> sink)
+      : options_(std::move(options)), sink_(std::move(sink)) {}
+
+  void Write(const LogLine& line) {
+    const std::string text = FormatLogLine(line);
+    if (sink_ != nullptr || OpenFile(options_, &sink_).empty()) {
+      try {
+        // The text carries its own time; giving none here keeps the sink from reading a clock.
+        sink_->log({spdlog::log_clock::time_point{}, spdlog::source_loc{}, {}, spdlog::level::info, text});
+        sink_->flush();
+        return;
+      } catch (const std::exception&) {
+        sink_ = nullptr;
+      }
+    }
+    std::fputs((text + '\n').c_str(), stderr);
+  }
+
+ private:
+  const LogFileOptions options_;
+  std::unique_ptr<FileSink> sink_;  // null after a failure
+};
+
+}  // namespace
+
+std::string LogToFile(const LogFileOptions& options) {
+  std::unique_ptr<FileSink> sink;
+  std::string error = OpenFile(options, &sink);
+  if (error.empty()) {
+    const auto writer = std::make_shared<FileWriter>(options, std::move(sink));
+    SetLogSink([writer](const LogLine& line) { writer->Write(line); });
+  }
+  return error;
+}
+
+}  // namespace base

@@ -1,0 +1,15 @@
+// The look-up behind ResolveHost with the name servers given, so that it can be tried against ones that
+// misbehave.
+#pragma once
+
+#include <string>
+
+#include "platform/net/host_resolver.h"
+
+namespace net::internal {
+
+// Like ResolveHost. `name_servers` is a list "192.0.2.1:53,[2001:db8::1]:53"; empty means the system's.
+ResolveResult LookUpHost(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                         const std::string& name_servers);
+
+}  // namespace net::internal

@@ -1,0 +1,62 @@
+// An IP address with a port, and the texts that name a server. Pure values, any thread.
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace net {
+
+class IPEndPoint {
+ public:
+  enum class Family : uint8_t { kNone, kIPv4, kIPv6 };
+
+  // The empty end point: no address, port 0.
+  IPEndPoint() = default;
+
+  static IPEndPoint FromIPv4(std::array<uint8_t, 4> address, uint16_t port);
+  // `scope_id` is the interface index of a link-local address, otherwise 0.
+  static IPEndPoint FromIPv6(std::array<uint8_t, 16> address, uint16_t port, uint32_t scope_id = 0);
+  // From an address without port, "192.0.2.1", "2001:db8::1" or, of a link-local address, "fe80::1%2" or
+  // "fe80::1%eth0" with the number or name of an interface of this machine; nothing when it is neither.
+  static std::optional<IPEndPoint> FromLiteral(std::string_view address, uint16_t port);
+
+  Family family() const { return family_; }
+  bool address_empty() const { return family_ == Family::kNone; }
+  // Network order; of an IPv4 address the first four bytes, the others are zero.
+  const std::array<uint8_t, 16>& bytes() const { return bytes_; }
+  uint16_t port() const { return port_; }
+  uint32_t scope_id() const { return scope_id_; }
+
+  // "192.0.2.1:123", "[2001:db8::1]:123", "[fe80::1%2]:123"; the empty end point gives an empty string.
+  std::string ToString() const;
+
+  friend auto operator<=>(const IPEndPoint&, const IPEndPoint&) = default;
+
+ private:
+  Family family_ = Family::kNone;
+  std::array<uint8_t, 16> bytes_{};
+  uint32_t scope_id_ = 0;
+  uint16_t port_ = 0;
+};
+
+// A server as users write it.
+struct HostPort {
+  std::string host;  // a name, or an address literal without brackets
+  uint16_t port = 0;
+};
+
+struct HostPortResult {
+  std::optional<HostPort> value;
+  std::string error;  // why there is no value, in words for the user
+};
+
+// Reads "host", "host:port", "192.0.2.1", "192.0.2.1:port", "[IPv6]", "[IPv6]:port" or a bare IPv6 address.
+// Ports are 1 to 65535. Host names are checked for length (253) and characters (letters, digits, '-', '_',
+// '.'), not looked up; a name of digits and dots only must be a whole IPv4 address.
+HostPortResult ParseHostPort(std::string_view text, uint16_t default_port);
+
+}  // namespace net

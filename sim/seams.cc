@@ -1,0 +1,64 @@
+// The seams of platform/, each spoken to the current simulated world.
+#include "platform/base/clock.h"
+#include "platform/base/random.h"
+#include "platform/base/time.h"
+#include "sim/world.h"
+
+namespace base {
+
+Time Time::Now() {
+  return Time::FromDeltaSinceWindowsEpoch(
+      TimeDelta::FromMicroseconds(skorra::sim::World::Current().wall_us()));
+}
+
+int64_t GetSteadyTimeTicks() { return skorra::sim::World::Current().steady_us(); }
+
+int64_t GetSystemTimeOffsetFromSteady() {
+  const skorra::sim::World& world = skorra::sim::World::Current();
+  return world.wall_us() - world.steady_us();
+}
+
+uint64_t RandUint64() { return skorra::sim::World::Current().NextRandom(); }
+
+}  // namespace base
+
+namespace core {
+
+std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int64_t instance,
+                                                       base::Optional<ThreadOption> /*option*/) {
+  return skorra::sim::World::Current().GetTaskQueue(business, instance);
+}
+
+}  // namespace core
+
+namespace net {
+
+struct DatagramSocket::Impl {
+  skorra::sim::World::Socket socket;
+};
+
+DatagramSocket::DatagramSocket(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+DatagramSocket::~DatagramSocket() { skorra::sim::World::Current().RemoveSocket(&impl_->socket); }
+
+std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote, Callbacks callbacks,
+                                                        SocketError* error) {
+  auto impl = std::make_unique<Impl>(Impl{{remote, IPEndPoint(), std::move(callbacks)}});
+  *error = skorra::sim::World::Current().AddSocket(&impl->socket);
+  if (*error != SocketError::kNone) {
+    return nullptr;
+  }
+  return std::unique_ptr<DatagramSocket>(new DatagramSocket(std::move(impl)));
+}
+
+SocketError DatagramSocket::Send(std::span<const uint8_t> bytes) {
+  return skorra::sim::World::Current().Send(impl_->socket, bytes);
+}
+
+IPEndPoint DatagramSocket::local() const { return impl_->socket.local; }
+
+ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
+  return skorra::sim::World::Current().Resolve(host, port, timeout);
+}
+
+}  // namespace net

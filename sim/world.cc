@@ -1,0 +1,227 @@
+#include "sim/world.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace skorra::sim {
+namespace {
+
+World* current_world = nullptr;
+
+}  // namespace
+
+class World::Queue : public core::TaskQueue {
+ public:
+  explicit Queue(World* world) : world_(world) {}
+
+  void PostTask(const base::Location& from, base::OnceCallback<void()>&& task) override {
+    world_->Post(this, from, std::move(task), base::TimeDelta());
+  }
+  void PostDelayedTask(const base::Location& from, base::OnceCallback<void()>&& task,
+                       base::TimeDelta delay) override {
+    world_->Post(this, from, std::move(task), delay);
+  }
+  bool IsCurrent() const override { return world_->running_queue_ == this; }
+
+ private:
+  World* const world_;
+};
+
+World::World(const Options& options)
+    : steady_us_(options.steady_us),
+      wall_offset_us_(options.wall_us - options.steady_us),
+      true_offset_us_(wall_offset_us_),
+      random_state_(options.seed) {
+  current_world = this;
+}
+
+World::~World() { current_world = nullptr; }
+
+World& World::Current() {
+  if (current_world == nullptr) {
+    std::fputs("A seam was used while no simulated world exists; make a skorra::sim::World first.\n", stderr);
+    std::abort();
+  }
+  return *current_world;
+}
+
+void World::RunFor(base::TimeDelta duration) {
+  RunUntil([] { return false; }, duration);
+}
+
+bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
+  const int64_t end_us = base::internal::SaturatingAdd(steady_us_, limit.InMicroseconds());
+  while (!done()) {
+    if (events_.empty() || events_.begin()->first.first > end_us) {
+      steady_us_ = std::max(steady_us_, end_us);
+      return false;
+    }
+    RunNext();
+  }
+  return true;
+}
+
+void World::Schedule(base::TimeDelta delay, std::function<void()> event) {
+  AddEvent(delay.InMicroseconds(), std::move(event));
+}
+
+void World::RunAsTask(core::BusinessID business, const std::function<void()>& function) {
+  RunTask(GetTaskQueue(business, -1).get(), function);
+}
+
+void World::RunTask(const core::TaskQueue* queue, const std::function<void()>& task) {
+  const core::TaskQueue* const outer = std::exchange(running_queue_, queue);
+  task();
+  running_queue_ = outer;
+}
+
+void World::Post(Queue* queue, const base::Location& from, base::OnceCallback<void()>&& task,
+                 base::TimeDelta delay) {
+  const int64_t delay_us = std::max<int64_t>(0, delay.InMicroseconds());
+  posted_.push_back({from, steady_us_, delay_us});
+  // A std::function must be copyable, a closure is not: it waits in shared storage.
+  const auto waiting = std::make_shared<base::OnceCallback<void()>>(std::move(task));
+  AddEvent(delay_us, [this, queue, waiting] {
+    if (!waiting->IsCancelled()) {
+      RunTask(queue, [&] { std::move(*waiting).Run(); });
+    }
+  });
+}
+
+void World::AddEvent(int64_t delay_us, std::function<void()> run) {
+  // An endless delay stays endless.
+  const int64_t due_us = base::internal::SaturatingAdd(steady_us_, delay_us);
+  events_.emplace(EventKey(due_us, next_sequence_++), Event{std::move(run)});
+}
+
+void World::RunNext() {
+  const auto node = events_.extract(events_.begin());
+  steady_us_ = std::max(steady_us_, node.key().first);
+  node.mapped().run();
+}
+
+std::shared_ptr<core::TaskQueue> World::GetTaskQueue(core::BusinessID business, int64_t instance) {
+  if (!is_queue_available_) {
+    return nullptr;
+  }
+  auto& queue = queues_[{business, instance}];
+  if (queue == nullptr) {
+    queue = std::make_shared<Queue>(this);
+  }
+  return queue;
+}
+
+void World::Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
+                    base::TimeDelta delay) {
+  ScheduleArrival(source, client, std::move(bytes), delay, true);
+}
+
+void World::DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                                std::vector<uint8_t> bytes, base::TimeDelta delay) {
+  ScheduleArrival(source, client, std::move(bytes), delay, false);
+}
+
+void World::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                            std::vector<uint8_t> bytes, base::TimeDelta delay, bool is_filtered) {
+  // The arrival is stamped when it happens, also when a blocked task keeps it from being read at once.
+  const int64_t arrival_us = base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds());
+  Schedule(delay, [=, this, bytes = std::move(bytes)] {
+    const auto found = sockets_.find(client);
+    if (found == sockets_.end() || (is_filtered && found->second->remote != source) ||
+        !found->second->callbacks.on_datagram) {
+      return;
+    }
+    RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(), [&] {
+      found->second->callbacks.on_datagram({bytes, source, arrival_us});
+    });
+  });
+}
+
+void World::ReportError(const net::IPEndPoint& client, net::SocketError error) {
+  const auto found = sockets_.find(client);
+  if (found != sockets_.end() && found->second->callbacks.on_error) {
+    RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(),
+            [&] { found->second->callbacks.on_error(error); });
+  }
+}
+
+void World::SetConnectError(const net::IPEndPoint& server, net::SocketError error) {
+  connect_errors_[server] = error;
+}
+
+void World::SetSendError(const net::IPEndPoint& server, net::SocketError error) {
+  send_errors_[server] = error;
+}
+
+net::SocketError World::AddSocket(Socket* socket) {
+  if (running_queue_ == nullptr || socket->remote.address_empty()) {
+    return net::SocketError::kOther;
+  }
+  if (const auto found = connect_errors_.find(socket->remote);
+      found != connect_errors_.end() && found->second != net::SocketError::kNone) {
+    return found->second;
+  }
+  const uint16_t port = next_port_;
+  next_port_ = port == 65535 ? 49152 : static_cast<uint16_t>(port + 1);
+  socket->local = socket->remote.family() == net::IPEndPoint::Family::kIPv6
+                      ? *net::IPEndPoint::FromLiteral("2001:db8:ffff::1", port)
+                      : *net::IPEndPoint::FromLiteral("192.0.2.1", port);
+  sockets_[socket->local] = socket;
+  return net::SocketError::kNone;
+}
+
+void World::RemoveSocket(Socket* socket) { sockets_.erase(socket->local); }
+
+net::SocketError World::Send(const Socket& socket, std::span<const uint8_t> bytes) {
+  if (const auto found = send_errors_.find(socket.remote);
+      found != send_errors_.end() && found->second != net::SocketError::kNone) {
+    return found->second;
+  }
+  if (network_) {
+    network_({socket.remote, socket.local, {bytes.begin(), bytes.end()}, steady_us_});
+  }
+  return net::SocketError::kNone;
+}
+
+net::ResolveResult World::Resolve(const std::string& host, uint16_t port, base::TimeDelta timeout) {
+  if (const auto literal = net::IPEndPoint::FromLiteral(host, port)) {
+    return {{*literal}, net::ResolveError::kNone, ""};
+  }
+  HostEntry entry;
+  if (const auto found = hosts_.find(host); found != hosts_.end()) {
+    entry = found->second;
+  } else if (host == "localhost") {
+    entry.addresses = {*net::IPEndPoint::FromLiteral("127.0.0.1", 0)};
+  }
+  if (entry.delay_us > timeout.InMicroseconds()) {
+    Block(timeout);
+    return {{}, net::ResolveError::kTimedOut, "no name server answered for " + host};
+  }
+  Block(base::TimeDelta::FromMicroseconds(entry.delay_us));
+  net::ResolveResult result;
+  for (const net::IPEndPoint& address : entry.addresses) {
+    const auto& bytes = address.bytes();
+    result.addresses.push_back(
+        address.family() == net::IPEndPoint::Family::kIPv6
+            ? net::IPEndPoint::FromIPv6(bytes, port, address.scope_id())
+            : net::IPEndPoint::FromIPv4({bytes[0], bytes[1], bytes[2], bytes[3]}, port));
+  }
+  if (result.addresses.empty()) {
+    result.error = net::ResolveError::kNotFound;
+    result.detail = "the name " + host + " does not exist";
+  }
+  return result;
+}
+
+uint64_t World::NextRandom() {
+  // A Weyl sequence passed through a 64-bit mixing function (xor-shift and multiply): the same numbers on
+  // every platform, and good enough for nonces that nobody attacks.
+  random_state_ += 0x9E3779B97F4A7C15u;
+  uint64_t mixed = random_state_;
+  mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
+  mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
+  return mixed ^ (mixed >> 31);
+}
+
+}  // namespace skorra::sim

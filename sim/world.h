@@ -1,0 +1,181 @@
+// A world in virtual time behind the four seams: clocks, task queue, datagrams and names.
+//
+// A program that links `sim/` instead of `platform/linux/` runs the shipped manager and transport in it
+// unchanged. Nothing happens by itself: time stands still until `RunFor` or `RunUntil` moves it, and hours
+// pass in milliseconds. Events due at the same instant run in the order in which they were scheduled, and
+// every random number comes from the seed, so a run can be repeated exactly.
+//
+//   skorra::sim::World world;                       // becomes the world of this process
+//   world.SetHost("ntp.test", {server_endpoint});
+//   world.SetNetwork([&](const sim::SentDatagram& sent) { ... world.Deliver(...); });
+//   skorra::NtpTimeManager::GetInstance()->Start();
+//   world.RunFor(base::TimeDelta::FromSeconds(4));
+//
+// One world at a time, on one thread; tasks, callbacks and the functions given to it run inside `RunFor` and
+// `RunUntil`. Sockets must be gone before their world is.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/base/callback.h"
+#include "platform/base/location.h"
+#include "platform/base/time.h"
+#include "platform/core/task_queue.h"
+#include "platform/core/thread_manager.h"
+#include "platform/net/datagram_socket.h"
+#include "platform/net/host_resolver.h"
+#include "platform/net/ip_endpoint.h"
+
+namespace skorra::sim {
+
+struct SentDatagram {
+  net::IPEndPoint server;  // where it goes
+  net::IPEndPoint client;  // the socket that sent it: where a reply must go
+  std::vector<uint8_t> bytes;
+  int64_t sent_ticks_us = 0;
+};
+
+// One call of `PostTask` (delay 0) or `PostDelayedTask`, in the order of the calls.
+struct PostedTask {
+  base::Location from;
+  int64_t posted_ticks_us = 0;
+  int64_t delay_us = 0;
+};
+
+struct HostEntry {
+  std::vector<net::IPEndPoint> addresses;  // ports are those of the look-up; empty: the name does not exist
+  // How long a look-up takes. The asking task is blocked meanwhile: time passes and no other task runs.
+  int64_t delay_us = 0;
+};
+
+class World {
+ public:
+  struct Options {
+    uint64_t seed = 1;
+    // Microseconds since 1601-01-01 UTC; the default is 2024-01-01 00:00:00 UTC.
+    int64_t wall_us = 13348540800000000;
+    int64_t steady_us = 5000000000;
+  };
+
+  World() : World(Options()) {}
+  explicit World(const Options& options);
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  // The world that the seams speak to. Ends the process with a message when there is none.
+  static World& Current();
+
+  // --- Clocks. All times in microseconds; wall clock and truth count from 1601-01-01 UTC.
+
+  int64_t steady_us() const { return steady_us_; }
+  int64_t wall_us() const { return steady_us_ + wall_offset_us_; }
+  // The time that a faultless clock would show: the wall clock's start, unmoved by its steps.
+  int64_t true_us() const { return steady_us_ + true_offset_us_; }
+  void StepWall(base::TimeDelta step) { wall_offset_us_ += step.InMicroseconds(); }
+
+  // --- Time and tasks.
+
+  // Lets `duration` pass and runs everything that falls due in it.
+  void RunFor(base::TimeDelta duration);
+  // Runs what falls due until `done` holds (tested before each event) or `limit` has passed. True when it
+  // held.
+  bool RunUntil(const std::function<bool()>& done, base::TimeDelta limit);
+  // Runs `event` outside any queue once `delay` has passed.
+  void Schedule(base::TimeDelta delay, std::function<void()> event);
+  // Lets time pass without running anything, as a task does that blocks.
+  void Block(base::TimeDelta duration) { steady_us_ += duration.InMicroseconds(); }
+  // Runs `function` now, as if it were a task of the queue of `business`.
+  void RunAsTask(core::BusinessID business, const std::function<void()>& function);
+
+  const std::vector<PostedTask>& posted() const { return posted_; }
+  size_t pending_count() const { return events_.size(); }
+  // While false, `GetTaskQueue` hands out null.
+  void SetQueueAvailable(bool available) { is_queue_available_ = available; }
+
+  // --- Datagrams.
+
+  // Called with every datagram that is sent. Without it they are lost.
+  void SetNetwork(std::function<void(const SentDatagram&)> network) { network_ = std::move(network); }
+  // Hands `bytes` to the socket with the local end point `client` after `delay`, if it is still open and
+  // connected to `source`: like the system, a socket drops what comes from elsewhere.
+  void Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
+               base::TimeDelta delay);
+  // The same without that test.
+  void DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                           std::vector<uint8_t> bytes, base::TimeDelta delay);
+  // Reports an error to the socket with the local end point `client`, now.
+  void ReportError(const net::IPEndPoint& client, net::SocketError error);
+  // What connecting and sending to `server` yields from now on; kNone restores them.
+  void SetConnectError(const net::IPEndPoint& server, net::SocketError error);
+  void SetSendError(const net::IPEndPoint& server, net::SocketError error);
+  size_t open_socket_count() const { return sockets_.size(); }
+
+  // --- Names.
+
+  // What a name means from now on. Names without an entry do not exist, except "localhost".
+  void SetHost(const std::string& name, HostEntry entry) { hosts_[name] = std::move(entry); }
+
+  // The next 64 bits of the world's generator.
+  uint64_t NextRandom();
+
+  // --- For the seams (seams.cc).
+
+  struct Socket;
+  std::shared_ptr<core::TaskQueue> GetTaskQueue(core::BusinessID business, int64_t instance);
+  net::SocketError AddSocket(Socket* socket);
+  void RemoveSocket(Socket* socket);
+  net::SocketError Send(const Socket& socket, std::span<const uint8_t> bytes);
+  net::ResolveResult Resolve(const std::string& host, uint16_t port, base::TimeDelta timeout);
+
+ private:
+  class Queue;
+  struct Event {
+    std::function<void()> run;
+  };
+  using EventKey = std::pair<int64_t, uint64_t>;  // due steady time, sequence
+
+  void Post(Queue* queue, const base::Location& from, base::OnceCallback<void()>&& task,
+            base::TimeDelta delay);
+  void RunTask(const core::TaskQueue* queue, const std::function<void()>& task);
+  void AddEvent(int64_t delay_us, std::function<void()> run);
+  void RunNext();
+  void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                       std::vector<uint8_t> bytes, base::TimeDelta delay, bool is_filtered);
+
+  int64_t steady_us_;
+  int64_t wall_offset_us_;
+  int64_t true_offset_us_;
+  uint64_t random_state_;
+
+  std::map<EventKey, Event> events_;
+  uint64_t next_sequence_ = 0;
+  std::vector<PostedTask> posted_;
+  std::map<std::pair<core::BusinessID, int64_t>, std::shared_ptr<Queue>> queues_;
+  const core::TaskQueue* running_queue_ = nullptr;
+  bool is_queue_available_ = true;
+
+  std::function<void(const SentDatagram&)> network_;
+  std::map<net::IPEndPoint, Socket*> sockets_;  // by local end point
+  std::map<net::IPEndPoint, net::SocketError> connect_errors_;
+  std::map<net::IPEndPoint, net::SocketError> send_errors_;
+  uint16_t next_port_ = 49152;
+
+  std::map<std::string, HostEntry> hosts_;
+};
+
+// What the world knows of an open socket.
+struct World::Socket {
+  net::IPEndPoint remote;
+  net::IPEndPoint local;
+  net::DatagramSocket::Callbacks callbacks;
+};
+
+}  // namespace skorra::sim

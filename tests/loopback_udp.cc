@@ -1,0 +1,108 @@
+#include "tests/loopback_udp.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace skorra {
+namespace {
+
+using Family = net::IPEndPoint::Family;
+
+struct Address {
+  sockaddr_storage storage{};
+  socklen_t size = 0;
+
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+  sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+};
+
+Address ToAddress(const net::IPEndPoint& endpoint) {
+  Address address;
+  if (endpoint.family() == Family::kIPv6) {
+    sockaddr_in6 in6{};
+    in6.sin6_family = AF_INET6;
+    in6.sin6_port = htons(endpoint.port());
+    std::memcpy(&in6.sin6_addr, endpoint.bytes().data(), 16);
+    std::memcpy(&address.storage, &in6, sizeof in6);
+    address.size = sizeof in6;
+  } else {
+    sockaddr_in in{};
+    in.sin_family = AF_INET;
+    in.sin_port = htons(endpoint.port());
+    std::memcpy(&in.sin_addr, endpoint.bytes().data(), 4);
+    std::memcpy(&address.storage, &in, sizeof in);
+    address.size = sizeof in;
+  }
+  return address;
+}
+
+uint16_t BoundPort(int fd) {
+  Address address;
+  address.size = sizeof address.storage;
+  getsockname(fd, address.get(), &address.size);
+  if (address.storage.ss_family == AF_INET6) {
+    sockaddr_in6 in6{};
+    std::memcpy(&in6, &address.storage, sizeof in6);
+    return ntohs(in6.sin6_port);
+  }
+  sockaddr_in in{};
+  std::memcpy(&in, &address.storage, sizeof in);
+  return ntohs(in.sin_port);
+}
+
+net::IPEndPoint Loopback(Family family, uint16_t port) {
+  return family == Family::kIPv6
+             ? net::IPEndPoint::FromIPv6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, port)
+             : net::IPEndPoint::FromIPv4({127, 0, 0, 1}, port);
+}
+
+}  // namespace
+
+LoopbackUdp::LoopbackUdp(Family family)
+    : fd_(socket(family == Family::kIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  const Address address = ToAddress(Loopback(family, 0));
+  if (fd_ >= 0 && bind(fd_, address.get(), address.size) != 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+  if (fd_ >= 0) {
+    local_ = Loopback(family, BoundPort(fd_));
+  }
+}
+
+LoopbackUdp::~LoopbackUdp() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+bool LoopbackUdp::SendTo(const net::IPEndPoint& to, std::span<const uint8_t> bytes) const {
+  const Address address = ToAddress(to);
+  return sendto(fd_, bytes.data(), bytes.size(), 0, address.get(), address.size) ==
+         static_cast<ssize_t>(bytes.size());
+}
+
+std::optional<std::vector<uint8_t>> LoopbackUdp::Receive(int timeout_ms) const {
+  pollfd readable{fd_, POLLIN, 0};
+  if (poll(&readable, 1, timeout_ms) != 1) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> bytes(2048);
+  const ssize_t size = recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (size < 0) {
+    return std::nullopt;
+  }
+  bytes.resize(static_cast<size_t>(size));
+  return bytes;
+}
+
+net::IPEndPoint UnusedEndPoint(Family family) { return LoopbackUdp(family).local(); }
+
+}  // namespace skorra
