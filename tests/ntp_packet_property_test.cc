@@ -1,0 +1,76 @@
+// Properties of the packet codec over generated inputs. RapidCheck prints the seed of a failing run; set
+// RC_PARAMS="seed=..." to repeat it.
+#include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "transport/ntp_packet.h"
+
+namespace skorra {
+namespace {
+
+constexpr int64_t kHalfEraUs = (int64_t{1} << 31) * 1000000;
+
+// Any bits, small numbers not being likelier than large ones.
+template <class T>
+T AnyBits() {
+  return static_cast<T>(*rc::gen::noShrink(rc::gen::resize(rc::kNominalSize, rc::gen::arbitrary<T>())));
+}
+
+NtpPacket AnyPacket() {
+  NtpPacket packet;
+  packet.leap_indicator = *rc::gen::inRange<uint8_t>(0, 4);
+  packet.version = *rc::gen::inRange<uint8_t>(0, 8);
+  packet.mode = *rc::gen::inRange<uint8_t>(0, 8);
+  packet.stratum = AnyBits<uint8_t>();
+  packet.poll = AnyBits<int8_t>();
+  packet.precision = AnyBits<int8_t>();
+  packet.root_delay = AnyBits<uint32_t>();
+  packet.root_dispersion = AnyBits<uint32_t>();
+  packet.reference_id = AnyBits<uint32_t>();
+  packet.reference_timestamp = AnyBits<uint64_t>();
+  packet.origin_timestamp = AnyBits<uint64_t>();
+  packet.receive_timestamp = AnyBits<uint64_t>();
+  packet.transmit_timestamp = AnyBits<uint64_t>();
+  return packet;
+}
+
+RC_GTEST_PROP(NtpPacketPropertyTest, AnEncodedPacketDecodesToItself, ()) {
+  const NtpPacket packet = AnyPacket();
+  RC_ASSERT(DecodePacket(EncodePacket(packet)) == packet);
+}
+
+RC_GTEST_PROP(NtpPacketPropertyTest, AnyBytesAreShortOrEncodeToTheirFirstFortyEight, ()) {
+  const auto size = *rc::gen::inRange<size_t>(0, 2 * kNtpPacketSize);
+  const auto bytes = *rc::gen::container<std::vector<uint8_t>>(size, rc::gen::arbitrary<uint8_t>());
+  const auto packet = DecodePacket(bytes);
+  RC_ASSERT(packet.has_value() == (size >= kNtpPacketSize));
+  if (packet) {
+    const auto encoded = EncodePacket(*packet);
+    RC_ASSERT(std::equal(encoded.begin(), encoded.end(), bytes.begin()));
+  }
+}
+
+RC_GTEST_PROP(NtpPacketPropertyTest, ATimeSurvivesItsTimeStampWhateverTheErrorOfThePivotWithinHalfAnEra, ()) {
+  const auto pivot_us = *rc::gen::inRange<int64_t>(kEarliestPivotUs, kEarliestPivotUs + 100 * kHalfEraUs);
+  const auto error_us = *rc::gen::inRange<int64_t>(-kHalfEraUs, kHalfEraUs);
+  RC_ASSERT(NtpTimestampToUs(NtpTimestampFromUs(pivot_us + error_us), pivot_us) == pivot_us + error_us);
+}
+
+RC_GTEST_PROP(NtpPacketPropertyTest, EveryTimeStampAndPivotGiveATimeWithinHalfAnEraOfThePivotInRange,
+              (NtpTimestamp timestamp, int64_t pivot_us)) {
+  const int64_t us = NtpTimestampToUs(timestamp, pivot_us);
+  const int64_t from_pivot_us = us - std::max(pivot_us, kEarliestPivotUs);
+  RC_ASSERT(from_pivot_us < kHalfEraUs);
+  // The largest pivots are lowered by up to an era.
+  RC_ASSERT(from_pivot_us >= -3 * kHalfEraUs);
+  // The rounding of a time stamp moves it by half a microsecond, 2148 units, at the most.
+  const NtpTimestamp rounded = NtpTimestampFromUs(us);
+  RC_ASSERT(std::min(rounded - timestamp, timestamp - rounded) <= 2148u);
+}
+
+}  // namespace
+}  // namespace skorra

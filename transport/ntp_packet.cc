@@ -1,0 +1,218 @@
+#include "transport/ntp_packet.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace skorra {
+namespace {
+
+constexpr int64_t kUsPerSecond = 1000000;
+// From 1601-01-01 to 1900-01-01: 109207 days.
+constexpr int64_t kWindowsToNtpEpochSeconds = int64_t{109207} * 86400;
+constexpr int64_t kWindowsToNtpEpochUs = kWindowsToNtpEpochSeconds * kUsPerSecond;
+constexpr int64_t kEraUs = (int64_t{1} << 32) * kUsPerSecond;
+constexpr int64_t kLatestPivotUs = std::numeric_limits<int64_t>::max() - kEraUs;
+
+// Writes and reads numbers in network order, one after the other.
+class Writer {
+ public:
+  explicit Writer(std::span<uint8_t, kNtpPacketSize> bytes) : bytes_(bytes) {}
+
+  void Put8(uint8_t value) { bytes_[position_++] = value; }
+  void Put32(uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      Put8(static_cast<uint8_t>(value >> shift));
+    }
+  }
+  void Put64(uint64_t value) {
+    Put32(static_cast<uint32_t>(value >> 32));
+    Put32(static_cast<uint32_t>(value));
+  }
+
+ private:
+  std::span<uint8_t, kNtpPacketSize> bytes_;
+  size_t position_ = 0;
+};
+
+class Reader {
+ public:
+  explicit Reader(std::span<const uint8_t, kNtpPacketSize> bytes) : bytes_(bytes) {}
+
+  uint8_t Get8() { return bytes_[position_++]; }
+  uint32_t Get32() {
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i) {
+      value = value << 8 | Get8();
+    }
+    return value;
+  }
+  uint64_t Get64() {
+    const uint64_t high = Get32();
+    return high << 32 | Get32();
+  }
+
+ private:
+  std::span<const uint8_t, kNtpPacketSize> bytes_;
+  size_t position_ = 0;
+};
+
+int64_t SaturatingAdd(int64_t a, int64_t b) {
+  int64_t sum = 0;
+  if (__builtin_add_overflow(a, b, &sum)) {
+    return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+  }
+  return sum;
+}
+
+int64_t SaturatingSubtract(int64_t a, int64_t b) {
+  int64_t difference = 0;
+  if (__builtin_sub_overflow(a, b, &difference)) {
+    return b < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+  }
+  return difference;
+}
+
+}  // namespace
+
+std::array<uint8_t, kNtpPacketSize> EncodePacket(const NtpPacket& packet) {
+  std::array<uint8_t, kNtpPacketSize> bytes;
+  Writer writer(bytes);
+  writer.Put8(
+      static_cast<uint8_t>((packet.leap_indicator & 3) << 6 | (packet.version & 7) << 3 | (packet.mode & 7)));
+  writer.Put8(packet.stratum);
+  writer.Put8(static_cast<uint8_t>(packet.poll));
+  writer.Put8(static_cast<uint8_t>(packet.precision));
+  writer.Put32(packet.root_delay);
+  writer.Put32(packet.root_dispersion);
+  writer.Put32(packet.reference_id);
+  writer.Put64(packet.reference_timestamp);
+  writer.Put64(packet.origin_timestamp);
+  writer.Put64(packet.receive_timestamp);
+  writer.Put64(packet.transmit_timestamp);
+  return bytes;
+}
+
+std::optional<NtpPacket> DecodePacket(std::span<const uint8_t> bytes) {
+  if (bytes.size() < kNtpPacketSize) {
+    return std::nullopt;
+  }
+  Reader reader(bytes.first<kNtpPacketSize>());
+  NtpPacket packet;
+  const uint8_t flags = reader.Get8();
+  packet.leap_indicator = flags >> 6;
+  packet.version = flags >> 3 & 7;
+  packet.mode = flags & 7;
+  packet.stratum = reader.Get8();
+  packet.poll = static_cast<int8_t>(reader.Get8());
+  packet.precision = static_cast<int8_t>(reader.Get8());
+  packet.root_delay = reader.Get32();
+  packet.root_dispersion = reader.Get32();
+  packet.reference_id = reader.Get32();
+  packet.reference_timestamp = reader.Get64();
+  packet.origin_timestamp = reader.Get64();
+  packet.receive_timestamp = reader.Get64();
+  packet.transmit_timestamp = reader.Get64();
+  return packet;
+}
+
+NtpPacket MakeRequest(NtpTimestamp nonce) {
+  NtpPacket request;
+  request.version = kNtpVersion;
+  request.mode = kNtpModeClient;
+  request.transmit_timestamp = nonce;
+  return request;
+}
+
+const char* ReplyRejectionName(ReplyRejection rejection) {
+  switch (rejection) {
+    case ReplyRejection::kNone:
+      return "none";
+    case ReplyRejection::kShort:
+      return "short";
+    case ReplyRejection::kMode:
+      return "mode";
+    case ReplyRejection::kVersion:
+      return "version";
+    case ReplyRejection::kLeap:
+      return "leap";
+    case ReplyRejection::kStratum:
+      return "stratum";
+    case ReplyRejection::kZeroReceive:
+      return "zero_receive";
+    case ReplyRejection::kZeroTransmit:
+      return "zero_transmit";
+    case ReplyRejection::kTransmitBeforeReceive:
+      return "transmit_before_receive";
+    case ReplyRejection::kUnknownNonce:
+      return "unknown_nonce";
+    case ReplyRejection::kWrongSource:
+      return "wrong_source";
+  }
+  return "unknown";
+}
+
+ReplyRejection CheckReply(const NtpPacket& reply) {
+  if (reply.mode != kNtpModeServer) {
+    return ReplyRejection::kMode;
+  }
+  // Servers of version 3 answer a request of version 4 with their own number.
+  if (reply.version != kNtpVersion && reply.version != 3) {
+    return ReplyRejection::kVersion;
+  }
+  if (reply.leap_indicator == kNtpLeapUnsynchronized) {
+    return ReplyRejection::kLeap;
+  }
+  if (reply.stratum == 0 || reply.stratum > kNtpMaxStratum) {
+    return ReplyRejection::kStratum;
+  }
+  if (reply.receive_timestamp == 0) {
+    return ReplyRejection::kZeroReceive;
+  }
+  if (reply.transmit_timestamp == 0) {
+    return ReplyRejection::kZeroTransmit;
+  }
+  // Modulo 2^64, so that an exchange across the change of era is in order.
+  if (static_cast<int64_t>(reply.transmit_timestamp - reply.receive_timestamp) < 0) {
+    return ReplyRejection::kTransmitBeforeReceive;
+  }
+  return ReplyRejection::kNone;
+}
+
+int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {
+  // Within this range neither the position of the pivot since 1900 nor the result can overflow.
+  const int64_t pivot = std::clamp(pivot_us, kEarliestPivotUs, kLatestPivotUs);
+  const auto seconds = static_cast<int64_t>(timestamp >> 32);
+  const uint64_t fraction = timestamp & 0xffffffff;
+  const auto fraction_us =
+      static_cast<int64_t>((fraction * kUsPerSecond + (uint64_t{1} << 31)) >> 32);  // may be a whole second
+
+  int64_t distance = seconds * kUsPerSecond + fraction_us - (pivot - kWindowsToNtpEpochUs) % kEraUs;
+  if (distance >= kEraUs / 2) {
+    distance -= kEraUs;
+  } else if (distance < -kEraUs / 2) {
+    distance += kEraUs;
+  }
+  return pivot + distance;
+}
+
+NtpTimestamp NtpTimestampFromUs(int64_t us) {
+  int64_t seconds = us / kUsPerSecond;
+  int64_t fraction_us = us % kUsPerSecond;
+  if (fraction_us < 0) {
+    fraction_us += kUsPerSecond;
+    --seconds;
+  }
+  const auto era_seconds = static_cast<uint64_t>(seconds - kWindowsToNtpEpochSeconds);
+  const uint64_t fraction = ((static_cast<uint64_t>(fraction_us) << 32) + kUsPerSecond / 2) / kUsPerSecond;
+  return era_seconds << 32 | fraction;
+}
+
+NtpResultData ComputeSample(const ExchangeTimes& times) {
+  const int64_t outward = SaturatingSubtract(times.server_receive_us, times.send_us);
+  const int64_t homeward = SaturatingSubtract(times.server_transmit_us, times.receive_us);
+  const int64_t whole = SaturatingSubtract(times.receive_us, times.send_us);
+  const int64_t at_server = SaturatingSubtract(times.server_transmit_us, times.server_receive_us);
+  return {SaturatingAdd(outward, homeward) / 2, SaturatingSubtract(whole, at_server)};
+}
+
+}  // namespace skorra
