@@ -33,5 +33,5 @@ endif()
 # sim). The world's objects are linked whole, so every seam has exactly one implementation.
 function(skorra_program name world)
   add_executable(${name} ${ARGN})
-  target_link_libraries(${name} PRIVATE skorra_${world} skorra_transport)
+  target_link_libraries(${name} PRIVATE skorra_${world} skorra_ntp)
 endfunction()

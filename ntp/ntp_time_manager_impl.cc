@@ -1,0 +1,793 @@
+#include "ntp/ntp_time_manager_impl.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "platform/base/callback.h"
+#include "platform/base/clock.h"
+#include "platform/base/location.h"
+#include "platform/base/log.h"
+#include "platform/base/optional.h"
+#include "platform/config/base_cfg.h"
+#include "platform/config/config_center.h"
+#include "platform/config/vorq_env_config.h"
+#include "platform/core/thread_manager.h"
+#include "platform/metrics/key_metrics.h"
+
+namespace skorra {
+namespace {
+
+static_assert(std::atomic<int64_t>::is_always_lock_free, "a read of the clock must not take a lock");
+
+using base::LocalLog;
+using base::Location;
+using base::TimeDelta;
+
+constexpr char kSourcePath[] = "ntp/ntp_time_manager_impl";
+
+constexpr int kProgress = 0;  // log level of progress and outcomes
+constexpr int kFailure = 1;   // log level of failed look-ups and found deviations
+
+// A burst: 20 requests, 10 ms apart.
+constexpr int64_t kSendSpacingUs = 10000;
+constexpr int64_t kBurstLengthUs = 200000;
+// A domain is evaluated once it has more samples than this, or once its burst is older than the limit.
+constexpr size_t kEnoughSamples = 5;
+constexpr int64_t kRequestTimeLimitUs = 2999999;
+constexpr TimeDelta kCheckInterval = TimeDelta::FromMicroseconds(200000);
+constexpr TimeDelta kStopDelay = TimeDelta::FromMicroseconds(30000000);
+
+// Evaluation: fewer samples than these say nothing; larger spreads make a result unreliable. The limit on
+// the deviation of round-trip times grows with their mean, since long paths vary more.
+constexpr size_t kTooFewSamples = 2;
+constexpr int64_t kMaxOffsetSpreadUs = 30000;
+constexpr double kShortPathMs = 100.0;
+constexpr double kMediumPathMs = 200.0;
+constexpr double kShortPathDeviationMs = 15.0;
+constexpr double kMediumPathDeviationMs = 20.0;
+constexpr double kLongPathDeviationMs = 30.0;
+
+// A kept result younger than this is announced again instead of asking anew, and reads do not re-check it.
+constexpr int64_t kQuietPeriodMs = 600000;
+
+constexpr uint32_t kToleratedDeviationMs = 4;
+constexpr uint32_t kLargeDeviationMs = 500;
+constexpr uint64_t kDefaultSyncIntervalS = 3600;
+constexpr int64_t kMicrosecondsPerSecond = 1000000;
+
+// Kinds of request in the statistics beyond the two NtpDomainCodes.
+constexpr int kWholeAttempt = 2;
+
+// Key metrics: requests finished and requests succeeded, by kind of domain.
+constexpr uint64_t kDefaultDomainSucceeded = 37003;
+constexpr uint64_t kDefaultDomainFinished = 37004;
+constexpr uint64_t kOtherDomainSucceeded = 37005;
+constexpr uint64_t kOtherDomainFinished = 37006;
+
+// Clock arithmetic wraps: a value without meaning (no offset yet) must not become undefined behaviour.
+int64_t WrappingAdd(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+int64_t WrappingSubtract(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+int64_t WrappingMultiply(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
+}
+
+int64_t WrappingMagnitude(int64_t value) { return value < 0 ? WrappingSubtract(0, value) : value; }
+
+int64_t NowLocalMs() { return base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds(); }
+
+// Milliseconds from one local timestamp to another; truncated, and cut to what 32 bits hold.
+uint32_t CostMs(int64_t start_us, int64_t now_us) {
+  const double cost_ms = static_cast<double>(WrappingSubtract(now_us, start_us)) / 1000.0;
+  if (cost_ms <= 0.0) {
+    return 0;
+  }
+  constexpr auto kMax = std::numeric_limits<uint32_t>::max();
+  return cost_ms >= static_cast<double>(kMax) ? kMax : static_cast<uint32_t>(cost_ms);
+}
+
+}  // namespace
+
+// --- The one manager.
+
+NtpTimeManager* NtpTimeManager::GetInstance() {
+  static base::NoDestructor<NtpTimeManagerImpl> instance;
+  return instance.get();
+}
+
+NtpTimeManagerImpl::NtpTimeManagerImpl() {
+  system_offset_from_steady_us_.store(base::GetSystemTimeOffsetFromSteady(), std::memory_order_relaxed);
+}
+
+NtpTimeManagerImpl::~NtpTimeManagerImpl() = default;
+
+// --- Queue and lifecycle.
+
+std::shared_ptr<core::TaskQueue> NtpTimeManagerImpl::GetNtpQueue() {
+  return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1,
+                                           base::Optional<core::ThreadOption>());
+}
+
+// Debug builds stop where a queue-only function runs elsewhere.
+void NtpTimeManagerImpl::CheckOnQueue() {
+#ifndef NDEBUG
+  const auto queue = GetNtpQueue();
+  assert(queue == nullptr || queue->IsCurrent());
+#endif
+}
+
+int NtpTimeManagerImpl::Start() {
+  start_count_.fetch_add(1, std::memory_order_relaxed);
+  if (is_started_.load(std::memory_order_relaxed)) {
+    return -1;
+  }
+  const int64_t last_ms = last_sync_local_time_ms_.load(std::memory_order_relaxed);
+  const int64_t now_ms = NowLocalMs();
+  const bool is_fresh = last_ms != 0 && last_ms < now_ms && !NeedToUpdateResult() &&
+                        WrappingSubtract(now_ms, last_ms) < kQuietPeriodMs && CheckElapsedTimeDeviation();
+  if (!is_fresh) {
+    return StartInNtpQueue();
+  }
+  const NtpResult last_result = last_result_.load(std::memory_order_relaxed);
+  GetNtpQueue()->PostTask(
+      Location::CreateFromHere(kSourcePath, __LINE__),
+      base::BindOnce(&NtpTimeManagerImpl::Notify, base::Unretained(this), last_result, net::IPEndPoint()));
+  return 0;
+}
+
+int NtpTimeManagerImpl::StartInNtpQueue() {
+  if (is_started_.load(std::memory_order_relaxed)) {
+    return -1;
+  }
+  is_started_.store(true, std::memory_order_relaxed);
+  GetNtpQueue()->PostTask(Location::CreateFromHere(kSourcePath, __LINE__),
+                          base::BindOnce(&NtpTimeManagerImpl::DoStartSyncTime, base::Unretained(this)));
+  return 0;
+}
+
+void NtpTimeManagerImpl::Stop() {
+  if (const auto queue = GetNtpQueue(); queue != nullptr) {
+    queue->PostTask(Location::CreateFromHere(kSourcePath, __LINE__),
+                    base::BindOnce(&NtpTimeManagerImpl::StopNtpQueue, base::Unretained(this)));
+  }
+}
+
+void NtpTimeManagerImpl::DelayStopNtpQueueIfNeeded() {
+  CheckOnQueue();
+  const auto queue = GetNtpQueue();
+  if (!is_sync_finished_ || queue == nullptr) {
+    return;
+  }
+  // Nothing takes this stop back: a start within the delay is cut off by it.
+  queue->PostDelayedTask(Location::CreateFromHere(kSourcePath, __LINE__),
+                         base::BindOnce(&NtpTimeManagerImpl::StopNtpQueue, base::Unretained(this)),
+                         kStopDelay);
+}
+
+void NtpTimeManagerImpl::StopNtpQueue() {
+  CheckOnQueue();
+  is_started_.store(false, std::memory_order_relaxed);
+  const base::AutoLock lock(stats_lock_);
+  Clean();
+  LocalLog(kProgress, kSourcePath, __LINE__, "Stop ntp queue");
+}
+
+void NtpTimeManagerImpl::Clean() {
+  if (packet_handler_ != nullptr) {
+    packet_handler_->Clean();
+  }
+  ResetServerDomainList();
+}
+
+// --- Observers.
+
+// The entry of `observer`, or the end. Erases an expired entry that it meets and then passes over the two
+// entries that followed it, neither compared nor pruned. Runs under observer_lock_.
+NtpTimeManagerImpl::ObserverList::iterator NtpTimeManagerImpl::FindObserver(const Observer* observer) {
+  size_t position = 0;
+  while (position < observers_.size()) {
+    const auto entry = observers_.begin() + static_cast<ObserverList::difference_type>(position);
+    const std::shared_ptr<Observer> alive = entry->lock();
+    if (alive == nullptr) {
+      observers_.erase(entry);
+      position += 2;
+    } else if (alive.get() == observer) {
+      return entry;
+    } else {
+      ++position;
+    }
+  }
+  return observers_.end();
+}
+
+void NtpTimeManagerImpl::AddObserver(std::weak_ptr<Observer> observer) {
+  const std::shared_ptr<Observer> alive = observer.lock();
+  if (alive == nullptr) {
+    return;
+  }
+  const base::AutoLock lock(observer_lock_);
+  if (const auto entry = FindObserver(alive.get()); entry == observers_.end()) {
+    observers_.push_back(observer);
+  }
+}
+
+void NtpTimeManagerImpl::RemoveObserver(std::weak_ptr<Observer> observer) {
+  const std::shared_ptr<Observer> alive = observer.lock();
+  if (alive == nullptr) {
+    return;
+  }
+  const base::AutoLock lock(observer_lock_);
+  if (const auto entry = FindObserver(alive.get()); entry != observers_.end()) {
+    observers_.erase(entry);
+  }
+}
+
+void NtpTimeManagerImpl::Notify(NtpResult result, const net::IPEndPoint& server) {
+  is_started_.store(false, std::memory_order_relaxed);
+  const std::string message = GetResultMessage(result);
+  ObserverList snapshot;
+  {
+    const base::AutoLock lock(observer_lock_);
+    snapshot = observers_;
+  }
+  for (const std::weak_ptr<Observer>& entry : snapshot) {
+    if (const std::shared_ptr<Observer> observer = entry.lock(); observer != nullptr) {
+      observer->OnNtpResult(result, message, server);
+    }
+  }
+  GetNtpQueue()->PostTask(
+      Location::CreateFromHere(kSourcePath, __LINE__),
+      base::BindOnce(&NtpTimeManagerImpl::DelayStopNtpQueueIfNeeded, base::Unretained(this)));
+}
+
+// --- Domains.
+
+void NtpTimeManagerImpl::UpdateNtpTimeDomain(const std::vector<std::string>& domains) {
+  GetNtpQueue()->PostTask(
+      Location::CreateFromHere(kSourcePath, __LINE__),
+      base::BindOnce(&NtpTimeManagerImpl::DoUpdateNtpTimeDomain, base::Unretained(this), domains));
+}
+
+void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& domains) {
+  CheckOnQueue();
+  for (const std::string& name : domains) {
+    const bool is_known = std::any_of(domain_infos_.begin(), domain_infos_.end(),
+                                      [&](const auto& info) { return info->domain() == name; });
+    if (is_known) {
+      continue;
+    }
+    const NtpTimeDomainInfo info(name);
+    if (info.addresses().empty()) {
+      continue;
+    }
+    LocalLog(kProgress, kSourcePath, __LINE__, "Add ntp service:%s", name.c_str());
+    domain_infos_.push_back(std::make_shared<NtpTimeDomainInfo>(info));
+    domain_results_[name] = NtpDomainResult();
+  }
+  if (is_started_.load(std::memory_order_relaxed)) {
+    // Before the very first attempt has reached the queue there is no handler to send the bursts with.
+    if (packet_handler_ == nullptr) {
+      PreparePacketHandler();
+    }
+    StartRequest(domain_infos_);
+  } else {
+    DelayStopNtpQueueIfNeeded();
+  }
+}
+
+NtpDomainResult* NtpTimeManagerImpl::QueryDomainResult(const std::string& domain) {
+  CheckOnQueue();
+  const auto found = domain_results_.find(domain);
+  if (found == domain_results_.end()) {
+    LocalLog(kFailure, kSourcePath, __LINE__, "Not query domain:%s", domain.c_str());
+    return nullptr;
+  }
+  return &found->second;
+}
+
+void NtpTimeManagerImpl::ResetServerDomainList() {
+  CheckOnQueue();
+  for (const auto& info : domain_infos_) {
+    info->Reset();
+  }
+  for (auto& [name, record] : domain_results_) {
+    record = NtpDomainResult();
+  }
+  total_retry_count_ = 0;
+}
+
+// A plain comparison of codes, not a ranking: only a candidate with a larger code replaces the current
+// domain, and a current success stays.
+std::shared_ptr<NtpTimeDomainInfo> NtpTimeManagerImpl::SelectBetterDomainInfo(
+    std::shared_ptr<NtpTimeDomainInfo> candidate) {
+  const NtpDomainResult* const current_record = QueryDomainResult(current_domain_info_->domain());
+  const NtpDomainResult* const candidate_record = QueryDomainResult(candidate->domain());
+  if (current_record == nullptr || candidate_record == nullptr ||
+      current_record->result == NtpResult::kSuccess || current_record->result >= candidate_record->result) {
+    return current_domain_info_;
+  }
+  return candidate;
+}
+
+// --- Attempt and requests.
+
+void NtpTimeManagerImpl::PreparePacketHandler() {
+  if (packet_handler_ == nullptr) {
+    packet_handler_ = std::make_unique<NtpTimePacketHandler>(
+        this, system_offset_from_steady_us_.load(std::memory_order_relaxed));
+  }
+  packet_handler_->PrepareForSendPackets();
+}
+
+// Fills the empty list with the environment's default domain; false when that has no address.
+bool NtpTimeManagerImpl::AddDefaultDomain() {
+  const NtpTimeDomainInfo info(config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain());
+  if (info.addresses().empty()) {
+    return false;
+  }
+  domain_infos_.push_back(std::make_shared<NtpTimeDomainInfo>(info));
+  domain_results_[config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain()] = NtpDomainResult();
+  return true;
+}
+
+void NtpTimeManagerImpl::DoStartSyncTime() {
+  CheckOnQueue();
+  PreparePacketHandler();
+  LocalLog(kProgress, kSourcePath, __LINE__, "Start NTP time sync");
+  if (domain_infos_.empty() && !AddDefaultDomain()) {
+    LocalLog(kFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
+    StopNtpQueue();
+    return;
+  }
+  // While the clocks agree, samples are measured against the mapping that the kept offset belongs to.
+  const bool is_deviation_found =
+      last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed) != 0 && !CheckElapsedTimeDeviation();
+  packet_handler_->UpdateSystemTimeOffsetFromSteady(
+      is_deviation_found ? base::GetSystemTimeOffsetFromSteady()
+                         : system_offset_from_steady_us_.load(std::memory_order_relaxed));
+  is_sync_finished_ = false;
+  StartRequest(domain_infos_);
+}
+
+void NtpTimeManagerImpl::StartRequest(std::vector<std::shared_ptr<NtpTimeDomainInfo>>& domains) {
+  CheckOnQueue();
+  for (const std::shared_ptr<NtpTimeDomainInfo>& domain : domains) {
+    NtpDomainResult* const record = QueryDomainResult(domain->domain());
+    if (record == nullptr || record->is_requesting) {
+      continue;
+    }
+    LocalLog(kProgress, kSourcePath, __LINE__, "Start request: %s", domain->domain().c_str());
+    record->is_requesting = true;
+    record->request_start_time_us = GetNowSystemTimestampUs();
+    SendPacketToServer(domain);
+  }
+}
+
+void NtpTimeManagerImpl::SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  CheckOnQueue();
+  if (domain->GetCurrentIPAddress().address_empty()) {
+    return;
+  }
+  if (NtpDomainResult* const record = QueryDomainResult(domain->domain()); record != nullptr) {
+    record->last_request_start_time_us = GetNowSystemTimestampUs();
+  }
+  for (int64_t delay_us = 0; delay_us < kBurstLengthUs; delay_us += kSendSpacingUs) {
+    GetNtpQueue()->PostDelayedTask(
+        Location::CreateFromHere(kSourcePath, __LINE__),
+        base::BindOnce(&NtpTimePacketHandler::SendPacket, packet_handler_->GetWeakPtr(),
+                       domain->GetCurrentIPAddress()),
+        TimeDelta::FromMicroseconds(delay_us));
+  }
+  CheckServerResult(GetNowSystemTimestampUs(), domain);
+}
+
+bool NtpTimeManagerImpl::IsAllDomainRequestsFinished() {
+  CheckOnQueue();
+  return std::none_of(domain_infos_.begin(), domain_infos_.end(), [this](const auto& info) {
+    const NtpDomainResult* const record = QueryDomainResult(info->domain());
+    return record != nullptr && record->is_requesting;
+  });
+}
+
+bool NtpTimeManagerImpl::RetryDomainRequestIfNeeded(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  CheckOnQueue();
+  const NtpDomainResult* const record = QueryDomainResult(domain->domain());
+  if (record == nullptr || record->result != NtpResult::kNoResult || !domain->Retry(total_retry_count_)) {
+    return false;
+  }
+  SendPacketToServer(domain);
+  return true;
+}
+
+bool NtpTimeManagerImpl::CheckAndRetryDomainRequestIfPending(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  CheckOnQueue();
+  if (!is_started_.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  const NtpDomainResult* const record = QueryDomainResult(domain->domain());
+  if (record == nullptr || RetryDomainRequestIfNeeded(domain)) {
+    return false;
+  }
+  FinishAndUpdateRequestStats(record->result, domain);
+  if (current_domain_info_ == nullptr) {
+    current_domain_info_ = domain;
+  }
+  if (IsAllDomainRequestsFinished()) {
+    return true;
+  }
+  LocalLog(kProgress, kSourcePath, __LINE__,
+           "%s request not success [%d] and waiting other domain, total retry count: %u",
+           domain->domain().c_str(), static_cast<int>(record->result), total_retry_count_);
+  return false;
+}
+
+// --- Samples.
+
+void NtpTimeManagerImpl::OnFirstPacketReceived(int64_t offset_us) {
+  if (ntp_offset_us_.load(std::memory_order_relaxed) != kNoOffsetUs) {
+    return;
+  }
+  ntp_offset_us_.store(offset_us, std::memory_order_relaxed);
+}
+
+void NtpTimeManagerImpl::OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) {
+  CheckOnQueue();
+  if (!is_started_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  const auto domain = std::find_if(domain_infos_.begin(), domain_infos_.end(),
+                                   [&](const auto& info) { return info->GetCurrentIPAddress() == server; });
+  if (domain == domain_infos_.end()) {
+    return;
+  }
+  NtpDomainResult* const record = QueryDomainResult((*domain)->domain());
+  if (record == nullptr || !record->is_requesting) {
+    return;
+  }
+  (*domain)->samples().push_back(data);
+  if (record->endpoint != server) {
+    record->endpoint = server;
+  }
+}
+
+void NtpTimeManagerImpl::CheckServerResult(int64_t start_time_us, std::shared_ptr<NtpTimeDomainInfo> domain) {
+  CheckOnQueue();
+  if (!is_started_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  const int64_t now_us = GetNowSystemTimestampUs();
+  const bool is_time_up = WrappingAdd(start_time_us, kRequestTimeLimitUs) < now_us;
+  if (!is_time_up && domain->samples().size() <= kEnoughSamples) {
+    GetNtpQueue()->PostDelayedTask(
+        Location::CreateFromHere(kSourcePath, __LINE__),
+        base::BindOnce(&NtpTimeManagerImpl::CheckServerResult, base::Unretained(this), start_time_us, domain),
+        kCheckInterval);
+    return;
+  }
+  HandleServerNtpResult(domain);
+}
+
+void NtpTimeManagerImpl::HandleServerNtpResult(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  if (CalculateServerResult(domain) == NtpResult::kSuccess) {
+    HandleServerNtpSuccessResult(domain);
+  } else if (CheckAndRetryDomainRequestIfPending(domain)) {
+    HandleServerNtpErrorResult(domain);
+  }
+}
+
+void NtpTimeManagerImpl::SortAndSplitResultData(std::vector<NtpResultData>& data) {
+  std::sort(data.begin(), data.end(),
+            [](const NtpResultData& a, const NtpResultData& b) { return a.offset_us < b.offset_us; });
+  const auto quarter = static_cast<std::vector<NtpResultData>::difference_type>(data.size() / 4);
+  data.erase(data.begin(), data.begin() + quarter);
+  data.erase(data.end() - quarter, data.end());
+}
+
+int64_t NtpTimeManagerImpl::CalculateResultReliableAndGetOffset(std::vector<NtpResultData>& data,
+                                                                bool& is_rtt_reliable, bool& is_reliable) {
+  const auto count = static_cast<int64_t>(data.size());
+  int64_t offset_sum_us = 0;
+  double rtt_sum_ms = 0.0;
+  for (const NtpResultData& sample : data) {
+    offset_sum_us = WrappingAdd(offset_sum_us, sample.offset_us);
+    rtt_sum_ms += static_cast<double>(sample.rtt_us) / 1000.0;
+  }
+  const int64_t mean_offset_us = offset_sum_us / count;
+  const double mean_rtt_ms = rtt_sum_ms / static_cast<double>(count);
+
+  int64_t max_deviation_us = 0;
+  double square_sum = 0.0;
+  for (const NtpResultData& sample : data) {
+    const int64_t deviation_us = WrappingMagnitude(WrappingSubtract(sample.offset_us, mean_offset_us));
+    max_deviation_us = std::max(max_deviation_us, deviation_us);
+    const double difference_ms = static_cast<double>(sample.rtt_us) / 1000.0 - mean_rtt_ms;
+    square_sum += difference_ms * difference_ms;
+  }
+  const double rtt_stdev_ms = std::sqrt(square_sum / static_cast<double>(count));
+
+  const double limit_ms = mean_rtt_ms < kShortPathMs    ? kShortPathDeviationMs
+                          : mean_rtt_ms < kMediumPathMs ? kMediumPathDeviationMs
+                                                        : kLongPathDeviationMs;
+  is_rtt_reliable = rtt_stdev_ms < limit_ms;
+  is_reliable = max_deviation_us < kMaxOffsetSpreadUs;
+  if (!is_rtt_reliable || !is_reliable) {
+    LocalLog(kProgress, kSourcePath, __LINE__,
+             "Not reliable rtt stdev:%f, avg:%f, offset max_dev:%lld, avg:%lld", rtt_stdev_ms, mean_rtt_ms,
+             static_cast<long long>(max_deviation_us), static_cast<long long>(mean_offset_us));
+  }
+  return mean_offset_us;
+}
+
+NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  CheckOnQueue();
+  NtpDomainResult* const record = QueryDomainResult(domain->domain());
+  if (record == nullptr) {
+    return NtpResult::kNoResult;
+  }
+  std::vector<NtpResultData>& samples = domain->samples();
+  record->offset_us = kNoOffsetUs;
+  if (samples.size() <= kTooFewSamples) {
+    record->result = NtpResult::kNoResult;
+  } else {
+    SortAndSplitResultData(samples);
+    bool is_rtt_reliable = false;
+    bool is_reliable = false;
+    record->offset_us = CalculateResultReliableAndGetOffset(samples, is_rtt_reliable, is_reliable);
+    record->is_rtt_reliable = is_rtt_reliable;
+    record->is_reliable = is_reliable;
+    record->sample_count = static_cast<uint32_t>(samples.size());
+    if (record->offset_us == kNoOffsetUs) {
+      record->result = NtpResult::kNoResult;
+    } else {
+      record->result = is_rtt_reliable && is_reliable ? NtpResult::kSuccess : NtpResult::kMaybeInaccurate;
+    }
+  }
+  samples.clear();
+  return record->result;
+}
+
+// --- Outcome.
+
+void NtpTimeManagerImpl::UpdateNtpResultIfBetter(NtpDomainResult* result,
+                                                 int64_t system_offset_from_steady_us) {
+  const NtpResult last = last_result_.load(std::memory_order_relaxed);
+  if (result->result != NtpResult::kSuccess && (last == NtpResult::kSuccess || result->result < last)) {
+    LocalLog(kProgress, kSourcePath, __LINE__,
+             "Use last sync result:%d, offset:%lld, reliable:%d, rtt reliable:%d", static_cast<int>(last),
+             static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)),
+             is_reliable_.load(std::memory_order_relaxed), is_rtt_reliable_.load(std::memory_order_relaxed));
+    return;
+  }
+  ntp_offset_us_.store(result->offset_us, std::memory_order_relaxed);
+  last_result_.store(result->result, std::memory_order_relaxed);
+  is_rtt_reliable_.store(result->is_rtt_reliable, std::memory_order_relaxed);
+  is_reliable_.store(result->is_reliable, std::memory_order_relaxed);
+  system_offset_from_steady_us_.store(system_offset_from_steady_us, std::memory_order_relaxed);
+}
+
+void NtpTimeManagerImpl::HandleServerNtpSuccessResult(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  FinishAndUpdateRequestStats(NtpResult::kSuccess, domain);
+  current_domain_info_ = domain;
+  NtpDomainResult* const record = QueryDomainResult(domain->domain());
+  if (record == nullptr) {
+    return;
+  }
+  UpdateNtpResultIfBetter(record, packet_handler_->GetSystemTimeOffsetFromSteady());
+  last_request_cost_ms_.store(record->last_request_cost_ms, std::memory_order_relaxed);
+  last_sync_ntp_timestamp_us_.store(GetNtpTimestampFrom1970Internal(), std::memory_order_relaxed);
+  last_sync_local_time_ms_.store(NowLocalMs(), std::memory_order_relaxed);
+  LocalLog(kProgress, kSourcePath, __LINE__,
+           "NTP time sync successful, took(ms): %u, last request took(ms): %u, use sample count:%zu, "
+           "success offset(us): %lld, ntp time:%s, %s, IP:%s",
+           record->cost_ms, record->last_request_cost_ms, static_cast<size_t>(record->sample_count),
+           static_cast<long long>(record->offset_us),
+           NtpTimestampToTime(GetNtpTimestampFrom1970Internal()).ToString().c_str(), domain->domain().c_str(),
+           domain->GetCurrentIPAddress().ToString().c_str());
+  is_sync_finished_ = true;
+  CalculateStatsResult(true, record->cost_ms, kWholeAttempt);
+  Notify(NtpResult::kSuccess, record->endpoint);
+  ResetServerDomainList();
+}
+
+void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomainInfo> domain) {
+  current_domain_info_ = SelectBetterDomainInfo(std::move(domain));
+  NtpDomainResult* const record = QueryDomainResult(current_domain_info_->domain());
+  if (record == nullptr) {
+    return;
+  }
+  UpdateNtpResultIfBetter(record, packet_handler_->GetSystemTimeOffsetFromSteady());
+  NtpResult code = last_result_.load(std::memory_order_relaxed);
+  if (code == NtpResult::kSuccess) {
+    code = NtpResult::kMaybeInaccurate;  // this attempt did not succeed, whatever an earlier one left
+  }
+  const std::string& name = current_domain_info_->domain();
+  const std::string address = current_domain_info_->GetCurrentIPAddress().ToString();
+  if (code == NtpResult::kNoResult) {
+    LocalLog(kProgress, kSourcePath, __LINE__, "NTP time sync failed:%s, use sample count:%zu, IP:%s",
+             name.c_str(), static_cast<size_t>(record->sample_count), address.c_str());
+  } else {
+    LocalLog(kProgress, kSourcePath, __LINE__,
+             "NTP time sync finished, but result maybe inaccurate, final offset:%lld, result:%s, "
+             "use sample count:%zu, IP:%s, offset:%lld, ntp time:%s",
+             static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)), name.c_str(),
+             static_cast<size_t>(record->sample_count), address.c_str(),
+             static_cast<long long>(record->offset_us),
+             NtpTimestampToTime(GetNtpTimestampFrom1970Internal()).ToString().c_str());
+  }
+  is_sync_finished_ = true;
+  CalculateStatsResult(code != NtpResult::kNoResult, record->cost_ms, kWholeAttempt);
+  Notify(code, record->endpoint);
+  ResetServerDomainList();
+}
+
+// --- Clock.
+
+// One statement for each reading: they are taken in this order, which arguments of one call would leave open.
+int64_t NtpTimeManagerImpl::GetNowSystemTimestampUs() {
+  const int64_t ticks_us = base::GetSteadyTimeTicks();
+  return WrappingAdd(ticks_us, system_offset_from_steady_us_.load(std::memory_order_relaxed));
+}
+
+int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970Internal() {
+  const int64_t now_us = GetNowSystemTimestampUs();
+  const int64_t offset_us = ntp_offset_us_.load(std::memory_order_relaxed);
+  return WrappingSubtract(WrappingAdd(now_us, offset_us), base::kWindowsToUnixEpochUs);
+}
+
+base::Time NtpTimeManagerImpl::NtpTimestampToTime(int64_t ntp_us) {
+  return base::Time::UnixEpoch() + TimeDelta::FromMicroseconds(ntp_us);
+}
+
+// The hot path. What follows a clock reading delays the next one, so limits are multiplied up beforehand
+// instead of dividing the reading.
+int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
+  const base::Time now = base::Time::Now();
+  const int64_t last_check_ms = last_check_local_time_ms_.load(std::memory_order_relaxed);
+  const base::Time due_time = base::Time::FromDeltaSinceWindowsEpoch(
+      TimeDelta::FromMicroseconds(WrappingMultiply(WrappingAdd(last_check_ms, kQuietPeriodMs), 1000)));
+  const bool is_due = last_check_ms == 0 || now >= due_time;
+  const bool has_result = ntp_offset_us_.load(std::memory_order_relaxed) != kNoOffsetUs;
+  // Checks that pass do not begin a new quiet period; only a started sync does.
+  if (is_due && (!has_result || NeedToUpdateResult() || !CheckElapsedTimeDeviation())) {
+    last_check_local_time_ms_.store(now.ToDeltaSinceWindowsEpoch().InMilliseconds(),
+                                    std::memory_order_relaxed);
+    StartInNtpQueue();
+  }
+  return has_result ? GetNtpTimestampFrom1970Internal() : 0;
+}
+
+bool NtpTimeManagerImpl::CheckElapsedTimeDeviation() {
+  const int64_t before_ntp_us = last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed);
+  if (before_ntp_us == 0) {
+    return false;
+  }
+  const int64_t now_ntp_us = GetNtpTimestampFrom1970Internal();
+  const int64_t before_local_ms = last_sync_local_time_ms_.load(std::memory_order_relaxed);
+  const int64_t now_local_ms = NowLocalMs();
+  const int64_t difference_ms = WrappingSubtract(WrappingSubtract(now_local_ms, before_local_ms),
+                                                 WrappingSubtract(now_ntp_us, before_ntp_us) / 1000);
+  // Only the low 32 bits of the magnitude count.
+  const auto deviation_ms = static_cast<uint32_t>(WrappingMagnitude(difference_ms));
+  if (deviation_ms <= kToleratedDeviationMs) {
+    return true;
+  }
+  LocalLog(kFailure, kSourcePath, __LINE__,
+           "Deviation found:%u, ntp:{ now:%s, before:%s}, local:{ now:%lld, before:%lld}", deviation_ms,
+           NtpTimestampToTime(now_ntp_us).ToString().c_str(),
+           NtpTimestampToTime(before_ntp_us).ToString().c_str(), static_cast<long long>(now_local_ms),
+           static_cast<long long>(before_local_ms));
+  is_rtt_reliable_.store(false, std::memory_order_relaxed);
+  if (last_result_.load(std::memory_order_relaxed) == NtpResult::kSuccess) {
+    last_result_.store(NtpResult::kMaybeInaccurate, std::memory_order_relaxed);
+  }
+  if (deviation_ms > kLargeDeviationMs) {
+    deviation_found_.store(true, std::memory_order_relaxed);
+  }
+  return false;
+}
+
+bool NtpTimeManagerImpl::NeedToUpdateResult() {
+  if (is_started_.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  const int64_t before_ntp_us = last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed);
+  if (before_ntp_us > 0) {
+    const int64_t now_ntp_us = GetNtpTimestampFrom1970Internal();
+    const auto interval_s =
+        static_cast<uint32_t>(config::ConfigCenterImpl::GetInstance()
+                                  ->GetValueWithPriority(config::BaseCfg().ntp_sync_interval,
+                                                         base::Optional<uint64_t>(kDefaultSyncIntervalS))
+                                  .value_or(kDefaultSyncIntervalS));
+    // More than `interval_s` whole seconds.
+    const int64_t elapsed_us = WrappingSubtract(now_ntp_us, before_ntp_us);
+    if (interval_s != 0 && elapsed_us >= (static_cast<int64_t>(interval_s) + 1) * kMicrosecondsPerSecond) {
+      LocalLog(kProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
+               static_cast<long long>(elapsed_us / kMicrosecondsPerSecond),
+               NtpTimestampToTime(now_ntp_us).ToString().c_str(),
+               NtpTimestampToTime(before_ntp_us).ToString().c_str());
+      return true;
+    }
+  }
+  // A kept result that was never good enough. A cost of 0 ms wraps around and fails the same test as one of
+  // 800 ms and more.
+  return last_result_.load(std::memory_order_relaxed) != NtpResult::kSuccess ||
+         ntp_offset_us_.load(std::memory_order_relaxed) == kNoOffsetUs ||
+         last_request_cost_ms_.load(std::memory_order_relaxed) - 1 > 798 ||
+         !is_rtt_reliable_.load(std::memory_order_relaxed) || !is_reliable_.load(std::memory_order_relaxed);
+}
+
+// --- Statistics.
+
+void NtpTimeManagerImpl::FinishAndUpdateRequestStats(NtpResult result,
+                                                     std::shared_ptr<NtpTimeDomainInfo> domain) {
+  NtpDomainResult* const record = QueryDomainResult(domain->domain());
+  if (record == nullptr) {
+    return;
+  }
+  record->is_requesting = false;
+  const int64_t now_us = GetNowSystemTimestampUs();
+  record->cost_ms = CostMs(record->request_start_time_us, now_us);
+  record->last_request_cost_ms = CostMs(record->last_request_start_time_us, now_us);
+  if (record->cost_ms == 0) {
+    return;  // a request that took no measurable time is not counted
+  }
+  const bool is_default = domain->domain() == config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain();
+  const NtpDomainCode code = is_default ? NtpDomainCode::kDefault : NtpDomainCode::kOther;
+  const bool success = result != NtpResult::kNoResult;
+  CalculateStatsResult(success, record->cost_ms, static_cast<int>(code));
+  ReportDomainToKeyMetrics(success, code);
+}
+
+void NtpTimeManagerImpl::CalculateStatsResult(bool success, uint32_t cost_ms, int function_type) {
+  const base::AutoLock lock(stats_lock_);
+  NtpFunctionRequestStats& stats = function_request_stats_[function_type];
+  stats.total_cost_ms += cost_ms;
+  stats.request_count += 1;
+  stats.success_count += success ? 1 : 0;
+  stats.failure_count += success ? 0 : 1;
+  stats.max_cost_ms = std::max(stats.max_cost_ms, cost_ms);
+  // The count wraps; only then is it 0.
+  stats.average_cost_ms = stats.request_count == 0 ? 0 : stats.total_cost_ms / stats.request_count;
+  stats.function_type = function_type;
+}
+
+void NtpTimeManagerImpl::ReportDomainToKeyMetrics(bool success, NtpDomainCode code) {
+  switch (code) {
+    case NtpDomainCode::kDefault:
+      base::KeyMetrics::CountPV(kDefaultDomainFinished, 1);
+      if (success) {
+        base::KeyMetrics::CountPV(kDefaultDomainSucceeded, 1);
+      }
+      break;
+    case NtpDomainCode::kOther:
+      base::KeyMetrics::CountPV(kOtherDomainFinished, 1);
+      if (success) {
+        base::KeyMetrics::CountPV(kOtherDomainSucceeded, 1);
+      }
+      break;
+  }
+}
+
+NtpTimeSyncStats NtpTimeManagerImpl::GetAndResetNtpQualityStats() {
+  NtpTimeSyncStats report;
+  {
+    const base::AutoLock lock(stats_lock_);
+    report.function_request_stats.swap(function_request_stats_);
+  }
+  // Armed at 1 and reported less one: the first report counts one start fewer, every later one exactly the
+  // starts since the one before.
+  const uint32_t starts = start_count_.exchange(1, std::memory_order_relaxed);
+  report.start_count = starts == 0 ? 0 : starts - 1;
+  report.deviation_found = deviation_found_.exchange(false, std::memory_order_relaxed);
+  return report;
+}
+
+}  // namespace skorra
