@@ -1,0 +1,10 @@
+// `skorra-ntp demo`: a server with a known clock error inside the process, one sync against it, and the
+// outcome beside the truth.
+#pragma once
+
+namespace skorra {
+
+// Returns the exit status of a sync, or 3 when the measured offset is more than 5 ms beside the truth.
+int RunDemo();
+
+}  // namespace skorra

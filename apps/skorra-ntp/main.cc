@@ -1,0 +1,151 @@
+// The command line; what the commands do is in sync.h, serve.h and demo.h.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+
+#include "apps/skorra-ntp/demo.h"
+#include "apps/skorra-ntp/report.h"
+#include "apps/skorra-ntp/serve.h"
+#include "apps/skorra-ntp/sync.h"
+#include "platform/base/log.h"
+#include "platform/config/config_center.h"
+
+namespace {
+
+constexpr const char* kConfigVariable = "SKORRA_NTP_CONFIG";
+
+constexpr const char* kFooter =
+    "Examples:\n"
+    "  skorra-ntp sync ntp.example.org\n"
+    "  skorra-ntp demo\n"
+    "  skorra-ntp serve --offset 1.5 --delay 40\n"
+    "Each command explains itself: skorra-ntp sync --help\n\n"
+    "Environment:\n"
+    "  SKORRA_NTP_CONFIG   a TOML configuration file, read at the start";
+
+constexpr const char* kSyncFooter =
+    "Examples:\n"
+    "  skorra-ntp sync ntp.example.org                    a name, port 123\n"
+    "  skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'    two servers; the first good answer wins\n"
+    "  skorra-ntp sync --json --timeout 5 192.0.2.1       for scripts\n\n"
+    "Exit status:\n"
+    "  0   success\n"
+    "  1   an offset was measured, but it may be inaccurate\n"
+    "  2   no result, or the time allowed has passed\n"
+    "  64  wrong usage\n\n"
+    "Environment:\n"
+    "  SKORRA_NTP_CONFIG   a TOML configuration file, read at the start";
+
+constexpr const char* kServeFooter =
+    "Examples:\n"
+    "  skorra-ntp serve --listen 127.0.0.1:12300 --offset -3.25\n"
+    "  skorra-ntp serve --listen '[::1]:0' --delay 80 --jitter 10 --loss 0.2\n"
+    "The first line of the output is \"listening on ADDR:PORT\"; ask there:\n"
+    "  skorra-ntp sync 127.0.0.1:12300\n"
+    "SIGINT (Ctrl-C) or SIGTERM ends the server.\n\n"
+    "Exit status: 0 after a signal, 1 when the address cannot be used, 64 wrong usage";
+
+constexpr const char* kDemoFooter =
+    "Example:\n"
+    "  skorra-ntp demo\n\n"
+    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms beside the truth";
+
+// Accepts numbers from `min` to `max`, without `min` itself when `excludes_min`. Unlike the parser's own
+// range check it refuses "nan".
+CLI::Validator Number(double min, double max, bool excludes_min = false) {
+  const auto check = [=](const std::string& text) {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (end != text.c_str() && *end == '\0' && value <= max && (excludes_min ? value > min : value >= min)) {
+      return std::string();
+    }
+    char message[128];
+    std::snprintf(message, sizeof message, "give a number %s %g, at most %g", excludes_min ? "above" : "from",
+                  min, max);
+    return "\"" + text + "\" will not do: " + message;
+  };
+  return CLI::Validator(check, "");
+}
+
+// The library's own lines about the same problems would double these warnings.
+void LoadConfiguration() {
+  base::SetLogThreshold(2);
+  auto* const center = config::ConfigCenterImpl::GetInstance();
+  auto problems = center->LoadEnvironment();
+  if (const char* path = std::getenv(kConfigVariable); path != nullptr && *path != '\0') {
+    for (auto& problem : center->LoadFile(path)) {
+      problems.push_back(std::move(problem));
+    }
+  }
+  for (const auto& problem : problems) {
+    std::fprintf(stderr, "skorra-ntp: warning: %s\n", problem.c_str());
+  }
+}
+
+void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
+  auto* const command =
+      app.add_subcommand("sync", "Asks NTP servers for the time and tells the clock's offset");
+  command
+      ->add_option("SERVER", options.servers,
+                   "host, host:port, address, address:port or [IPv6]:port; several are asked at once")
+      ->required();
+  command->add_flag("--json", as_json, "Print one JSON object and nothing else");
+  command
+      ->add_option("--timeout", options.timeout_s, "Seconds for the whole attempt (default 15, at most 3600)")
+      ->check(Number(0, 3600, true));
+  command
+      ->add_option("--log-level", options.log_level,
+                   "The library's log on standard error: 0 all lines, 1 failures, 2 nothing (default 2)")
+      ->check(CLI::Range(0, 2));
+  command->footer(kSyncFooter);
+}
+
+void AddServe(CLI::App& app, skorra::ServeOptions& options) {
+  auto* const command =
+      app.add_subcommand("serve", "Runs a small NTP server with a chosen clock error, for trying things out");
+  command->add_option("--listen", options.listen, "ADDR:PORT (default 127.0.0.1:0, port 0 takes a free one)");
+  command
+      ->add_option("--offset", options.offset_s,
+                   "The clock's error in seconds, also negative or fractional (default 0)")
+      ->check(Number(-1e9, 1e9));
+  command->add_option("--delay", options.delay_ms, "Round-trip delay in milliseconds (default 0)")
+      ->check(Number(0, 60000));
+  command
+      ->add_option("--jitter", options.jitter_ms,
+                   "Up to so many milliseconds more in each direction (default 0)")
+      ->check(Number(0, 60000));
+  command->add_option("--loss", options.loss, "The share of requests without an answer, 0 to 1 (default 0)")
+      ->check(Number(0, 1));
+  command->add_option("--seed", options.seed, "Of the draws for jitter and loss (default 1)");
+  command->footer(kServeFooter);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Network time without touching the system clock", "skorra-ntp"};
+  app.set_version_flag("--version", "skorra-ntp " SKORRA_VERSION);
+  app.require_subcommand(1);
+  app.footer(kFooter);
+
+  skorra::SyncOptions sync;
+  skorra::ServeOptions serve;
+  bool as_json = false;
+  AddSync(app, sync, as_json);
+  AddServe(app, serve);
+  auto* const demo =
+      app.add_subcommand("demo", "Syncs against a server with a known clock error and shows both");
+  demo->footer(kDemoFooter);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? skorra::kExitSuccess : skorra::kExitUsage;
+  }
+
+  LoadConfiguration();
+  if (app.got_subcommand("sync")) {
+    return skorra::RunSync(sync, as_json);
+  }
+  return app.got_subcommand("serve") ? skorra::RunServe(serve) : skorra::RunDemo();
+}

@@ -1,0 +1,187 @@
+#include "apps/skorra-ntp/report.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "platform/base/time.h"
+
+namespace skorra {
+namespace {
+
+// Fewer usable replies than this give no result.
+constexpr uint64_t kMinSamples = 3;
+
+std::string TimeText(int64_t since_1970_us) {
+  return (base::Time::UnixEpoch() + base::TimeDelta::FromMicroseconds(since_1970_us)).ToString();
+}
+
+std::string ListReasons(const ReasonCounts& counts) {
+  std::string text;
+  for (const auto& [reason, count] : counts) {
+    text += (text.empty() ? "" : ", ") + reason + " " + std::to_string(count);
+  }
+  return text;
+}
+
+std::string SecondsText(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g s", seconds);
+  return text;
+}
+
+// Why an attempt that was made brought nothing, as far as the counters tell.
+std::string AdviceWithoutResult(const SyncReport& report) {
+  if (report.samples_received == 0 && report.socket_errors.contains("refused")) {
+    return report.asked +
+           " refused the connection: no NTP server listens there. Check the host and the port.";
+  }
+  if (report.samples_received == 0 && !report.socket_errors.empty()) {
+    return "No request reached " + report.asked + " (" + ListReasons(report.socket_errors) +
+           "). Check this machine's network and routes.";
+  }
+  if (report.samples_received == 0 && !report.rejected.empty()) {
+    return report.asked + " answered, but no answer was usable (" + ListReasons(report.rejected) +
+           "). Choose another server.";
+  }
+  if (report.samples_received == 0) {
+    return "No answer came from " + report.asked +
+           ". Check the host, its port (NTP is 123/udp) and the firewalls on the way.";
+  }
+  if (report.samples_received < kMinSamples) {
+    return "Only " + std::to_string(report.samples_received) + " usable answers came from " + report.asked +
+           ", and " + std::to_string(kMinSamples) + " are needed. Try again, or choose a nearer server.";
+  }
+  return "Too few usable answers came in one burst from " + report.asked + ". Try again.";
+}
+
+template <class T>
+nlohmann::ordered_json OrNull(const std::optional<T>& value) {
+  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+}
+
+}  // namespace
+
+std::optional<int64_t> OffsetUs(const SyncReport& report) {
+  if (!report.ntp_time_us || !report.system_time_us) {
+    return std::nullopt;
+  }
+  return *report.ntp_time_us - *report.system_time_us;
+}
+
+std::string Message(const SyncReport& report) {
+  switch (report.end) {
+    case SyncEnd::kOutcome:
+      return report.outcome_text;
+    case SyncEnd::kTimedOut:
+      return "no outcome within " + SecondsText(report.timeout_s);
+    case SyncEnd::kNotResolved:
+      return "no server name could be resolved";
+    case SyncEnd::kNoServer:
+      return "no usable server";
+    case SyncEnd::kStopped:
+      return "the attempt was stopped before it had an outcome";
+  }
+  return "";
+}
+
+std::string Advice(const SyncReport& report) {
+  switch (report.end) {
+    case SyncEnd::kOutcome:
+      if (report.result == NtpResult::kNoResult) {
+        return AdviceWithoutResult(report);
+      }
+      return report.result == NtpResult::kSuccess
+                 ? ""
+                 : "The answers differed too much among each other. Try again, or choose a nearer server.";
+    case SyncEnd::kTimedOut:
+      return "The attempt took longer than " + SecondsText(report.timeout_s) +
+             (report.samples_received == 0 ? " and no answer came. " + AdviceWithoutResult(report)
+                                           : ". Allow more with --timeout.");
+    case SyncEnd::kNotResolved:
+      return "Check the spelling of the names and this machine's name service, or give IP addresses.";
+    case SyncEnd::kNoServer:
+      return "The names had no address when the attempt began. Try again, or give IP addresses.";
+    case SyncEnd::kStopped:
+      return "The servers took too long one after another. Ask fewer of them.";
+  }
+  return "";
+}
+
+std::string FormatOffset(int64_t offset_us) {
+  // The magnitude of the smallest number has no signed form.
+  const uint64_t magnitude =
+      offset_us < 0 ? 0 - static_cast<uint64_t>(offset_us) : static_cast<uint64_t>(offset_us);
+  char text[48];
+  std::snprintf(text, sizeof text, "%c%" PRIu64 ".%06" PRIu64 " s", offset_us < 0 ? '-' : '+',
+                magnitude / 1000000, magnitude % 1000000);
+  return text;
+}
+
+std::string ToText(const SyncReport& report) {
+  std::string text;
+  const auto line = [&text](std::string_view label, const std::string& value) {
+    std::string padded(label);
+    padded.resize(13, ' ');
+    text += "  " + padded + value + "\n";
+  };
+  text += "NTP time sync: " + Message(report) + " (result " +
+          std::to_string(static_cast<int>(report.result)) + ")\n";
+  if (const auto offset_us = OffsetUs(report)) {
+    line("offset", FormatOffset(*offset_us) + (*offset_us < 0   ? " (the system clock is ahead)"
+                                               : *offset_us > 0 ? " (the system clock is behind)"
+                                                                : ""));
+  } else {
+    line("offset", "none");
+  }
+  line("server", report.server.value_or("none"));
+  line("requests", std::to_string(report.requests_sent) + " sent");
+  line("samples", std::to_string(report.samples_received) + " received" +
+                      (report.samples_used ? ", " + std::to_string(*report.samples_used) + " used" : ""));
+  if (!report.rejected.empty()) {
+    line("rejected", ListReasons(report.rejected));
+  }
+  if (!report.socket_errors.empty()) {
+    line("errors", ListReasons(report.socket_errors));
+  }
+  line("took", std::to_string(report.took_ms) + " ms");
+  if (report.ntp_time_us && report.system_time_us) {
+    line("NTP time", TimeText(*report.ntp_time_us));
+    line("system time", TimeText(*report.system_time_us));
+  }
+  return text;
+}
+
+std::string ToJson(const SyncReport& report) {
+  const nlohmann::ordered_json json = {
+      {"result", static_cast<int>(report.result)},
+      {"message", Message(report)},
+      {"offset_us", OrNull(OffsetUs(report))},
+      {"ntp_time_us", OrNull(report.ntp_time_us)},
+      {"server", OrNull(report.server)},
+      {"requests_sent", report.requests_sent},
+      {"samples_received", report.samples_received},
+      {"samples_used", OrNull(report.samples_used)},
+      {"took_ms", report.took_ms},
+      {"rejected", report.rejected},
+  };
+  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+int ExitStatus(const SyncReport& report) {
+  if (report.end != SyncEnd::kOutcome) {
+    return kExitNoResult;
+  }
+  switch (report.result) {
+    case NtpResult::kSuccess:
+      return kExitSuccess;
+    case NtpResult::kMaybeInaccurate:
+      return kExitMaybeInaccurate;
+    case NtpResult::kNoResult:
+      break;
+  }
+  return kExitNoResult;
+}
+
+}  // namespace skorra

@@ -1,0 +1,72 @@
+// What one sync came to, and how the program tells it: pure functions of a record.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "ntp/ntp_time_manager.h"
+
+namespace skorra {
+
+// The program's exit statuses.
+inline constexpr int kExitSuccess = 0;
+inline constexpr int kExitMaybeInaccurate = 1;
+inline constexpr int kExitNoResult = 2;
+inline constexpr int kExitWrongDemo = 3;  // `demo` measured something other than the truth
+inline constexpr int kExitUsage = 64;     // EX_USAGE of sysexits.h
+
+// How the attempt ended.
+enum class SyncEnd {
+  kOutcome,      // the library announced one
+  kTimedOut,     // the time allowed had passed
+  kNotResolved,  // no server name had an address
+  kNoServer,     // the library found no usable server
+  kStopped,      // the library closed the attempt without an outcome
+};
+
+// Occurrences by reason.
+using ReasonCounts = std::map<std::string, uint64_t>;
+
+struct SyncReport {
+  SyncEnd end = SyncEnd::kTimedOut;
+  std::string asked;  // the servers as the user wrote them, for messages
+  double timeout_s = 0;
+
+  // Of the outcome; without one they keep these values.
+  NtpResult result = NtpResult::kNoResult;
+  std::string outcome_text;
+  std::optional<std::string> server;  // the address that answered
+  std::optional<uint64_t> samples_used;
+  std::optional<int64_t> ntp_time_us;     // since 1970
+  std::optional<int64_t> system_time_us;  // since 1970, read together with the NTP time
+
+  int64_t took_ms = 0;
+  uint64_t requests_sent = 0;
+  uint64_t samples_received = 0;
+  ReasonCounts rejected;       // replies that failed a check
+  ReasonCounts socket_errors;  // of sending and receiving
+};
+
+// NTP time minus system time in microseconds.
+std::optional<int64_t> OffsetUs(const SyncReport& report);
+
+// The end of the attempt in a few words.
+std::string Message(const SyncReport& report);
+
+// What went wrong and what to do about it; empty after a success.
+std::string Advice(const SyncReport& report);
+
+// The summary for people, several lines.
+std::string ToText(const SyncReport& report);
+
+// The summary for programs: one JSON object in several lines, null for what does not exist.
+std::string ToJson(const SyncReport& report);
+
+int ExitStatus(const SyncReport& report);
+
+// Microseconds as signed seconds, "+2.345678 s".
+std::string FormatOffset(int64_t offset_us);
+
+}  // namespace skorra

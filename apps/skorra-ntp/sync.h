@@ -1,0 +1,24 @@
+// `skorra-ntp sync`: one attempt through the library's public interface.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "apps/skorra-ntp/report.h"
+
+namespace skorra {
+
+struct SyncOptions {
+  std::vector<std::string> servers;  // each one domain for the library
+  double timeout_s = 15;             // of the whole attempt, names included
+  int log_level = 2;                 // of the library's lines that go to standard error
+};
+
+// Makes one attempt and waits for its end. Warnings and progress go to standard error. The library keeps
+// its result for the life of the process, so this is called once. The servers must be well-formed.
+SyncReport RunAttempt(const SyncOptions& options);
+
+// The whole command: checks the servers, makes the attempt, prints the report. Returns the exit status.
+int RunSync(const SyncOptions& options, bool as_json);
+
+}  // namespace skorra

@@ -1,0 +1,211 @@
+#include "apps/skorra-ntp/report.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <nlohmann/json.hpp>
+
+namespace skorra {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+SyncReport Success() {
+  return {.end = SyncEnd::kOutcome,
+          .asked = "ntp.example.org",
+          .timeout_s = 15,
+          .result = NtpResult::kSuccess,
+          .outcome_text = "success",
+          .server = "192.0.2.1:123",
+          .samples_used = 10,
+          .ntp_time_us = 1704067202345678,
+          .system_time_us = 1704067200000000,
+          .took_ms = 203,
+          .requests_sent = 20,
+          .samples_received = 18,
+          .rejected = {},
+          .socket_errors = {}};
+}
+
+SyncReport NoResult() {
+  return {.end = SyncEnd::kOutcome,
+          .asked = "192.0.2.1",
+          .timeout_s = 15,
+          .result = NtpResult::kNoResult,
+          .outcome_text = "no usable result",
+          .server = {},
+          .samples_used = 0,
+          .ntp_time_us = {},
+          .system_time_us = {},
+          .took_ms = 3201,
+          .requests_sent = 20,
+          .samples_received = 0,
+          .rejected = {},
+          .socket_errors = {}};
+}
+
+TEST(ReportTest, ASuccessShowsTheOffsetTheServerAndBothTimes) {
+  EXPECT_EQ(ToText(Success()),
+            "NTP time sync: success (result 0)\n"
+            "  offset       +2.345678 s (the system clock is behind)\n"
+            "  server       192.0.2.1:123\n"
+            "  requests     20 sent\n"
+            "  samples      18 received, 10 used\n"
+            "  took         203 ms\n"
+            "  NTP time     2024-01-01T00:00:02.345678Z\n"
+            "  system time  2024-01-01T00:00:00.000000Z\n");
+  EXPECT_EQ(Advice(Success()), "");
+}
+
+TEST(ReportTest, WithoutAResultThereIsNoOffsetAndNoTime) {
+  SyncReport report = NoResult();
+  report.rejected = {{"mode", 2}, {"origin", 18}};
+  report.socket_errors = {{"unreachable", 1}};
+  EXPECT_EQ(ToText(report),
+            "NTP time sync: no usable result (result -1)\n"
+            "  offset       none\n"
+            "  server       none\n"
+            "  requests     20 sent\n"
+            "  samples      0 received, 0 used\n"
+            "  rejected     mode 2, origin 18\n"
+            "  errors       unreachable 1\n"
+            "  took         3201 ms\n");
+}
+
+TEST(ReportTest, AnUnknownNumberOfUsedSamplesIsLeftOut) {
+  SyncReport report = NoResult();
+  report.samples_used.reset();
+  EXPECT_THAT(ToText(report), HasSubstr("  samples      0 received\n"));
+}
+
+TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
+  SyncReport report = Success();
+  report.rejected = {{"origin", 1}};
+  const auto expected = nlohmann::json::parse(R"({
+    "result": 0, "message": "success", "offset_us": 2345678, "ntp_time_us": 1704067202345678,
+    "server": "192.0.2.1:123", "requests_sent": 20, "samples_received": 18, "samples_used": 10,
+    "took_ms": 203, "rejected": {"origin": 1}})");
+  EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
+}
+
+TEST(ReportTest, TheJsonOfAFailureHasNullForWhatDoesNotExist) {
+  SyncReport report = NoResult();
+  report.samples_used.reset();
+  const auto expected = nlohmann::json::parse(R"({
+    "result": -1, "message": "no usable result", "offset_us": null, "ntp_time_us": null,
+    "server": null, "requests_sent": 20, "samples_received": 0, "samples_used": null,
+    "took_ms": 3201, "rejected": {}})");
+  EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
+}
+
+TEST(ReportTest, TheJsonIsValidEvenWhenATextIsNotUtf8) {
+  SyncReport report = Success();
+  report.outcome_text = "\xff";
+  EXPECT_TRUE(nlohmann::json::accept(ToJson(report)));
+}
+
+TEST(ReportTest, OffsetsAreSignedSeconds) {
+  EXPECT_EQ(FormatOffset(0), "+0.000000 s");
+  EXPECT_EQ(FormatOffset(-1), "-0.000001 s");
+  EXPECT_EQ(FormatOffset(-3'250'000), "-3.250000 s");
+  EXPECT_EQ(FormatOffset(std::numeric_limits<int64_t>::min()), "-9223372036854.775808 s");
+}
+
+TEST(ReportTest, TheTextSaysWhichClockIsAhead) {
+  struct Case {
+    int64_t system_time_us;
+    const char* line;
+  };
+  for (const Case& c : {Case{1704067202345679, "offset       -0.000001 s (the system clock is ahead)\n"},
+                        Case{1704067202345677, "offset       +0.000001 s (the system clock is behind)\n"},
+                        Case{1704067202345678, "offset       +0.000000 s\n"}}) {
+    SyncReport report = Success();
+    report.system_time_us = c.system_time_us;
+    EXPECT_THAT(ToText(report), HasSubstr(c.line));
+  }
+}
+
+TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
+  struct Case {
+    const char* what;
+    SyncReport report;
+    int status;
+    const char* message;
+    const char* advice;
+  };
+  const auto with = [](SyncReport report, auto change) {
+    change(report);
+    return report;
+  };
+  const Case cases[] = {
+      {"a success", Success(), 0, "success", ""},
+      {"an offset from answers that differ",
+       with(Success(),
+            [](auto& r) {
+              r.result = NtpResult::kMaybeInaccurate;
+              r.outcome_text = "the result may be inaccurate";
+            }),
+       1, "the result may be inaccurate", "choose a nearer server"},
+      {"a server that keeps silent", NoResult(), 2, "no usable result",
+       "No answer came from 192.0.2.1. Check the host, its port (NTP is 123/udp) and the firewalls"},
+      {"a port on which nobody listens",
+       with(NoResult(),
+            [](auto& r) {
+              r.socket_errors = {{"refused", 19}};
+            }),
+       2, "no usable result",
+       "192.0.2.1 refused the connection: no NTP server listens there. Check the host and the port"},
+      {"no route",
+       with(NoResult(),
+            [](auto& r) {
+              r.socket_errors = {{"unreachable", 20}};
+            }),
+       2, "no usable result", "No request reached 192.0.2.1 (unreachable 20). Check this machine's network"},
+      {"only answers that fail a check",
+       with(NoResult(),
+            [](auto& r) {
+              r.rejected = {{"kiss", 20}};
+            }),
+       2, "no usable result", "no answer was usable (kiss 20). Choose another server"},
+      {"fewer answers than an evaluation needs", with(NoResult(), [](auto& r) { r.samples_received = 2; }), 2,
+       "no usable result", "Only 2 usable answers came from 192.0.2.1, and 3 are needed"},
+      {"enough answers, but spread over bursts", with(NoResult(), [](auto& r) { r.samples_received = 4; }), 2,
+       "no usable result", "Too few usable answers came in one burst"},
+      {"a time limit that passed in silence",
+       with(NoResult(),
+            [](auto& r) {
+              r.end = SyncEnd::kTimedOut;
+              r.timeout_s = 0.5;
+            }),
+       2, "no outcome within 0.5 s", "longer than 0.5 s and no answer came. No answer came from 192.0.2.1"},
+      {"a time limit that cut a lively exchange off",
+       with(NoResult(),
+            [](auto& r) {
+              r.end = SyncEnd::kTimedOut;
+              r.samples_received = 4;
+            }),
+       2, "no outcome within 15 s", "Allow more with --timeout"},
+      {"names without an address", with(NoResult(), [](auto& r) { r.end = SyncEnd::kNotResolved; }), 2,
+       "no server name could be resolved", "Check the spelling"},
+      {"names that lost their address", with(NoResult(), [](auto& r) { r.end = SyncEnd::kNoServer; }), 2,
+       "no usable server", "had no address when the attempt began"},
+      {"an attempt that the library closed", with(NoResult(), [](auto& r) { r.end = SyncEnd::kStopped; }), 2,
+       "the attempt was stopped before it had an outcome", "Ask fewer"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(ExitStatus(c.report), c.status);
+    EXPECT_EQ(Message(c.report), c.message);
+    if (*c.advice == '\0') {
+      EXPECT_EQ(Advice(c.report), "");
+    } else {
+      EXPECT_THAT(Advice(c.report), HasSubstr(c.advice));
+    }
+    EXPECT_EQ(nlohmann::json::parse(ToJson(c.report))["message"], c.message);
+  }
+}
+
+}  // namespace
+}  // namespace skorra
