@@ -64,7 +64,7 @@ TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
   };
   const Case cases[] = {
       {"no command", {}, "A subcommand is required"},
-      {"an unknown command", {"synchronise"}, "--help"},
+      {"an unknown command", {"synchronise"}, "There is no command 'synchronise'"},
       {"no server", {"sync"}, "SERVER is required"},
       {"an unknown option", {"sync", "--fast", "127.0.0.1"}, "--fast"},
       {"no time at all", {"sync", "127.0.0.1", "--timeout", "0"}, "give a number above 0, at most 3600"},

@@ -139,6 +139,12 @@ int main(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
+  } catch (const CLI::RequiredError& error) {
+    if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
+      std::fprintf(stderr, "There is no command '%s'; the commands are sync, serve and demo.\n", argv[1]);
+    }
+    app.exit(error);
+    return skorra::kExitUsage;
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? skorra::kExitSuccess : skorra::kExitUsage;
   }

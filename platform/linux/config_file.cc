@@ -16,9 +16,8 @@ namespace config {
 namespace {
 
 constexpr char kLogFile[] = "platform/linux/config_file";
-// Far beyond any real file; a device given by mistake must not fill the memory.
-// Far above any real file, and low enough that a key of so many dots cannot exhaust the stack of whoever
-// parses it.
+// Far above any real file. A device given by mistake must not fill the memory, and a key of nothing but dots
+// must not exhaust the stack of whoever parses it.
 constexpr size_t kMaxFileBytes = 16 * 1024;
 
 // What the file says, by slot, and the messages about what it says wrongly.
