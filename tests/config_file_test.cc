@@ -95,7 +95,7 @@ TEST_F(ConfigFileTest, ABadLineIsReportedWithFileAndLineAndTheOthersCount) {
       {"resolve_timeout_ms = 0", "ntp.resolve_timeout_ms: 0 is not in the range 1 to 60000", "too small"},
       {"resolve_timeout_ms = 60001", "ntp.resolve_timeout_ms: 60001 is not in the range", "too large"},
       {"sync_intervall = 60", "unknown key 'ntp.sync_intervall'", "a misspelt key"},
-      {"sync_interval.seconds = 60", "unknown key 'ntp.sync_interval.seconds'", "a key below an entry"},
+      {"sync_interval.seconds = 60", "ntp.sync_interval: must be a whole number", "a key below an entry"},
   };
   for (const Case& c : cases) {
     lines_.clear();

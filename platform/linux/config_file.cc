@@ -2,9 +2,11 @@
 #include <stdio.h>
 #include <toml++/toml.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -82,10 +84,21 @@ void FileReader::Read() {
   }
 }
 
+// Whether a known key begins with `prefix`.
+bool IsTableOfKeys(const std::string& prefix) {
+  const auto begins = [&](const auto* entry) { return std::string_view(entry->key).starts_with(prefix); };
+  const auto numbers = BaseCfg().numbers();
+  const auto texts = BaseCfg().texts();
+  return std::any_of(numbers.begin(), numbers.end(), begins) ||
+         std::any_of(texts.begin(), texts.end(), begins);
+}
+
 void FileReader::ReadTable(const toml::table& table, const std::string& prefix) {
   for (const auto& [name, value] : table) {
     const std::string key = prefix + std::string(name.str());
-    if (const toml::table* inner = value.as_table(); inner != nullptr && !inner->empty()) {
+    const toml::table* const inner = value.as_table();
+    // A table that holds no known key is one unknown key, however deep it goes.
+    if (inner != nullptr && IsTableOfKeys(key + '.')) {
       ReadTable(*inner, key + '.');
     } else {
       ReadValue(key, value);
