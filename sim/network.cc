@@ -11,44 +11,52 @@ Network::Network(World& world) : world_(world) {
 Network::~Network() { world_.SetNetwork(nullptr); }
 
 void Network::AddServer(const net::IPEndPoint& address, ServerOptions options) {
-  servers_[address] = std::move(options);
+  Link to_server(options.to_server, world_.begin_us());
+  Link to_client(options.to_client, world_.begin_us());
+  sites_.insert_or_assign(address,
+                          Site{Server(std::move(options)), std::move(to_server), std::move(to_client)});
 }
 
 void Network::OnSent(const SentDatagram& sent) {
-  const size_t index = requests_[sent.server].size();
   requests_[sent.server].push_back(sent);
-  const auto server = servers_.find(sent.server);
-  const std::optional<NtpPacket> request = DecodePacket(sent.bytes);
-  if (server == servers_.end() || !request) {
+  for (const auto& listener : listeners_) {
+    listener(sent);
+  }
+  const auto site = sites_.find(sent.server);
+  if (site == sites_.end()) {
     return;
   }
-  const ServerOptions& options = server->second;
-  Exchange exchange{.index = index,
-                    .clock_error_us = options.clock_error_us,
-                    .to_server_us = options.to_server_us,
-                    .to_client_us = options.to_client_us,
-                    .reply = {.version = request->version,
-                              .mode = kNtpModeServer,
-                              .stratum = 2,
-                              .poll = request->poll,
-                              .precision = -20,
-                              .origin_timestamp = request->transmit_timestamp}};
-  if (options.script) {
-    options.script(exchange);
+  LinkFate fate = LinkFate::kCarried;
+  for (const Arrival& arrival :
+       site->second.to_server.Transmit(sent.bytes, sent.sent_ticks_us, world_.random(), &fate)) {
+    world_.ScheduleAt(arrival.at_us, [this, sent, arrival] { OnArrivedAtServer(sent, arrival); });
   }
-  if (!exchange.is_answered) {
+  if (fate != LinkFate::kCarried) {
+    world_.Log("request to %s: %s", sent.server.ToString().c_str(), LinkFateName(fate));
+  }
+}
+
+// The moment is that of the arrival: the event itself may have waited for a task that blocked.
+void Network::OnArrivedAtServer(const SentDatagram& sent, const Arrival& arrival) {
+  const auto site = sites_.find(sent.server);
+  if (site == sites_.end()) {
     return;
   }
-  const NtpTimestamp server_time =
-      NtpTimestampFromUs(world_.true_us() + exchange.to_server_us + exchange.clock_error_us);
-  for (NtpTimestamp* stamp : {&exchange.reply.receive_timestamp, &exchange.reply.transmit_timestamp}) {
-    if (*stamp == 0) {
-      *stamp = server_time;
-    }
+  const std::optional<ServerReply> reply =
+      site->second.server.Answer(arrival.bytes, sent.client, world_.TrueAt(arrival.at_us),
+                                 arrival.at_us - world_.begin_us(), world_.random());
+  if (!reply) {
+    world_.Log("request to %s: not answered", sent.server.ToString().c_str());
+    return;
   }
-  const auto bytes = EncodePacket(exchange.reply);
-  world_.Deliver(sent.server, sent.client, {bytes.begin(), bytes.end()},
-                 base::TimeDelta::FromMicroseconds(exchange.to_server_us + exchange.to_client_us));
+  LinkFate fate = LinkFate::kCarried;
+  for (Arrival& back : site->second.to_client.Transmit(reply->bytes, arrival.at_us + reply->after_us,
+                                                       world_.random(), &fate)) {
+    world_.DeliverAt(sent.server, sent.client, std::move(back.bytes), back.at_us);
+  }
+  if (fate != LinkFate::kCarried) {
+    world_.Log("reply from %s: %s", sent.server.ToString().c_str(), LinkFateName(fate));
+  }
 }
 
 }  // namespace skorra::sim

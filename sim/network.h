@@ -2,42 +2,28 @@
 //
 //   sim::World world;
 //   sim::Network network(world);
-//   network.AddServer(endpoint, {.clock_error_us = 1500, .to_server_us = 10000, .to_client_us = 10000});
+//   network.AddServer(endpoint, {.clock_error_us = 1500,
+//                                .to_server = {.delay_us = 10000},
+//                                .to_client = {.delay_us = 10000, .loss_permille = 50}});
 //
-// A server answers every request with a well-formed reply stamped by its own clock, the world's true time
-// plus its error. A script may change any reply, or drop it. Addresses without a server stay silent.
+// A request travels over the link to the server, is answered by the server's own clock when it arrives, and
+// the reply travels back. Addresses without a server stay silent.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "platform/net/ip_endpoint.h"
+#include "sim/link.h"
+#include "sim/server.h"
 #include "sim/world.h"
-#include "transport/ntp_packet.h"
 
 namespace skorra::sim {
 
-// One request and what becomes of it; filled in from the server's options before the script sees it.
-struct Exchange {
-  size_t index = 0;  // counts the requests to this server from 0
-  bool is_answered = true;
-  int64_t clock_error_us = 0;
-  int64_t to_server_us = 0;
-  int64_t to_client_us = 0;
-  NtpPacket
-      reply;  // its receive and transmit time stamps are set after the script has run, unless it set them
-};
-
-struct ServerOptions {
-  int64_t clock_error_us = 0;   // its clock minus the world's true time
-  int64_t to_server_us = 5000;  // one-way delays
-  int64_t to_client_us = 5000;
-  std::function<void(Exchange&)> script = nullptr;
-};
-
-// Lives as long as requests may be sent; the world must outlive it.
+// Lives as long as its world is run, and the world outlives it.
 class Network {
  public:
   explicit Network(World& world);
@@ -45,18 +31,33 @@ class Network {
   Network(const Network&) = delete;
   Network& operator=(const Network&) = delete;
 
-  // Adds a server, or replaces the one at that address.
+  // Adds a server, or replaces the one at that address; the replies of the old one that are under way still
+  // arrive.
   void AddServer(const net::IPEndPoint& address, ServerOptions options);
+  void RemoveServer(const net::IPEndPoint& address) { sites_.erase(address); }
+
+  // Calls `listener` with every request when it is sent, before anything happens to it.
+  void AddListener(std::function<void(const SentDatagram&)> listener) {
+    listeners_.push_back(std::move(listener));
+  }
 
   // Every request sent to `address` so far, answered or not.
   const std::vector<SentDatagram>& requests(const net::IPEndPoint& address) { return requests_[address]; }
 
  private:
+  struct Site {
+    Server server;
+    Link to_server;
+    Link to_client;
+  };
+
   void OnSent(const SentDatagram& sent);
+  void OnArrivedAtServer(const SentDatagram& sent, const Arrival& arrival);
 
   World& world_;
-  std::map<net::IPEndPoint, ServerOptions> servers_;
+  std::map<net::IPEndPoint, Site> sites_;
   std::map<net::IPEndPoint, std::vector<SentDatagram>> requests_;
+  std::vector<std::function<void(const SentDatagram&)>> listeners_;
 };
 
 }  // namespace skorra::sim

@@ -1,6 +1,7 @@
 #include "sim/world.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
@@ -29,10 +30,11 @@ class World::Queue : public core::TaskQueue {
 };
 
 World::World(const Options& options)
-    : steady_us_(options.steady_us),
-      wall_offset_us_(options.wall_us - options.steady_us),
-      true_offset_us_(wall_offset_us_),
-      random_state_(options.seed) {
+    : begin_us_(options.steady_us),
+      steady_us_(options.steady_us),
+      wall_(options.steady_us, options.wall_us),
+      true_(options.steady_us, options.wall_us),
+      random_(options.seed) {
   current_world = this;
 }
 
@@ -46,6 +48,50 @@ World& World::Current() {
   return *current_world;
 }
 
+void World::StepWall(base::TimeDelta step) {
+  Log("the wall clock steps by %lld us", static_cast<long long>(step.InMicroseconds()));
+  wall_.Step(steady_us_, step.InMicroseconds());
+}
+
+void World::SetSteadyError(const ClockError& error) {
+  // The truth runs against the steady clock as much slower as that runs faster: 1 / (1 + e) - 1.
+  constexpr int64_t kBillion = 1000000000;
+  ClockError inverse = error;
+  inverse.frequency_ppb = -error.frequency_ppb * kBillion / (kBillion + error.frequency_ppb);
+  true_.SetError(steady_us_, inverse, random_.Next());
+}
+
+void World::SetWallError(const ClockError& error) { wall_.SetError(steady_us_, error, random_.Next()); }
+
+void World::Suspend(base::TimeDelta duration) {
+  Log("suspended for %lld us", static_cast<long long>(duration.InMicroseconds()));
+  suspends_.emplace_back(steady_us_, steady_us_ + duration.InMicroseconds());
+  steady_us_ = suspends_.back().second;
+  Log("awake");
+}
+
+bool World::IsSuspendedAt(int64_t ticks_us) const {
+  return std::any_of(suspends_.begin(), suspends_.end(), [&](const auto& suspend) {
+    return suspend.first <= ticks_us && ticks_us < suspend.second;
+  });
+}
+
+void World::Log(const char* format, ...) {
+  if (!event_log_) {
+    return;
+  }
+  const int64_t elapsed_us = steady_us_ - begin_us_;
+  char text[4096];
+  const int length =
+      std::snprintf(text, sizeof(text), "%6lld.%06lld ", static_cast<long long>(elapsed_us / 1000000),
+                    static_cast<long long>(elapsed_us % 1000000));
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text + length, sizeof(text) - static_cast<size_t>(length), format, arguments);
+  va_end(arguments);
+  event_log_(text);
+}
+
 void World::RunFor(base::TimeDelta duration) {
   RunUntil([] { return false; }, duration);
 }
@@ -57,14 +103,17 @@ bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
       steady_us_ = std::max(steady_us_, end_us);
       return false;
     }
-    RunNext();
+    RunOne();
   }
   return true;
 }
 
 void World::Schedule(base::TimeDelta delay, std::function<void()> event) {
-  AddEvent(delay.InMicroseconds(), std::move(event));
+  // An endless delay stays endless.
+  AddEvent(base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), std::move(event));
 }
+
+void World::ScheduleAt(int64_t due_us, std::function<void()> event) { AddEvent(due_us, std::move(event)); }
 
 void World::RunAsTask(core::BusinessID business, const std::function<void()>& function) {
   RunTask(GetTaskQueue(business, -1).get(), function);
@@ -82,23 +131,32 @@ void World::Post(Queue* queue, const base::Location& from, base::OnceCallback<vo
   posted_.push_back({from, steady_us_, delay_us});
   // A std::function must be copyable, a closure is not: it waits in shared storage.
   const auto waiting = std::make_shared<base::OnceCallback<void()>>(std::move(task));
-  AddEvent(delay_us, [this, queue, waiting] {
+  AddEvent(base::internal::SaturatingAdd(steady_us_, delay_us), [this, queue, waiting] {
     if (!waiting->IsCancelled()) {
       RunTask(queue, [&] { std::move(*waiting).Run(); });
     }
   });
 }
 
-void World::AddEvent(int64_t delay_us, std::function<void()> run) {
-  // An endless delay stays endless.
-  const int64_t due_us = base::internal::SaturatingAdd(steady_us_, delay_us);
+void World::AddEvent(int64_t due_us, std::function<void()> run) {
   events_.emplace(EventKey(due_us, next_sequence_++), Event{std::move(run)});
 }
 
-void World::RunNext() {
+bool World::RunOne() {
+  if (events_.empty()) {
+    return false;
+  }
   const auto node = events_.extract(events_.begin());
   steady_us_ = std::max(steady_us_, node.key().first);
   node.mapped().run();
+  return true;
+}
+
+std::optional<int64_t> World::NextEventTicks() const {
+  if (events_.empty()) {
+    return std::nullopt;
+  }
+  return events_.begin()->first.first;
 }
 
 std::shared_ptr<core::TaskQueue> World::GetTaskQueue(core::BusinessID business, int64_t instance) {
@@ -114,22 +172,33 @@ std::shared_ptr<core::TaskQueue> World::GetTaskQueue(core::BusinessID business, 
 
 void World::Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
                     base::TimeDelta delay) {
-  ScheduleArrival(source, client, std::move(bytes), delay, true);
+  ScheduleArrival(source, client, std::move(bytes),
+                  base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), true);
+}
+
+void World::DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                      std::vector<uint8_t> bytes, int64_t arrival_us) {
+  ScheduleArrival(source, client, std::move(bytes), arrival_us, true);
 }
 
 void World::DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
                                 std::vector<uint8_t> bytes, base::TimeDelta delay) {
-  ScheduleArrival(source, client, std::move(bytes), delay, false);
+  ScheduleArrival(source, client, std::move(bytes),
+                  base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), false);
 }
 
+// The arrival is stamped with its own moment, also when a blocked task keeps it from being read at once.
 void World::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
-                            std::vector<uint8_t> bytes, base::TimeDelta delay, bool is_filtered) {
-  // The arrival is stamped when it happens, also when a blocked task keeps it from being read at once.
-  const int64_t arrival_us = base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds());
-  Schedule(delay, [=, this, bytes = std::move(bytes)] {
+                            std::vector<uint8_t> bytes, int64_t arrival_us, bool is_filtered) {
+  AddEvent(arrival_us, [=, this, bytes = std::move(bytes)] {
     const auto found = sockets_.find(client);
-    if (found == sockets_.end() || (is_filtered && found->second->remote != source) ||
-        !found->second->callbacks.on_datagram) {
+    const bool is_heard = found != sockets_.end() && (!is_filtered || found->second->remote == source) &&
+                          found->second->callbacks.on_datagram && !IsSuspendedAt(arrival_us);
+    if (event_log_) {
+      Log("%s %s -> %s", is_heard ? "arrives" : "dropped at arrival", source.ToString().c_str(),
+          client.ToString().c_str());
+    }
+    if (!is_heard) {
       return;
     }
     RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(), [&] {
@@ -178,6 +247,9 @@ net::SocketError World::Send(const Socket& socket, std::span<const uint8_t> byte
       found != send_errors_.end() && found->second != net::SocketError::kNone) {
     return found->second;
   }
+  if (event_log_) {
+    Log("sends %s -> %s", socket.local.ToString().c_str(), socket.remote.ToString().c_str());
+  }
   if (network_) {
     network_({socket.remote, socket.local, {bytes.begin(), bytes.end()}, steady_us_});
   }
@@ -196,9 +268,14 @@ net::ResolveResult World::Resolve(const std::string& host, uint16_t port, base::
   }
   if (entry.delay_us > timeout.InMicroseconds()) {
     Block(timeout);
+    Log("looks up %s: no answer in time", host.c_str());
     return {{}, net::ResolveError::kTimedOut, "no name server answered for " + host};
   }
   Block(base::TimeDelta::FromMicroseconds(entry.delay_us));
+  Log("looks up %s: %zu addresses", host.c_str(), entry.addresses.size());
+  if (entry.error != net::ResolveError::kNone) {
+    return {{}, entry.error, "the look-up of " + host + " failed"};
+  }
   net::ResolveResult result;
   for (const net::IPEndPoint& address : entry.addresses) {
     const auto& bytes = address.bytes();
@@ -212,16 +289,6 @@ net::ResolveResult World::Resolve(const std::string& host, uint16_t port, base::
     result.detail = "the name " + host + " does not exist";
   }
   return result;
-}
-
-uint64_t World::NextRandom() {
-  // A Weyl sequence passed through a 64-bit mixing function (xor-shift and multiply): the same numbers on
-  // every platform, and good enough for nonces that nobody attacks.
-  random_state_ += 0x9E3779B97F4A7C15u;
-  uint64_t mixed = random_state_;
-  mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
-  mixed = (mixed ^ (mixed >> 27)) * 0x94D049BB133111EBu;
-  return mixed ^ (mixed >> 31);
 }
 
 }  // namespace skorra::sim

@@ -1,4 +1,5 @@
-// A world in virtual time behind the four seams: clocks, task queue, datagrams and names.
+// A world in virtual time behind the four seams: clocks, task queue, datagrams and names. Its servers and
+// links are in network.h; docs/simulation.md shows it all at work.
 //
 // A program that links `sim/` instead of `platform/linux/` runs the shipped manager and transport in it
 // unchanged. Nothing happens by itself: time stands still until `RunFor` or `RunUntil` moves it, and hours
@@ -19,6 +20,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -32,6 +34,8 @@
 #include "platform/net/datagram_socket.h"
 #include "platform/net/host_resolver.h"
 #include "platform/net/ip_endpoint.h"
+#include "sim/clock_model.h"
+#include "sim/random.h"
 
 namespace skorra::sim {
 
@@ -53,6 +57,8 @@ struct HostEntry {
   std::vector<net::IPEndPoint> addresses;  // ports are those of the look-up; empty: the name does not exist
   // How long a look-up takes. The asking task is blocked meanwhile: time passes and no other task runs.
   int64_t delay_us = 0;
+  // What the look-up yields instead of addresses, unless kNone.
+  net::ResolveError error = net::ResolveError::kNone;
 };
 
 class World {
@@ -73,13 +79,25 @@ class World {
   // The world that the seams speak to. Ends the process with a message when there is none.
   static World& Current();
 
-  // --- Clocks. All times in microseconds; wall clock and truth count from 1601-01-01 UTC.
+  // --- Clocks. All times in microseconds; wall clock and truth count from 1601-01-01 UTC. Events are due by
+  // the steady clock, as a machine's timers are; so are the delays of links.
 
   int64_t steady_us() const { return steady_us_; }
-  int64_t wall_us() const { return steady_us_ + wall_offset_us_; }
-  // The time that a faultless clock would show: the wall clock's start, unmoved by its steps.
-  int64_t true_us() const { return steady_us_ + true_offset_us_; }
-  void StepWall(base::TimeDelta step) { wall_offset_us_ += step.InMicroseconds(); }
+  int64_t wall_us() const { return wall_.At(steady_us_); }
+  // The time that a faultless clock would show. It begins as the wall clock does.
+  int64_t true_us() const { return true_.At(steady_us_); }
+  int64_t TrueAt(int64_t ticks_us) const { return true_.At(ticks_us); }
+  // The steady time at which the world began.
+  int64_t begin_us() const { return begin_us_; }
+
+  // Only the wall clock steps; steady time and truth do not.
+  void StepWall(base::TimeDelta step);
+  // How fast the machine's oscillator runs against the truth: both clocks follow it.
+  void SetSteadyError(const ClockError& error);
+  // How fast the wall clock runs against the steady clock, as if something slewed it.
+  void SetWallError(const ClockError& error);
+  // Sleeps: all clocks go on, tasks and events wait for the end, and what arrives meanwhile is lost.
+  void Suspend(base::TimeDelta duration);
 
   // --- Time and tasks.
 
@@ -88,8 +106,13 @@ class World {
   // Runs what falls due until `done` holds (tested before each event) or `limit` has passed. True when it
   // held.
   bool RunUntil(const std::function<bool()>& done, base::TimeDelta limit);
-  // Runs `event` outside any queue once `delay` has passed.
+  // Runs the earliest event, moving time to it. False, with nothing changed, when there is none.
+  bool RunOne();
+  // When the earliest event is due, in steady ticks. What is due in the past has waited for a blocked task.
+  std::optional<int64_t> NextEventTicks() const;
+  // Runs `event` outside any queue once `delay` has passed, or once it is `due_us` by the steady clock.
   void Schedule(base::TimeDelta delay, std::function<void()> event);
+  void ScheduleAt(int64_t due_us, std::function<void()> event);
   // Lets time pass without running anything, as a task does that blocks.
   void Block(base::TimeDelta duration) { steady_us_ += duration.InMicroseconds(); }
   // Runs `function` now, as if it were a task of the queue of `business`.
@@ -108,7 +131,10 @@ class World {
   // connected to `source`: like the system, a socket drops what comes from elsewhere.
   void Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
                base::TimeDelta delay);
-  // The same without that test.
+  // The same at a moment of the steady clock, which may have passed while a task blocked.
+  void DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
+                 int64_t arrival_us);
+  // The same as `Deliver` without that test.
   void DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
                            std::vector<uint8_t> bytes, base::TimeDelta delay);
   // Reports an error to the socket with the local end point `client`, now.
@@ -123,8 +149,18 @@ class World {
   // What a name means from now on. Names without an entry do not exist, except "localhost".
   void SetHost(const std::string& name, HostEntry entry) { hosts_[name] = std::move(entry); }
 
+  // --- Chance.
+
   // The next 64 bits of the world's generator.
-  uint64_t NextRandom();
+  uint64_t NextRandom() { return random_.Next(); }
+  Random& random() { return random_; }
+
+  // --- The log of events, for replays: byte for byte the same for the same program and seed.
+
+  // Receives each line, "<seconds since the beginning> <what>"; an empty function, the default, saves the
+  // work.
+  void SetEventLog(std::function<void(const std::string&)> log) { event_log_ = std::move(log); }
+  void Log(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // --- For the seams (seams.cc).
 
@@ -145,15 +181,18 @@ class World {
   void Post(Queue* queue, const base::Location& from, base::OnceCallback<void()>&& task,
             base::TimeDelta delay);
   void RunTask(const core::TaskQueue* queue, const std::function<void()>& task);
-  void AddEvent(int64_t delay_us, std::function<void()> run);
-  void RunNext();
+  void AddEvent(int64_t due_us, std::function<void()> run);
   void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
-                       std::vector<uint8_t> bytes, base::TimeDelta delay, bool is_filtered);
+                       std::vector<uint8_t> bytes, int64_t arrival_us, bool is_filtered);
+  bool IsSuspendedAt(int64_t ticks_us) const;
 
+  const int64_t begin_us_;
   int64_t steady_us_;
-  int64_t wall_offset_us_;
-  int64_t true_offset_us_;
-  uint64_t random_state_;
+  ClockModel wall_;  // against the steady clock
+  ClockModel true_;  // against the steady clock
+  Random random_;
+  std::vector<std::pair<int64_t, int64_t>> suspends_;  // from, to
+  std::function<void(const std::string&)> event_log_;
 
   std::map<EventKey, Event> events_;
   uint64_t next_sequence_ = 0;

@@ -387,7 +387,9 @@ TEST_F(OffsetEstimationTest, ARetrySeesOnlyTheSamplesOfItsOwnBurst) {
 }
 
 TEST_F(OffsetEstimationTest, TheClockErrorOfASteadyServerIsFoundToTheMicrosecond) {
-  network.AddServer(Address(kName), {.clock_error_us = -123457, .to_server_us = 7000, .to_client_us = 7000});
+  network.AddServer(
+      Address(kName),
+      {.clock_error_us = -123457, .to_server = {.delay_us = 7000}, .to_client = {.delay_us = 7000}});
   AddDomains({kName});
   Sync();
   ASSERT_EQ(observer->outcomes.at(0).result, NtpResult::kSuccess);

@@ -343,7 +343,7 @@ TEST_F(SampleIntakeTest, AfterAStopEveryWaitingCheckEndsAtItsNextRun) {
 // --- What becomes of an evaluated domain.
 
 TEST_F(SampleIntakeTest, AnEvaluationMaySeeMoreThanSixSamples) {
-  network.AddServer(first, {.to_server_us = 10000, .to_client_us = 10000});
+  network.AddServer(first, {.to_server = {.delay_us = 10000}, .to_client = {.delay_us = 10000}});
   AddDomains({kFirst});
   Sync();
   // The second check, at 200 ms, finds the answers to the 18 requests of 0 to 170 ms; four are cut off at

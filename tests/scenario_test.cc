@@ -1,0 +1,120 @@
+// Every scenario within its limits, and every replay the same.
+#include "tests/scenarios/scenario.h"
+
+#include <ostream>
+#include <set>
+#include <string>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+namespace skorra {
+
+static void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.sentence; }
+
+namespace {
+
+const Scenario& FindScenario(const std::string& name) {
+  for (const Scenario& scenario : AllScenarios()) {
+    if (scenario.name == name) {
+      return scenario;
+    }
+  }
+  ADD_FAILURE() << "no scenario is called " << name;
+  return AllScenarios().front();
+}
+
+std::string EventLogOf(const std::string& name, uint64_t seed) {
+  std::string log;
+  PlayScenario(FindScenario(name), seed, [&log](const std::string& line) { log += line + "\n"; });
+  return log;
+}
+
+class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
+
+TEST_P(ScenarioTest, StaysWithinItsLimits) {
+  EXPECT_THAT(PlayScenario(GetParam(), 1).failures, ::testing::IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ScenarioTest, ::testing::ValuesIn(AllScenarios()),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(ScenarioTableTest, HasNamesThatAreUniqueAndASentenceForEach) {
+  std::set<std::string> names;
+  for (const Scenario& scenario : AllScenarios()) {
+    EXPECT_TRUE(names.insert(scenario.name).second) << scenario.name;
+    EXPECT_GT(scenario.sentence.size(), 10u) << scenario.name;
+  }
+  EXPECT_GE(names.size(), 40u);
+}
+
+TEST(ScenarioReplayTest, TheSameSeedGivesTheSameLogByteForByte) {
+  for (const char* name : {"mobile_40ms_jitter", "loss_33_percent", "corrupted_datagrams",
+                           "one_sided_queueing", "spoofed_replies_with_guessed_nonces"}) {
+    const std::string log = EventLogOf(name, 7);
+    EXPECT_GT(log.size(), 1000u) << name;
+    EXPECT_EQ(log, EventLogOf(name, 7)) << name;
+  }
+}
+
+TEST(ScenarioReplayTest, AnotherSeedGivesAnotherLog) {
+  EXPECT_NE(EventLogOf("loss_33_percent", 7), EventLogOf("loss_33_percent", 8));
+}
+
+TEST(ScenarioReplayTest, TheLogShowsSendsArrivalsManagerLinesAndOutcomes) {
+  const std::string log = EventLogOf("lan", 1);
+  EXPECT_THAT(log, ::testing::HasSubstr("sends 192.0.2.1:49152 -> 198.51.100.1:123\n"));
+  EXPECT_THAT(log, ::testing::HasSubstr("arrives 198.51.100.1:123 -> 192.0.2.1:49152\n"));
+  EXPECT_THAT(log, ::testing::HasSubstr("     0.000000 log 0 Start NTP time sync\n"));
+  EXPECT_THAT(log, ::testing::HasSubstr("     0.200000 outcome 0 (success) from 198.51.100.1:123\n"));
+}
+
+// The judge itself: a row that promises too much, in each of its limits, must fail.
+
+struct BrokenLimit {
+  const char* expected;  // in the failure's text
+  void (*change)(Limits&);
+};
+
+TEST(ScenarioJudgeTest, EachLimitThatIsBrokenIsNamed) {
+  const BrokenLimit cases[] = {
+      {"largest error", [](Limits& l) { l.max_error_us = 29; }},
+      {"RMS error", [](Limits& l) { l.rms_error_us = 29; }},
+      {"first result after", [](Limits& l) { l.first_result_us = 19; }},
+      {"none was expected", [](Limits& l) { l.first_result_us = std::nullopt; }},
+      {"outcomes 0, expected 0, 1",
+       [](Limits& l) {
+         l.outcomes = {0, 1};
+       }},
+      {"at the end there is a result", [](Limits& l) { l.has_result_at_end = false; }},
+      {"the error at the end is below", [](Limits& l) { l.min_error_at_end_us = 31; }},
+      {"got 20 requests", [](Limits& l) { l.requests[0].min_count = 21; }},
+      {"got 20 requests", [](Limits& l) { l.requests[0].max_count = 19; }},
+      {"10.000 ms apart", [](Limits& l) { l.requests[0].min_spacing_us = 10001; }},
+  };
+  Scenario scenario{"judged",
+                    "a clock error of 30 us, measured exactly",
+                    [](skorra::Run& run) { run.AddServer("198.51.100.1", {.clock_error_us = 30}); },
+                    [](skorra::Run& run) {
+                      run.AddDomains({"198.51.100.1"});
+                      run.Start();
+                      run.For(kSecond);
+                    },
+                    {.max_error_us = 30,
+                     .rms_error_us = 30,
+                     .first_result_us = 10 * kMs,
+                     .requests = {{"198.51.100.1", 20, 20}},
+                     .outcomes = {0},
+                     .min_error_at_end_us = 30}};
+  EXPECT_THAT(PlayScenario(scenario, 1).failures, ::testing::IsEmpty());
+  for (const BrokenLimit& broken : cases) {
+    Scenario changed = scenario;
+    broken.change(changed.limits);
+    EXPECT_THAT(PlayScenario(changed, 1).failures,
+                ::testing::ElementsAre(::testing::HasSubstr(broken.expected)))
+        << broken.expected;
+  }
+}
+
+}  // namespace
+}  // namespace skorra

@@ -1,0 +1,232 @@
+#include "tests/scenarios/scenario.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <string_view>
+
+#include "platform/base/log.h"
+#include "platform/config/base_cfg.h"
+#include "platform/config/config_center.h"
+
+namespace skorra {
+namespace {
+
+std::string ToText(const std::vector<int>& codes) {
+  // Long stories repeat themselves: "0 x 12, 1".
+  std::string text;
+  for (size_t i = 0; i < codes.size();) {
+    size_t end = i;
+    while (end < codes.size() && codes[end] == codes[i]) {
+      ++end;
+    }
+    text += (text.empty() ? "" : ", ") + std::to_string(codes[i]);
+    text += end - i > 1 ? " x " + std::to_string(end - i) : "";
+    i = end;
+  }
+  return text.empty() ? "none" : text;
+}
+
+// "1.234 ms", "2.5 s": short enough for a table.
+std::string ToText(int64_t us) {
+  char text[32];
+  const double value = static_cast<double>(us);
+  if (std::abs(us) < kSecond) {
+    std::snprintf(text, sizeof(text), "%.3f ms", value / 1e3);
+  } else {
+    std::snprintf(text, sizeof(text), "%.3f s", value / 1e6);
+  }
+  return text;
+}
+
+struct RequestMeasure {
+  size_t count = 0;
+  int64_t min_spacing_us = std::numeric_limits<int64_t>::max();
+};
+
+RequestMeasure MeasureRequests(Run& run, const std::string& address) {
+  RequestMeasure measure;
+  const auto& requests = run.network.requests(Run::Address(address));
+  measure.count = requests.size();
+  for (size_t i = 1; i < requests.size(); ++i) {
+    measure.min_spacing_us =
+        std::min(measure.min_spacing_us, requests[i].sent_ticks_us - requests[i - 1].sent_ticks_us);
+  }
+  return measure;
+}
+
+void Judge(Run& run, const Limits& limits, ScenarioReport* report) {
+  const auto check = [report](bool holds, const std::string& failure) {
+    if (!holds) {
+      report->failures.push_back(failure);
+    }
+  };
+  check(run.max_error_us() <= limits.max_error_us,
+        "largest error " + ToText(run.max_error_us()) + ", limit " + ToText(limits.max_error_us));
+  check(run.rms_error_us() <= limits.rms_error_us,
+        "RMS error " + ToText(run.rms_error_us()) + ", limit " + ToText(limits.rms_error_us));
+  const std::optional<int64_t> first = run.first_result_us();
+  if (limits.first_result_us) {
+    check(first && *first <= *limits.first_result_us,
+          "first result " + (first ? "after " + ToText(*first) : std::string("never")) + ", limit " +
+              ToText(*limits.first_result_us));
+  } else {
+    check(!first, "there was a result, and none was expected");
+  }
+  const bool is_other = !limits.or_outcomes.empty() && run.outcomes() == limits.or_outcomes;
+  check(run.outcomes() == limits.outcomes || is_other,
+        "outcomes " + ToText(run.outcomes()) + ", expected " + ToText(limits.outcomes));
+  check(run.HasResult() == limits.has_result_at_end,
+        std::string("at the end there is ") + (run.HasResult() ? "a" : "no") + " result");
+  if (limits.min_error_at_end_us > 0) {
+    check(run.HasResult() && std::abs(run.ErrorUs()) >= limits.min_error_at_end_us,
+          "the error at the end is below " + ToText(limits.min_error_at_end_us));
+  }
+  for (const RequestLimit& limit : limits.requests) {
+    const RequestMeasure measure = MeasureRequests(run, limit.address);
+    check(limit.min_count <= measure.count && measure.count <= limit.max_count,
+          limit.address + " got " + std::to_string(measure.count) + " requests, expected " +
+              std::to_string(limit.min_count) + " to " + std::to_string(limit.max_count));
+    check(measure.min_spacing_us >= limit.min_spacing_us,
+          limit.address + " got requests " + ToText(measure.min_spacing_us) + " apart, expected at least " +
+              ToText(limit.min_spacing_us));
+  }
+}
+
+std::string Summary(Run& run, const Limits& limits) {
+  std::string text = "no result";
+  if (const auto first = run.first_result_us()) {
+    text = "error " + ToText(run.max_error_us()) + " <= " + ToText(limits.max_error_us) + ", RMS " +
+           ToText(run.rms_error_us()) + " <= " + ToText(limits.rms_error_us) + ", first " + ToText(*first) +
+           " <= " + ToText(limits.first_result_us.value_or(0));
+  }
+  for (const RequestLimit& limit : limits.requests) {
+    text += ", " + std::to_string(MeasureRequests(run, limit.address).count) + " to " + limit.address;
+  }
+  return text;
+}
+
+}  // namespace
+
+class Run::Listener : public NtpTimeManager::Observer {
+ public:
+  explicit Listener(sim::World& world) : world_(world) {}
+
+  void OnNtpResult(NtpResult result, const std::string& message, const net::IPEndPoint& server) override {
+    world_.Log("outcome %d (%s) from %s", static_cast<int>(result), message.c_str(),
+               server.ToString().c_str());
+    outcomes.push_back(static_cast<int>(result));
+  }
+
+  std::vector<int> outcomes;
+
+ private:
+  sim::World& world_;
+};
+
+Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::string&)> event_log)
+    : world({.seed = seed, .wall_us = scenario.begin_us}), listener_(std::make_shared<Listener>(world)) {
+  const bool is_logged = static_cast<bool>(event_log);
+  world.SetEventLog(std::move(event_log));
+  base::SetLogThreshold(is_logged ? 0 : 2);
+  base::SetLogSink(
+      [this](const base::LogLine& line) { world.Log("log %d %s", line.level, line.text.c_str()); });
+}
+
+Run::~Run() {
+  base::SetLogSink(nullptr);
+  base::SetLogThreshold(1);
+  auto* const config = config::ConfigCenterImpl::GetInstance();
+  config->Set(config::BaseCfg().ntp_default_domain, std::nullopt);
+  config->Set(config::BaseCfg().ntp_sync_interval, std::nullopt);
+}
+
+void Run::SetHost(const std::string& name, const std::vector<std::string>& addresses) {
+  sim::HostEntry entry;
+  for (const std::string& address : addresses) {
+    entry.addresses.push_back(Address(address));
+  }
+  world.SetHost(name, std::move(entry));
+}
+
+void Run::SetDefaultDomain(const std::string& domain) {
+  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, domain);
+}
+
+void Run::SetSyncInterval(uint64_t seconds) {
+  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, seconds);
+}
+
+NtpTimeManagerPeer& Run::peer() {
+  if (!peer_) {
+    peer_.emplace();
+    peer_->manager().AddObserver(listener_);
+  }
+  return *peer_;
+}
+
+int64_t Run::ErrorUs() {
+  return peer().GetNtpTimestampFrom1970Internal() - (world.true_us() - base::kWindowsToUnixEpochUs);
+}
+
+int64_t Run::rms_error_us() const {
+  return measured_count_ == 0
+             ? 0
+             : static_cast<int64_t>(std::sqrt(square_sum_ / static_cast<double>(measured_count_)));
+}
+
+const std::vector<int>& Run::outcomes() const { return listener_->outcomes; }
+
+void Run::For(int64_t duration_us) {
+  const int64_t end_us = world.steady_us() + duration_us;
+  const int64_t slice_us = duration_us > 2 * kMinute ? kSecond : 10 * kMs;
+  while (world.steady_us() < end_us) {
+    if (read_interval_us_ > 0 && world.steady_us() >= next_read_us_) {
+      next_read_us_ = world.steady_us() + read_interval_us_;
+      manager().GetNtpTimestampFrom1970();
+    }
+    world.RunFor(base::TimeDelta::FromMicroseconds(std::min(slice_us, end_us - world.steady_us())));
+    Measure();
+  }
+}
+
+void Run::Measure() {
+  if (!HasResult()) {
+    return;
+  }
+  if (!first_result_us_) {
+    first_result_us_ = world.steady_us() - world.begin_us();
+  }
+  const int64_t error_us = std::abs(ErrorUs());
+  max_error_us_ = std::max(max_error_us_, error_us);
+  square_sum_ += static_cast<double>(error_us) * static_cast<double>(error_us);
+  ++measured_count_;
+}
+
+const std::vector<Scenario>& AllScenarios() {
+  static base::NoDestructor<std::vector<Scenario>> all_scenarios([] {
+    std::vector<Scenario> all;
+    for (auto* table : {NetworkScenarios, ServerScenarios, ClockScenarios, LifecycleScenarios}) {
+      for (Scenario& scenario : table()) {
+        all.push_back(std::move(scenario));
+      }
+    }
+    return all;
+  }());
+  return *all_scenarios;
+}
+
+ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
+                            std::function<void(const std::string&)> event_log) {
+  Run run(scenario, seed, std::move(event_log));
+  scenario.setup(run);
+  scenario.story(run);
+  ScenarioReport report;
+  report.outcome = ToText(run.outcomes());
+  report.measured = Summary(run, scenario.limits);
+  Judge(run, scenario.limits, &report);
+  return report;
+}
+
+}  // namespace skorra

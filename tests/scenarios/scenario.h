@@ -1,0 +1,146 @@
+// Scenarios: whole stories that the shipped manager and transport go through in a simulated world, each with
+// limits on what it may measure. A row is data; scenario.cc plays it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ntp/ntp_time_manager.h"
+#include "sim/attacker.h"
+#include "sim/network.h"
+#include "sim/world.h"
+#include "tests/ntp_time_manager_peer.h"
+
+namespace skorra {
+
+inline constexpr int64_t kMs = 1000;  // in microseconds, as everything here
+inline constexpr int64_t kSecond = 1000000;
+inline constexpr int64_t kMinute = 60 * kSecond;
+inline constexpr int64_t kHour = 60 * kMinute;
+inline constexpr int64_t kDay = 24 * kHour;
+
+struct RequestLimit {
+  std::string address;
+  size_t min_count;
+  size_t max_count;
+  int64_t min_spacing_us = 10 * kMs;
+};
+
+struct Limits {
+  // Of NTP time as it is read, against the world's truth, while there is a result. A provisional one counts.
+  int64_t max_error_us = 0;
+  int64_t rms_error_us = 0;
+  // From the beginning to the first result, also a provisional one; nothing: there never is one.
+  std::optional<int64_t> first_result_us = std::nullopt;
+  std::vector<RequestLimit> requests = {};
+  std::vector<int> outcomes = {};     // what observers hear, in this order and nothing else
+  std::vector<int> or_outcomes = {};  // as good as `outcomes`, where chance decides; empty: there is no such
+  bool has_result_at_end = true;
+  int64_t min_error_at_end_us = 0;  // where being wrong is what the manager promises
+};
+
+struct Scenario;
+
+// One world with one manager in it, while a scenario is played.
+class Run {
+ public:
+  Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::string&)> event_log);
+  ~Run();
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+
+  // --- The world: before and during the story.
+
+  sim::World world;
+  sim::Network network{world};
+
+  static net::IPEndPoint Address(const std::string& address, uint16_t port = 123) {
+    return *net::IPEndPoint::FromLiteral(address, port);
+  }
+  void AddServer(const std::string& address, sim::ServerOptions options) {
+    network.AddServer(Address(address), std::move(options));
+  }
+  void SetHost(const std::string& name, const std::vector<std::string>& addresses);
+  void StepWall(int64_t us) { world.StepWall(base::TimeDelta::FromMicroseconds(us)); }
+  void SetDefaultDomain(const std::string& domain);
+  void SetSyncInterval(uint64_t seconds);
+  void AddAttacker(sim::AttackerOptions options) {
+    attackers_.push_back(std::make_unique<sim::Attacker>(world, network, options));
+  }
+  void At(int64_t delay_us, std::function<void()> event) {
+    world.Schedule(base::TimeDelta::FromMicroseconds(delay_us), std::move(event));
+  }
+
+  // --- The story.
+
+  // The manager is made at its first use, in the world as it is then.
+  NtpTimeManager& manager() { return peer().manager(); }
+  void AddDomains(const std::vector<std::string>& domains) { manager().UpdateNtpTimeDomain(domains); }
+  int Start() { return manager().Start(); }
+  void Stop() { manager().Stop(); }
+  // Lets time pass, and measures every 10 ms, in stretches beyond two minutes every second.
+  void For(int64_t duration_us);
+  // From now on the clock is read this often, as an application does.
+  void ReadEvery(int64_t interval_us) {
+    read_interval_us_ = interval_us;
+    next_read_us_ = world.steady_us();
+  }
+
+  // --- What was measured.
+
+  bool HasResult() { return peer().ntp_offset_us() != kNoOffsetUs; }
+  int64_t ErrorUs();
+  int64_t max_error_us() const { return max_error_us_; }
+  int64_t rms_error_us() const;
+  std::optional<int64_t> first_result_us() const { return first_result_us_; }
+  const std::vector<int>& outcomes() const;
+
+ private:
+  class Listener;
+
+  NtpTimeManagerPeer& peer();
+  void Measure();
+
+  std::optional<NtpTimeManagerPeer> peer_;
+  std::shared_ptr<Listener> listener_;
+  std::vector<std::unique_ptr<sim::Attacker>> attackers_;
+  int64_t read_interval_us_ = 0;  // 0: nobody reads
+  int64_t next_read_us_ = 0;
+  int64_t max_error_us_ = 0;
+  double square_sum_ = 0.0;
+  int64_t measured_count_ = 0;
+  std::optional<int64_t> first_result_us_;
+};
+
+struct Scenario {
+  std::string name;
+  std::string sentence;  // what is different, and why a surprising limit is right
+  std::function<void(Run&)> setup;
+  std::function<void(Run&)> story;
+  Limits limits;
+  int64_t begin_us = sim::World::Options().wall_us;  // the true time, microseconds since 1601
+};
+
+// All rows, in the order of the table.
+const std::vector<Scenario>& AllScenarios();
+std::vector<Scenario> NetworkScenarios();
+std::vector<Scenario> ServerScenarios();
+std::vector<Scenario> ClockScenarios();
+std::vector<Scenario> LifecycleScenarios();
+
+struct ScenarioReport {
+  std::string outcome;                // "0 1"; "none"
+  std::string measured;               // against the limits, for the table
+  std::vector<std::string> failures;  // in words; empty: the row holds
+};
+
+// Plays one scenario. Changes the process's log settings and configuration while it runs.
+ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
+                            std::function<void(const std::string&)> event_log = nullptr);
+
+}  // namespace skorra

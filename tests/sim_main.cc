@@ -1,0 +1,87 @@
+// skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager beside its
+// model.
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "CLI/CLI.hpp"
+#include "tests/model/walks.h"
+#include "tests/scenarios/scenario.h"
+
+namespace skorra {
+namespace {
+
+void PrintFailures(const ScenarioReport& report) {
+  for (const std::string& failure : report.failures) {
+    std::printf("    %s\n", failure.c_str());
+  }
+}
+
+int PlayAll(uint64_t seed) {
+  size_t failed = 0;
+  std::printf("seed %llu\n%-45s %-12s %s\n", static_cast<unsigned long long>(seed), "scenario", "outcomes",
+              "measured");
+  for (const Scenario& scenario : AllScenarios()) {
+    const ScenarioReport report = PlayScenario(scenario, seed);
+    failed += report.failures.empty() ? 0 : 1;
+    std::printf("%-45s %-12s %s  %s\n", scenario.name.c_str(), report.outcome.c_str(),
+                report.measured.c_str(), report.failures.empty() ? "ok" : "FAIL");
+    PrintFailures(report);
+  }
+  std::printf("%zu scenarios, %zu failed\n", AllScenarios().size(), failed);
+  return failed == 0 ? 0 : 1;
+}
+
+int PlayOne(const std::string& name, uint64_t seed) {
+  for (const Scenario& scenario : AllScenarios()) {
+    if (scenario.name != name) {
+      continue;
+    }
+    std::printf("%s, seed %llu: %s\n", name.c_str(), static_cast<unsigned long long>(seed),
+                scenario.sentence.c_str());
+    const ScenarioReport report =
+        PlayScenario(scenario, seed, [](const std::string& line) { std::puts(line.c_str()); });
+    std::printf("outcomes %s; %s  %s\n", report.outcome.c_str(), report.measured.c_str(),
+                report.failures.empty() ? "ok" : "FAIL");
+    PrintFailures(report);
+    return report.failures.empty() ? 0 : 1;
+  }
+  std::fprintf(stderr, "skorra-sim: no scenario is called '%s'; --list shows them\n", name.c_str());
+  return 2;
+}
+
+int List() {
+  for (const Scenario& scenario : AllScenarios()) {
+    std::printf("%s\n    %s\n", scenario.name.c_str(), scenario.sentence.c_str());
+  }
+  return 0;
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app("Plays the scenarios of skorra NTP in a simulated world and holds them to their limits.");
+  std::string name;
+  uint64_t seed = 1;
+  bool is_list = false;
+  long walks = 0;
+  const CLI::Option* const scenario_option =
+      app.add_option("--scenario", name, "play this one, with its log of events");
+  const CLI::Option* const seed_option = app.add_option(
+      "--seed", seed, "where all random numbers come from; 1 unless given, for walks a fresh one");
+  app.add_flag("--list", is_list, "list the scenarios");
+  const CLI::Option* const walks_option =
+      app.add_option("--walks", walks, "instead take this many random walks of the manager beside its model")
+          ->check(CLI::PositiveNumber);
+  CLI11_PARSE(app, argc, argv);
+  if (walks_option->count() > 0) {
+    return RunWalks(walks, seed_option->count() > 0 ? seed : FreshWalkSeed());
+  }
+  if (is_list) {
+    return List();
+  }
+  return scenario_option->count() == 0 ? PlayAll(seed) : PlayOne(name, seed);
+}
+
+}  // namespace
+}  // namespace skorra
+
+int main(int argc, char** argv) { return skorra::Main(argc, argv); }
