@@ -102,6 +102,7 @@ TEST(SyncRecords, ResultCodesAreMinusOneZeroAndOneWithATextEach) {
   EXPECT_EQ(GetResultMessage(NtpResult::kNoResult), "no usable result");
   EXPECT_EQ(GetResultMessage(NtpResult::kSuccess), "success");
   EXPECT_EQ(GetResultMessage(NtpResult::kMaybeInaccurate), "the result may be inaccurate");
+  EXPECT_EQ(GetResultMessage(static_cast<NtpResult>(2)), "unknown result");
 }
 
 TEST_F(ManagerTest, TheStatisticsAreEmptyRightAfterAReport) {

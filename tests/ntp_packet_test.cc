@@ -259,6 +259,7 @@ TEST(NtpPacketTest, EveryRejectionHasItsName) {
   for (const auto& [rejection, name] : names) {
     EXPECT_STREQ(ReplyRejectionName(rejection), name);
   }
+  EXPECT_STREQ(ReplyRejectionName(static_cast<ReplyRejection>(-1)), "unknown");
 }
 
 struct Conversion {
