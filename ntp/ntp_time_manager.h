@@ -55,7 +55,9 @@ class NtpTimeManager {
   // for its outcome.
   virtual int Start() = 0;
 
-  // Ends a running attempt without an outcome and closes the sockets. The kept result stays readable.
+  // Ends a running attempt without an outcome and closes the sockets. The kept result stays readable. It
+  // takes effect in its turn on the queue: a start that comes before that turn is cut off with the rest, has
+  // no outcome and keeps later ones from asking its servers, until another `Stop` has cleared them.
   virtual void Stop() = 0;
 
   // NTP time in microseconds since 1970-01-01 UTC, or 0 while there is no result. Lock-free. The value
