@@ -647,7 +647,7 @@ base::Time NtpTimeManagerImpl::NtpTimestampToTime(int64_t ntp_us) {
 }
 
 // The hot path. What follows a clock reading delays the next one, so limits are multiplied up beforehand
-// instead of dividing the reading.
+// instead of dividing the reading, and the checks of a read that is due stand in a function of their own.
 int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
   const base::Time now = base::Time::Now();
   const int64_t last_check_ms = last_check_local_time_ms_.load(std::memory_order_relaxed);
@@ -655,8 +655,15 @@ int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
       TimeDelta::FromMicroseconds(WrappingMultiply(WrappingAdd(last_check_ms, kQuietPeriodMs), 1000)));
   const bool is_due = last_check_ms == 0 || now >= due_time;
   const bool has_result = ntp_offset_us_.load(std::memory_order_relaxed) != kNoOffsetUs;
-  // Checks that pass do not begin a new quiet period; only a started sync does.
-  if (is_due && (!has_result || NeedToUpdateResult() || !CheckElapsedTimeDeviation())) {
+  if (is_due) {
+    return CheckAndReadNtpTimestamp(now, has_result);
+  }
+  return has_result ? GetNtpTimestampFrom1970Internal() : 0;
+}
+
+// Checks that pass do not begin a new quiet period; only a started sync does.
+int64_t NtpTimeManagerImpl::CheckAndReadNtpTimestamp(base::Time now, bool has_result) {
+  if (!has_result || NeedToUpdateResult() || !CheckElapsedTimeDeviation()) {
     last_check_local_time_ms_.store(now.ToDeltaSinceWindowsEpoch().InMilliseconds(),
                                     std::memory_order_relaxed);
     StartInNtpQueue();

@@ -90,6 +90,8 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   void UpdateNtpResultIfBetter(NtpDomainResult* result, int64_t system_offset_from_steady_us);
 
   // Clock.
+  // Not inlined: the hot path would save registers for it.
+  [[gnu::noinline]] int64_t CheckAndReadNtpTimestamp(base::Time now, bool has_result);
   int64_t GetNtpTimestampFrom1970Internal();
   int64_t GetNowSystemTimestampUs();
   base::Time NtpTimestampToTime(int64_t ntp_us);
