@@ -24,7 +24,7 @@ class WeakPtr {
  public:
   WeakPtr() = default;
 
-  // The object, or null once the owner was invalidated or destroyed.
+  // The object, or null once its owner was destroyed.
   T* get() const { return alive_ && alive_->load(std::memory_order_acquire) ? object_ : nullptr; }
   T* operator->() const { return get(); }
   T& operator*() const { return *get(); }

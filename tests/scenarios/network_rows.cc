@@ -222,21 +222,25 @@ std::vector<Scenario> LossRows() {
   };
 }
 
+// A sync; then the server of time.test moves to another address, and the domain `asked_for` is added and
+// asked.
+void SyncThenMoveTheServer(Run& run, const std::string& asked_for) {
+  SyncOnce(run);
+  run.network.RemoveServer(Run::Address(kA));
+  run.AddServer(kB, {});
+  run.SetHost("time.test", {kB});
+  run.For(11 * kMinute);
+  run.AddDomains({asked_for});
+  run.Start();
+  run.For(5 * kSecond);
+}
+
 std::vector<Scenario> NameRows() {
   return {
       {"name_with_changing_addresses",
        "a name is looked up once: after its server has moved, the old address is asked and stays silent",
        OneServer({}),
-       [](Run& run) {
-         SyncOnce(run);
-         run.network.RemoveServer(Run::Address(kA));
-         run.AddServer(kB, {});
-         run.SetHost("time.test", {kB});
-         run.For(11 * kMinute);
-         run.AddDomains({"time.test"});
-         run.Start();
-         run.For(5 * kSecond);
-       },
+       [](Run& run) { SyncThenMoveTheServer(run, "time.test"); },
        {.max_error_us = 10,
         .rms_error_us = 10,
         .first_result_us = 20 * kMs,
@@ -245,16 +249,7 @@ std::vector<Scenario> NameRows() {
       {"name_changed_and_added_anew",
        "under another spelling the moved name is a new domain with the new address",
        OneServer({}),
-       [](Run& run) {
-         SyncOnce(run);
-         run.network.RemoveServer(Run::Address(kA));
-         run.AddServer(kB, {});
-         run.SetHost("time.test", {kB});
-         run.For(11 * kMinute);
-         run.AddDomains({"time.test:123"});
-         run.Start();
-         run.For(5 * kSecond);
-       },
+       [](Run& run) { SyncThenMoveTheServer(run, "time.test:123"); },
        {.max_error_us = 10,
         .rms_error_us = 10,
         .first_result_us = 20 * kMs,
