@@ -14,6 +14,11 @@
 // tasks on the queue of business 701, which is also where observers are called.
 //
 // Ownership: the manager lives until the process ends; nobody deletes it. It never owns an observer.
+//
+// Forks: the child of a fork keeps the result, the domains and the observers, and syncs on its own. An
+// attempt that was running stays with the parent, and so does every outcome of it; the child's copy takes it
+// for running until `Stop`: where `Start` returns -1 in a child, call `Stop`, and `Start` until it does not.
+// A child that an observer or a log sink forked can read, but not sync; it ends when it returns from there.
 #pragma once
 
 #include <cstdint>

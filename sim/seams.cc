@@ -43,7 +43,7 @@ DatagramSocket::~DatagramSocket() { skorra::sim::World::Current().RemoveSocket(&
 
 std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote, Callbacks callbacks,
                                                         SocketError* error) {
-  auto impl = std::make_unique<Impl>(Impl{{remote, IPEndPoint(), std::move(callbacks)}});
+  auto impl = std::make_unique<Impl>(Impl{{remote, IPEndPoint(), std::move(callbacks), 0}});
   *error = skorra::sim::World::Current().AddSocket(&impl->socket);
   if (*error != SocketError::kNone) {
     return nullptr;
@@ -51,14 +51,19 @@ std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote
   return std::unique_ptr<DatagramSocket>(new DatagramSocket(std::move(impl)));
 }
 
-SocketError DatagramSocket::Send(std::span<const uint8_t> bytes) {
-  return skorra::sim::World::Current().Send(impl_->socket, bytes);
+SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {
+  return skorra::sim::World::Current().Send(impl_->socket, bytes, send_id);
 }
 
 IPEndPoint DatagramSocket::local() const { return impl_->socket.local; }
 
 ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
   return skorra::sim::World::Current().Resolve(host, port, timeout);
+}
+
+void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                             std::function<void(ResolveResult)> done) {
+  skorra::sim::World::Current().ResolveInBackground(host, port, timeout, std::move(done));
 }
 
 }  // namespace net

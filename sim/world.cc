@@ -202,7 +202,13 @@ void World::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint
       return;
     }
     RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(), [&] {
-      found->second->callbacks.on_datagram({bytes, source, arrival_us});
+      const bool is_truncated = bytes.size() > net::kMaxDatagramBytes;
+      const std::span<const uint8_t> read(bytes);
+      found->second->callbacks.on_datagram({.bytes = is_truncated ? read.first(net::kMaxDatagramBytes) : read,
+                                            .source = source,
+                                            .receive_ticks_us = arrival_us,
+                                            .stamp_source = net::StampSource::kKernel,
+                                            .is_truncated = is_truncated});
     });
   });
 }
@@ -212,6 +218,14 @@ void World::ReportError(const net::IPEndPoint& client, net::SocketError error) {
   if (found != sockets_.end() && found->second->callbacks.on_error) {
     RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(),
             [&] { found->second->callbacks.on_error(error); });
+  }
+}
+
+void World::ReportSent(const net::IPEndPoint& client, uint32_t send_id, int64_t send_ticks_us) {
+  const auto found = sockets_.find(client);
+  if (found != sockets_.end() && found->second->callbacks.on_sent) {
+    RunTask(GetTaskQueue(core::BusinessID::kNtpTime, -1).get(),
+            [&] { found->second->callbacks.on_sent(send_id, send_ticks_us); });
   }
 }
 
@@ -242,10 +256,14 @@ net::SocketError World::AddSocket(Socket* socket) {
 
 void World::RemoveSocket(Socket* socket) { sockets_.erase(socket->local); }
 
-net::SocketError World::Send(const Socket& socket, std::span<const uint8_t> bytes) {
+net::SocketError World::Send(Socket& socket, std::span<const uint8_t> bytes, uint32_t* send_id) {
   if (const auto found = send_errors_.find(socket.remote);
       found != send_errors_.end() && found->second != net::SocketError::kNone) {
     return found->second;
+  }
+  const uint32_t id = socket.send_count++;
+  if (send_id != nullptr) {
+    *send_id = id;
   }
   if (event_log_) {
     Log("sends %s -> %s", socket.local.ToString().c_str(), socket.remote.ToString().c_str());
@@ -258,25 +276,49 @@ net::SocketError World::Send(const Socket& socket, std::span<const uint8_t> byte
 
 net::ResolveResult World::Resolve(const std::string& host, uint16_t port, base::TimeDelta timeout) {
   if (const auto literal = net::IPEndPoint::FromLiteral(host, port)) {
-    return {{*literal}, net::ResolveError::kNone, ""};
+    return {.addresses = {*literal}};
   }
-  HostEntry entry;
+  const HostEntry entry = FindHost(host);
+  Block(std::min(base::TimeDelta::FromMicroseconds(entry.delay_us), timeout));
+  return AnswerLookUp(entry, host, port, timeout);
+}
+
+void World::ResolveInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                                std::function<void(net::ResolveResult)> done) {
+  if (!is_queue_available_) {
+    return;
+  }
+  if (const auto literal = net::IPEndPoint::FromLiteral(host, port)) {
+    Schedule(base::TimeDelta(),
+             [literal = *literal, done = std::move(done)] { done({.addresses = {literal}}); });
+    return;
+  }
+  const HostEntry entry = FindHost(host);
+  Schedule(std::min(base::TimeDelta::FromMicroseconds(entry.delay_us), timeout),
+           [=, this, done = std::move(done)] { done(AnswerLookUp(entry, host, port, timeout)); });
+}
+
+HostEntry World::FindHost(const std::string& host) const {
   if (const auto found = hosts_.find(host); found != hosts_.end()) {
-    entry = found->second;
-  } else if (host == "localhost") {
-    entry.addresses = {*net::IPEndPoint::FromLiteral("127.0.0.1", 0)};
+    return found->second;
   }
+  if (host == "localhost") {
+    return {.addresses = {*net::IPEndPoint::FromLiteral("127.0.0.1", 0)}};
+  }
+  return {};
+}
+
+net::ResolveResult World::AnswerLookUp(const HostEntry& entry, const std::string& host, uint16_t port,
+                                       base::TimeDelta timeout) {
   if (entry.delay_us > timeout.InMicroseconds()) {
-    Block(timeout);
     Log("looks up %s: no answer in time", host.c_str());
-    return {{}, net::ResolveError::kTimedOut, "no name server answered for " + host};
+    return {.error = net::ResolveError::kTimedOut, .detail = "no name server answered for " + host};
   }
-  Block(base::TimeDelta::FromMicroseconds(entry.delay_us));
   Log("looks up %s: %zu addresses", host.c_str(), entry.addresses.size());
   if (entry.error != net::ResolveError::kNone) {
-    return {{}, entry.error, "the look-up of " + host + " failed"};
+    return {.error = entry.error, .detail = "the look-up of " + host + " failed"};
   }
-  net::ResolveResult result;
+  net::ResolveResult result{.ttl = entry.ttl};
   for (const net::IPEndPoint& address : entry.addresses) {
     const auto& bytes = address.bytes();
     result.addresses.push_back(

@@ -59,6 +59,7 @@ struct HostEntry {
   int64_t delay_us = 0;
   // What the look-up yields instead of addresses, unless kNone.
   net::ResolveError error = net::ResolveError::kNone;
+  base::TimeDelta ttl = base::TimeDelta::Max();
 };
 
 class World {
@@ -120,7 +121,8 @@ class World {
 
   const std::vector<PostedTask>& posted() const { return posted_; }
   size_t pending_count() const { return events_.size(); }
-  // While false, `GetTaskQueue` hands out null.
+  // While false, `GetTaskQueue` hands out null, and a look-up that is started in the background never
+  // reports.
   void SetQueueAvailable(bool available) { is_queue_available_ = available; }
 
   // --- Datagrams.
@@ -139,6 +141,8 @@ class World {
                            std::vector<uint8_t> bytes, base::TimeDelta delay);
   // Reports an error to the socket with the local end point `client`, now.
   void ReportError(const net::IPEndPoint& client, net::SocketError error);
+  // Tells the socket with the local end point `client` when its datagram number `send_id` left, now.
+  void ReportSent(const net::IPEndPoint& client, uint32_t send_id, int64_t send_ticks_us);
   // What connecting and sending to `server` yields from now on; kNone restores them.
   void SetConnectError(const net::IPEndPoint& server, net::SocketError error);
   void SetSendError(const net::IPEndPoint& server, net::SocketError error);
@@ -168,8 +172,10 @@ class World {
   std::shared_ptr<core::TaskQueue> GetTaskQueue(core::BusinessID business, int64_t instance);
   net::SocketError AddSocket(Socket* socket);
   void RemoveSocket(Socket* socket);
-  net::SocketError Send(const Socket& socket, std::span<const uint8_t> bytes);
+  net::SocketError Send(Socket& socket, std::span<const uint8_t> bytes, uint32_t* send_id);
   net::ResolveResult Resolve(const std::string& host, uint16_t port, base::TimeDelta timeout);
+  void ResolveInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                           std::function<void(net::ResolveResult)> done);
 
  private:
   class Queue;
@@ -185,6 +191,9 @@ class World {
   void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
                        std::vector<uint8_t> bytes, int64_t arrival_us, bool is_filtered);
   bool IsSuspendedAt(int64_t ticks_us) const;
+  HostEntry FindHost(const std::string& host) const;
+  net::ResolveResult AnswerLookUp(const HostEntry& entry, const std::string& host, uint16_t port,
+                                  base::TimeDelta timeout);
 
   const int64_t begin_us_;
   int64_t steady_us_;
@@ -215,6 +224,7 @@ struct World::Socket {
   net::IPEndPoint remote;
   net::IPEndPoint local;
   net::DatagramSocket::Callbacks callbacks;
+  uint32_t send_count = 0;
 };
 
 }  // namespace skorra::sim

@@ -1,15 +1,10 @@
-// Syncs against a real NTP server that somebody else wrote: chronyd, as its own process on the loopback
-// interface. It serves the machine's own clock, so the offset is zero.
+// Syncs against a real NTP server that somebody else wrote, which serves the machine's own clock: the offset
+// is zero.
 #include <gtest/gtest.h>
-#include <pwd.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -18,62 +13,13 @@
 #include "platform/base/time.h"
 #include "platform/core/thread_manager.h"
 #include "tests/child_process.h"
-#include "tests/loopback_udp.h"
+#include "tests/chronyd.h"
 #include "tests/wait_until.h"
 
 namespace skorra {
 namespace {
 
 using Family = net::IPEndPoint::Family;
-
-constexpr const char* kChronyd = "/usr/sbin/chronyd";
-
-std::string MakeTemporaryFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "skorra-chrony-XXXXXX").string();
-  return mkdtemp(name.data()) == nullptr ? "" : name;
-}
-
-class Chronyd {
- public:
-  explicit Chronyd(Family family)
-      : folder_(MakeTemporaryFolder()), endpoint_(UnusedEndPoint(family)), child_(Command()) {}
-  ~Chronyd() {
-    child_.Signal(SIGTERM);
-    child_.Wait();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
-
-  const net::IPEndPoint& endpoint() const { return endpoint_; }
-
-  // Asks it until it answers as a synchronised server.
-  bool IsUp() const {
-    const LoopbackUdp client(endpoint_.family());
-    std::vector<uint8_t> request(48);
-    request[0] = 4 << 3 | 3;
-    return WaitUntil([&] {
-      client.SendTo(endpoint_, request);
-      const auto reply = client.Receive(50);
-      return reply && reply->size() >= 48 && (*reply)[0] >> 6 != 3 && (*reply)[1] == 8;
-    });
-  }
-
- private:
-  std::vector<std::string> Command() const {
-    const std::string config = folder_ + "/chrony.conf";
-    // Nothing of the system's own chrony is touched: no clock, no command socket, no file outside.
-    std::ofstream(config) << "port " << endpoint_.port() << "\n"
-                          << "bindaddress " << (endpoint_.family() == Family::kIPv6 ? "::1" : "127.0.0.1")
-                          << "\nallow all\nlocal stratum 8\ncmdport 0\nbindcmdaddress /\npidfile " << folder_
-                          << "/chronyd.pid\n";
-    const passwd* const user = getpwuid(getuid());
-    return {kChronyd, "-x", "-d", "-U", "-u", user == nullptr ? "root" : user->pw_name, "-f", config};
-  }
-
-  const std::string folder_;
-  const net::IPEndPoint endpoint_;
-  ChildProcess child_;
-};
 
 std::shared_ptr<core::TaskQueue> NtpQueue() {
   return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
@@ -126,11 +72,8 @@ int64_t SmallestDifferenceUs(NtpTimeManager& manager) {
 class ChronyTest : public testing::TestWithParam<Family> {
  protected:
   void SetUp() override {
-    if (access(kChronyd, X_OK) != 0) {
-      GTEST_SKIP() << kChronyd << " is not installed";
-    }
-    if (!LoopbackUdp(GetParam()).is_open()) {
-      GTEST_SKIP() << "this machine has no loopback address of the family";
+    if (const std::string reason = Chronyd::WhyNotHere(GetParam()); !reason.empty()) {
+      GTEST_SKIP() << reason;
     }
   }
 };

@@ -118,7 +118,8 @@ TEST_F(ConfigFileTest, ADomainMustBeAText) {
 
 TEST_F(ConfigFileTest, AnUnknownKeyNamesTheKnownOnes) {
   EXPECT_THAT(Load("interval = 5\n[server]\n"),
-              ElementsAre(HasSubstr("ntp.sync_interval, ntp.resolve_timeout_ms, ntp.default_domain"),
+              ElementsAre(HasSubstr("ntp.sync_interval, ntp.resolve_timeout_ms, ntp.requests_per_burst, "
+                                    "ntp.max_root_distance_ms, ntp.max_round_trip_ms, ntp.default_domain"),
                           HasSubstr("unknown key 'server'")));
 }
 

@@ -13,7 +13,9 @@ namespace skorra {
 namespace {
 
 constexpr size_t kHeaderBytes = 12;
+constexpr size_t kRecordHeaderBytes = 12;
 constexpr uint8_t kTypeIPv4 = 1;
+constexpr uint8_t kTypeAlias = 5;
 constexpr uint8_t kTypeIPv6 = 28;
 
 // Where the first question ends, nothing when there is no whole one.
@@ -26,19 +28,37 @@ std::optional<size_t> QuestionEnd(const std::vector<uint8_t>& packet) {
   return at <= packet.size() ? std::optional(at) : std::nullopt;
 }
 
+// RFC 1035, section 4.1.3; the name of the record is that at `name_offset` of the packet.
+void AppendRecord(std::vector<uint8_t>* packet, size_t name_offset, uint8_t type, uint32_t ttl_s,
+                  const std::vector<uint8_t>& data) {
+  for (const uint64_t number : {uint64_t{0xc000} + name_offset, uint64_t{type}, uint64_t{1}}) {
+    packet->push_back(static_cast<uint8_t>(number >> 8));
+    packet->push_back(static_cast<uint8_t>(number));
+  }
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    packet->push_back(static_cast<uint8_t>(ttl_s >> shift));
+  }
+  packet->push_back(0);
+  packet->push_back(static_cast<uint8_t>(data.size()));
+  packet->insert(packet->end(), data.begin(), data.end());
+}
+
 std::vector<uint8_t> Answer(const std::vector<uint8_t>& question, size_t question_end, uint8_t type,
                             const FakeNameServer::Behaviour& behaviour) {
   std::vector<uint8_t> answer(question.begin(), question.begin() + static_cast<std::ptrdiff_t>(question_end));
-  const auto count = static_cast<uint8_t>(behaviour.addresses.size());
+  const size_t count = behaviour.addresses.size() + (behaviour.alias_ttl_s ? 1 : 0);
   answer[2] = 0x81;  // a response, recursion desired
   answer[3] = static_cast<uint8_t>(0x80 | behaviour.response_code);
-  const std::array<uint8_t, 8> counts = {0, 1, 0, count, 0, 0, 0, 0};
+  const std::array<uint8_t, 8> counts = {0, 1, 0, static_cast<uint8_t>(count), 0, 0, 0, 0};
   std::copy(counts.begin(), counts.end(), answer.begin() + 4);
+  size_t name_offset = kHeaderBytes;
+  if (behaviour.alias_ttl_s) {
+    AppendRecord(&answer, name_offset, kTypeAlias, *behaviour.alias_ttl_s,
+                 {4, 'r', 'e', 'a', 'l', 0xc0, kHeaderBytes});
+    name_offset = question_end + kRecordHeaderBytes;
+  }
   for (const std::vector<uint8_t>& address : behaviour.addresses) {
-    const auto size = static_cast<uint8_t>(address.size());
-    const std::array<uint8_t, 12> record = {0xc0, kHeaderBytes, 0, type, 0, 1, 0, 0, 0, 60, 0, size};
-    answer.insert(answer.end(), record.begin(), record.end());
-    answer.insert(answer.end(), address.begin(), address.end());
+    AppendRecord(&answer, name_offset, type, behaviour.ttl_s, address);
   }
   return answer;
 }
@@ -50,6 +70,7 @@ FakeNameServer::FakeNameServer(Options options)
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  local.sin_port = htons(options_.port);
   socklen_t size = sizeof local;
   bind(fd_, reinterpret_cast<sockaddr*>(&local), size);
   getsockname(fd_, reinterpret_cast<sockaddr*>(&local), &size);

@@ -1,19 +1,25 @@
 // Look-ups on name servers that answer well, badly, late or not at all.
 #include "platform/net/host_resolver.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "platform/base/lock.h"
+#include "platform/base/log.h"
 #include "platform/linux/name_lookup.h"
 #include "tests/fake_name_server.h"
 #include "tests/loopback_udp.h"
+#include "tests/refuse_system_call.h"
 #include "tests/wait_until.h"
 
 namespace net {
@@ -178,7 +184,72 @@ TEST(HostResolverTest, ANameOfTheHostsFileNeedsNoNameServer) {
   const FakeNameServer silent({{true, 0, {}}, {true, 0, {}}, 0});
   const ResolveResult result = internal::LookUpHost(name, 123, kLong, silent.address());
   EXPECT_THAT(result.addresses, Not(IsEmpty())) << name << ": " << result.detail;
+  EXPECT_EQ(result.ttl, base::TimeDelta::Max());
   EXPECT_EQ(silent.question_count(), 0);
+}
+
+TEST(HostResolverTest, TheShortestTimeToLiveCounts) {
+  const struct {
+    const char* what;
+    FakeNameServer::Behaviour ipv4;
+    FakeNameServer::Behaviour ipv6;
+    int64_t expected_s;
+  } rows[] = {
+      {"One family has the only record.", {.addresses = {kFirst}, .ttl_s = 700}, {}, 700},
+      {"That of IPv4 is shorter.",
+       {.addresses = {kFirst}, .ttl_s = 300},
+       {.addresses = {kSixth}, .ttl_s = 700},
+       300},
+      {"That of IPv6 is shorter.",
+       {.addresses = {kFirst}, .ttl_s = 700},
+       {.addresses = {kSixth}, .ttl_s = 300},
+       300},
+      {"The name is an alias that ends before the address does.",
+       {.addresses = {kFirst}, .ttl_s = 700, .alias_ttl_s = 120},
+       {},
+       120},
+      {"The address ends before the alias that leads to it.",
+       {.addresses = {kFirst}, .ttl_s = 110, .alias_ttl_s = 700},
+       {},
+       110},
+      {"No time at all.", {.addresses = {kFirst}, .ttl_s = 0}, {}, 0},
+      {"The longest that there is.", {.addresses = {kFirst}, .ttl_s = 0x7fffffff}, {}, 0x7fffffff},
+      {"The highest bit is set: that is 0.", {.addresses = {kFirst}, .ttl_s = 0x80000001}, {}, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const FakeNameServer server({row.ipv4, row.ipv6, 0});
+    const ResolveResult result = internal::LookUpHost(kName, 123, kLong, server.address());
+    EXPECT_THAT(result.addresses, Not(IsEmpty())) << result.detail;
+    EXPECT_EQ(result.ttl, base::TimeDelta::FromSeconds(row.expected_s));
+  }
+}
+
+TEST(HostResolverTest, WhereTheSystemRefusesTheThreadALookUpInTheBackgroundWaitsForALaterOne) {
+  base::Lock lock;
+  std::vector<std::string> reported;
+  const auto look_up = [&](const std::string& literal) {
+    ResolveHostInBackground(literal, 123, kLong, [&](const ResolveResult& result) {
+      const base::AutoLock guard(lock);
+      reported.push_back(result.addresses.at(0).ToString());
+    });
+  };
+  const auto reported_count = [&] {
+    const base::AutoLock guard(lock);
+    return reported.size();
+  };
+  base::SetLogSink([](const base::LogLine&) {});
+  bool is_refused = false;
+  std::thread([&] {
+    is_refused = skorra::RefuseSystemCallOnThisThread(SYS_clone3, EAGAIN);
+    look_up("192.0.2.1");
+  }).join();
+  base::SetLogSink({});
+  ASSERT_TRUE(is_refused);
+  EXPECT_EQ(reported_count(), 0u);
+  look_up("192.0.2.2");
+  ASSERT_TRUE(skorra::WaitUntil([&] { return reported_count() == 2; }));
+  EXPECT_THAT(reported, ElementsAre("192.0.2.1:123", "192.0.2.2:123"));
 }
 
 TEST(HostResolverTest, ATimeoutOfZeroAsksNobodyForLong) {

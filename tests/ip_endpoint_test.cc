@@ -63,6 +63,7 @@ TEST(IPEndPointTest, WhatIsNoLiteralIsRefused) {
                                     "2001:db8::1%1",
                                     "fe80::1%4294967296",
                                     "fe80::1%no-such-interface",
+                                    "fe80::1%lo:123",
                                     "2001:db8::g",
                                     "::1\0"sv,
                                     "fe80::1%0"};
@@ -155,6 +156,7 @@ TEST(ParseHostPortTest, EverythingElseIsRefusedWithTheReason) {
       {"[::1]:0", "port is not a number", "port 0 after brackets"},
       {"host:1:2", "neither an IPv6 address nor host:port", "two colons"},
       {"2001:db8::g", "neither an IPv6 address nor host:port", "nearly IPv6"},
+      {"fe80::1%lo:123", "neither an IPv6 address nor host:port", "a port behind a scope, without brackets"},
       {"[::1", "closing ']'", "no closing bracket"},
       {"[]", "brackets must hold an IPv6", "empty brackets"},
       {"[192.0.2.1]:123", "brackets must hold an IPv6", "IPv4 in brackets"},

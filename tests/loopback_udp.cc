@@ -43,37 +43,45 @@ Address ToAddress(const net::IPEndPoint& endpoint) {
   return address;
 }
 
-uint16_t BoundPort(int fd) {
-  Address address;
-  address.size = sizeof address.storage;
-  getsockname(fd, address.get(), &address.size);
+net::IPEndPoint ToEndPoint(const Address& address) {
   if (address.storage.ss_family == AF_INET6) {
     sockaddr_in6 in6{};
     std::memcpy(&in6, &address.storage, sizeof in6);
-    return ntohs(in6.sin6_port);
+    std::array<uint8_t, 16> bytes{};
+    std::memcpy(bytes.data(), &in6.sin6_addr, bytes.size());
+    return net::IPEndPoint::FromIPv6(bytes, ntohs(in6.sin6_port));
   }
   sockaddr_in in{};
   std::memcpy(&in, &address.storage, sizeof in);
-  return ntohs(in.sin_port);
+  std::array<uint8_t, 4> bytes{};
+  std::memcpy(bytes.data(), &in.sin_addr, bytes.size());
+  return net::IPEndPoint::FromIPv4(bytes, ntohs(in.sin_port));
+}
+
+net::IPEndPoint BoundEndPoint(int fd) {
+  Address address;
+  address.size = sizeof address.storage;
+  getsockname(fd, address.get(), &address.size);
+  return ToEndPoint(address);
 }
 
 net::IPEndPoint Loopback(Family family, uint16_t port) {
-  return family == Family::kIPv6
-             ? net::IPEndPoint::FromIPv6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, port)
-             : net::IPEndPoint::FromIPv4({127, 0, 0, 1}, port);
+  return *net::IPEndPoint::FromLiteral(family == Family::kIPv6 ? "::1" : "127.0.0.1", port);
 }
 
 }  // namespace
 
-LoopbackUdp::LoopbackUdp(Family family)
-    : fd_(socket(family == Family::kIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-  const Address address = ToAddress(Loopback(family, 0));
-  if (fd_ >= 0 && bind(fd_, address.get(), address.size) != 0) {
+LoopbackUdp::LoopbackUdp(Family family) : LoopbackUdp(Loopback(family, 0)) {}
+
+LoopbackUdp::LoopbackUdp(const net::IPEndPoint& address)
+    : fd_(socket(address.family() == Family::kIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  const Address wanted = ToAddress(address);
+  if (fd_ >= 0 && bind(fd_, wanted.get(), wanted.size) != 0) {
     close(fd_);
     fd_ = -1;
   }
   if (fd_ >= 0) {
-    local_ = Loopback(family, BoundPort(fd_));
+    local_ = BoundEndPoint(fd_);
   }
 }
 
@@ -89,17 +97,22 @@ bool LoopbackUdp::SendTo(const net::IPEndPoint& to, std::span<const uint8_t> byt
          static_cast<ssize_t>(bytes.size());
 }
 
-std::optional<std::vector<uint8_t>> LoopbackUdp::Receive(int timeout_ms) const {
+std::optional<std::vector<uint8_t>> LoopbackUdp::Receive(int timeout_ms, net::IPEndPoint* source) const {
   pollfd readable{fd_, POLLIN, 0};
   if (poll(&readable, 1, timeout_ms) != 1) {
     return std::nullopt;
   }
   std::vector<uint8_t> bytes(2048);
-  const ssize_t size = recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  Address sender;
+  sender.size = sizeof sender.storage;
+  const ssize_t size = recvfrom(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT, sender.get(), &sender.size);
   if (size < 0) {
     return std::nullopt;
   }
   bytes.resize(static_cast<size_t>(size));
+  if (source != nullptr) {
+    *source = ToEndPoint(sender);
+  }
   return bytes;
 }
 

@@ -14,6 +14,8 @@ class LoopbackUdp {
  public:
   // Bound to a free port of 127.0.0.1 or ::1.
   explicit LoopbackUdp(net::IPEndPoint::Family family = net::IPEndPoint::Family::kIPv4);
+  // Bound to any loopback address; port 0 is a free one.
+  explicit LoopbackUdp(const net::IPEndPoint& address);
   ~LoopbackUdp();
   LoopbackUdp(const LoopbackUdp&) = delete;
   LoopbackUdp& operator=(const LoopbackUdp&) = delete;
@@ -21,10 +23,11 @@ class LoopbackUdp {
   // False when the machine has no such loopback address.
   bool is_open() const { return fd_ >= 0; }
   net::IPEndPoint local() const { return local_; }
+  int fd() const { return fd_; }  // for poll
 
   bool SendTo(const net::IPEndPoint& to, std::span<const uint8_t> bytes) const;
-  // The next datagram, whoever sent it; nothing when none comes in time.
-  std::optional<std::vector<uint8_t>> Receive(int timeout_ms) const;
+  // The next datagram, whoever sent it, which `*source` then names; nothing when none comes in time.
+  std::optional<std::vector<uint8_t>> Receive(int timeout_ms, net::IPEndPoint* source = nullptr) const;
 
  private:
   int fd_ = -1;

@@ -15,6 +15,7 @@
 #include "sim/network.h"
 #include "sim/world.h"
 #include "tests/ntp_time_manager_peer.h"
+#include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 
@@ -56,6 +57,7 @@ class ManagerTest : public ::testing::Test {
   }
 
   ManagerTest() {
+    NtpAddressLedger::GetInstance()->Clear();
     base::SetLogThreshold(0);
     base::SetLogSink([this](const base::LogLine& line) {
       EXPECT_STREQ(line.file, "ntp/ntp_time_manager_impl");
@@ -106,6 +108,16 @@ class ManagerTest : public ::testing::Test {
     ASSERT_EQ(manager().Start(), 0);
     world.RunFor(Us(0));
     log.clear();
+  }
+
+  // A server that answers, so that its address is not asked a second time, but with nothing usable.
+  void AddUnsynchronisedServer(const std::string& address) {
+    network.AddServer(Address(address), {.leap_indicator = kNtpLeapUnsynchronized});
+  }
+  // The second burst that a domain with one silent address may send in an attempt, without sending it.
+  void UseUpRepetition(size_t domain) {
+    uint32_t retry_count = 0;
+    ASSERT_TRUE(Domain(domain)->Retry(retry_count));
   }
 
   // Reports samples as the packet handler does.

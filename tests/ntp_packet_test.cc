@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,21 @@ TEST(NtpPacketTest, ARequestIsAllZeroButVersionModeAndNonce) {
   EXPECT_EQ(MakeRequest(0x0123456789abcdef), kGolden[0].packet);
 }
 
+constexpr int64_t kMaxRootDistanceUs = 5000000;
+
+// What the packet itself is rejected for.
+ReplyRejection Judge(std::span<const uint8_t> bytes) {
+  const auto packet = DecodePacket(bytes);
+  if (!packet) {
+    return ReplyRejection::kShort;
+  }
+  if (!AreExtensionFields(bytes.subspan(kNtpPacketSize))) {
+    return ReplyRejection::kExtension;
+  }
+  const ReplyRejection rejection = CheckHeader(*packet);
+  return rejection == ReplyRejection::kNone ? CheckReply(*packet, kMaxRootDistanceUs) : rejection;
+}
+
 TEST(NtpPacketTest, EveryFirstByteIsSplitPutTogetherAndJudged) {
   unsigned first = 0;
   for (uint8_t leap = 0; leap < 4; ++leap) {
@@ -119,7 +135,7 @@ TEST(NtpPacketTest, EveryFirstByteIsSplitPutTogetherAndJudged) {
         } else if (leap == 3) {
           expected = ReplyRejection::kLeap;
         }
-        EXPECT_EQ(CheckReply(*packet), expected);
+        EXPECT_EQ(Judge(bytes), expected);
       }
     }
   }
@@ -142,8 +158,9 @@ TEST(NtpPacketTest, OnlyTheStrataOneToFifteenAreAccepted) {
     const auto packet = DecodePacket(bytes);
     ASSERT_TRUE(packet.has_value());
     EXPECT_EQ(packet->stratum, stratum);
-    EXPECT_EQ(CheckReply(*packet),
-              stratum >= 1 && stratum <= 15 ? ReplyRejection::kNone : ReplyRejection::kStratum);
+    EXPECT_EQ(Judge(bytes), stratum == 0    ? ReplyRejection::kStratumZero
+                            : stratum <= 15 ? ReplyRejection::kNone
+                                            : ReplyRejection::kStratum);
   }
 }
 
@@ -158,6 +175,7 @@ struct Reply {
 
 constexpr size_t kFlags = 0;
 constexpr size_t kStratum = 1;
+constexpr size_t kRootDelay = 4;
 constexpr size_t kReceive = 32;
 constexpr size_t kTransmit = 40;
 constexpr size_t kAll = kNtpPacketSize;
@@ -167,9 +185,10 @@ const Reply kReplies[] = {
     {"An empty datagram.", 0, 0, {}, ReplyRejection::kShort},
     {"A single byte, itself in order.", 1, 0, {}, ReplyRejection::kShort},
     {"Cut inside the last field.", 47, 0, {}, ReplyRejection::kShort},
-    {"One byte follows the header.", 49, 0, {}, ReplyRejection::kNone},
-    {"Twenty bytes follow, as a key number and a digest would.", 68, 0, {}, ReplyRejection::kNone},
-    {"As long as a datagram can be.", 65507, 0, {}, ReplyRejection::kNone},
+    {"One byte follows the header.", 49, 0, {}, ReplyRejection::kExtension},
+    {"Twenty bytes follow, as a key number and a digest would.", 68, 0, {}, ReplyRejection::kExtension},
+    {"An extension field of 28 bytes follows.", 76, 48, {0x01, 0x04, 0, 28}, ReplyRejection::kNone},
+    {"As long as a datagram can be.", 65507, 0, {}, ReplyRejection::kExtension},
     {"The reserved mode 0.", kAll, kFlags, {0x20}, ReplyRejection::kMode},
     {"Our own request, reflected.", kAll, kFlags, {0x23}, ReplyRejection::kMode},
     {"A broadcast, which answers no request.", kAll, kFlags, {0x25}, ReplyRejection::kMode},
@@ -180,7 +199,12 @@ const Reply kReplies[] = {
     {"Version 3, the older one that is spoken.", kAll, kFlags, {0x1c}, ReplyRejection::kNone},
     {"A leap second to be removed tonight.", kAll, kFlags, {0xa4}, ReplyRejection::kNone},
     {"The server has not set its clock yet.", kAll, kFlags, {0xe4}, ReplyRejection::kLeap},
-    {"A kiss code: stratum 0.", kAll, kStratum, {0x00}, ReplyRejection::kStratum},
+    {"Stratum 0.", kAll, kStratum, {0x00}, ReplyRejection::kStratumZero},
+    {"Stratum 0 comes before the leap indicator, which kiss codes set too.",
+     kAll,
+     kFlags,
+     {0xe4, 0x00},
+     ReplyRejection::kStratumZero},
     {"Stratum 16 means not synchronised.", kAll, kStratum, {0x10}, ReplyRejection::kStratum},
     {"No receive time stamp.", kAll, kReceive, {0, 0, 0, 0, 0, 0, 0, 0}, ReplyRejection::kZeroReceive},
     {"No transmit time stamp.", kAll, kTransmit, {0, 0, 0, 0, 0, 0, 0, 0}, ReplyRejection::kZeroTransmit},
@@ -219,6 +243,24 @@ const Reply kReplies[] = {
      kReceive,
      {0, 0, 0, 0, 0, 0, 0, 1, 0x80, 0, 0, 0, 0, 0, 0, 1},
      ReplyRejection::kTransmitBeforeReceive},
+    {"A root delay of 10 s and no dispersion: the limit itself.",
+     kAll,
+     kRootDelay,
+     {0, 10, 0, 0, 0, 0, 0, 0},
+     ReplyRejection::kNone},
+    {"One unit of 2^-16 s more delay.",
+     kAll,
+     kRootDelay,
+     {0, 10, 0, 1, 0, 0, 0, 0},
+     ReplyRejection::kRootDistance},
+    {"A dispersion of 5 s and no delay: the limit itself.",
+     kAll,
+     kRootDelay,
+     {0, 0, 0, 0, 0, 5, 0, 0},
+     ReplyRejection::kNone},
+    {"One unit more dispersion.", kAll, kRootDelay, {0, 0, 0, 0, 0, 5, 0, 1}, ReplyRejection::kRootDistance},
+    {"The largest delay and dispersion.", kAll, kRootDelay, std::vector<uint8_t>(8, 0xff),
+     ReplyRejection::kRootDistance},
     {"All ones: the mode is named, although everything else is wrong as well.", kAll, 0,
      std::vector<uint8_t>(kAll, 0xff), ReplyRejection::kMode},
 };
@@ -230,9 +272,7 @@ TEST(NtpPacketTest, MalformedRepliesAreRejectedForTheirReason) {
     bytes.resize(reply.size, 0xee);
     std::copy(reply.patch.begin(), reply.patch.end(),
               bytes.begin() + static_cast<std::ptrdiff_t>(reply.position));
-    const auto packet = DecodePacket(bytes);
-    const ReplyRejection rejection = packet ? CheckReply(*packet) : ReplyRejection::kShort;
-    EXPECT_STREQ(ReplyRejectionName(rejection), ReplyRejectionName(reply.expected));
+    EXPECT_STREQ(ReplyRejectionName(Judge(bytes)), ReplyRejectionName(reply.expected));
   }
 }
 
@@ -242,19 +282,123 @@ TEST(NtpPacketTest, BytesBehindTheHeaderDoNotChangeItsFields) {
   EXPECT_EQ(DecodePacket(bytes), kGolden[1].packet);
 }
 
+// What follows the header, field by field as lengths; the last entry may say less or more than there is.
+TEST(NtpPacketTest, OnlyWellFormedExtensionFieldsMayFollowTheHeader) {
+  const struct {
+    const char* what;
+    std::vector<size_t> said_lengths;
+    size_t size;  // of everything
+    bool expected;
+  } rows[] = {
+      {"Nothing.", {}, 0, true},
+      {"The shortest last field.", {28}, 28, true},
+      {"A last field that a MAC could be mistaken for.", {24}, 24, false},
+      {"Not even a field's own header.", {}, 3, false},
+      {"Less than the shortest field.", {12}, 12, false},
+      {"A field that says 0 would be walked for ever.", {0}, 28, false},
+      {"A length that is no multiple of four.", {30}, 30, false},
+      {"A field longer than the datagram.", {32}, 28, false},
+      {"A field of the smallest length before the last one.", {16, 28}, 44, true},
+      {"One of 12 bytes before the last one.", {12, 28}, 40, false},
+      {"A good field, and a rest that is none.", {28}, 30, false},
+      {"A good field, and behind it a MAC of 20 bytes.", {28}, 48, false},
+      {"Three fields.", {16, 20, 32}, 68, true},
+      {"A length in both of its bytes.", {260}, 260, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    std::vector<uint8_t> bytes(row.size);
+    size_t at = 0;
+    for (const size_t length : row.said_lengths) {
+      bytes[at + 2] = static_cast<uint8_t>(length >> 8);
+      bytes[at + 3] = static_cast<uint8_t>(length);
+      at += length;
+    }
+    EXPECT_EQ(AreExtensionFields(bytes), row.expected);
+  }
+}
+
+TEST(NtpPacketTest, TheRootDistanceIsHalfTheDelayAndTheWholeDispersion) {
+  const struct {
+    uint32_t root_delay;
+    uint32_t root_dispersion;
+    int64_t expected_us;
+  } rows[] = {
+      {0, 0, 0},
+      {0x10000, 0, 500000},
+      {0, 0x10000, 1000000},
+      {0x20000, 0x8000, 1500000},
+      {1, 0, 7},   // 7.63
+      {3, 0, 22},  // 22.89: half of an odd delay is kept
+      {0, 1, 15},  // 15.26
+      {0xffffffff, 0xffffffff, 98303999977},
+  };
+  for (const auto& row : rows) {
+    NtpPacket packet;
+    packet.root_delay = row.root_delay;
+    packet.root_dispersion = row.root_dispersion;
+    EXPECT_EQ(RootDistanceUs(packet), row.expected_us);
+  }
+}
+
+TEST(NtpPacketTest, AKissCodeIsFourLettersAtStratumZero) {
+  const auto letters = [](const char* code) {
+    return uint32_t{static_cast<uint8_t>(code[0])} << 24 | uint32_t{static_cast<uint8_t>(code[1])} << 16 |
+           uint32_t{static_cast<uint8_t>(code[2])} << 8 | static_cast<uint8_t>(code[3]);
+  };
+  const struct {
+    const char* what;
+    uint8_t stratum;
+    uint32_t reference_id;
+    const char* expected;
+  } rows[] = {
+      {"Asked too often.", 0, letters("RATE"), "rate"},
+      {"Denied.", 0, letters("DENY"), "deny"},
+      {"Restricted.", 0, letters("RSTR"), "rstr"},
+      {"Not synchronised yet.", 0, letters("INIT"), "init"},
+      {"Stepped.", 0, letters("STEP"), "step"},
+      {"A code of the standard that asks nothing of this client.", 0, letters("DROP"), "unknown"},
+      {"One for experiments.", 0, letters("XABC"), "unknown"},
+      {"A code in small letters is another one.", 0, letters("rate"), "unknown"},
+      {"The first and the last letter that can be printed.", 0, letters("!~!~"), "unknown"},
+      {"A space is no letter.", 0, letters("RAT "), "none"},
+      {"The character after the last letter.", 0, letters("RAT\x7f"), "none"},
+      {"No reference identifier.", 0, 0, "none"},
+      {"An address.", 0, 0xc0000201, "none"},
+      {"At stratum 1 the letters name a clock.", 1, letters("RATE"), "none"},
+      {"At stratum 16 too.", 16, letters("RATE"), "none"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    NtpPacket packet;
+    packet.stratum = row.stratum;
+    packet.reference_id = row.reference_id;
+    EXPECT_STREQ(KissCodeName(ReadKissCode(packet)), row.expected);
+  }
+}
+
 TEST(NtpPacketTest, EveryRejectionHasItsName) {
   const std::vector<std::pair<ReplyRejection, const char*>> names = {
       {ReplyRejection::kNone, "none"},
+      {ReplyRejection::kWrongSource, "wrong_source"},
+      {ReplyRejection::kTruncated, "truncated"},
       {ReplyRejection::kShort, "short"},
+      {ReplyRejection::kExtension, "extension"},
       {ReplyRejection::kMode, "mode"},
       {ReplyRejection::kVersion, "version"},
+      {ReplyRejection::kZeroOrigin, "zero_origin"},
+      {ReplyRejection::kUnknownNonce, "unknown_nonce"},
+      {ReplyRejection::kDuplicate, "duplicate"},
+      {ReplyRejection::kExpired, "expired"},
+      {ReplyRejection::kStratumZero, "stratum_zero"},
       {ReplyRejection::kLeap, "leap"},
       {ReplyRejection::kStratum, "stratum"},
       {ReplyRejection::kZeroReceive, "zero_receive"},
       {ReplyRejection::kZeroTransmit, "zero_transmit"},
       {ReplyRejection::kTransmitBeforeReceive, "transmit_before_receive"},
-      {ReplyRejection::kUnknownNonce, "unknown_nonce"},
-      {ReplyRejection::kWrongSource, "wrong_source"},
+      {ReplyRejection::kRootDistance, "root_distance"},
+      {ReplyRejection::kNegativeRoundTrip, "negative_round_trip"},
+      {ReplyRejection::kLongRoundTrip, "long_round_trip"},
   };
   for (const auto& [rejection, name] : names) {
     EXPECT_STREQ(ReplyRejectionName(rejection), name);

@@ -8,6 +8,7 @@
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 namespace {
@@ -130,16 +131,18 @@ TEST_F(NtpTimeDomainInfoTest, RetriesWalkTheAddressesInOrderAndAreCounted) {
 }
 
 TEST_F(NtpTimeDomainInfoTest, NoRetryIsGrantedBeyondTheLastAddress) {
-  for (const char* domain : {"one.test", "nobody.test"}) {
-    SCOPED_TRACE(domain);
-    NtpTimeDomainInfo info(domain);
-    const net::IPEndPoint address = info.GetCurrentIPAddress();
-    uint32_t total_retry_count = 7;
-    EXPECT_FALSE(info.Retry(total_retry_count));
-    EXPECT_FALSE(info.Retry(total_retry_count));
-    EXPECT_EQ(total_retry_count, 7u);
-    EXPECT_EQ(info.GetCurrentIPAddress(), address);
-  }
+  NtpTimeDomainInfo info("three.test");
+  uint32_t total_retry_count = 0;
+  ASSERT_TRUE(info.Retry(total_retry_count));
+  ASSERT_TRUE(info.Retry(total_retry_count));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 2u);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+
+  NtpTimeDomainInfo nobody("nobody.test");
+  EXPECT_FALSE(nobody.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 2u);
 }
 
 TEST_F(NtpTimeDomainInfoTest, ResetGoesBackToTheFirstAddressAndDropsTheSamples) {
@@ -170,6 +173,425 @@ TEST_F(NtpTimeDomainInfoTest, ACopyGoesItsOwnWay) {
   copy.Reset();
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("2001:db8::2", 123));
   EXPECT_EQ(info.samples().size(), 1u);
+}
+
+// --- The order of the addresses.
+
+TEST_F(NtpTimeDomainInfoTest, TheFamiliesTakeTurns) {
+  const struct {
+    const char* what;
+    std::vector<const char*> resolved;
+    std::vector<const char*> expected;
+  } rows[] = {
+      {"One family alone keeps its order.",
+       {"192.0.2.3", "192.0.2.1", "192.0.2.2"},
+       {"192.0.2.3", "192.0.2.1", "192.0.2.2"}},
+      {"The first address says which family begins: here IPv6.",
+       {"2001:db8::1", "2001:db8::2", "192.0.2.1", "192.0.2.2"},
+       {"2001:db8::1", "192.0.2.1", "2001:db8::2", "192.0.2.2"}},
+      {"And here IPv4.",
+       {"192.0.2.1", "192.0.2.2", "2001:db8::1", "2001:db8::2"},
+       {"192.0.2.1", "2001:db8::1", "192.0.2.2", "2001:db8::2"}},
+      {"What one family has more comes at the end.",
+       {"192.0.2.1", "192.0.2.2", "192.0.2.3", "2001:db8::1"},
+       {"192.0.2.1", "2001:db8::1", "192.0.2.2", "192.0.2.3"}},
+      {"An address that comes twice counts once, where it stood first.",
+       {"192.0.2.1", "192.0.2.2", "192.0.2.1", "2001:db8::1", "2001:db8::1", "192.0.2.2"},
+       {"192.0.2.1", "2001:db8::1", "192.0.2.2"}},
+      {"Eight are exactly as many as may be.",
+       {"192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6", "192.0.2.7",
+        "192.0.2.8"},
+       {"192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6", "192.0.2.7",
+        "192.0.2.8"}},
+      {"The ninth is left out, once the families have taken turns: the only IPv6 address, last of all, "
+       "stays.",
+       {"192.0.2.1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6", "192.0.2.7",
+        "192.0.2.8", "2001:db8::1"},
+       {"192.0.2.1", "2001:db8::1", "192.0.2.2", "192.0.2.3", "192.0.2.4", "192.0.2.5", "192.0.2.6",
+        "192.0.2.7"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    sim::HostEntry entry;
+    for (const char* const address : row.resolved) {
+      entry.addresses.push_back(EndPoint(address, 0));
+    }
+    std::vector<net::IPEndPoint> expected;
+    for (const char* const address : row.expected) {
+      expected.push_back(EndPoint(address, 123));
+    }
+    world_.SetHost("many.test", entry);
+    const NtpTimeDomainInfo info("many.test");
+    EXPECT_EQ(info.addresses(), expected);
+    EXPECT_EQ(info.GetCurrentIPAddress(), expected.front());
+  }
+}
+
+// --- The list follows the name.
+
+class RefreshTest : public NtpTimeDomainInfoTest {
+ protected:
+  RefreshTest() { SetAddresses({"192.0.2.1"}); }
+
+  void SetAddresses(const std::vector<const char*>& addresses, base::TimeDelta ttl = kTtl,
+                    int64_t delay_us = 1000) {
+    sim::HostEntry entry{.addresses = {}, .delay_us = delay_us, .ttl = ttl};
+    for (const char* const address : addresses) {
+      entry.addresses.push_back(EndPoint(address, 0));
+    }
+    world_.SetHost("moving.test", entry);
+  }
+  void RunFor(int64_t duration_us) { world_.RunFor(base::TimeDelta::FromMicroseconds(duration_us)); }
+  // A look-up that has been started waits in the world as its only event.
+  bool IsLookingUp() const { return world_.pending_count() > 0; }
+
+  static constexpr base::TimeDelta kTtl = base::TimeDelta::FromSeconds(300);
+  static constexpr int64_t kTtlUs = 300000000;
+  static constexpr int64_t kSecondUs = 1000000;
+};
+
+TEST_F(RefreshTest, TheNewListComesWithTheResetAndNotBefore) {
+  SetAddresses({"192.0.2.1", "192.0.2.2"});
+  NtpTimeDomainInfo info("moving.test:99");
+  SetAddresses({"2001:db8::5", "2001:db8::5", "192.0.2.5"});
+  RunFor(kTtlUs);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 99));
+  ASSERT_TRUE(IsLookingUp());
+  RunFor(kSecondUs);
+  ASSERT_FALSE(IsLookingUp());
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 99));
+  uint32_t total_retry_count = 0;
+  ASSERT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.2", 99));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+
+  info.Reset();
+  EXPECT_EQ(info.addresses(), (std::vector{EndPoint("2001:db8::5", 99), EndPoint("192.0.2.5", 99)}));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("2001:db8::5", 99));
+  EXPECT_FALSE(IsLookingUp());
+}
+
+TEST_F(RefreshTest, AResetDoesNotWaitForTheLookUpItStarts) {
+  NtpTimeDomainInfo info("moving.test");
+  SetAddresses({"192.0.2.5"});
+  RunFor(kTtlUs);
+  const int64_t before_us = world_.steady_us();
+  info.Reset();
+  EXPECT_EQ(world_.steady_us(), before_us);
+  EXPECT_TRUE(IsLookingUp());
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  RunFor(kSecondUs);
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+}
+
+TEST_F(RefreshTest, AFreshListThatWaitsForTheResetIsNotLookedUpAgainBeforeItExpires) {
+  const NtpTimeDomainInfo info("moving.test");
+  RunFor(kTtlUs);
+  info.GetCurrentIPAddress();
+  ASSERT_TRUE(IsLookingUp());
+  world_.RunOne();
+  RunFor(kTtlUs - 1);
+  info.GetCurrentIPAddress();
+  EXPECT_FALSE(IsLookingUp());
+  RunFor(1);
+  info.GetCurrentIPAddress();
+  EXPECT_TRUE(IsLookingUp());
+}
+
+TEST_F(RefreshTest, AShorterListTakesThePlaceOfALongerOneInUse) {
+  SetAddresses({"192.0.2.1", "192.0.2.2", "192.0.2.3"});
+  NtpTimeDomainInfo info("moving.test");
+  uint32_t total_retry_count = 0;
+  ASSERT_TRUE(info.Retry(total_retry_count));
+  ASSERT_TRUE(info.Retry(total_retry_count));
+  SetAddresses({"192.0.2.5"});
+  RunFor(kTtlUs);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+  RunFor(kSecondUs);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+}
+
+TEST_F(RefreshTest, TheTimeToLiveCountsBetweenAMinuteAndADay) {
+  constexpr int64_t kDayS = 86400;
+  const struct {
+    const char* what;
+    base::TimeDelta ttl;
+    int64_t expected_s;
+  } rows[] = {
+      {"No time at all.", base::TimeDelta(), 60},
+      {"Just below the least.", base::TimeDelta::FromSeconds(59), 60},
+      {"The least.", base::TimeDelta::FromSeconds(60), 60},
+      {"Just above it.", base::TimeDelta::FromSeconds(61), 61},
+      {"The most.", base::TimeDelta::FromSeconds(kDayS), kDayS},
+      {"Just above it.", base::TimeDelta::FromSeconds(kDayS + 1), kDayS},
+      {"Nobody said how long.", base::TimeDelta::Max(), kDayS},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    SetAddresses({"192.0.2.1"}, row.ttl);
+    NtpTimeDomainInfo info("moving.test");
+    for (const char* const list : {"the first", "one that was adopted"}) {
+      SCOPED_TRACE(list);
+      RunFor(row.expected_s * kSecondUs - 1);
+      info.GetCurrentIPAddress();
+      info.Reset();
+      EXPECT_FALSE(IsLookingUp());
+      RunFor(1);
+      info.GetCurrentIPAddress();
+      EXPECT_TRUE(IsLookingUp());
+      world_.RunOne();
+      info.Reset();
+    }
+  }
+}
+
+TEST_F(RefreshTest, OneLookUpAtATimeHoweverOftenTheDomainIsUsed) {
+  NtpTimeDomainInfo info("moving.test");
+  SetAddresses({"192.0.2.5"}, base::TimeDelta(), 1500000);
+  RunFor(kTtlUs);
+  for (int i = 0; i < 100; ++i) {
+    info.GetCurrentIPAddress();
+    info.Reset();
+    EXPECT_EQ(world_.pending_count(), 1u);
+    RunFor(10000);
+  }
+}
+
+TEST_F(RefreshTest, AFailedLookUpKeepsTheListAndIsRepeatedAMinuteAfterItsBeginning) {
+  const struct {
+    const char* reason;
+    sim::HostEntry entry;
+  } rows[] = {
+      {"not_found", {}},
+      {"timed_out", {.addresses = {EndPoint("192.0.2.66", 0)}, .delay_us = 2000001}},
+      {"failed", {.addresses = {}, .error = net::ResolveError::kFailed}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.reason);
+    SetAddresses({"192.0.2.1", "192.0.2.2"});
+    NtpTimeDomainInfo info("moving.test");
+    const std::vector<net::IPEndPoint> list = info.addresses();
+    world_.SetHost("moving.test", row.entry);
+    RunFor(kTtlUs);
+    for (int i = 1; i <= 3; ++i) {
+      const uint64_t all_before = Count("refresh_failed");
+      const uint64_t before = Count(std::string("refresh_failed.") + row.reason);
+      const uint64_t without_address_before = Count(row.reason);
+      info.GetCurrentIPAddress();
+      ASSERT_TRUE(IsLookingUp());
+      RunFor(NtpTimeDomainInfo::kMinRefreshUs - 1);
+      EXPECT_EQ(Count("refresh_failed"), all_before + 1);
+      EXPECT_EQ(Count(std::string("refresh_failed.") + row.reason), before + 1);
+      EXPECT_EQ(Count(row.reason), without_address_before);
+      info.Reset();
+      info.GetCurrentIPAddress();
+      EXPECT_FALSE(IsLookingUp());
+      EXPECT_EQ(info.addresses(), list);
+      RunFor(1);
+    }
+    SetAddresses({"192.0.2.5"});
+    info.Reset();
+    RunFor(kSecondUs);
+    info.Reset();
+    EXPECT_EQ(info.addresses(), std::vector{EndPoint("192.0.2.5", 123)});
+  }
+}
+
+TEST_F(RefreshTest, ALookUpThatNeverReportsIsTakenForLostAfterTenMinutes) {
+  NtpTimeDomainInfo info("moving.test");
+  SetAddresses({"192.0.2.5"});
+  RunFor(kTtlUs);
+  world_.SetQueueAvailable(false);
+  info.GetCurrentIPAddress();
+  ASSERT_FALSE(IsLookingUp());
+  world_.SetQueueAvailable(true);
+
+  const uint64_t before = Count("refresh_failed.lost");
+  const uint64_t all_before = Count("refresh_failed");
+  RunFor(NtpTimeDomainInfo::kLostAfterUs - 1);
+  info.GetCurrentIPAddress();
+  info.Reset();
+  EXPECT_FALSE(IsLookingUp());
+  EXPECT_EQ(Count("refresh_failed.lost"), before);
+  RunFor(1);
+  info.GetCurrentIPAddress();
+  EXPECT_TRUE(IsLookingUp());
+  EXPECT_EQ(Count("refresh_failed.lost"), before + 1);
+  EXPECT_EQ(Count("refresh_failed"), all_before + 1);
+  RunFor(kSecondUs);
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+}
+
+TEST_F(RefreshTest, ALookUpMayOutliveItsDomain) {
+  SetAddresses({"192.0.2.1"}, base::TimeDelta());
+  {
+    const NtpTimeDomainInfo info("moving.test");
+    RunFor(NtpTimeDomainInfo::kMinRefreshUs);
+    info.GetCurrentIPAddress();
+  }
+  ASSERT_TRUE(IsLookingUp());
+  RunFor(kSecondUs);
+  EXPECT_FALSE(IsLookingUp());
+}
+
+TEST_F(RefreshTest, CopiesShareALookUpAndAdoptItEachInItsOwnReset) {
+  NtpTimeDomainInfo info("moving.test");
+  NtpTimeDomainInfo copy(info);
+  SetAddresses({"192.0.2.5"});
+  RunFor(kTtlUs);
+  info.GetCurrentIPAddress();
+  copy.GetCurrentIPAddress();
+  EXPECT_EQ(world_.pending_count(), 1u);
+  RunFor(kSecondUs);
+  copy.Reset();
+  EXPECT_EQ(copy.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  // The list that waits for the original is fresh: there is nothing to look up.
+  EXPECT_FALSE(IsLookingUp());
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+}
+
+TEST_F(RefreshTest, WhatIsNoNameOrHasNoAddressIsNeverLookedUpAgain) {
+  for (const char* const domain : {"192.0.2.1", "[2001:db8::1]:99", "nobody.test", "bad name", ""}) {
+    SCOPED_TRACE(domain);
+    NtpTimeDomainInfo info(domain);
+    const std::vector<net::IPEndPoint> list = info.addresses();
+    RunFor(3 * NtpTimeDomainInfo::kMaxRefreshUs);
+    info.GetCurrentIPAddress();
+    info.Reset();
+    EXPECT_FALSE(IsLookingUp());
+    EXPECT_EQ(info.addresses(), list);
+  }
+}
+
+// --- Which address is asked.
+
+// The ledger lives as long as the process: each test has addresses of its own.
+class HeldAddressTest : public NtpTimeDomainInfoTest {
+ protected:
+  // Asked once, the server sends `code`.
+  void Hold(const char* address, KissCode code) {
+    const net::IPEndPoint server = EndPoint(address, 123);
+    Ask(server);
+    NtpAddressLedger::GetInstance()->OnReply(server);
+    NtpAddressLedger::GetInstance()->OnRefusal(server, code, world_.steady_us(), 0);
+    ASSERT_NE(NtpAddressLedger::GetInstance()->Check(server, world_.steady_us()), SendRefusal::kNone);
+  }
+  void Ask(const net::IPEndPoint& server) {
+    uint32_t request_count = 20;
+    ASSERT_EQ(NtpAddressLedger::GetInstance()->BeginBurst(server, world_.steady_us(), &request_count),
+              SendRefusal::kNone);
+  }
+  void SetHost(const std::vector<const char*>& addresses) {
+    sim::HostEntry entry;
+    for (const char* const address : addresses) {
+      entry.addresses.push_back(EndPoint(address, 0));
+    }
+    world_.SetHost("held.test", entry);
+  }
+};
+
+TEST_F(HeldAddressTest, AHeldAddressIsPassedOver) {
+  SetHost({"198.51.100.1", "198.51.100.2", "198.51.100.3", "198.51.100.4"});
+  Hold("198.51.100.1", KissCode::kRate);
+  Hold("198.51.100.3", KissCode::kDeny);
+  NtpTimeDomainInfo info("held.test");
+  EXPECT_EQ(info.addresses().size(), 4u);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  uint32_t total_retry_count = 0;
+  EXPECT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.4", 123));
+  EXPECT_EQ(total_retry_count, 1u);
+  EXPECT_FALSE(info.Retry(total_retry_count));
+
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  Hold("198.51.100.4", KissCode::kRstr);
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  EXPECT_EQ(total_retry_count, 1u);
+
+  // Four hours later all have been served.
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kParkedUs));
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
+}
+
+TEST_F(HeldAddressTest, TheAddressInUseStaysAlsoWhenItComesToBeHeld) {
+  SetHost({"198.51.100.11", "198.51.100.12"});
+  NtpTimeDomainInfo info("held.test");
+  Hold("198.51.100.11", KissCode::kRate);
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.11", 123));
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
+  // And when it is held no longer: the retry went on from there.
+  Hold("198.51.100.12", KissCode::kDeny);
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kParkedUs));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
+}
+
+TEST_F(HeldAddressTest, WhenAllAreHeldTheFirstIsStillHandedOut) {
+  SetHost({"198.51.100.21", "198.51.100.22"});
+  Hold("198.51.100.21", KissCode::kDeny);
+  Hold("198.51.100.22", KissCode::kRate);
+  NtpTimeDomainInfo info("held.test");
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.21", 123));
+  uint32_t total_retry_count = 0;
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  info.Reset();
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.21", 123));
+}
+
+TEST_F(HeldAddressTest, AnOnlyAddressIsAskedTwiceWhenNothingComesBack) {
+  SetHost({"198.51.100.31"});
+  NtpTimeDomainInfo info("held.test");
+  uint32_t total_retry_count = 7;
+  for (const char* const attempt : {"the first attempt", "after a reset"}) {
+    SCOPED_TRACE(attempt);
+    Ask(info.GetCurrentIPAddress());
+    EXPECT_TRUE(info.Retry(total_retry_count));
+    EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.31", 123));
+    EXPECT_FALSE(info.Retry(total_retry_count));
+    info.Reset();
+  }
+  EXPECT_EQ(total_retry_count, 9u);
+}
+
+TEST_F(HeldAddressTest, AnOnlyAddressThatAnsweredAtAllIsNotAskedTwice) {
+  SetHost({"198.51.100.41"});
+  NtpTimeDomainInfo info("held.test");
+  uint32_t total_retry_count = 0;
+  Ask(info.GetCurrentIPAddress());
+  NtpAddressLedger::GetInstance()->OnReply(info.GetCurrentIPAddress());
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  // The next attempt's burst begins afresh.
+  info.Reset();
+  Ask(info.GetCurrentIPAddress());
+  EXPECT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 1u);
+}
+
+TEST_F(HeldAddressTest, AnOnlyAddressThatIsHeldIsNotAskedTwice) {
+  SetHost({"198.51.100.51"});
+  Hold("198.51.100.51", KissCode::kRate);
+  NtpTimeDomainInfo info("held.test");
+  uint32_t total_retry_count = 0;
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  // The back-off is over and the next burst meets silence, but a server that has limited us wants space
+  // between.
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kFirstBackOffUs));
+  Ask(info.GetCurrentIPAddress());
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kBurstSpacingUs - 1));
+  ASSERT_FALSE(NtpAddressLedger::GetInstance()->HasAnswered(info.GetCurrentIPAddress()));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 0u);
+  world_.RunFor(base::TimeDelta::FromMicroseconds(1));
+  EXPECT_TRUE(info.Retry(total_retry_count));
 }
 
 }  // namespace

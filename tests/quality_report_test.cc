@@ -404,9 +404,21 @@ TEST_F(QualityReportTest, AnAttemptAtTheDefaultDomainIsReportedUnderItsKindAndAs
   EXPECT_EQ(metrics(), (Metrics{1, 1, 0, 0}));
 }
 
+TEST_F(QualityReportTest, ASecondBurstToAnOnlyAddressBelongsToTheSameRequest) {
+  AddDomains({kName});
+  Sync();
+  const NtpTimeSyncStats report = manager().GetAndResetNtpQualityStats();
+  EXPECT_EQ(report.function_request_stats.at(0), (NtpFunctionRequestStats{6000, 6000, 1, 0, 0, 1, 6000}));
+  EXPECT_EQ(report.function_request_stats.at(2), (NtpFunctionRequestStats{6000, 6000, 1, 0, 2, 1, 6000}));
+  EXPECT_EQ(metrics(), (Metrics{0, 0, 0, 1}));
+}
+
 TEST_F(QualityReportTest, EveryDomainOfAFailedAttemptIsCountedAndTheAttemptOnce) {
   SetDefaultDomain("192.0.2.12");
   AddDomains({kName, "192.0.2.12", "192.0.2.13"});
+  for (const std::string& address : {kName, std::string("192.0.2.12"), std::string("192.0.2.13")}) {
+    AddUnsynchronisedServer(address);
+  }
   Sync();
   const NtpTimeSyncStats report = manager().GetAndResetNtpQualityStats();
   ASSERT_EQ(report.function_request_stats.size(), 3u);

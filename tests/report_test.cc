@@ -24,9 +24,7 @@ SyncReport Success() {
           .system_time_us = 1704067200000000,
           .took_ms = 203,
           .requests_sent = 20,
-          .samples_received = 18,
-          .rejected = {},
-          .socket_errors = {}};
+          .samples_received = 18};
 }
 
 SyncReport NoResult() {
@@ -41,9 +39,7 @@ SyncReport NoResult() {
           .system_time_us = {},
           .took_ms = 3201,
           .requests_sent = 20,
-          .samples_received = 0,
-          .rejected = {},
-          .socket_errors = {}};
+          .samples_received = 0};
 }
 
 TEST(ReportTest, ASuccessShowsTheOffsetTheServerAndBothTimes) {
@@ -62,7 +58,9 @@ TEST(ReportTest, ASuccessShowsTheOffsetTheServerAndBothTimes) {
 TEST(ReportTest, WithoutAResultThereIsNoOffsetAndNoTime) {
   SyncReport report = NoResult();
   report.rejected = {{"mode", 2}, {"origin", 18}};
-  report.socket_errors = {{"unreachable", 1}};
+  report.kiss_codes = {{"init", 1}};
+  report.withheld = {{"thinned", 12}};
+  report.socket_errors = {{"network_unreachable", 1}};
   EXPECT_EQ(ToText(report),
             "NTP time sync: no usable result (result -1)\n"
             "  offset       none\n"
@@ -70,7 +68,9 @@ TEST(ReportTest, WithoutAResultThereIsNoOffsetAndNoTime) {
             "  requests     20 sent\n"
             "  samples      0 received, 0 used\n"
             "  rejected     mode 2, origin 18\n"
-            "  errors       unreachable 1\n"
+            "  kiss codes   init 1\n"
+            "  withheld     thinned 12\n"
+            "  errors       network_unreachable 1\n"
             "  took         3201 ms\n");
 }
 
@@ -82,11 +82,24 @@ TEST(ReportTest, AnUnknownNumberOfUsedSamplesIsLeftOut) {
 
 TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
   SyncReport report = Success();
-  report.rejected = {{"origin", 1}};
+  report.rejected = {{"zero_origin", 1}};
+  report.kiss_codes = {{"rate", 1}};
+  report.withheld = {{"back_off", 3}, {"thinned", 12}};
+  report.socket_errors = {{"refused", 2}};
+  report.domain_errors = {{"not_found", 1}};
+  report.send_stamps = {{"kernel", 18}};
+  report.receive_stamps = {{"kernel", 17}, {"user", 1}};
+  report.addresses = {
+      {"192.0.2.1:123", {.requests_sent = 20, .requests_refused = 3, .replies = 19, .kiss_codes = 1}}};
   const auto expected = nlohmann::json::parse(R"({
     "result": 0, "message": "success", "offset_us": 2345678, "ntp_time_us": 1704067202345678,
     "server": "192.0.2.1:123", "requests_sent": 20, "samples_received": 18, "samples_used": 10,
-    "took_ms": 203, "rejected": {"origin": 1}})");
+    "took_ms": 203, "rejected": {"zero_origin": 1}, "kiss_codes": {"rate": 1},
+    "withheld": {"back_off": 3, "thinned": 12}, "socket_errors": {"refused": 2},
+    "domain_errors": {"not_found": 1}, "send_stamps": {"kernel": 18},
+    "receive_stamps": {"kernel": 17, "user": 1},
+    "addresses": {"192.0.2.1:123": {"requests_sent": 20, "requests_refused": 3, "replies": 19,
+                                    "kiss_codes": 1}}})");
   EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
 }
 
@@ -96,7 +109,8 @@ TEST(ReportTest, TheJsonOfAFailureHasNullForWhatDoesNotExist) {
   const auto expected = nlohmann::json::parse(R"({
     "result": -1, "message": "no usable result", "offset_us": null, "ntp_time_us": null,
     "server": null, "requests_sent": 20, "samples_received": 0, "samples_used": null,
-    "took_ms": 3201, "rejected": {}})");
+    "took_ms": 3201, "rejected": {}, "kiss_codes": {}, "withheld": {}, "socket_errors": {},
+    "domain_errors": {}, "send_stamps": {}, "receive_stamps": {}, "addresses": {}})");
   EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
 }
 
@@ -157,12 +171,21 @@ TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
             }),
        2, "no usable result",
        "192.0.2.1 refused the connection: no NTP server listens there. Check the host and the port"},
+      {"a server that refuses to serve",
+       with(NoResult(),
+            [](auto& r) {
+              r.kiss_codes = {{"deny", 1}};
+              r.addresses = {{"192.0.2.1:123", {.requests_sent = 1, .replies = 1, .kiss_codes = 1}}};
+            }),
+       2, "no usable result",
+       "192.0.2.1 refuses to serve this machine (kiss codes: deny 1). Wait at least two minutes"},
       {"no route",
        with(NoResult(),
             [](auto& r) {
-              r.socket_errors = {{"unreachable", 20}};
+              r.socket_errors = {{"network_unreachable", 20}};
             }),
-       2, "no usable result", "No request reached 192.0.2.1 (unreachable 20). Check this machine's network"},
+       2, "no usable result",
+       "No request reached 192.0.2.1 (network_unreachable 20). Check this machine's network"},
       {"only answers that fail a check",
        with(NoResult(),
             [](auto& r) {

@@ -80,6 +80,7 @@ TEST_F(SampleIntakeTest, TheClockAnswersFromTheFirstReplyOnward) {
 }
 
 TEST_F(SampleIntakeTest, AFailedAttemptMakesRoomForANewFirstOffset) {
+  AddUnsynchronisedServer(kFirst);
   BeginAttempt({kFirst});
   peer.manager().OnFirstPacketReceived(100);
   world.RunFor(S(3));
@@ -232,6 +233,7 @@ TEST_F(SampleIntakeTest, ADomainIsEvaluatedByItsTimeOrByItsSamples) {
       {"a start in the future is not old", -1000000, 5, false},
   };
   BeginAttempt({kFirst, kSecond});  // the second keeps the attempt open
+  UseUpRepetition(0);               // so that without a result the first is finished
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     Record(kFirst) = NtpDomainResult();
@@ -264,7 +266,8 @@ TEST_F(SampleIntakeTest, FiveSamplesKeepTheCheckGoingEvery200MsUntilTheSixthIsTh
   EXPECT_EQ(CountChecks(), 10u);
 }
 
-TEST_F(SampleIntakeTest, ASilentServerIsGivenUpAtExactlyThreeSeconds) {
+TEST_F(SampleIntakeTest, AServerWithoutAUsableReplyIsGivenUpAtExactlyThreeSeconds) {
+  AddUnsynchronisedServer(kFirst);
   BeginAttempt({kFirst});
   world.RunFor(Us(2999999));
   EXPECT_TRUE(observer->outcomes.empty());
@@ -274,8 +277,25 @@ TEST_F(SampleIntakeTest, ASilentServerIsGivenUpAtExactlyThreeSeconds) {
   EXPECT_EQ(CountChecks(), 15u);
 }
 
+TEST_F(SampleIntakeTest, ASilentServerIsGivenUpAfterTwoBurstsOfExactlyThreeSeconds) {
+  BeginAttempt({kFirst});
+  world.RunFor(Us(2999999));
+  EXPECT_EQ(CountChecks(), 15u);
+  EXPECT_EQ(peer.total_retry_count(), 0u);
+  world.RunFor(Us(1));
+  EXPECT_EQ(CountChecks(), 16u);
+  EXPECT_EQ(peer.total_retry_count(), 1u);
+  world.RunFor(Us(2999999));
+  EXPECT_TRUE(observer->outcomes.empty());
+  world.RunFor(Us(1));
+  ASSERT_EQ(observer->outcomes.size(), 1u);
+  EXPECT_EQ(observer->outcomes[0].result, NtpResult::kNoResult);
+  EXPECT_EQ(CountChecks(), 30u);
+}
+
 TEST_F(SampleIntakeTest, ARepostedCheckKeepsTheTimeAtWhichItsBurstStarted) {
   BeginAttempt({kFirst, kSecond});
+  UseUpRepetition(0);
   const int64_t start_us = peer.GetNowSystemTimestampUs() - 2700000;
   OnQueue([&] { peer.CheckServerResult(start_us, Domain(0)); });
   world.RunFor(Us(399999));

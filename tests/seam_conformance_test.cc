@@ -300,6 +300,7 @@ class DatagramSeamTest : public SeamTest {
                                           on_queue_count_ += Queue()->IsCurrent() ? 1 : 0;
                                           source_.Add(datagram.source);
                                           receive_ticks_us_.Add(datagram.receive_ticks_us);
+                                          is_truncated_.Add(datagram.is_truncated);
                                           received_.Add(Bytes(datagram.bytes.begin(), datagram.bytes.end()));
                                         },
                                         [this](net::SocketError reported) {
@@ -324,6 +325,7 @@ class DatagramSeamTest : public SeamTest {
   Notes<Bytes> received_;
   Notes<net::IPEndPoint> source_;
   Notes<int64_t> receive_ticks_us_;
+  Notes<bool> is_truncated_;
   Notes<net::SocketError> errors_;
   std::atomic<int> on_queue_count_{0};
 };
@@ -380,6 +382,33 @@ TEST_F(DatagramSeamTest, NothingIsHeardAfterTheSocketIsGone) {
   world_.SendFrom(server, local_, {4});
   ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
   EXPECT_THAT(received_.All(), ElementsAre(Bytes{4}));
+}
+
+TEST_F(DatagramSeamTest, EachSocketNumbersItsSendsFromZero) {
+  const net::IPEndPoint server = world_.AddServer();
+  for (int socket = 0; socket < 2; ++socket) {
+    Connect(server);
+    RunAsTask([&] {
+      for (uint32_t i = 0; i < 3; ++i) {
+        uint32_t id = 99;
+        EXPECT_EQ(socket_->Send(Bytes{1}, &id), net::SocketError::kNone);
+        EXPECT_EQ(id, i) << socket;
+      }
+    });
+    Close();
+  }
+}
+
+TEST_F(DatagramSeamTest, ADatagramThatIsTooLongIsCutAndSaysSo) {
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  for (const size_t size : {net::kMaxDatagramBytes, net::kMaxDatagramBytes + 1}) {
+    world_.SendFrom(server, local_, Bytes(size, 7));
+  }
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() == 2; }));
+  EXPECT_THAT(received_.All(),
+              ElementsAre(Bytes(net::kMaxDatagramBytes, 7), Bytes(net::kMaxDatagramBytes, 7)));
+  EXPECT_THAT(is_truncated_.All(), ElementsAre(false, true));
 }
 
 TEST_F(DatagramSeamTest, ConnectingOutsideATaskQueueFails) {
@@ -443,6 +472,57 @@ TEST_F(NameSeamTest, ASilentNameServerEndsTheLookUpAtTheDeadline) {
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_NE(result.detail.find("silent.example."), std::string::npos) << result.detail;
   EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 2000000);
+}
+
+TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
+  for (const int64_t ttl_s : {0, 1, 300, 604800}) {
+    const net::ResolveResult result = world_.ResolveNameWithTtl(base::TimeDelta::FromSeconds(ttl_s));
+    EXPECT_EQ(result.error, net::ResolveError::kNone) << result.detail;
+    EXPECT_EQ(result.ttl, base::TimeDelta::FromSeconds(ttl_s));
+  }
+}
+
+TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForEver) {
+  for (const char* host : {"192.0.2.1", "2001:db8::1", "localhost"}) {
+    EXPECT_EQ(net::ResolveHost(host, 123, Ms(5000)).ttl, base::TimeDelta::Max()) << host;
+  }
+}
+
+TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
+  struct Report {
+    std::string host;
+    bool is_inside_call;
+    net::ResolveResult result;
+  };
+  thread_local bool is_calling = false;
+  Notes<Report> reports;
+  const char* const hosts[] = {"192.0.2.1", "2001:db8::1", "localhost", "unknown.invalid", "192.0.2.2"};
+  for (const char* host : hosts) {
+    is_calling = true;
+    net::ResolveHostInBackground(host, 4123, Ms(5000), [&reports, host](const net::ResolveResult& result) {
+      reports.Add({host, is_calling, result});
+    });
+    is_calling = false;
+  }
+  ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() == std::size(hosts); }));
+  // One look-up more, so that a second report of an earlier one would be seen.
+  net::ResolveHostInBackground("192.0.2.3", 4123, Ms(5000), [&reports](const net::ResolveResult& result) {
+    reports.Add({"192.0.2.3", false, result});
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() > std::size(hosts); }));
+  std::set<std::string> seen;
+  for (const Report& report : reports.All()) {
+    SCOPED_TRACE(report.host);
+    EXPECT_TRUE(seen.insert(report.host).second);
+    EXPECT_FALSE(report.is_inside_call);
+    // It is what the look-up that blocks gives.
+    const net::ResolveResult expected = net::ResolveHost(report.host, 4123, Ms(5000));
+    EXPECT_EQ(report.result.addresses, expected.addresses);
+    EXPECT_EQ(report.result.error, expected.error);
+    EXPECT_EQ(report.result.detail, expected.detail);
+    EXPECT_EQ(report.result.ttl, expected.ttl);
+  }
+  EXPECT_EQ(seen.size(), std::size(hosts) + 1);
 }
 
 }  // namespace

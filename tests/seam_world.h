@@ -39,6 +39,8 @@ class SeamWorld {
   // ResolveHost for a name that does not exist, and for one whose name server never answers.
   net::ResolveResult ResolveUnknownName(base::TimeDelta timeout);
   net::ResolveResult ResolveSilentName(base::TimeDelta timeout);
+  // ResolveHost for a name whose address holds for `ttl`, in whole seconds.
+  net::ResolveResult ResolveNameWithTtl(base::TimeDelta ttl);
 
  private:
   struct Impl;

@@ -45,4 +45,11 @@ net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   return net::internal::LookUpHost("silent.example.", 123, timeout, server.address());
 }
 
+net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
+  const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / 1000000);
+  const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});
+  return net::internal::LookUpHost("brief.example.", 123, base::TimeDelta::FromMilliseconds(kPatienceMs),
+                                   server.address());
+}
+
 }  // namespace skorra

@@ -75,4 +75,9 @@ net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   return net::ResolveHost("silent.example.", 123, timeout);
 }
 
+net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
+  impl_->world.SetHost("brief.example.", {.addresses = {impl_->NextEndPoint()}, .ttl = ttl});
+  return net::ResolveHost("brief.example.", 123, kPatience);
+}
+
 }  // namespace skorra

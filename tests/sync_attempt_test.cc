@@ -194,8 +194,68 @@ TEST_F(SyncAttemptTest, TheRetriesEndWhenTheDomainRefuses) {
   EXPECT_EQ(peer.total_retry_count(), 0u);  // reset with the end of the attempt
 }
 
+TEST_F(SyncAttemptTest, AnOnlyAddressFromWhichNothingCameBackIsAskedOnceMore) {
+  AddDomains({"a.test"});
+  manager().AddObserver(observer);
+  const int64_t start_us = world.steady_us();
+  manager().Start();
+  world.RunFor(Us(2999999));
+  EXPECT_EQ(peer.total_retry_count(), 0u);
+  EXPECT_EQ(SentAt("192.0.2.1", start_us), BurstFrom(0));
+  world.RunFor(Us(1));
+  EXPECT_EQ(peer.total_retry_count(), 1u);
+  EXPECT_EQ(Record("a.test").last_request_start_time_us - Record("a.test").request_start_time_us, 3000000);
+  world.RunFor(Us(2999999));
+  EXPECT_TRUE(observer->outcomes.empty());
+  EXPECT_EQ(peer.total_retry_count(), 1u);
+  world.RunFor(Us(1));
+  ASSERT_EQ(observer->outcomes.size(), 1u);
+  EXPECT_EQ(observer->outcomes[0].result, NtpResult::kNoResult);
+  world.RunFor(S(60));
+  auto both = BurstFrom(0);
+  const auto second = BurstFrom(3000000);
+  both.insert(both.end(), second.begin(), second.end());
+  EXPECT_EQ(SentAt("192.0.2.1", start_us), both);
+}
+
+TEST_F(SyncAttemptTest, TheSecondBurstToAnOnlyAddressMaySucceed) {
+  AddDomains({"a.test"});
+  network.AddServer(Address("192.0.2.1"),
+                    {.script = [](sim::Exchange& e) { e.is_answered = e.index >= 20; }});
+  manager().AddObserver(observer);
+  manager().Start();
+  world.RunFor(Ms(3199));
+  EXPECT_TRUE(observer->outcomes.empty());
+  world.RunFor(Ms(1));
+  ASSERT_EQ(observer->outcomes.size(), 1u);
+  EXPECT_EQ(observer->outcomes[0].result, NtpResult::kSuccess);
+}
+
+TEST_F(SyncAttemptTest, AnOnlyAddressFromWhichAnythingCameBackIsNotAskedAgain) {
+  AddDomains({"a.test"});
+  // One reply in twenty, and that one useless: the server is there.
+  network.AddServer(Address("192.0.2.1"),
+                    {.leap_indicator = kNtpLeapUnsynchronized,
+                     .script = [](sim::Exchange& e) { e.is_answered = e.index == 19; }});
+  manager().AddObserver(observer);
+  const int64_t start_us = world.steady_us();
+  manager().Start();
+  ASSERT_TRUE(world.RunUntil([&] { return !observer->outcomes.empty(); }, S(60)));
+  EXPECT_EQ(world.steady_us() - start_us, 3000000);
+  world.RunFor(S(60));
+  EXPECT_EQ(SentAt("192.0.2.1", start_us), BurstFrom(0));
+}
+
+TEST_F(SyncAttemptTest, TheNextAttemptMayRepeatAnOnlyAddressAgain) {
+  AddDomains({"a.test"});
+  Sync();
+  Sync();
+  EXPECT_EQ(network.requests(Address("192.0.2.1")).size(), 80u);
+}
+
 TEST_F(SyncAttemptTest, AFailedDomainWaitsForTheOthersAndTheLastOneEndsTheAttempt) {
   AddDomains({"a.test", "two.test"});
+  AddUnsynchronisedServer("192.0.2.1");
   manager().AddObserver(observer);
   manager().Start();
   world.RunFor(Ms(3500));
@@ -212,15 +272,12 @@ TEST_F(SyncAttemptTest, AFailedDomainWaitsForTheOthersAndTheLastOneEndsTheAttemp
 
 TEST_F(SyncAttemptTest, TheWaitingLineNamesTheCodeAndTheRetriesOfAllDomains) {
   AddDomains({"two.test", "a.test"});
-  network.AddServer(Address("192.0.2.1"), {.script = [](sim::Exchange& e) { e.is_answered = false; }});
   network.AddServer(Address("192.0.2.9"), Scattered());
   manager().AddObserver(observer);
   manager().Start();
-  // two.test has moved on to its second address when a.test, started again, is still waiting.
-  world.RunFor(Ms(3050));
-  AddDomains({});
-  world.RunFor(Ms(300));
-  EXPECT_EQ(CountLog(0, "two.test request not success [1] and waiting other domain, total retry count: 1"),
+  // At 3 s two.test moves on to its second address, and a.test asks its only one again.
+  world.RunFor(Ms(3350));
+  EXPECT_EQ(CountLog(0, "two.test request not success [1] and waiting other domain, total retry count: 2"),
             1u);
 }
 
@@ -277,6 +334,8 @@ TEST_F(SyncAttemptTest, AllRequestsAreFinishedOnceNoDomainIsRequesting) {
 TEST_F(SyncAttemptTest, TheFirstDomainToFinishBecomesTheReferenceOnlyOnce) {
   AddDomains({"a.test", "b.test"});
   peer.is_started() = true;
+  UseUpRepetition(0);
+  UseUpRepetition(1);
   Record("a.test").is_requesting = true;
   Record("b.test").is_requesting = true;
   OnQueue([&] {

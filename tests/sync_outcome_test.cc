@@ -14,6 +14,11 @@ constexpr NtpResult kPoor = NtpResult::kMaybeInaccurate;
 
 class SyncOutcomeTest : public ManagerTest {
  protected:
+  SyncOutcomeTest() {
+    AddUnsynchronisedServer(kFirst);
+    AddUnsynchronisedServer(kSecond);
+  }
+
   // The five members that change together.
   struct Kept {
     int64_t offset_us;
@@ -52,7 +57,7 @@ class SyncOutcomeTest : public ManagerTest {
     return samples;
   }
 
-  // One attempt of a single domain with an answered burst, or with none, up to its outcome.
+  // One attempt of a single domain with an answered burst, or one without a usable reply, up to its outcome.
   void Attempt(const std::vector<NtpResultData>& samples) {
     BeginAttempt({kFirst});
     Receive(first, samples);

@@ -56,6 +56,14 @@ class Reader {
   size_t position_ = 0;
 };
 
+constexpr uint32_t Letters(const char (&code)[5]) {
+  uint32_t letters = 0;
+  for (int i = 0; i < 4; ++i) {
+    letters = letters << 8 | static_cast<uint8_t>(code[i]);
+  }
+  return letters;
+}
+
 int64_t SaturatingAdd(int64_t a, int64_t b) {
   int64_t sum = 0;
   if (__builtin_add_overflow(a, b, &sum)) {
@@ -115,6 +123,23 @@ std::optional<NtpPacket> DecodePacket(std::span<const uint8_t> bytes) {
   return packet;
 }
 
+bool AreExtensionFields(std::span<const uint8_t> bytes) {
+  constexpr size_t kMinFieldSize = 16;
+  constexpr size_t kMinLastFieldSize = 28;  // shorter, it could be taken for a MAC
+  while (!bytes.empty()) {
+    if (bytes.size() < kMinFieldSize) {
+      return false;
+    }
+    const size_t size = static_cast<size_t>(bytes[2]) << 8 | bytes[3];
+    const bool is_last = size == bytes.size();
+    if (size % 4 != 0 || size > bytes.size() || size < (is_last ? kMinLastFieldSize : kMinFieldSize)) {
+      return false;
+    }
+    bytes = bytes.subspan(size);
+  }
+  return true;
+}
+
 NtpPacket MakeRequest(NtpTimestamp nonce) {
   NtpPacket request;
   request.version = kNtpVersion;
@@ -123,16 +148,77 @@ NtpPacket MakeRequest(NtpTimestamp nonce) {
   return request;
 }
 
+KissCode ReadKissCode(const NtpPacket& reply) {
+  if (reply.stratum != 0) {
+    return KissCode::kNone;
+  }
+  switch (reply.reference_id) {
+    case Letters("RATE"):
+      return KissCode::kRate;
+    case Letters("DENY"):
+      return KissCode::kDeny;
+    case Letters("RSTR"):
+      return KissCode::kRstr;
+    case Letters("INIT"):
+      return KissCode::kInit;
+    case Letters("STEP"):
+      return KissCode::kStep;
+  }
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    const uint32_t letter = reply.reference_id >> shift & 0xff;
+    if (letter <= ' ' || letter > '~') {
+      return KissCode::kNone;
+    }
+  }
+  return KissCode::kUnknown;
+}
+
+const char* KissCodeName(KissCode code) {
+  switch (code) {
+    case KissCode::kNone:
+      return "none";
+    case KissCode::kRate:
+      return "rate";
+    case KissCode::kDeny:
+      return "deny";
+    case KissCode::kRstr:
+      return "rstr";
+    case KissCode::kInit:
+      return "init";
+    case KissCode::kStep:
+      return "step";
+    case KissCode::kUnknown:
+      return "unknown";
+  }
+  return "unknown";
+}
+
 const char* ReplyRejectionName(ReplyRejection rejection) {
   switch (rejection) {
     case ReplyRejection::kNone:
       return "none";
+    case ReplyRejection::kWrongSource:
+      return "wrong_source";
+    case ReplyRejection::kTruncated:
+      return "truncated";
     case ReplyRejection::kShort:
       return "short";
+    case ReplyRejection::kExtension:
+      return "extension";
     case ReplyRejection::kMode:
       return "mode";
     case ReplyRejection::kVersion:
       return "version";
+    case ReplyRejection::kZeroOrigin:
+      return "zero_origin";
+    case ReplyRejection::kUnknownNonce:
+      return "unknown_nonce";
+    case ReplyRejection::kDuplicate:
+      return "duplicate";
+    case ReplyRejection::kExpired:
+      return "expired";
+    case ReplyRejection::kStratumZero:
+      return "stratum_zero";
     case ReplyRejection::kLeap:
       return "leap";
     case ReplyRejection::kStratum:
@@ -143,15 +229,17 @@ const char* ReplyRejectionName(ReplyRejection rejection) {
       return "zero_transmit";
     case ReplyRejection::kTransmitBeforeReceive:
       return "transmit_before_receive";
-    case ReplyRejection::kUnknownNonce:
-      return "unknown_nonce";
-    case ReplyRejection::kWrongSource:
-      return "wrong_source";
+    case ReplyRejection::kRootDistance:
+      return "root_distance";
+    case ReplyRejection::kNegativeRoundTrip:
+      return "negative_round_trip";
+    case ReplyRejection::kLongRoundTrip:
+      return "long_round_trip";
   }
   return "unknown";
 }
 
-ReplyRejection CheckReply(const NtpPacket& reply) {
+ReplyRejection CheckHeader(const NtpPacket& reply) {
   if (reply.mode != kNtpModeServer) {
     return ReplyRejection::kMode;
   }
@@ -159,10 +247,17 @@ ReplyRejection CheckReply(const NtpPacket& reply) {
   if (reply.version != kNtpVersion && reply.version != 3) {
     return ReplyRejection::kVersion;
   }
+  return ReplyRejection::kNone;
+}
+
+ReplyRejection CheckReply(const NtpPacket& reply, int64_t max_root_distance_us) {
+  if (reply.stratum == 0) {
+    return ReplyRejection::kStratumZero;
+  }
   if (reply.leap_indicator == kNtpLeapUnsynchronized) {
     return ReplyRejection::kLeap;
   }
-  if (reply.stratum == 0 || reply.stratum > kNtpMaxStratum) {
+  if (reply.stratum > kNtpMaxStratum) {
     return ReplyRejection::kStratum;
   }
   if (reply.receive_timestamp == 0) {
@@ -175,7 +270,16 @@ ReplyRejection CheckReply(const NtpPacket& reply) {
   if (static_cast<int64_t>(reply.transmit_timestamp - reply.receive_timestamp) < 0) {
     return ReplyRejection::kTransmitBeforeReceive;
   }
+  if (RootDistanceUs(reply) > max_root_distance_us) {
+    return ReplyRejection::kRootDistance;
+  }
   return ReplyRejection::kNone;
+}
+
+int64_t RootDistanceUs(const NtpPacket& reply) {
+  // In units of 2^-17 s, so that half of an odd root delay is kept.
+  const int64_t distance = int64_t{reply.root_delay} + 2 * int64_t{reply.root_dispersion};
+  return (distance * kUsPerSecond) >> 17;
 }
 
 int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {

@@ -6,18 +6,52 @@
 
 #include "platform/base/clock.h"
 #include "platform/base/random.h"
+#include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 
 namespace skorra {
 namespace {
 
-void CountSendError(net::SocketError error) {
-  base::KeyMetrics::Count(std::string("ntp.send_error.") + net::SocketErrorName(error));
+constexpr uint32_t kCallsPerBurst = 20;  // as the time manager sends them, 10 ms apart
+constexpr int64_t kBurstGapUs = 1000000;
+// As long as the time manager waits for a burst.
+constexpr int64_t kNonceLifetimeUs = 3000000;
+// Until then a late or doubled reply is told from one that answers nothing.
+constexpr int64_t kRememberUs = 10000000;
+constexpr size_t kMaxRequests = 4096;
+
+constexpr uint64_t kDefaultRequestsPerBurst = 20;
+constexpr uint64_t kDefaultMaxRootDistanceMs = 5000;
+constexpr uint64_t kDefaultMaxRoundTripMs = 1500;
+
+void CountUnder(const char* group, const char* name) {
+  base::KeyMetrics::Count(std::string("ntp.") + group + '.' + name);
 }
 
-void CountReceiveError(net::SocketError error) {
-  base::KeyMetrics::Count(std::string("ntp.receive_error.") + net::SocketErrorName(error));
+void CountSendError(net::SocketError error) { CountUnder("send_error", net::SocketErrorName(error)); }
+
+void CountReceiveError(net::SocketError error) { CountUnder("receive_error", net::SocketErrorName(error)); }
+
+const char* StampSourceName(net::StampSource source) {
+  switch (source) {
+    case net::StampSource::kKernel:
+      return "kernel";
+    case net::StampSource::kUser:
+      return "user";
+    case net::StampSource::kImplausible:
+      return "implausible";
+  }
+  return "unknown";
 }
+
+int64_t GetNumber(const config::NumberEntry& entry, uint64_t default_value) {
+  return static_cast<int64_t>(config::ConfigCenterImpl::GetInstance()
+                                  ->GetValueWithPriority(entry, default_value)
+                                  .value_or(default_value));
+}
+
+// Spreads `limit` requests evenly over the burst's calls, the first one among them.
+bool IsChosen(uint32_t call, uint32_t limit) { return call * limit % kCallsPerBurst < limit; }
 
 }  // namespace
 
@@ -30,6 +64,11 @@ void NtpTimePacketHandler::PrepareForSendPackets() {
   Clean();
   is_prepared_ = true;
   is_first_packet_reported_ = false;
+  const config::BaseConfig& entries = config::BaseCfg();
+  requests_per_burst_ =
+      static_cast<uint32_t>(GetNumber(entries.ntp_requests_per_burst, kDefaultRequestsPerBurst));
+  max_root_distance_us_ = GetNumber(entries.ntp_max_root_distance_ms, kDefaultMaxRootDistanceMs) * 1000;
+  max_round_trip_us_ = GetNumber(entries.ntp_max_round_trip_ms, kDefaultMaxRoundTripMs) * 1000;
 }
 
 void NtpTimePacketHandler::UpdateSystemTimeOffsetFromSteady(int64_t system_offset_from_steady_us) {
@@ -41,9 +80,14 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
     base::KeyMetrics::Count("ntp.send_skipped");
     return;
   }
+  const int64_t now_us = base::GetSteadyTimeTicks();
+  ForgetOldRequests(now_us);
+  Peer& peer = peers_[server];
+  if (!MayLeave(server, peer, now_us)) {
+    return;
+  }
   net::SocketError error = net::SocketError::kNone;
-  net::DatagramSocket* const socket = GetSocket(server, &error);
-  if (socket == nullptr) {
+  if (!OpenSocket(server, peer, &error)) {
     CountSendError(error);
     return;
   }
@@ -52,85 +96,196 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   while (nonce == 0) {  // zero stands for "no time stamp"
     nonce = base::RandUint64();
   }
-  const auto request = EncodePacket(MakeRequest(nonce));
-  // Nothing may stand between this reading and the send: what does is measured as travel time.
-  const int64_t send_ticks_us = base::GetSteadyTimeTicks();
-  error = socket->Send(request);
+  const auto bytes = EncodePacket(MakeRequest(nonce));
+  Request request{.server = server};
+  // Nothing may stand between this reading and the send: what does is measured as travel time, unless the
+  // kernel tells better.
+  request.send_ticks_us = base::GetSteadyTimeTicks();
+  error = peer.socket->Send(bytes, &request.send_id);
   if (error != net::SocketError::kNone) {
     CountSendError(error);
     return;
   }
-  outstanding_.emplace(nonce, Outstanding{server, send_ticks_us});
+  requests_.insert_or_assign(nonce, request);
+  by_age_.emplace_back(request.send_ticks_us, nonce);
+  NtpAddressLedger::GetInstance()->OnRequestSent(server);
   base::KeyMetrics::Count("ntp.requests_sent");
 }
 
 void NtpTimePacketHandler::Clean() {
   is_prepared_ = false;
-  outstanding_.clear();
-  sockets_.clear();
-}
-
-net::DatagramSocket* NtpTimePacketHandler::GetSocket(const net::IPEndPoint& server, net::SocketError* error) {
-  if (const auto found = sockets_.find(server); found != sockets_.end()) {
-    return found->second.get();
+  requests_.clear();
+  by_age_.clear();
+  for (auto& [server, peer] : peers_) {
+    peer.socket = nullptr;
   }
-  auto socket = net::DatagramSocket::Connect(
-      server,
-      {.on_datagram = [this](const net::ReceivedDatagram& datagram) { OnDatagram(datagram); },
-       .on_error = CountReceiveError},
-      error);
-  // A failure is not kept, so that the next send tries again.
-  return socket == nullptr ? nullptr : sockets_.emplace(server, std::move(socket)).first->second.get();
+  // A burst under way stays one burst, whatever attempts its calls belong to: begun anew, it would send more
+  // than it may.
+  const int64_t now_us = base::GetSteadyTimeTicks();
+  std::erase_if(peers_, [now_us](const auto& entry) {
+    return !entry.second.burst_us || now_us - *entry.second.burst_us >= kBurstGapUs;
+  });
 }
 
-void NtpTimePacketHandler::OnDatagram(const net::ReceivedDatagram& datagram) {
+bool NtpTimePacketHandler::MayLeave(const net::IPEndPoint& server, Peer& peer, int64_t now_us) {
+  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
+  if (!peer.burst_us || peer.call_count == kCallsPerBurst || now_us - *peer.burst_us >= kBurstGapUs) {
+    peer.burst_us = now_us;
+    peer.call_count = 0;
+    peer.request_limit = requests_per_burst_;
+    peer.refusal = ledger->BeginBurst(server, now_us, &peer.request_limit);
+  }
+  const uint32_t call = peer.call_count++;
+  if (peer.refusal != SendRefusal::kNone) {
+    ledger->OnRequestRefused(server);
+    CountUnder("send_refused", SendRefusalName(peer.refusal));
+    return false;
+  }
+  if (!IsChosen(call, peer.request_limit)) {
+    base::KeyMetrics::Count("ntp.send_thinned");
+    return false;
+  }
+  return true;
+}
+
+bool NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server, Peer& peer, net::SocketError* error) {
+  if (peer.socket != nullptr) {
+    return true;
+  }
+  // A failure is not kept, so that the next send tries again.
+  peer.socket = net::DatagramSocket::Connect(
+      server,
+      {.on_datagram = [this, server](const net::ReceivedDatagram& datagram) { OnDatagram(server, datagram); },
+       .on_error = CountReceiveError,
+       .on_sent = [this, server](uint32_t send_id,
+                                 int64_t send_ticks_us) { OnSent(server, send_id, send_ticks_us); }},
+      error);
+  return peer.socket != nullptr;
+}
+
+void NtpTimePacketHandler::OnSent(const net::IPEndPoint& server, uint32_t send_id, int64_t send_ticks_us) {
+  for (auto& [nonce, request] : requests_) {
+    if (request.send_id == send_id && request.server == server) {
+      request.send_ticks_us = send_ticks_us;
+      request.has_kernel_stamp = true;
+      return;
+    }
+  }
+}
+
+void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram) {
   NtpPacket reply;
-  Outstanding request;
-  if (const ReplyRejection rejection = AcceptReply(datagram, &reply, &request);
-      rejection != ReplyRejection::kNone) {
-    base::KeyMetrics::Count(std::string("ntp.rejected.") + ReplyRejectionName(rejection));
+  Request* request = nullptr;
+  NtpResultData sample;
+  ReplyRejection rejection = FindRequest(server, datagram, &reply, &request);
+  if (rejection == ReplyRejection::kNone) {
+    NtpAddressLedger::GetInstance()->OnReply(server);
+    if (const KissCode code = ReadKissCode(reply); code != KissCode::kNone) {
+      OnKiss(code, *request);
+      return;
+    }
+    rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
+  }
+  if (rejection != ReplyRejection::kNone) {
+    CountUnder("rejected", ReplyRejectionName(rejection));
     return;
   }
+  // The nonce is given up last: whoever guesses at it, or answers on behalf of another server, must not be
+  // able to make the genuine reply be taken for a duplicate.
+  request->is_answered = true;
   base::KeyMetrics::Count("ntp.samples_received");
-
-  const int64_t receive_us = ToLocalTimestampUs(datagram.receive_ticks_us);
-  const int64_t server_receive_us = NtpTimestampToUs(reply.receive_timestamp, receive_us);
-  // The receive time stamp is the pivot of the transmit time stamp, so that both fall into the same era also
-  // for a server that is half an era away.
-  const NtpResultData sample =
-      ComputeSample({.send_us = ToLocalTimestampUs(request.send_ticks_us),
-                     .server_receive_us = server_receive_us,
-                     .server_transmit_us = NtpTimestampToUs(reply.transmit_timestamp, server_receive_us),
-                     .receive_us = receive_us});
+  CountUnder("send_stamp", request->has_kernel_stamp ? "kernel" : "user");
+  CountUnder("receive_stamp", StampSourceName(datagram.stamp_source));
   if (!is_first_packet_reported_) {
     is_first_packet_reported_ = true;
     client_->OnFirstPacketReceived(sample.offset_us);
   }
-  client_->OnPacketReceived(sample, request.server);
+  client_->OnPacketReceived(sample, server);
 }
 
-// The nonce is given up last: whoever guesses at it, or answers on behalf of another server, must not be able
-// to make the genuine reply be taken for a duplicate.
-ReplyRejection NtpTimePacketHandler::AcceptReply(const net::ReceivedDatagram& datagram, NtpPacket* reply,
-                                                 Outstanding* request) {
+// The source comes first: what another address sends is not even decoded.
+ReplyRejection NtpTimePacketHandler::FindRequest(const net::IPEndPoint& server,
+                                                 const net::ReceivedDatagram& datagram, NtpPacket* reply,
+                                                 Request** request) {
+  if (datagram.source != server) {
+    return ReplyRejection::kWrongSource;
+  }
+  if (datagram.is_truncated) {
+    return ReplyRejection::kTruncated;
+  }
   const std::optional<NtpPacket> packet = DecodePacket(datagram.bytes);
   if (!packet) {
     return ReplyRejection::kShort;
   }
-  const auto found = outstanding_.find(packet->origin_timestamp);
-  if (found == outstanding_.end()) {
-    return ReplyRejection::kUnknownNonce;
+  if (!AreExtensionFields(datagram.bytes.subspan(kNtpPacketSize))) {
+    return ReplyRejection::kExtension;
   }
-  if (found->second.server != datagram.source) {
-    return ReplyRejection::kWrongSource;
-  }
-  if (const ReplyRejection rejection = CheckReply(*packet); rejection != ReplyRejection::kNone) {
+  if (const ReplyRejection rejection = CheckHeader(*packet); rejection != ReplyRejection::kNone) {
     return rejection;
   }
+  if (packet->origin_timestamp == 0) {
+    return ReplyRejection::kZeroOrigin;
+  }
+  const auto found = requests_.find(packet->origin_timestamp);
+  if (found == requests_.end()) {
+    return ReplyRejection::kUnknownNonce;
+  }
+  if (found->second.server != server) {
+    return ReplyRejection::kWrongSource;
+  }
+  if (found->second.is_answered) {
+    return ReplyRejection::kDuplicate;
+  }
+  if (datagram.receive_ticks_us - found->second.send_ticks_us > kNonceLifetimeUs) {
+    return ReplyRejection::kExpired;
+  }
   *reply = *packet;
-  *request = found->second;
-  outstanding_.erase(found);
+  *request = &found->second;
   return ReplyRejection::kNone;
+}
+
+void NtpTimePacketHandler::OnKiss(KissCode code, Request& request) {
+  if (code != KissCode::kRate && code != KissCode::kDeny && code != KissCode::kRstr) {
+    // No refusal: a genuine reply may still follow.
+    CountUnder("kiss", KissCodeName(code));
+    return;
+  }
+  request.is_answered = true;
+  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
+  const int64_t now_us = base::GetSteadyTimeTicks();
+  const bool is_news = ledger->OnRefusal(request.server, code, now_us, base::RandUint64());
+  // As the ledger has it: RATE behind DENY does not make the refusal a milder one.
+  peers_[request.server].refusal = ledger->Check(request.server, now_us);
+  CountUnder("kiss", is_news ? KissCodeName(code) : "repeated");
+}
+
+ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Request& request,
+                                             int64_t receive_ticks_us, NtpResultData* sample) const {
+  if (const ReplyRejection rejection = CheckReply(reply, max_root_distance_us_);
+      rejection != ReplyRejection::kNone) {
+    return rejection;
+  }
+  const int64_t receive_us = ToLocalTimestampUs(receive_ticks_us);
+  const int64_t server_receive_us = NtpTimestampToUs(reply.receive_timestamp, receive_us);
+  // The receive time stamp is the pivot of the transmit time stamp, so that both fall into the same era also
+  // for a server that is half an era away.
+  *sample =
+      ComputeSample({.send_us = ToLocalTimestampUs(request.send_ticks_us),
+                     .server_receive_us = server_receive_us,
+                     .server_transmit_us = NtpTimestampToUs(reply.transmit_timestamp, server_receive_us),
+                     .receive_us = receive_us});
+  if (sample->rtt_us < 0) {
+    return ReplyRejection::kNegativeRoundTrip;
+  }
+  return sample->rtt_us > max_round_trip_us_ ? ReplyRejection::kLongRoundTrip : ReplyRejection::kNone;
+}
+
+void NtpTimePacketHandler::ForgetOldRequests(int64_t now_us) {
+  while (!by_age_.empty() &&
+         (now_us - by_age_.front().first > kRememberUs || by_age_.size() >= kMaxRequests)) {
+    requests_.erase(by_age_.front().second);
+    by_age_.pop_front();
+  }
 }
 
 // Modulo 2^64, as the time manager computes the local timestamps that the offset is added to.

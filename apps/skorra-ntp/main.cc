@@ -34,7 +34,8 @@ constexpr const char* kSyncFooter =
     "  2   no result, or the time allowed has passed\n"
     "  64  wrong usage\n\n"
     "Environment:\n"
-    "  SKORRA_NTP_CONFIG   a TOML configuration file, read at the start";
+    "  SKORRA_NTP_CONFIG               a TOML configuration file, read at the start\n"
+    "  SKORRA_NTP_REQUESTS_PER_BURST   how many of a burst's 20 requests leave; set 8 for public servers";
 
 constexpr const char* kServeFooter =
     "Examples:\n"

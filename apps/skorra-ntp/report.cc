@@ -31,6 +31,14 @@ std::string SecondsText(double seconds) {
   return text;
 }
 
+uint64_t Refusals(const SyncReport& report) {
+  uint64_t refusals = 0;
+  for (const auto& [address, counts] : report.addresses) {
+    refusals += counts.kiss_codes;
+  }
+  return refusals;
+}
+
 // Why an attempt that was made brought nothing, as far as the counters tell.
 std::string AdviceWithoutResult(const SyncReport& report) {
   if (report.samples_received == 0 && report.socket_errors.contains("refused")) {
@@ -40,6 +48,10 @@ std::string AdviceWithoutResult(const SyncReport& report) {
   if (report.samples_received == 0 && !report.socket_errors.empty()) {
     return "No request reached " + report.asked + " (" + ListReasons(report.socket_errors) +
            "). Check this machine's network and routes.";
+  }
+  if (report.samples_received == 0 && Refusals(report) > 0) {
+    return report.asked + " refuses to serve this machine (kiss codes: " + ListReasons(report.kiss_codes) +
+           "). Wait at least two minutes before asking it again, or choose another server.";
   }
   if (report.samples_received == 0 && !report.rejected.empty()) {
     return report.asked + " answered, but no answer was usable (" + ListReasons(report.rejected) +
@@ -142,6 +154,12 @@ std::string ToText(const SyncReport& report) {
   if (!report.rejected.empty()) {
     line("rejected", ListReasons(report.rejected));
   }
+  if (!report.kiss_codes.empty()) {
+    line("kiss codes", ListReasons(report.kiss_codes));
+  }
+  if (!report.withheld.empty()) {
+    line("withheld", ListReasons(report.withheld));
+  }
   if (!report.socket_errors.empty()) {
     line("errors", ListReasons(report.socket_errors));
   }
@@ -154,6 +172,13 @@ std::string ToText(const SyncReport& report) {
 }
 
 std::string ToJson(const SyncReport& report) {
+  auto addresses = nlohmann::ordered_json::object();
+  for (const auto& [address, counts] : report.addresses) {
+    addresses[address] = {{"requests_sent", counts.requests_sent},
+                          {"requests_refused", counts.requests_refused},
+                          {"replies", counts.replies},
+                          {"kiss_codes", counts.kiss_codes}};
+  }
   const nlohmann::ordered_json json = {
       {"result", static_cast<int>(report.result)},
       {"message", Message(report)},
@@ -165,6 +190,13 @@ std::string ToJson(const SyncReport& report) {
       {"samples_used", OrNull(report.samples_used)},
       {"took_ms", report.took_ms},
       {"rejected", report.rejected},
+      {"kiss_codes", report.kiss_codes},
+      {"withheld", report.withheld},
+      {"socket_errors", report.socket_errors},
+      {"domain_errors", report.domain_errors},
+      {"send_stamps", report.send_stamps},
+      {"receive_stamps", report.receive_stamps},
+      {"addresses", addresses},
   };
   return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

@@ -29,6 +29,14 @@ enum class SyncEnd {
 // Occurrences by reason.
 using ReasonCounts = std::map<std::string, uint64_t>;
 
+// What passed between this process and one server address.
+struct AddressReport {
+  uint64_t requests_sent = 0;
+  uint64_t requests_refused = 0;  // not sent, because the server had asked for it
+  uint64_t replies = 0;           // that answered a request, used or not
+  uint64_t kiss_codes = 0;        // refusals among them
+};
+
 struct SyncReport {
   SyncEnd end = SyncEnd::kTimedOut;
   std::string asked;  // the servers as the user wrote them, for messages
@@ -45,8 +53,14 @@ struct SyncReport {
   int64_t took_ms = 0;
   uint64_t requests_sent = 0;
   uint64_t samples_received = 0;
-  ReasonCounts rejected;       // replies that failed a check
-  ReasonCounts socket_errors;  // of sending and receiving
+  ReasonCounts rejected = {};       // replies that failed a check
+  ReasonCounts kiss_codes = {};     // what servers said instead of the time
+  ReasonCounts withheld = {};       // requests of the library that did not leave
+  ReasonCounts socket_errors = {};  // of sending and receiving
+  ReasonCounts domain_errors = {};  // of names
+  ReasonCounts send_stamps = {};    // where the samples' times of sending come from
+  ReasonCounts receive_stamps = {};
+  std::map<std::string, AddressReport> addresses = {};
 };
 
 // NTP time minus system time in microseconds.

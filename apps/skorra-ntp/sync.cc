@@ -17,6 +17,7 @@
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "platform/net/host_resolver.h"
+#include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 namespace {
@@ -186,8 +187,22 @@ void FillInCounters(SyncReport& report) {
     }
   };
   collect("ntp.rejected.", report.rejected);
+  collect("ntp.kiss.", report.kiss_codes);
+  collect("ntp.send_refused.", report.withheld);
+  if (const uint64_t thinned = base::KeyMetrics::GetCount("ntp.send_thinned"); thinned > 0) {
+    report.withheld["thinned"] = thinned;
+  }
+  collect("ntp.domain.", report.domain_errors);
+  collect("ntp.send_stamp.", report.send_stamps);
+  collect("ntp.receive_stamp.", report.receive_stamps);
   collect("ntp.send_error.", report.socket_errors);
   collect("ntp.receive_error.", report.socket_errors);
+  for (const auto& [address, account] : NtpAddressLedger::GetInstance()->GetCounts()) {
+    report.addresses[address.ToString()] = {.requests_sent = account.requests_sent,
+                                            .requests_refused = account.requests_refused,
+                                            .replies = account.replies,
+                                            .kiss_codes = account.kisses};
+  }
 }
 
 // Both clocks, read back to back.

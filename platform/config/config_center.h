@@ -32,6 +32,8 @@ namespace config {
 enum class Layer { kProgram, kEnvironment, kFile };
 inline constexpr size_t kLayerCount = 3;
 
+class FileReader;
+
 class ConfigCenterImpl {
  public:
   // Never null, never destroyed.
@@ -63,6 +65,8 @@ class ConfigCenterImpl {
   // Replaces the file layer by the TOML file's content. Returns the messages of everything that was not
   // taken over (unknown keys among them); a file that cannot be read or is not TOML clears the layer.
   std::vector<std::string> LoadFile(const std::string& path);
+  // The same with the content at hand; `name` stands for the file in the messages.
+  std::vector<std::string> LoadText(std::string_view text, const std::string& name);
 
  private:
   friend class base::NoDestructor<ConfigCenterImpl>;
@@ -79,6 +83,7 @@ class ConfigCenterImpl {
 
   void SetNumber(const NumberEntry& entry, Layer layer, base::Optional<uint64_t> value);
   void SetText(const TextEntry& entry, Layer layer, base::Optional<std::string> value);
+  std::vector<std::string> TakeOver(FileReader& reader);
 
   mutable base::Lock lock_;
   std::array<NumberSlot, kNumberEntryCount> numbers_;

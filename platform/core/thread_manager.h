@@ -13,6 +13,7 @@ namespace core {
 // Who a queue belongs to.
 enum class BusinessID : int32_t {
   kNtpTime = 701,
+  kNames = 702,  // look-ups that nobody waits for
 };
 
 struct ThreadOption {
@@ -26,7 +27,10 @@ class ThreadManager {
   // never destroyed, with one thread of its own. `instance` tells apart several users of one business; -1 is
   // the business's common queue. `option` matters only while the thread does not exist yet; without it the
   // thread is named "skorra-" and the business number. Any thread. When the system refuses another thread or
-  // descriptor, that is logged at level 1, and tasks wait until a later call can start the thread.
+  // descriptor, that is logged at level 1, and tasks wait until the thread can be started: that is tried
+  // again by itself where a thread can be had (descriptors are what is short), and by each later call. In a
+  // child of the process the queue is empty and without its thread until the next call there, which starts
+  // one; no call starts one on the thread of a task that forked.
   static std::shared_ptr<TaskQueue> GetTaskQueue(BusinessID business, int64_t instance,
                                                  base::Optional<ThreadOption> option);
 };

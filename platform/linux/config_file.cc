@@ -22,19 +22,22 @@ constexpr char kLogFile[] = "platform/linux/config_file";
 // must not exhaust the stack of whoever parses it.
 constexpr size_t kMaxFileBytes = 16 * 1024;
 
+}  // namespace
+
 // What the file says, by slot, and the messages about what it says wrongly.
 class FileReader {
  public:
   explicit FileReader(std::string path) : path_(std::move(path)) {}
 
-  void Read();
+  void ReadFile();
+  void ReadText(std::string_view text);
 
   std::array<base::Optional<uint64_t>, kNumberEntryCount> numbers;
   std::array<base::Optional<std::string>, kTextEntryCount> texts;
   std::vector<std::string> messages;
 
  private:
-  // False with a message when the file cannot be read.
+  // Reads until the content is too large, if it is. False with a message when the file cannot be read.
   bool ReadBytes(std::string* bytes);
   void ReadTable(const toml::table& table, const std::string& prefix);
   void ReadValue(const std::string& key, const toml::node& value);
@@ -51,15 +54,10 @@ void FileReader::Complain(const toml::source_region& place, const std::string& t
 bool FileReader::ReadBytes(std::string* bytes) {
   const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path_.c_str(), "re"), &fclose);
   bool is_good = file != nullptr;
-  while (is_good) {
+  while (is_good && bytes->size() <= kMaxFileBytes) {
     std::array<char, 4096> block;
     const size_t got = fread(block.data(), 1, block.size(), file.get());
     bytes->append(block.data(), got);
-    if (bytes->size() > kMaxFileBytes) {
-      messages.push_back(path_ + ": the configuration file is larger than " +
-                         std::to_string(kMaxFileBytes / 1024) + " KiB and is not read");
-      return false;
-    }
     if (got < block.size()) {
       is_good = ferror(file.get()) == 0;
       break;
@@ -72,17 +70,27 @@ bool FileReader::ReadBytes(std::string* bytes) {
   return is_good;
 }
 
-void FileReader::Read() {
+void FileReader::ReadFile() {
   std::string bytes;
-  if (!ReadBytes(&bytes)) {
+  if (ReadBytes(&bytes)) {
+    ReadText(bytes);
+  }
+}
+
+void FileReader::ReadText(std::string_view text) {
+  if (text.size() > kMaxFileBytes) {
+    messages.push_back(path_ + ": the configuration file is larger than " +
+                       std::to_string(kMaxFileBytes / 1024) + " KiB and is not read");
     return;
   }
   try {
-    ReadTable(toml::parse(bytes, path_), {});
+    ReadTable(toml::parse(text, path_), {});
   } catch (const toml::parse_error& error) {
     Complain(error.source(), std::string(error.description()));
   }
 }
+
+namespace {
 
 // Whether a known key begins with `prefix`.
 bool IsTableOfKeys(const std::string& prefix) {
@@ -92,6 +100,8 @@ bool IsTableOfKeys(const std::string& prefix) {
   return std::any_of(numbers.begin(), numbers.end(), begins) ||
          std::any_of(texts.begin(), texts.end(), begins);
 }
+
+}  // namespace
 
 void FileReader::ReadTable(const toml::table& table, const std::string& prefix) {
   for (const auto& [name, value] : table) {
@@ -144,11 +154,19 @@ void FileReader::ReadNumber(const NumberEntry& entry, const toml::node& value) {
   numbers[entry.slot] = static_cast<uint64_t>(*number);
 }
 
-}  // namespace
-
 std::vector<std::string> ConfigCenterImpl::LoadFile(const std::string& path) {
   FileReader reader(path);
-  reader.Read();
+  reader.ReadFile();
+  return TakeOver(reader);
+}
+
+std::vector<std::string> ConfigCenterImpl::LoadText(std::string_view text, const std::string& name) {
+  FileReader reader(name);
+  reader.ReadText(text);
+  return TakeOver(reader);
+}
+
+std::vector<std::string> ConfigCenterImpl::TakeOver(FileReader& reader) {
   for (const NumberEntry* entry : BaseCfg().numbers()) {
     SetNumber(*entry, Layer::kFile, reader.numbers[entry->slot]);
   }

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,46 +10,55 @@
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
-#include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "platform/base/clock.h"
-#include "platform/base/time.h"
+#include "platform/linux/kernel_time_stamps.h"
 #include "platform/linux/queue_context.h"
 
 namespace net {
 
 namespace {
 
-// Longer than any NTP packet in use, so that one with extension fields comes through whole.
-constexpr size_t kMaxDatagramBytes = 1024;
 // After this many datagrams in a row the queue's tasks get their turn.
 constexpr int kMaxDatagramsPerWakeUp = 64;
-// The wall clock has been set when it moved further than this against the steady one since the last look.
-// Below it lie frequency corrections and the uncertainty of reading both clocks.
-constexpr int64_t kWallStepUs = 10000;
+// A read that fails this often in a row fails for good, and the socket would keep the queue busy with it.
+constexpr int kMaxFailedReads = 16;
+// So often a send is tried again after a signal.
+constexpr int kMaxSignalsPerSend = 8;
+// Sends that wait for their time stamps, of which some never come. More than an attempt has.
+constexpr size_t kMaxUnstampedSends = 64;
 
 SocketError ErrorFromErrno(int error) {
   switch (error) {
     case ECONNREFUSED:
       return SocketError::kRefused;
-    case ENETUNREACH:
     case EHOSTUNREACH:
-    case ENETDOWN:
     case EHOSTDOWN:
+      return SocketError::kHostUnreachable;
+    case ENETUNREACH:
     case ENONET:
+      return SocketError::kNetworkUnreachable;
+    case ENETDOWN:
     case ENODEV:
-    case EADDRNOTAVAIL:  // there is no local address of the family to send from
-      return SocketError::kUnreachable;
-    case EAGAIN:  // of send: the buffer is full; of connect: no port is free
+      return SocketError::kNetworkDown;
+    case EADDRNOTAVAIL:
+      return SocketError::kNoAddress;
     case ENOBUFS:
     case ENOMEM:
+      return SocketError::kNoBuffers;
+    case EAGAIN:
+      return SocketError::kWouldBlock;
     case EMFILE:
     case ENFILE:
-      return SocketError::kNoResources;
+      return SocketError::kNoDescriptors;
+    case EINTR:
+      return SocketError::kInterrupted;
     case EACCES:
     case EPERM:
       return SocketError::kDenied;
@@ -100,38 +108,6 @@ IPEndPoint FromSockaddr(const sockaddr_storage& storage) {
   return {};
 }
 
-// The kernel's receive time stamp, wall-clock microseconds since 1601.
-std::optional<int64_t> KernelReceiveTime(msghdr& message) {
-  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-    if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_TIMESTAMPNS &&
-        header->cmsg_len >= CMSG_LEN(sizeof(timespec))) {
-      timespec stamp;
-      std::memcpy(&stamp, CMSG_DATA(header), sizeof stamp);
-      return static_cast<int64_t>(stamp.tv_sec) * 1000000 + stamp.tv_nsec / 1000 +
-             base::kWindowsToUnixEpochUs;
-    }
-  }
-  return std::nullopt;
-}
-
-// Maps the kernel's time stamps, which are of the wall clock, to the steady clock. However long a datagram
-// had to wait for a busy queue, its stamp is good, unless the wall clock was set meanwhile.
-class ArrivalClock {
- public:
-  // Steady ticks of the arrival of a datagram that was read just now.
-  int64_t ArrivalTicks(std::optional<int64_t> kernel_wall_us) {
-    const int64_t last_offset_us = std::exchange(offset_us_, base::GetSystemTimeOffsetFromSteady());
-    const int64_t now_us = base::GetSteadyTimeTicks();
-    if (!kernel_wall_us || std::abs(offset_us_ - last_offset_us) > kWallStepUs) {
-      return now_us;
-    }
-    return std::min(now_us, *kernel_wall_us - offset_us_);
-  }
-
- private:
-  int64_t offset_us_ = base::GetSystemTimeOffsetFromSteady();
-};
-
 }  // namespace
 
 // Shared with the event loop's handlers, of which one may still be on its way when the socket is destroyed.
@@ -144,15 +120,34 @@ struct DatagramSocket::Impl {
     int Open(const IPEndPoint& remote);
     void WaitForDatagrams();
     void ReadDatagrams();
-    // Delivers one datagram or error; false when there is none left.
+    // Delivers the send stamps that are there, then one datagram or error; false when nothing is left.
     bool ReadOne();
+    // Delivers what was read; `error` is an error number when nothing was.
+    void Deliver(int error, std::span<const uint8_t> bytes, const sockaddr_storage& source, msghdr& message,
+                 int64_t read_us);
+    // Takes the stamps from the error queue. An error number; 0 when there may be more.
+    int TakeSendStamps(std::vector<internal::SendStamp>* stamps);
+    void ReportSent(const internal::SendStamp& stamp);
+    void ReportError(SocketError error);
     void ReportErrorLater(SocketError error);
+    // Sends, again after a signal. An error number, or 0.
+    int TrySend(std::span<const uint8_t> bytes);
 
     asio::io_context& context;
     asio::posix::stream_descriptor descriptor;
     Callbacks callbacks;
-    ArrivalClock arrival_clock;
+    internal::StampClock stamp_clock{internal::ReadClocks()};
     bool is_closed = false;
+    int failed_reads = 0;               // in a row
+    bool has_given_up_reading = false;  // until the next send
+    uint32_t next_send_id = 0;
+    // The kernel's numbers of the datagrams are our own. A send that fails may use up a number or not; from
+    // then on no send is stamped, rather than stamped with the time of another.
+    bool has_send_numbers = false;
+    std::map<uint32_t, int64_t> unstamped_sends;  // when each was about to be sent, steady ticks
+    // In a child of the process that opened it the socket is the parent's: nothing is sent or read there, and
+    // the event loop is not told of its end.
+    const uint32_t fork_count = core::internal::ForkCount();
   };
 
   std::shared_ptr<State> state;
@@ -170,15 +165,16 @@ int DatagramSocket::Impl::State::Open(const IPEndPoint& remote) {
     close(fd);
     return error.value();
   }
-  // From here on the descriptor closes it. Without time stamps the moment of reading must do.
-  const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+  // From here on the descriptor closes it. Without the kernel's time stamps our own must do.
+  internal::RequestReceiveStamps(fd);
+  has_send_numbers = callbacks.on_sent && internal::RequestSendStamps(fd);
   sockaddr_storage address;
   const socklen_t address_size = ToSockaddr(remote, &address);
   return connect(fd, reinterpret_cast<const sockaddr*>(&address), address_size) == 0 ? 0 : errno;
 }
 
 void DatagramSocket::Impl::State::WaitForDatagrams() {
+  // This also ends when there is something in the error queue.
   descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                         [self = shared_from_this()](const std::error_code& error) {
                           if (!error && !self->is_closed) {
@@ -188,15 +184,16 @@ void DatagramSocket::Impl::State::WaitForDatagrams() {
 }
 
 void DatagramSocket::Impl::State::ReadDatagrams() {
-  for (int i = 0; i < kMaxDatagramsPerWakeUp; ++i) {
-    if (!ReadOne()) {
-      break;
-    }
-    if (is_closed) {
+  for (int i = 0; i < kMaxDatagramsPerWakeUp && !is_closed && ReadOne(); ++i) {
+    if (failed_reads == kMaxFailedReads) {
+      failed_reads = 0;
+      has_given_up_reading = true;
       return;
     }
   }
-  WaitForDatagrams();
+  if (!is_closed) {
+    WaitForDatagrams();
+  }
 }
 
 bool DatagramSocket::Impl::State::ReadOne() {
@@ -211,34 +208,110 @@ bool DatagramSocket::Impl::State::ReadOne() {
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
-  ssize_t size = 0;
-  do {
-    size = recvmsg(descriptor.native_handle(), &message, 0);
-  } while (size < 0 && errno == EINTR);
-  if (size >= 0) {
-    const ReceivedDatagram datagram{std::span(buffer).first(static_cast<size_t>(size)), FromSockaddr(source),
-                                    arrival_clock.ArrivalTicks(KernelReceiveTime(message))};
-    if (callbacks.on_datagram) {
-      callbacks.on_datagram(datagram);
+  const ssize_t size = recvmsg(descriptor.native_handle(), &message, 0);
+  const int error = size < 0 ? errno : 0;
+  const int64_t read_us = base::GetSteadyTimeTicks();
+
+  // After the datagram: the stamp of a request is there when its answer is.
+  std::vector<internal::SendStamp> send_stamps;
+  const int stamps_error = TakeSendStamps(&send_stamps);
+  stamp_clock.Look(internal::ReadClocks());
+  for (const internal::SendStamp& stamp : send_stamps) {
+    ReportSent(stamp);
+  }
+  if (error != EAGAIN) {
+    Deliver(error, std::span(buffer).first(static_cast<size_t>(std::max<ssize_t>(size, 0))), source, message,
+            read_us);
+  }
+  if (stamps_error != 0 && stamps_error != EAGAIN) {
+    ReportError(ErrorFromErrno(stamps_error));
+  }
+  const bool is_empty = error == EAGAIN && stamps_error == EAGAIN;
+  if (is_empty) {
+    stamp_clock.ForgetSettings();
+  }
+  failed_reads = error == 0 || is_empty || !send_stamps.empty() ? 0 : failed_reads + 1;
+  return !is_empty;
+}
+
+int DatagramSocket::Impl::State::TakeSendStamps(std::vector<internal::SendStamp>* stamps) {
+  for (size_t i = 0; i < kMaxUnstampedSends; ++i) {
+    alignas(cmsghdr) std::array<unsigned char, 256> control;
+    msghdr message{};
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    if (recvmsg(descriptor.native_handle(), &message, MSG_ERRQUEUE) < 0) {
+      return errno;
     }
-    return true;
+    if (const auto stamp = internal::SendStampOf(message)) {
+      stamps->push_back(*stamp);
+    }
   }
-  if (errno == EAGAIN) {
-    return false;
+  return 0;
+}
+
+void DatagramSocket::Impl::State::ReportSent(const internal::SendStamp& stamp) {
+  const auto send = unstamped_sends.find(stamp.number);
+  if (send == unstamped_sends.end()) {
+    return;
   }
-  const SocketError error = ErrorFromErrno(errno);
+  const std::optional<int64_t> send_ticks_us = stamp_clock.ToSteady(stamp.wall_us, send->second);
+  unstamped_sends.erase(send);
+  if (send_ticks_us) {
+    core::internal::RunHandler([&] { callbacks.on_sent(stamp.number, *send_ticks_us); });
+  }
+}
+
+void DatagramSocket::Impl::State::Deliver(int error, std::span<const uint8_t> bytes,
+                                          const sockaddr_storage& source, msghdr& message, int64_t read_us) {
+  if (error != 0) {
+    ReportError(ErrorFromErrno(error));
+    return;
+  }
+  const internal::Arrival arrival = stamp_clock.ToArrival(internal::ReceiveStamp(message), read_us);
+  const ReceivedDatagram datagram{.bytes = bytes,
+                                  .source = FromSockaddr(source),
+                                  .receive_ticks_us = arrival.ticks_us,
+                                  .stamp_source = arrival.source,
+                                  .is_truncated = (message.msg_flags & MSG_TRUNC) != 0};
+  if (callbacks.on_datagram) {
+    core::internal::RunHandler([&] { callbacks.on_datagram(datagram); });
+  }
+}
+
+void DatagramSocket::Impl::State::ReportError(SocketError error) {
   if (callbacks.on_error) {
-    callbacks.on_error(error);
+    core::internal::RunHandler([&] { callbacks.on_error(error); });
   }
-  return true;
 }
 
 void DatagramSocket::Impl::State::ReportErrorLater(SocketError error) {
   asio::post(context, [self = shared_from_this(), error] {
-    if (!self->is_closed && self->callbacks.on_error) {
-      self->callbacks.on_error(error);
+    if (!self->is_closed) {
+      self->ReportError(error);
     }
   });
+}
+
+int DatagramSocket::Impl::State::TrySend(std::span<const uint8_t> bytes) {
+  for (int signals = 0;; ++signals) {
+    const int64_t before_us = base::GetSteadyTimeTicks();
+    if (send(descriptor.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) {
+      if (has_send_numbers) {
+        unstamped_sends.emplace(next_send_id, before_us);
+        if (unstamped_sends.size() > kMaxUnstampedSends) {
+          unstamped_sends.erase(unstamped_sends.begin());
+        }
+      }
+      return 0;
+    }
+    const int error = errno;
+    has_send_numbers = false;
+    if (error != EINTR || signals == kMaxSignalsPerSend) {
+      return error;
+    }
+    ReportErrorLater(SocketError::kInterrupted);
+  }
 }
 
 std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote, Callbacks callbacks,
@@ -261,27 +334,36 @@ std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote
 DatagramSocket::DatagramSocket(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 DatagramSocket::~DatagramSocket() {
-  impl_->state->is_closed = true;
-  std::error_code ignored;
-  impl_->state->descriptor.close(ignored);
+  Impl::State& state = *impl_->state;
+  state.is_closed = true;
+  // The loop forgets it here and not by its closing: a child that was forked meanwhile keeps it open.
+  const bool is_own = state.fork_count == core::internal::ForkCount();
+  close(is_own ? state.descriptor.release() : state.descriptor.native_handle());
 }
 
-SocketError DatagramSocket::Send(std::span<const uint8_t> bytes) {
+SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {
   Impl::State& state = *impl_->state;
-  const int fd = state.descriptor.native_handle();
-  bool may_repeat = true;
-  while (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
-    const int error = errno;
-    if (error == EINTR) {
-      continue;
-    }
-    if (error != ECONNREFUSED || !may_repeat) {
-      return ErrorFromErrno(error);
-    }
-    // The system hands us the fate of an earlier datagram and has not sent this one.
-    state.ReportErrorLater(ErrorFromErrno(error));
-    may_repeat = false;
+  if (state.fork_count != core::internal::ForkCount()) {
+    return SocketError::kOther;
   }
+  if (std::exchange(state.has_given_up_reading, false)) {
+    state.WaitForDatagrams();
+  }
+  int error = state.TrySend(bytes);
+  if (error != 0 && error != EINTR) {
+    // It may be the fate of an earlier datagram, told instead of sending this one. Its own would come again.
+    const int first_error = std::exchange(error, state.TrySend(bytes));
+    if (error != first_error) {
+      state.ReportErrorLater(ErrorFromErrno(first_error));
+    }
+  }
+  if (error != 0) {
+    return ErrorFromErrno(error);
+  }
+  if (send_id != nullptr) {
+    *send_id = state.next_send_id;
+  }
+  ++state.next_send_id;
   return SocketError::kNone;
 }
 

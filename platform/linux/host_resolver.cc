@@ -1,19 +1,27 @@
 #include "platform/net/host_resolver.h"
 
 #include <ares.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <utility>
 
+#include "platform/base/callback.h"
 #include "platform/base/clock.h"
+#include "platform/base/location.h"
+#include "platform/core/thread_manager.h"
 #include "platform/linux/name_lookup.h"
+#include "platform/linux/queue_context.h"
 
 namespace net {
 
@@ -31,7 +39,8 @@ struct Lookup {
   uint16_t port;
   bool is_done = false;
   int status = ARES_SUCCESS;
-  std::vector<IPEndPoint> addresses;
+  std::vector<IPEndPoint> addresses = {};
+  base::TimeDelta ttl = base::TimeDelta::Max();
 };
 
 std::optional<IPEndPoint> FromNode(const ares_addrinfo_node& node, uint16_t port) {
@@ -52,12 +61,28 @@ std::optional<IPEndPoint> FromNode(const ares_addrinfo_node& node, uint16_t port
   return std::nullopt;
 }
 
+// The shortest time to live of the addresses and of the aliases that lead to them. One with the highest bit
+// set is taken for 0 (RFC 2181, section 8).
+base::TimeDelta ShortestTtl(const ares_addrinfo& info) {
+  int ttl_s = std::numeric_limits<int>::max();
+  for (const ares_addrinfo_node* node = info.nodes; node != nullptr; node = node->ai_next) {
+    ttl_s = std::min(ttl_s, node->ai_ttl);
+  }
+  for (const ares_addrinfo_cname* alias = info.cnames; alias != nullptr; alias = alias->next) {
+    ttl_s = std::min(ttl_s, alias->ttl);
+  }
+  return base::TimeDelta::FromSeconds(std::max(ttl_s, 0));
+}
+
 void OnLookupDone(void* argument, int status, int /*timeouts*/, ares_addrinfo* info) {
   auto& lookup = *static_cast<Lookup*>(argument);
   lookup.is_done = true;
   lookup.status = status;
-  for (const ares_addrinfo_node* node = info != nullptr ? info->nodes : nullptr; node != nullptr;
-       node = node->ai_next) {
+  if (info == nullptr) {
+    return;
+  }
+  lookup.ttl = ShortestTtl(*info);
+  for (const ares_addrinfo_node* node = info->nodes; node != nullptr; node = node->ai_next) {
     const auto address = FromNode(*node, lookup.port);
     if (address &&
         std::find(lookup.addresses.begin(), lookup.addresses.end(), *address) == lookup.addresses.end()) {
@@ -65,6 +90,28 @@ void OnLookupDone(void* argument, int status, int /*timeouts*/, ares_addrinfo* i
     }
   }
   ares_freeaddrinfo(info);
+}
+
+// Whether the library may read this file. It reads before the beginning of its buffer when a line begins with
+// a zero byte, and it would wait for the writer of a pipe.
+bool IsText(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    return false;
+  }
+  struct stat status {};
+  bool is_text = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  std::array<char, 4096> buffer;
+  while (is_text) {
+    const ssize_t got = read(fd, buffer.data(), buffer.size());
+    if (got <= 0) {
+      is_text = got == 0;
+      break;
+    }
+    is_text = std::memchr(buffer.data(), 0, static_cast<size_t>(got)) == nullptr;
+  }
+  close(fd);
+  return is_text;
 }
 
 // One exchange with the name servers; it ends with the object.
@@ -99,10 +146,16 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   options.timeout =
       static_cast<int>(std::clamp<int64_t>(timeout.InMilliseconds() / kTriesPerTimeout, 1, 5000));
   options.tries = kTries;
-  char lookups[] = "fb";  // the hosts file, then the name servers, whatever the system's order is
-  options.lookups = lookups;
-  const int status =
-      ares_init_options(&channel_, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS);
+  // The hosts file, then the name servers, whatever the system's order is.
+  char both[] = "fb";
+  char name_servers_only[] = "b";
+  options.lookups = IsText("/etc/hosts") ? both : name_servers_only;
+  // One that cannot be read counts as empty: the name server is then the one of this machine, if it has one.
+  char configuration[] = "/etc/resolv.conf";
+  char empty[] = "/dev/null";
+  options.resolvconf_path = IsText(configuration) ? configuration : empty;
+  const int status = ares_init_options(
+      &channel_, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS | ARES_OPT_RESOLVCONF);
   if (status != ARES_SUCCESS) {
     channel_ = nullptr;
     return status;
@@ -115,6 +168,11 @@ void Channel::Run(const std::string& host, int64_t deadline_us, Lookup* lookup) 
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_DGRAM;
   ares_getaddrinfo(channel_, host.c_str(), nullptr, &hints, OnLookupDone, lookup);
+  if (lookup->is_done) {
+    // Only the hosts file answers at once. The library gives its answers a time to live of 0, but they hold
+    // until somebody edits the file.
+    lookup->ttl = base::TimeDelta::Max();
+  }
   while (!lookup->is_done) {
     const int64_t left_us = deadline_us - base::GetSteadyTimeTicks();
     if (left_us <= 0) {
@@ -138,7 +196,10 @@ void Channel::WaitAndProcess(int64_t wait_us) {
       entries[count++] = {sockets[i], events, 0};
     }
   }
-  poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000));
+  {
+    const core::internal::HandlerPause pause;
+    poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000));
+  }
   for (nfds_t i = 0; i < count; ++i) {
     const bool is_failed = (entries[i].revents & (POLLERR | POLLHUP)) != 0;
     const bool is_readable = is_failed || (entries[i].revents & POLLIN) != 0;
@@ -166,7 +227,9 @@ bool IsLocalhost(const std::string& host) {
   return strcasecmp(host.c_str(), "localhost") == 0 || strcasecmp(host.c_str(), "localhost.") == 0;
 }
 
-ResolveResult Fail(ResolveError error, std::string detail) { return {{}, error, std::move(detail)}; }
+ResolveResult Fail(ResolveError error, std::string detail) {
+  return {.error = error, .detail = std::move(detail)};
+}
 
 ResolveResult Explain(const std::string& host, int status, base::TimeDelta timeout) {
   const std::string name = '\'' + host + '\'';
@@ -195,18 +258,18 @@ ResolveResult Explain(const std::string& host, int status, base::TimeDelta timeo
 ResolveResult internal::LookUpHost(const std::string& host, uint16_t port, base::TimeDelta timeout,
                                    const std::string& name_servers) {
   if (const auto literal = IPEndPoint::FromLiteral(host, port)) {
-    return {{*literal}, ResolveError::kNone, {}};
+    return {.addresses = {*literal}};
   }
   if (IsLocalhost(host)) {
     // Without asking anybody (RFC 6761, section 6.3): not every system has it in its hosts file.
-    return {{IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}, {}, {}};
+    return {.addresses = {IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}};
   }
   if (host.empty() || IsInvalid(host)) {
     // To a name server the empty name would be the root of all names.
     return Explain(host, ARES_EBADNAME, timeout);
   }
   const auto now = base::TimeDelta::FromMicroseconds(base::GetSteadyTimeTicks());
-  Lookup lookup{port, false, ARES_SUCCESS, {}};
+  Lookup lookup{.port = port};
   Channel channel;
   if (const int status = channel.Open(timeout, name_servers); status != ARES_SUCCESS) {
     return Explain(host, status, timeout);
@@ -215,11 +278,20 @@ ResolveResult internal::LookUpHost(const std::string& host, uint16_t port, base:
   if (lookup.addresses.empty()) {
     return Explain(host, lookup.status, timeout);
   }
-  return {std::move(lookup.addresses), ResolveError::kNone, {}};
+  return {.addresses = std::move(lookup.addresses), .ttl = lookup.ttl};
 }
 
 ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
   return internal::LookUpHost(host, port, timeout, {});
+}
+
+void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                             std::function<void(ResolveResult)> done) {
+  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNames, -1, std::nullopt);
+  queue->PostTask(base::Location::CreateFromHere("platform/linux/host_resolver", __LINE__),
+                  base::BindOnce([host, port, timeout, done = std::move(done)] {
+                    done(ResolveHost(host, port, timeout));
+                  }));
 }
 
 }  // namespace net

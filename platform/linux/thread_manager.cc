@@ -1,6 +1,7 @@
 #include "platform/core/thread_manager.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/timerfd.h>
@@ -9,7 +10,9 @@
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
+#include <atomic>
 #include <deque>
+#include <list>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -26,11 +29,23 @@ namespace {
 
 constexpr char kLogFile[] = "platform/linux/thread_manager";
 constexpr size_t kMaxThreadNameBytes = 15;
+constexpr int kRetryPauseMs = 100;
 
 class LoopTaskQueue;
 
-thread_local const LoopTaskQueue* t_current_queue = nullptr;
+std::atomic<uint32_t> g_fork_count{0};
+
+// Before anything of this library is used: nobody knows when the host program forks.
+[[maybe_unused]] const int g_fork_handlers_status =
+    pthread_atfork(base::internal::HoldLocksForFork, base::internal::ReleaseLocksInParent, [] {
+      g_fork_count.fetch_add(1, std::memory_order_relaxed);
+      base::internal::ReleaseLocksInChild();
+    });
+
+// Of a queue's thread.
+thread_local LoopTaskQueue* t_current_queue = nullptr;
 thread_local asio::io_context* t_current_context = nullptr;
+thread_local uint32_t t_fork_count = 0;  // of the process that the loop belongs to
 
 // The posting order is kept here rather than in the event loop: a delayed closure takes its place among the
 // others by its deadline, also when the loop learns later that it has passed. The loop is woken whenever
@@ -40,7 +55,8 @@ thread_local asio::io_context* t_current_context = nullptr;
 // would be late by the whole sleep.
 //
 // The queue exists before its thread does: where the system refuses one, tasks wait until a later request for
-// the queue finds the system willing.
+// the queue finds the system willing. So it is in a child of the process, where the thread is missing: the
+// parent's tasks and loop are left as they were, and the child begins anew.
 class LoopTaskQueue final : public TaskQueue {
  public:
   // Creates the loop and its thread unless they exist. An error number, or 0. One thread at a time.
@@ -50,6 +66,11 @@ class LoopTaskQueue final : public TaskQueue {
   void PostDelayedTask(const base::Location& from, base::OnceCallback<void()>&& task,
                        base::TimeDelta delay) override;
   bool IsCurrent() const override { return t_current_queue == this; }
+
+  // Whether a thread tries to get the loop; under the registry's lock.
+  bool& is_retried();
+
+  base::Lock& handler_lock() { return handler_lock_; }
 
  private:
   struct Loop {
@@ -63,20 +84,28 @@ class LoopTaskQueue final : public TaskQueue {
     asio::posix::stream_descriptor timer{context};
   };
 
+  // What there is to do in one process.
+  struct Work {
+    const uint32_t fork_count = internal::ForkCount();
+    std::unique_ptr<Loop> loop;  // once there, it stays
+    std::deque<base::OnceCallback<void()>> ready;
+    std::multimap<int64_t, base::OnceCallback<void()>> delayed;  // by deadline; equal ones in posting order
+    bool is_wake_posted = false;                                 // a round is to come that has not begun
+    bool is_retried = false;
+  };
+
   static void* ThreadMain(void* loop) noexcept;
 
-  void ArmTimer();                                    // lock_ is held
-  void MoveDueTasks();                                // lock_ is held
-  bool PushReady(base::OnceCallback<void()>&& task);  // lock_ is held; true when the loop must be woken
-  void Wake();
+  Work& work();                                        // lock_ is held
+  void ArmTimer();                                     // lock_ is held
+  void MoveDueTasks();                                 // lock_ is held
+  Loop* PushReady(base::OnceCallback<void()>&& task);  // lock_ is held; the loop if it must be woken
+  void Wake(Loop* loop);
   void RunRound();
 
+  base::Lock handler_lock_;
   base::Lock lock_;
-  // The following are under lock_; the loop, once there, stays.
-  std::unique_ptr<Loop> loop_;
-  std::deque<base::OnceCallback<void()>> ready_;
-  std::multimap<int64_t, base::OnceCallback<void()>> delayed_;  // by deadline; equal ones in posting order
-  bool is_wake_posted_ = false;                                 // a round is to come that has not begun
+  std::list<Work> works_{1};  // under lock_; one for each process down to this one, the parent's untouched
 };
 
 // A thread of the ordinary scheduling policy, whatever that of its creator. The host program's signal
@@ -100,16 +129,24 @@ int StartThread(void* (*main)(void*), void* argument, const std::string& name) {
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
   if (status == 0) {
-    // The thread never ends, so its handle stays good although it is detached.
+    // The thread ends late or never, so its handle is good although it is detached.
     pthread_setname_np(thread, name.substr(0, kMaxThreadNameBytes).c_str());
   }
   return status;
 }
 
+LoopTaskQueue::Work& LoopTaskQueue::work() {
+  if (works_.back().fork_count != internal::ForkCount()) {
+    works_.emplace_back();
+  }
+  return works_.back();
+}
+
 int LoopTaskQueue::StartIfNeeded(const std::string& name) {
   {
     const base::AutoLock lock(lock_);
-    if (loop_ != nullptr) {
+    // In a child that a task forked the current thread is still that of the queue.
+    if (work().loop != nullptr || IsCurrent()) {
       return 0;
     }
   }
@@ -127,14 +164,20 @@ int LoopTaskQueue::StartIfNeeded(const std::string& name) {
   if (status != 0) {
     return status;
   }
+  Loop* const started = loop.get();
   {
     const base::AutoLock lock(lock_);
-    loop_ = std::move(loop);
-    is_wake_posted_ = true;
+    work().loop = std::move(loop);
+    work().is_wake_posted = true;
     ArmTimer();
   }
-  Wake();
+  Wake(started);
   return 0;
+}
+
+bool& LoopTaskQueue::is_retried() {
+  const base::AutoLock lock(lock_);
+  return work().is_retried;
 }
 
 int LoopTaskQueue::Loop::OpenTimer() {
@@ -156,21 +199,26 @@ void* LoopTaskQueue::ThreadMain(void* argument) noexcept {
   auto* const loop = static_cast<Loop*>(argument);
   t_current_queue = loop->queue;
   t_current_context = &loop->context;
-  // The timer's wait keeps the loop busy for ever.
-  loop->context.run();
+  t_fork_count = internal::ForkCount();
+  try {
+    // The timer's wait keeps the loop busy for ever.
+    loop->context.run();
+  } catch (const internal::LeaveLoop&) {
+    // The only thread of a child that a task forked ends here, and the child with it.
+  }
   return nullptr;
 }
 
 void LoopTaskQueue::PostTask(const base::Location&, base::OnceCallback<void()>&& task) {
-  bool must_wake = false;
+  Loop* loop_to_wake = nullptr;
   {
     const base::AutoLock lock(lock_);
     // Closures whose delay has passed by now joined the order before this one.
     MoveDueTasks();
-    must_wake = PushReady(std::move(task));
+    loop_to_wake = PushReady(std::move(task));
   }
-  if (must_wake) {
-    Wake();
+  if (loop_to_wake != nullptr) {
+    Wake(loop_to_wake);
   }
 }
 
@@ -183,8 +231,8 @@ void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallba
   const auto now = base::TimeDelta::FromMicroseconds(base::GetSteadyTimeTicks());
   const int64_t deadline_us = (now + delay).InMicroseconds();
   const base::AutoLock lock(lock_);
-  const auto place = delayed_.emplace(deadline_us, std::move(task));
-  if (place == delayed_.begin()) {
+  const auto place = work().delayed.emplace(deadline_us, std::move(task));
+  if (place == work().delayed.begin()) {
     ArmTimer();
   }
 }
@@ -207,41 +255,44 @@ void LoopTaskQueue::Loop::WaitForTimer() {
 }
 
 void LoopTaskQueue::ArmTimer() {
-  if (loop_ == nullptr) {
+  const Work& now = work();
+  if (now.loop == nullptr) {
     return;
   }
-  const int64_t deadline_us = delayed_.empty() ? 0 : delayed_.begin()->first;
+  const int64_t deadline_us = now.delayed.empty() ? 0 : now.delayed.begin()->first;
   itimerspec when{};  // all zero disarms
   when.it_value.tv_sec = static_cast<time_t>(deadline_us / 1000000);
   when.it_value.tv_nsec = static_cast<decltype(when.it_value.tv_nsec)>(deadline_us % 1000000 * 1000);
-  timerfd_settime(loop_->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr);
+  timerfd_settime(now.loop->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
 void LoopTaskQueue::MoveDueTasks() {
-  if (delayed_.empty()) {
+  Work& now = work();
+  if (now.delayed.empty()) {
     return;
   }
-  const auto first_later = delayed_.upper_bound(base::GetSteadyTimeTicks());
-  if (first_later == delayed_.begin()) {
+  const auto first_later = now.delayed.upper_bound(base::GetSteadyTimeTicks());
+  if (first_later == now.delayed.begin()) {
     return;
   }
-  for (auto task = delayed_.begin(); task != first_later; ++task) {
-    ready_.push_back(std::move(task->second));
+  for (auto task = now.delayed.begin(); task != first_later; ++task) {
+    now.ready.push_back(std::move(task->second));
   }
-  delayed_.erase(delayed_.begin(), first_later);
+  now.delayed.erase(now.delayed.begin(), first_later);
   ArmTimer();
 }
 
-bool LoopTaskQueue::PushReady(base::OnceCallback<void()>&& task) {
-  ready_.push_back(std::move(task));
-  return loop_ != nullptr && !std::exchange(is_wake_posted_, true);
+LoopTaskQueue::Loop* LoopTaskQueue::PushReady(base::OnceCallback<void()>&& task) {
+  Work& now = work();
+  now.ready.push_back(std::move(task));
+  return now.loop != nullptr && !std::exchange(now.is_wake_posted, true) ? now.loop.get() : nullptr;
 }
 
-void LoopTaskQueue::Wake() {
-  asio::post(loop_->context, [this] {
+void LoopTaskQueue::Wake(Loop* loop) {
+  asio::post(loop->context, [this] {
     {
       const base::AutoLock lock(lock_);
-      is_wake_posted_ = false;
+      work().is_wake_posted = false;
     }
     RunRound();
   });
@@ -253,17 +304,17 @@ void LoopTaskQueue::RunRound() {
   {
     const base::AutoLock lock(lock_);
     MoveDueTasks();
-    count = ready_.size();
+    count = work().ready.size();
   }
   for (; count > 0; --count) {
     base::OnceCallback<void()> task;
     {
       const base::AutoLock lock(lock_);
-      task = std::move(ready_.front());
-      ready_.pop_front();
+      task = std::move(work().ready.front());
+      work().ready.pop_front();
     }
     if (!task.IsCancelled()) {
-      std::move(task).Run();
+      internal::RunHandler([&] { std::move(task).Run(); });
     }
   }
 }
@@ -273,19 +324,62 @@ struct Registry {
   std::map<std::pair<BusinessID, int64_t>, std::shared_ptr<LoopTaskQueue>> queues;
 };
 
+Registry& AllQueues() {
+  static base::NoDestructor<Registry> registry;
+  return *registry;
+}
+
+// A loop that the system refused, to be tried again and again: whoever waits for a task of the queue has no
+// reason to call a second time.
+struct Retry {
+  const std::shared_ptr<LoopTaskQueue> queue;
+  const std::string name;
+};
+
+void* RetryMain(void* argument) noexcept {
+  const std::unique_ptr<Retry> retry(static_cast<Retry*>(argument));
+  int status = 0;
+  do {
+    poll(nullptr, 0, kRetryPauseMs);
+    const base::AutoLock lock(AllQueues().lock);
+    status = retry->queue->StartIfNeeded(retry->name);
+  } while (status != 0);
+  return nullptr;
+}
+
+void RetryInBackground(const std::shared_ptr<LoopTaskQueue>& queue, const std::string& name) {
+  const base::AutoLock lock(AllQueues().lock);  // so that the thread does not end before it is named
+  if (queue->is_retried()) {
+    return;
+  }
+  auto retry = std::make_unique<Retry>(Retry{queue, name});
+  if (StartThread(&RetryMain, retry.get(), name) == 0) {
+    [[maybe_unused]] const Retry* const passed_on = retry.release();  // to the thread
+    queue->is_retried() = true;
+  }
+}
+
 }  // namespace
 
-asio::io_context* internal::CurrentQueueContext() { return t_current_context; }
+asio::io_context* internal::CurrentQueueContext() {
+  return t_fork_count == ForkCount() ? t_current_context : nullptr;
+}
+
+uint32_t internal::ForkCount() { return g_fork_count.load(std::memory_order_relaxed); }
+
+base::Lock* internal::CurrentHandlerLock() {
+  return t_current_queue == nullptr ? nullptr : &t_current_queue->handler_lock();
+}
 
 std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int64_t instance,
                                                        base::Optional<ThreadOption> option) {
-  static base::NoDestructor<Registry> registry;
+  Registry& registry = AllQueues();
   const std::string name = option ? option->name : "skorra-" + std::to_string(static_cast<int32_t>(business));
   std::shared_ptr<LoopTaskQueue> queue;
   int status = 0;
   {
-    const base::AutoLock lock(registry->lock);
-    std::shared_ptr<LoopTaskQueue>& place = registry->queues[{business, instance}];
+    const base::AutoLock lock(registry.lock);
+    std::shared_ptr<LoopTaskQueue>& place = registry.queues[{business, instance}];
     if (place == nullptr) {
       place = std::make_shared<LoopTaskQueue>();
     }
@@ -295,6 +389,7 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
   if (status != 0) {
     base::LocalLog(1, kLogFile, __LINE__, "the system refuses the thread '%s', its tasks wait: %s",
                    name.c_str(), std::system_category().message(status).c_str());
+    RetryInBackground(queue, name);
   }
   return queue;
 }

@@ -1,6 +1,7 @@
 // UDP to one server: a seam with a real and a simulated implementation.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,16 +14,33 @@ namespace net {
 // Why a datagram could not be sent or received. None is fatal: a later `Send` may succeed.
 enum class SocketError {
   kNone,
-  kRefused,      // the peer answered that nobody listens on the port (ICMP; may be forged)
-  kUnreachable,  // no route to host or network, or the network is down
-  kNoResources,  // out of buffers, descriptors or ports
-  kDenied,       // forbidden by the system (firewall, broadcast address, sandbox)
-  kUnsupported,  // the address family is not available here
+  kRefused,             // the peer answered that nobody listens on the port (ICMP; may be forged)
+  kHostUnreachable,     // no way to the host (may be forged)
+  kNetworkUnreachable,  // no route to the network (may be forged)
+  kNetworkDown,         // the interface is down or gone
+  kNoAddress,           // no local address to send from, or no free port
+  kNoBuffers,           // out of memory for datagrams
+  kWouldBlock,          // the send buffer is full
+  kNoDescriptors,       // the process or the system is out of file descriptors
+  kInterrupted,         // by a signal, time and again
+  kDenied,              // forbidden by the system (firewall, broadcast address, sandbox)
+  kUnsupported,         // the address family is not available here
   kOther,
 };
 
-// A stable name for counters and messages: "refused", "unreachable", ...
+// A stable name for counters and messages: "refused", "host_unreachable", ...
 const char* SocketErrorName(SocketError error);
+
+// Where a time stamp comes from.
+enum class StampSource {
+  kKernel,
+  kUser,         // taken beside the system call: the kernel gave none
+  kImplausible,  // the same, because the one that the kernel gave could not be
+};
+
+// What is read of one datagram: longer than any NTP packet in use, so that one with extension fields comes
+// whole.
+inline constexpr size_t kMaxDatagramBytes = 1024;
 
 struct ReceivedDatagram {
   std::span<const uint8_t> bytes;  // valid during the callback only
@@ -30,6 +48,8 @@ struct ReceivedDatagram {
   // Steady ticks (base/clock.h, microseconds) when the datagram arrived: the kernel's receive time stamp
   // mapped to the steady clock where it is there and plausible, otherwise the moment it was read.
   int64_t receive_ticks_us = 0;
+  StampSource stamp_source = StampSource::kUser;
+  bool is_truncated = false;  // it was longer than kMaxDatagramBytes; `bytes` is its beginning
 };
 
 // A socket on a fresh ephemeral port, connected to one end point, so that the system itself drops what
@@ -39,9 +59,13 @@ struct ReceivedDatagram {
 class DatagramSocket {
  public:
   struct Callbacks {
-    std::function<void(const ReceivedDatagram&)> on_datagram;
+    std::function<void(const ReceivedDatagram&)> on_datagram = nullptr;
     // An error that the system reported between sends (for example kRefused after an ICMP message).
-    std::function<void(SocketError)> on_error;
+    std::function<void(SocketError)> on_error = nullptr;
+    // The moment at which an earlier datagram left, by the kernel's time stamp mapped to the steady clock. It
+    // comes where the kernel gives a plausible one, never inside `Send`, and before any later datagram is
+    // delivered.
+    std::function<void(uint32_t send_id, int64_t send_ticks_us)> on_sent = nullptr;
   };
 
   // Null with `*error` set when no socket can be had. `remote` must not be empty and the caller must run on
@@ -52,8 +76,9 @@ class DatagramSocket {
   DatagramSocket(const DatagramSocket&) = delete;
   DatagramSocket& operator=(const DatagramSocket&) = delete;
 
-  // Sends one datagram now, without blocking.
-  SocketError Send(std::span<const uint8_t> bytes);
+  // Sends one datagram now, without blocking. After a success `*send_id`, unless null, is the number by which
+  // `on_sent` names it.
+  SocketError Send(std::span<const uint8_t> bytes, uint32_t* send_id = nullptr);
 
   IPEndPoint local() const;
 

@@ -9,10 +9,22 @@ const char* SocketErrorName(SocketError error) {
       return "none";
     case SocketError::kRefused:
       return "refused";
-    case SocketError::kUnreachable:
-      return "unreachable";
-    case SocketError::kNoResources:
-      return "no_resources";
+    case SocketError::kHostUnreachable:
+      return "host_unreachable";
+    case SocketError::kNetworkUnreachable:
+      return "network_unreachable";
+    case SocketError::kNetworkDown:
+      return "network_down";
+    case SocketError::kNoAddress:
+      return "no_address";
+    case SocketError::kNoBuffers:
+      return "no_buffers";
+    case SocketError::kWouldBlock:
+      return "would_block";
+    case SocketError::kNoDescriptors:
+      return "no_descriptors";
+    case SocketError::kInterrupted:
+      return "interrupted";
     case SocketError::kDenied:
       return "denied";
     case SocketError::kUnsupported:

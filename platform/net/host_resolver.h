@@ -1,6 +1,7 @@
 // Names to addresses: a seam with a real and a simulated implementation.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,9 +21,12 @@ enum class ResolveError {
 const char* ResolveErrorName(ResolveError error);
 
 struct ResolveResult {
-  std::vector<IPEndPoint> addresses;  // in the order to be tried; empty exactly when there is an error
+  std::vector<IPEndPoint> addresses = {};  // in the order to be tried; empty exactly when there is an error
   ResolveError error = ResolveError::kNone;
-  std::string detail;  // the error in words, for the user
+  std::string detail = {};  // the error in words, for the user
+  // How long the addresses hold: the shortest time to live of the records. Max for what no name server said
+  // (literals, "localhost", the hosts file).
+  base::TimeDelta ttl = base::TimeDelta::Max();
 };
 
 // Looks up a host name or address literal, both families, and gives every address the port `port`. Blocks
@@ -30,5 +34,13 @@ struct ResolveResult {
 // file need no name server. Any thread. On kTimedOut and kFailed a later call may succeed; on kNotFound
 // check the spelling.
 ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout);
+
+// The same without blocking: `done` gets the result later, exactly once, on no queue of the caller's and
+// possibly while the caller runs. It is quick, and what it touches it locks. One thread makes these look-ups,
+// one after the other, and each has `timeout` from its own beginning: behind silent name servers a look-up
+// waits for those before it. Where the system refuses the thread, all wait for a later call that finds it
+// willing, for ever if there is none.
+void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
+                             std::function<void(ResolveResult)> done);
 
 }  // namespace net

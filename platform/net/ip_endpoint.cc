@@ -88,6 +88,11 @@ std::optional<IPEndPoint> IPEndPoint::FromLiteral(std::string_view address, uint
   const size_t percent = address.find('%');
   if (percent != std::string_view::npos) {
     const std::string_view scope = address.substr(percent + 1);
+    // The system looks up an interface's name without what follows a colon: "%lo:123" would be taken for
+    // "%lo".
+    if (scope.find(':') != std::string_view::npos) {
+      return std::nullopt;
+    }
     const auto number = ParseWholeNumber<uint32_t>(scope);
     scope_id = number ? *number : if_nametoindex(std::string(scope).c_str());
     if (scope_id == 0) {

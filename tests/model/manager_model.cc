@@ -15,6 +15,7 @@ namespace {
 
 constexpr int64_t kUnixEpochUs = 11644473600000000;
 constexpr int64_t kTenMinutesMs = 600000;
+constexpr int64_t kMinuteUs = 60000000;
 
 // The local timestamps wrap.
 int64_t Plus(int64_t a, int64_t b) {
@@ -36,15 +37,29 @@ uint32_t CostMs(int64_t from_us, int64_t to_us) {
   return cost >= 4294967295.0 ? 4294967295u : static_cast<uint32_t>(cost);
 }
 
+std::vector<net::IPEndPoint> EachOnce(const std::vector<net::IPEndPoint>& addresses) {
+  std::vector<net::IPEndPoint> once;
+  for (const net::IPEndPoint& address : addresses) {
+    if (std::count(once.begin(), once.end(), address) == 0) {
+      once.push_back(address);
+    }
+  }
+  return once;
+}
+
+// A time to live is believed from a minute to a day.
+int64_t Believed(int64_t ttl_us) { return std::max(kMinuteUs, std::min(ttl_us, 24 * 60 * kMinuteUs)); }
+
 int Code(NtpResult result) { return static_cast<int>(result); }
 long long Wide(int64_t value) { return value; }
 
 }  // namespace
 
-ManagerModel::ManagerModel(const Surroundings& surroundings, int64_t steady_us)
+ManagerModel::ManagerModel(const Surroundings& surroundings, int64_t steady_us, uint64_t seed)
     : now_us(steady_us),
       system_offset_from_steady_us(surroundings.wall_offset_us),
-      surroundings_(surroundings) {}
+      surroundings_(surroundings),
+      ledger_(seed) {}
 
 // --- Tasks and time.
 
@@ -94,6 +109,8 @@ void ManagerModel::RunNext() {
     case Kind::kArrival:
       return RunArrival(requests_[static_cast<size_t>(task.index)], static_cast<ArrivalKind>(task.number),
                         task.due_us);
+    case Kind::kLookUp:
+      return RunLookUp(static_cast<size_t>(task.index), static_cast<int>(task.number));
   }
 }
 
@@ -296,9 +313,53 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   }
   Domain domain;
   domain.name = name;
-  domain.addresses = std::move(answer.addresses);
+  domain.addresses = EachOnce(answer.addresses);
+  if (answer.ttl_us) {
+    domain.expires_us = now_us + Believed(*answer.ttl_us);
+  }
+  domain.current = FirstFree(domain, 0) % domain.addresses.size();
   domains.push_back(std::move(domain));
   return true;
+}
+
+// The first address, from a place on, that is not held; the end when all are.
+size_t ManagerModel::FirstFree(const Domain& domain, size_t from) const {
+  while (from < domain.addresses.size() &&
+         ledger_.IsHeld(Surroundings::IndexOf(domain.addresses[from]), now_us)) {
+    ++from;
+  }
+  return from;
+}
+
+// A minute lies between two look-ups; one that does not end counts as lost after ten.
+void ManagerModel::Use(Domain& domain) {
+  const int64_t newest_expires_us = domain.next_addresses ? domain.next_expires_us : domain.expires_us;
+  if (now_us < domain.expires_us || now_us < newest_expires_us) {
+    return;
+  }
+  const int64_t pause_us = domain.begun_count == domain.ended_count ? kMinuteUs : 10 * kMinuteUs;
+  if (domain.begun_count > 0 && now_us < domain.begun_us + pause_us) {
+    return;
+  }
+  ++domain.begun_count;
+  domain.begun_us = now_us;
+  if (surroundings_.is_queue_available) {
+    look_ups_.emplace_back(&domain, surroundings_.LookUp(domain.name));
+    Add(Kind::kLookUp, look_ups_.back().second.delay_us, domain.begun_count,
+        static_cast<int>(look_ups_.size()) - 1, {});
+  }
+}
+
+void ManagerModel::RunLookUp(size_t which, int number) {
+  auto& [domain, answer] = look_ups_[which];
+  if (number <= domain->ended_count) {
+    return;
+  }
+  domain->ended_count = number;
+  if (!answer.addresses.empty()) {
+    domain->next_addresses = EachOnce(answer.addresses);
+    domain->next_expires_us = now_us + Believed(*answer.ttl_us);
+  }
 }
 
 void ManagerModel::RunUpdate(const std::vector<std::string>& names) {
@@ -322,7 +383,13 @@ void ManagerModel::RunUpdate(const std::vector<std::string>& names) {
 
 void ManagerModel::ResetDomains() {
   for (Domain& domain : domains) {
-    domain.current = 0;
+    if (domain.next_addresses) {
+      domain.addresses = *std::exchange(domain.next_addresses, std::nullopt);
+      domain.expires_us = domain.next_expires_us;
+    }
+    Use(domain);
+    domain.current = FirstFree(domain, 0) % domain.addresses.size();
+    domain.is_repeated = false;
     domain.samples.clear();
     domain.record = NtpDomainResult();
   }
@@ -344,6 +411,7 @@ void ManagerModel::StartIdleDomains() {
 
 void ManagerModel::SendBurst(int index) {
   Domain& domain = domains[static_cast<size_t>(index)];
+  Use(domain);
   domain.record.last_request_start_time_us = LocalNow();
   for (int64_t delay_us = 0; delay_us < 200000; delay_us += 10000) {
     Post(Kind::kSend, delay_us, 0, 0, domain.addresses[domain.current]);
@@ -373,13 +441,13 @@ void ManagerModel::PrepareHandler() {
 }
 
 void ManagerModel::RunSend(const net::IPEndPoint& address) {
-  if (!is_handler_prepared_) {
+  const int index = Surroundings::IndexOf(address);
+  if (!is_handler_prepared_ || !ledger_.Call(index, now_us)) {
     return;
   }
   if (std::find(open_sockets.begin(), open_sockets.end(), address) == open_sockets.end()) {
     open_sockets.push_back(address);
   }
-  const int index = Surroundings::IndexOf(address);
   const Fate fate = surroundings_.FateOf(index, request_counts_[static_cast<size_t>(index)]++);
   trace.sent.push_back({address, now_us});
   requests_.push_back({index, now_us, fate, generation_});
@@ -391,15 +459,28 @@ void ManagerModel::RunSend(const net::IPEndPoint& address) {
 
 // RFC 5905, section 8.
 void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arrival_us) {
-  if (request.generation != generation_ || !request.is_open || kind != ArrivalKind::kGenuine) {
+  const bool is_spoofed = kind == ArrivalKind::kOtherSource || kind == ArrivalKind::kSpoofedAsOther;
+  if (request.generation != generation_ || !request.is_open || is_spoofed ||
+      arrival_us > request.sent_us + 3000000) {
     return;
   }
-  request.is_open = false;
+  ledger_.Answered(request.address);
+  if (kind == ArrivalKind::kRate || kind == ArrivalKind::kDeny) {
+    request.is_open = false;
+    ledger_.Refused(request.address, kind, now_us);
+  }
+  if (kind != ArrivalKind::kGenuine) {
+    return;
+  }
   const int64_t t1 = request.sent_us + handler_offset_us;
   const int64_t t2 = request.sent_us + surroundings_.true_offset_us + request.fate.server_receive_us;
   const int64_t t3 = request.sent_us + surroundings_.true_offset_us + request.fate.server_transmit_us;
   const int64_t t4 = arrival_us + handler_offset_us;
   const NtpResultData sample{((t2 - t1) + (t3 - t4)) / 2, (t4 - t1) - (t3 - t2)};
+  if (sample.rtt_us < 0 || sample.rtt_us > 1500000) {
+    return;
+  }
+  request.is_open = false;
   const net::IPEndPoint server = Surroundings::Address(request.address);
   if (!is_first_packet_reported_) {
     is_first_packet_reported_ = true;
@@ -421,6 +502,7 @@ void ManagerModel::Packet(NtpResultData sample, const net::IPEndPoint& server) {
     return;
   }
   for (Domain& domain : domains) {
+    Use(domain);
     if (domain.addresses[domain.current] != server) {
       continue;
     }
@@ -503,14 +585,30 @@ NtpResult ManagerModel::Evaluate(Domain& domain) {
   return record.result;
 }
 
+// A domain with one address asks that once more, when it may and nothing has come back.
+bool ManagerModel::TakeNextAddress(Domain& domain) {
+  if (domain.addresses.size() == 1) {
+    const bool is_free = FirstFree(domain, 0) == 0;
+    if (domain.is_repeated || !is_free || ledger_.IsHeard(Surroundings::IndexOf(domain.addresses[0]))) {
+      return false;
+    }
+    return domain.is_repeated = true;
+  }
+  const size_t next = FirstFree(domain, domain.current + 1);
+  if (next == domain.addresses.size()) {
+    return false;
+  }
+  domain.current = next;
+  return true;
+}
+
 // After an evaluation without success: a retry, or the domain's end, and with the last one the attempt's.
 bool ManagerModel::IsAttemptOver(int index) {
   Domain& domain = domains[static_cast<size_t>(index)];
   if (!is_started) {
     return false;
   }
-  if (domain.record.result == NtpResult::kNoResult && domain.current + 1 < domain.addresses.size()) {
-    ++domain.current;
+  if (domain.record.result == NtpResult::kNoResult && TakeNextAddress(domain)) {
     ++total_retry_count;
     SendBurst(index);
     return false;
@@ -540,6 +638,7 @@ void ManagerModel::Succeed(int index) {
   last_request_cost_ms = record.last_request_cost_ms;
   last_sync_ntp_timestamp_us = NtpNow();
   last_sync_local_time_ms = WallMs();
+  Use(domain);
   Log(0,
       "NTP time sync successful, took(ms): %u, last request took(ms): %u, use sample count:%u, success "
       "offset(us): %lld, ntp time:%s, %s, IP:%s",
@@ -556,9 +655,10 @@ void ManagerModel::Fail(int index) {
   if (kept != NtpResult::kSuccess && Code(kept) < Code(domains[static_cast<size_t>(index)].record.result)) {
     current_domain = index;
   }
-  const Domain& domain = domains[static_cast<size_t>(current_domain)];
+  Domain& domain = domains[static_cast<size_t>(current_domain)];
   const NtpDomainResult& record = domain.record;
   KeepIfBetter(record);
+  Use(domain);
   const NtpResult code =
       last_result == NtpResult::kNoResult ? NtpResult::kNoResult : NtpResult::kMaybeInaccurate;
   const std::string address = domain.addresses[domain.current].ToString();

@@ -12,10 +12,12 @@
 #include <optional>
 #include <queue>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ntp/ntp_sync_records.h"
 #include "platform/net/ip_endpoint.h"
+#include "tests/model/ledger_model.h"
 #include "tests/model/side.h"
 #include "tests/model/surroundings.h"
 
@@ -23,16 +25,24 @@ namespace skorra::model {
 
 class ManagerModel final : public Side {
  public:
+  static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
   struct Domain {
     std::string name;
     std::vector<net::IPEndPoint> addresses;
     size_t current = 0;
+    bool is_repeated = false;  // the only address was asked a second time
     std::vector<NtpResultData> samples;
     NtpDomainResult record;
+    // The look-ups after the first.
+    int64_t expires_us = kNever;  // `addresses`; never: they are no name's
+    int begun_count = 0;
+    int ended_count = 0;  // the number of the last one that ended
+    int64_t begun_us = 0;
+    std::optional<std::vector<net::IPEndPoint>> next_addresses = std::nullopt;
+    int64_t next_expires_us = 0;
   };
-  static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
-  ManagerModel(const Surroundings& surroundings, int64_t steady_us);
+  ManagerModel(const Surroundings& surroundings, int64_t steady_us, uint64_t seed);
 
   // Public operations.
   void AddObserver(int observer) override;
@@ -47,6 +57,9 @@ class ManagerModel final : public Side {
   // The packet handler's calls.
   void FirstPacket(int64_t offset_us);
   void Packet(NtpResultData sample, const net::IPEndPoint& server);
+
+  // Using a domain's address begins a look-up once the list is too old.
+  void Use(Domain& domain);
 
   // Time.
   int64_t NextDue() const { return pending_.empty() ? kNever : pending_.top().due_us; }
@@ -91,13 +104,13 @@ class ManagerModel final : public Side {
   std::vector<net::IPEndPoint> open_sockets;
 
  private:
-  enum class Kind { kNotify, kStartSync, kStopQueue, kDelayStop, kUpdate, kSend, kCheck, kArrival };
+  enum class Kind { kNotify, kStartSync, kStopQueue, kDelayStop, kUpdate, kSend, kCheck, kArrival, kLookUp };
   struct Pending {
     int64_t due_us;
     uint64_t sequence;
     Kind kind;
-    int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind of arrival
-    int index = 0;       // update: which list; check: which domain; arrival: which request
+    int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind; look-up: its number
+    int index = 0;       // update: which list; check: which domain; arrival: which request; look-up: which
     net::IPEndPoint address;
 
     friend bool operator>(const Pending& a, const Pending& b) {
@@ -132,11 +145,14 @@ class ManagerModel final : public Side {
   void RunSend(const net::IPEndPoint& address);
   void RunCheck(int64_t start_us, int domain);
   void RunArrival(Request& request, ArrivalKind kind, int64_t arrival_us);
+  void RunLookUp(size_t which, int number);
 
   void MakeHandler();
   void PrepareHandler();
   void CleanHandler();
   bool AddDomain(const std::string& name, bool is_logged);
+  size_t FirstFree(const Domain& domain, size_t from) const;
+  bool TakeNextAddress(Domain& domain);
   void ResetDomains();
   void StartIdleDomains();
   void SendBurst(int domain);
@@ -153,6 +169,8 @@ class ManagerModel final : public Side {
   uint64_t next_sequence_ = 0;
   std::vector<std::vector<std::string>> updates_;
   std::vector<Request> requests_;
+  std::vector<std::pair<Domain*, Surroundings::Answer>> look_ups_;
+  LedgerModel ledger_;
   std::array<uint64_t, kAddressCount> request_counts_{};
   bool is_handler_prepared_ = false;
   bool is_first_packet_reported_ = false;

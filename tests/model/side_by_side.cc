@@ -8,12 +8,27 @@
 #include "platform/config/base_cfg.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
+#include "transport/ntp_address_ledger.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra::model {
 namespace {
 
 constexpr std::array<uint64_t, 4> kKeys = {37003, 37004, 37005, 37006};
+
+// The four letters of a reply that tells no time; 0 for one that does.
+uint32_t KissCodeOf(ArrivalKind kind) {
+  switch (kind) {
+    case ArrivalKind::kKiss:
+      return 0x494e4954;  // INIT
+    case ArrivalKind::kRate:
+      return 0x52415445;
+    case ArrivalKind::kDeny:
+      return 0x44454e59;
+    default:
+      return 0;
+  }
+}
 
 config::ConfigCenterImpl& Config() { return *config::ConfigCenterImpl::GetInstance(); }
 
@@ -143,7 +158,8 @@ Glimpse ManagerSide::Look() {
 SideBySide::SideBySide(uint64_t seed)
     : world({.seed = seed}),
       surroundings(seed, world.wall_us() - world.steady_us()),
-      model(surroundings, world.steady_us()) {
+      model(surroundings, world.steady_us(), seed) {
+  NtpAddressLedger::GetInstance()->Clear();
   base::SetLogThreshold(0);
   base::SetLogSink([this](const base::LogLine& line) {
     const bool is_ours = std::string_view(line.file) == "ntp/ntp_time_manager_impl" && line.line > 0;
@@ -230,8 +246,8 @@ void SideBySide::SetDefaultDomain(const std::string& name) {
   Config().Set(config::BaseCfg().ntp_default_domain, name.empty() ? std::nullopt : std::optional(name));
 }
 
-void SideBySide::SetHost(int host, uint64_t choice, int64_t delay_us) {
-  surroundings.SetHost(host, choice, delay_us);
+void SideBySide::SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us) {
+  surroundings.SetHost(host, choice, delay_us, ttl_us);
   world.SetHost(surroundings.host(host).name, surroundings.EntryOf(host));
 }
 
@@ -246,9 +262,11 @@ void SideBySide::OnSent(const sim::SentDatagram& sent) {
   const int64_t true_us = sent.sent_ticks_us + surroundings.true_offset_us;
   for (size_t i = 0; i < fate.arrival_count; ++i) {
     const ArrivalKind kind = fate.arrivals[i].kind;
+    const uint32_t code = KissCodeOf(kind);
     const NtpPacket reply{.version = kNtpVersion,
                           .mode = kNtpModeServer,
-                          .stratum = static_cast<uint8_t>(kind == ArrivalKind::kKiss ? 0 : 2),
+                          .stratum = static_cast<uint8_t>(code != 0 ? 0 : 2),
+                          .reference_id = code,
                           .origin_timestamp = request->transmit_timestamp,
                           .receive_timestamp = NtpTimestampFromUs(true_us + fate.server_receive_us),
                           .transmit_timestamp = NtpTimestampFromUs(true_us + fate.server_transmit_us)};
@@ -276,11 +294,22 @@ void SideBySide::Check(const char* what, const T& manager, const T& expected) {
 }
 
 bool SideBySide::Compare() {
+  UseAddresses();
   CompareTraces();
   CompareMembers();
   CompareDomains();
   CompareStats();
   return difference_.empty();
+}
+
+// Looking at a domain's address is using it, which may begin a look-up of its name: on both sides, then.
+void SideBySide::UseAddresses() {
+  for (const auto& info : real.peer.domain_infos()) {
+    info->GetCurrentIPAddress();
+  }
+  for (ManagerModel::Domain& domain : model.domains) {
+    model.Use(domain);
+  }
 }
 
 void SideBySide::CompareTraces() {

@@ -69,7 +69,7 @@ class SideBySide {
   void SetQueueAvailable(bool is_available);
   void SetSyncInterval(std::optional<uint64_t> seconds);
   void SetDefaultDomain(const std::string& name);
-  void SetHost(int host, uint64_t choice, int64_t delay_us);
+  void SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us);
 
   bool Compare();
 
@@ -84,6 +84,7 @@ class SideBySide {
 
  private:
   void OnSent(const sim::SentDatagram& sent);
+  void UseAddresses();
   void CompareTraces();
   void CompareMembers();
   void CompareDomains();

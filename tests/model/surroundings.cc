@@ -44,13 +44,13 @@ Surroundings::Surroundings(uint64_t seed, int64_t offset_from_steady_us)
     : true_offset_us(offset_from_steady_us),
       wall_offset_us(offset_from_steady_us),
       seed_(seed),
-      hosts_{Host{"one.test", {0}},
-             Host{"two.test", {1, 2}},
+      hosts_{Host{"one.test", {0}, 0, 300000000},
+             Host{"two.test", {1, 2}, 0, 300000000},
              Host{"three.test", {3, 4, 5}},
-             Host{"shared.test", {1, 0}},
+             Host{"shared.test", {1, 0}, 0, 86400000000},
              Host{"none.test", {}},
              Host{"One.test", {6}},
-             Host{"slow.test", {0, 6}, 700000}} {}
+             Host{"slow.test", {0, 6}, 700000, 600000000}} {}
 
 const net::IPEndPoint& Surroundings::Address(int index) { return AllAddresses()[static_cast<size_t>(index)]; }
 
@@ -96,6 +96,9 @@ Fate Surroundings::FateOf(int address, uint64_t request) const {
     case Behaviour::kHostile:
       fate.arrival_count = static_cast<size_t>(draw(48, 3));
       break;
+    case Behaviour::kRefusing:
+      fate.arrival_count = draw(48, 4) == 0 ? 0 : 1;
+      break;
     default:
       break;
   }
@@ -112,6 +115,11 @@ Fate Surroundings::FateOf(int address, uint64_t request) const {
   fate.arrivals = {Arrival{ArrivalKind::kGenuine, delay_us}, Arrival{ArrivalKind::kGenuine, delay_us + 1500}};
   if (server.behaviour == Behaviour::kHostile) {
     fate.arrivals[0].kind = static_cast<ArrivalKind>(draw(32, 4));
+  } else if (server.behaviour == Behaviour::kRefusing) {
+    const int64_t drawn = draw(32, 100);
+    fate.arrivals[0].kind = drawn < 8    ? ArrivalKind::kRate
+                            : drawn == 8 ? ArrivalKind::kDeny
+                                         : ArrivalKind::kGenuine;
   }
   return fate;
 }
@@ -119,7 +127,7 @@ Fate Surroundings::FateOf(int address, uint64_t request) const {
 Surroundings::Answer Surroundings::LookUp(const std::string& name) const {
   for (const int literal : {7, 10}) {
     if (name == (literal == 7 ? "198.51.100.7" : "[2001:db8::7]:123")) {
-      return {{Address(literal)}, 0};
+      return {{Address(literal)}};
     }
   }
   const bool has_port = name == "two.test:1123";
@@ -129,9 +137,9 @@ Surroundings::Answer Surroundings::LookUp(const std::string& name) const {
       continue;
     }
     if (candidate.delay_us > kLookUpLimitUs) {
-      return {{}, kLookUpLimitUs};
+      return {{}, kLookUpLimitUs, candidate.ttl_us};
     }
-    Answer answer{{}, candidate.delay_us};
+    Answer answer{{}, candidate.delay_us, candidate.ttl_us};
     for (const int address : candidate.addresses) {
       const auto& bytes = Address(address).bytes();
       answer.addresses.push_back(
@@ -143,7 +151,7 @@ Surroundings::Answer Surroundings::LookUp(const std::string& name) const {
 }
 
 // Up to three of the first seven addresses; the "two" family keeps to those that also have the other port.
-void Surroundings::SetHost(int host, uint64_t choice, int64_t delay_us) {
+void Surroundings::SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us) {
   Host& changed = hosts_[static_cast<size_t>(host)];
   const uint64_t count = choice % 4;
   changed.addresses.clear();
@@ -153,6 +161,7 @@ void Surroundings::SetHost(int host, uint64_t choice, int64_t delay_us) {
     changed.addresses.push_back(address);
   }
   changed.delay_us = delay_us;
+  changed.ttl_us = ttl_us;
 }
 
 sim::HostEntry Surroundings::EntryOf(int host) const {
@@ -161,6 +170,7 @@ sim::HostEntry Surroundings::EntryOf(int host) const {
     entry.addresses.push_back(Address(address));
   }
   entry.delay_us = hosts_[static_cast<size_t>(host)].delay_us;
+  entry.ttl = base::TimeDelta::FromMicroseconds(hosts_[static_cast<size_t>(host)].ttl_us);
   return entry;
 }
 

@@ -27,7 +27,8 @@ enum class Behaviour {
   kScattered,  // offsets that do not agree
   kJittery,    // round-trip times that do not agree
   kSlow,
-  kHostile,  // kiss codes, spoofed and doubled replies among the genuine ones
+  kHostile,   // kiss codes, spoofed and doubled replies among the genuine ones
+  kRefusing,  // some requests too fast for it, and a few denied
   kCount,
 };
 
@@ -38,9 +39,11 @@ struct Server {
 
 enum class ArrivalKind {
   kGenuine,
-  kKiss,            // stratum 0: dropped, and the request stays open
+  kKiss,            // INIT, no refusal: dropped, and the request stays open
   kOtherSource,     // from another address: the system drops it
   kSpoofedAsOther,  // the same, when the system lets it through
+  kRate,            // refusals, each of which answers the request
+  kDeny,
 };
 
 struct Arrival {
@@ -62,10 +65,12 @@ class Surroundings {
     std::string name;
     std::vector<int> addresses;
     int64_t delay_us = 0;
+    int64_t ttl_us = 0;
   };
   struct Answer {
     std::vector<net::IPEndPoint> addresses;
     int64_t delay_us = 0;
+    std::optional<int64_t> ttl_us = std::nullopt;  // nothing: the name is an address, and for ever
   };
 
   Surroundings(uint64_t seed, int64_t offset_from_steady_us);
@@ -78,7 +83,7 @@ class Surroundings {
   // What the manager finds behind one of the names; the look-up takes `delay_us`.
   Answer LookUp(const std::string& name) const;
 
-  void SetHost(int host, uint64_t choice, int64_t delay_us);
+  void SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us);
   const Host& host(int index) const { return hosts_[static_cast<size_t>(index)]; }
   sim::HostEntry EntryOf(int host) const;
 

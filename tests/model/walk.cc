@@ -25,6 +25,8 @@ constexpr std::array<int64_t, 12> kDeviations = {0,    4,   -4,   5,          -5
                                                  -500, 501, -501, 4294967300, 4294967301, 60000};
 // The slow ones reach to both sides of the limits for a request's duration and for a look-up's.
 constexpr std::array<int64_t, 8> kHostDelays = {0, 0, 0, 0, 799 * kMs, 800 * kMs, 200 * kMs, 2500 * kMs};
+// The time to live is also tried below and above the limits of what is believed of it.
+constexpr std::array<int64_t, 4> kTimesToLive = {0, 300 * kS, 3600 * kS, 200000 * kS};
 constexpr std::array<int64_t, 6> kClockErrors = {0, 2500, -40000, 3600 * kS, -2 * kS, 25};
 
 // What an observer does when it is called.
@@ -62,7 +64,7 @@ class Draws {
 
 // How often each kind is drawn, in the order of the enumeration.
 constexpr std::array<int, static_cast<size_t>(EventKind::kCount)> kWeights = {
-    30, 10, 10, 55, 14, 2, 45, 8, 22, 8, 8, 6, 22, 150, 3, 85, 40, 18, 16, 40, 4, 35};
+    30, 10, 10, 55, 14, 2, 45, 8, 22, 8, 8, 10, 22, 150, 3, 85, 40, 18, 16, 40, 4, 35};
 
 EventKind DrawKind(Draws& draws) {
   int total = 0;
@@ -378,7 +380,8 @@ bool Walker::Run(const Event& event) {
       return true;
     case EventKind::kSetHost:
       sides_.SetHost(static_cast<int>(event.a), static_cast<uint64_t>(event.b),
-                     kHostDelays[static_cast<size_t>(event.b / 4) % kHostDelays.size()]);
+                     kHostDelays[static_cast<size_t>(event.b / 4) % kHostDelays.size()],
+                     kTimesToLive[static_cast<size_t>(event.b / 32) % kTimesToLive.size()]);
       return true;
     case EventKind::kSetServer:
       SetServer(event.a, event.b);

@@ -19,6 +19,13 @@ inline RequestLimit Bursts(const std::string& address, size_t count) {
 }
 inline RequestLimit OneBurst(const std::string& address) { return Bursts(address, 1); }
 
+// Long enough for both bursts that an only address gets when nothing comes back from it, 3 s each.
+inline void SyncWithRepetition(Run& run) {
+  run.AddDomains({"time.test"});
+  run.Start();
+  run.For(7 * kSecond);
+}
+
 // One server at kA, under the name "time.test".
 inline std::function<void(Run&)> OneServer(const sim::ServerOptions& options) {
   return [options](Run& run) {

@@ -69,6 +69,7 @@ class Run {
   void StepWall(int64_t us) { world.StepWall(base::TimeDelta::FromMicroseconds(us)); }
   void SetDefaultDomain(const std::string& domain);
   void SetSyncInterval(uint64_t seconds);
+  void SetRequestsPerBurst(uint64_t count);
   void AddAttacker(sim::AttackerOptions options) {
     attackers_.push_back(std::make_unique<sim::Attacker>(world, network, options));
   }

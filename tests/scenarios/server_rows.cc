@@ -67,20 +67,28 @@ std::vector<Scenario> SeveralServerRows() {
         .requests = each,
         .outcomes = {0}}},
       {"all_dead",
-       "no server answers: no result, told after 3 s, and one burst for each",
+       "no server answers: no result, told after 6 s, and two bursts for each, since each name has one "
+       "address",
        ThreeServers({.is_silent = true}, {.is_silent = true}, {.is_silent = true}),
-       SyncWithThree,
-       {.requests = each, .outcomes = {-1}, .has_result_at_end = false}},
+       [](Run& run) {
+         run.AddDomains({"a.test", "b.test", "c.test"});
+         run.Start();
+         run.For(7 * kSecond);
+       },
+       {.requests = {Bursts(kA, 2), Bursts(kB, 2), Bursts(kC, 2)},
+        .outcomes = {-1},
+        .has_result_at_end = false}},
       {"closed_ports",
-       "errors of the network do not end an attempt early: they may be forged",
+       "errors of the network neither end an attempt early nor count as something that came back: they may be"
+       " forged",
        [](Run& run) {
          run.SetHost("time.test", {kA});
          run.network.AddListener([&run](const sim::SentDatagram& sent) {
            run.At(5 * kMs, [&run, sent] { run.world.ReportError(sent.client, net::SocketError::kRefused); });
          });
        },
-       SyncOnce,
-       {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false}},
+       SyncWithRepetition,
+       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
       {"three_addresses_two_dead",
        "the addresses of one name are asked one after another, 3 s each",
        [](Run& run) {
@@ -150,40 +158,160 @@ std::vector<Scenario> ChangingServerRows() {
   };
 }
 
+// An attempt every `interval_us`, the first at once.
+void AttemptEvery(Run& run, int64_t interval_us, int count) {
+  run.AddDomains({"time.test"});
+  for (int i = 0; i < count; ++i) {
+    run.Start();
+    run.For(interval_us);
+  }
+}
+
+// Two replies, and RATE for every request beyond.
+const sim::RateLimit kTwoThenRate = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1};
+
 std::vector<Scenario> RefusalRows() {
-  const Limits nothing = {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false};
   return {
       {"rate_limited_server",
-       "a bucket of eight: enough for a result with the first check",
+       "a bucket of eight: enough for a result with the first check; the twelfth request brings RATE, and "
+       "only"
+       " the one that is under way by then still goes out",
        OneServer({.rate_limit = {.interval_us = 2 * kSecond, .burst = 8}}),
        SyncOnce,
        {.max_error_us = 10,
         .rms_error_us = 10,
         .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
+        .requests = {{kA, 13, 13}},
         .outcomes = {0}}},
       {"rate_limited_server_with_a_small_bucket",
-       "a bucket of four: these are a result too, but only once the 3 s are over",
+       "a bucket of four: these are a result too, but only once the 3 s are over; the eighth request brings"
+       " RATE",
        OneServer({.rate_limit = {.interval_us = 4 * kSecond, .burst = 4}}),
        SyncOnce,
        {.max_error_us = 10,
         .rms_error_us = 10,
         .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
+        .requests = {{kA, 9, 9}},
         .outcomes = {0}}},
       {"rate_limited_server_with_hardly_a_bucket",
-       "two replies and kisses for the rest are no result; the provisional one is discarded with the attempt",
-       OneServer({.rate_limit = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1}}),
+       "two replies and RATE for the third request: no result, no second burst, and the provisional result is"
+       " discarded with the attempt",
+       OneServer({.rate_limit = kTwoThenRate}),
+       SyncWithRepetition,
+       {.max_error_us = 10,
+        .rms_error_us = 10,
+        .first_result_us = 20 * kMs,
+        .requests = {{kA, 4, 4}},
+        .outcomes = {-1},
+        .has_result_at_end = false}},
+      {"kiss_of_death",
+       "RATE for everything: the first ends the burst, with one more request under way",
+       OneServer({.kiss_code = "RATE"}),
+       SyncWithRepetition,
+       {.requests = {{kA, 2, 2}}, .outcomes = {-1}, .has_result_at_end = false}},
+      {"kiss_deny",
+       "DENY for everything does the same",
+       OneServer({.kiss_code = "DENY"}),
+       SyncWithRepetition,
+       {.requests = {{kA, 2, 2}}, .outcomes = {-1}, .has_result_at_end = false}},
+      {"kiss_init",
+       "INIT is no refusal: the burst goes on, and a server that is there gets no second one",
+       OneServer({.kiss_code = "INIT"}),
+       SyncWithRepetition,
+       {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false}},
+      {"attempts_within_the_back_off",
+       "of four attempts in two minutes only the first sends anything; one after the two minutes and their "
+       "jitter sends"
+       " what a burst of eight sends until RATE comes again",
+       OneServer({.rate_limit = kTwoThenRate}),
+       [](Run& run) {
+         AttemptEvery(run, 35 * kSecond, 4);
+         run.For(20 * kSecond);
+         run.Start();
+         run.For(5 * kSecond);
+       },
+       {.max_error_us = 10,
+        .rms_error_us = 10,
+        .first_result_us = 20 * kMs,
+        .requests = {{kA, 7, 7}},
+        .outcomes = {-1, -1, -1, -1, -1},
+        .has_result_at_end = false}},
+      {"deny_parks_for_four_hours",
+       "of attempts a minute before and a second after, the later one sends two requests again",
+       OneServer({.kiss_code = "DENY"}),
+       [](Run& run) {
+         AttemptEvery(run, 4 * kHour - kMinute, 1);
+         run.Start();
+         run.For(kMinute + kSecond);
+         run.Start();
+         run.For(5 * kSecond);
+       },
+       {.requests = {{kA, 4, 4}}, .outcomes = {-1, -1, -1}, .has_result_at_end = false}},
+      {"deny_is_not_forgotten_earlier",
+       "an attempt every half hour for less than four hours: only the first sends",
+       OneServer({.kiss_code = "DENY"}),
+       [](Run& run) {
+         AttemptEvery(run, 30 * kMinute, 7);
+         run.For(30 * kMinute - 10 * kSecond);
+         run.Start();
+         run.For(5 * kSecond);
+       },
+       {.requests = {{kA, 2, 2}}, .outcomes = std::vector<int>(8, -1), .has_result_at_end = false}},
+      {"rate_from_the_first_of_two_addresses",
+       "the second address answers; the first is left alone for two minutes. The address is chosen when an"
+       " attempt is over, so that the one after the first without back-off asks it again, with 8 requests",
+       [](Run& run) {
+         run.SetHost("time.test", {kA, kB});
+         run.AddServer(kA, {.rate_limit = kTwoThenRate});
+         run.AddServer(kB, {});
+         run.SetSyncInterval(30);
+         run.At(3 * kMinute, [&run] { run.AddServer(kA, {}); });
+       },
+       [](Run& run) { AttemptEvery(run, 100 * kSecond, 4); },
+       {.max_error_us = 10,
+        .rms_error_us = 10,
+        .first_result_us = 20 * kMs,
+        .requests = {{kA, 12, 12}, Bursts(kB, 3)},
+        .outcomes = {0, 0, 0, 0}}},
+      {"two_names_for_one_refusing_address",
+       "what one name's requests learn binds the other's: two requests each until RATE comes, and then none",
+       [](Run& run) {
+         OneServer({.kiss_code = "RATE"})(run);
+         run.SetHost("alias.test", {kA});
+       },
+       [](Run& run) {
+         run.AddDomains({"time.test", "alias.test"});
+         run.Start();
+         run.For(7 * kSecond);
+         run.Start();
+         run.For(7 * kSecond);
+       },
+       {.requests = {{kA, 4, 4, 0}}, .outcomes = {-1, -1}, .has_result_at_end = false}},
+      {"eight_requests_per_burst",
+       "as configured for public servers: exactly eight leave, evenly spread, and make as good a result",
+       [](Run& run) {
+         OneServer({})(run);
+         run.SetRequestsPerBurst(8);
+       },
        SyncOnce,
        {.max_error_us = 10,
         .rms_error_us = 10,
         .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {-1},
-        .has_result_at_end = false}},
-      {"kiss_of_death", "RATE for everything: stratum 0 is no time, and no cause for more requests",
-       OneServer({.kiss_code = "RATE"}), SyncOnce, nothing},
-      {"kiss_deny", "DENY for everything", OneServer({.kiss_code = "DENY"}), SyncOnce, nothing},
+        .requests = {{kA, 8, 8, 20 * kMs}},
+        .outcomes = {0}}},
+      {"eight_requests_for_a_bucket_of_eight",
+       "a server whose limit is eight never has to refuse a burst of eight, once in 20 s",
+       [](Run& run) {
+         OneServer({.rate_limit = {.interval_us = 2 * kSecond, .burst = 8, .kiss_every = 1}})(run);
+         run.SetRequestsPerBurst(8);
+         run.SetSyncInterval(10);
+       },
+       [](Run& run) { AttemptEvery(run, 20 * kSecond, 10); },
+       {.max_error_us = 10,
+        .rms_error_us = 10,
+        .first_result_us = 20 * kMs,
+        .requests = {{kA, 80, 80, 20 * kMs}},
+        .outcomes = std::vector<int>(10, 0)}},
   };
 }
 
@@ -211,10 +339,14 @@ std::vector<Scenario> HonestServerRows() {
         .first_result_us = 20 * kMs,
         .requests = {OneBurst(kA)},
         .outcomes = {0}}},
-      {"large_root_dispersion",
-       "a server that admits to 8 s of doubt: the manager grades by samples alone",
+      {"large_root_dispersion", "a server that admits to 8.5 s of doubt is not believed, and not asked again",
        OneServer(
            {.clock_error_us = 3 * kSecond, .root_delay_us = kSecond, .root_dispersion_us = 8 * kSecond}),
+       SyncWithRepetition, nothing},
+      {"root_distance_at_the_limit",
+       "half of 2 s of root delay and 4 s of dispersion are 5 s: the manager grades by samples alone",
+       OneServer(
+           {.clock_error_us = 3 * kSecond, .root_delay_us = 2 * kSecond, .root_dispersion_us = 4 * kSecond}),
        SyncOnce,
        {.max_error_us = 3 * kSecond,
         .rms_error_us = 3 * kSecond,
@@ -222,7 +354,16 @@ std::vector<Scenario> HonestServerRows() {
         .requests = {OneBurst(kA)},
         .outcomes = {0},
         .min_error_at_end_us = 3 * kSecond}},
-      {"silent_server", "an address where nobody listens", OneServer({.is_silent = true}), SyncOnce, nothing},
+      {"root_distance_above_the_limit", "1 ms more of dispersion: no result",
+       OneServer({.root_delay_us = 2 * kSecond, .root_dispersion_us = 4001 * kMs}), SyncOnce, nothing},
+      {"silent_server",
+       "an address where nobody listens gets a second burst, but no third",
+       OneServer({.is_silent = true}),
+       [](Run& run) {
+         SyncWithRepetition(run);
+         run.For(kMinute);
+       },
+       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
       {"noisy_server",
        "readings that are 100 ms ahead and behind in turn: a result, but one that may be inaccurate",
        OneServer(Scattered()),

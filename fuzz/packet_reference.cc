@@ -1,0 +1,120 @@
+#include "fuzz/packet_reference.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "fuzz/check.h"
+
+namespace skorra::fuzz {
+
+int64_t Clamp(Wide value) {
+  return static_cast<int64_t>(
+      std::clamp<Wide>(value, std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()));
+}
+
+uint64_t NumberAt(std::span<const uint8_t> bytes, size_t position, size_t size) {
+  return Input(bytes.subspan(position)).Number(size);
+}
+
+ReplyRejection ExpectedHeaderCheck(std::span<const uint8_t> bytes) {
+  const int version = bytes[0] / 8 % 8;
+  if (bytes[0] % 8 != 4) {
+    return ReplyRejection::kMode;
+  }
+  return version == 3 || version == 4 ? ReplyRejection::kNone : ReplyRejection::kVersion;
+}
+
+ReplyRejection ExpectedReplyCheck(std::span<const uint8_t> bytes, int64_t max_root_distance_us) {
+  // In units of 2^-17 s.
+  const Wide root_distance = Wide{NumberAt(bytes, 4, 4)} + 2 * Wide{NumberAt(bytes, 8, 4)};
+  const uint64_t receive = NumberAt(bytes, 32, 8);
+  const uint64_t transmit = NumberAt(bytes, 40, 8);
+  const struct {
+    bool is_bad;
+    ReplyRejection rejection;
+  } checks[] = {
+      {bytes[1] == 0, ReplyRejection::kStratumZero},
+      {bytes[0] / 64 == 3, ReplyRejection::kLeap},
+      {bytes[1] >= 16, ReplyRejection::kStratum},
+      {receive == 0, ReplyRejection::kZeroReceive},
+      {transmit == 0, ReplyRejection::kZeroTransmit},
+      {transmit - receive >= uint64_t{1} << 63, ReplyRejection::kTransmitBeforeReceive},
+      {root_distance * kUsPerSecond / (1 << 17) > max_root_distance_us, ReplyRejection::kRootDistance},
+  };
+  const auto* const first =
+      std::find_if(std::begin(checks), std::end(checks), [](const auto& check) { return check.is_bad; });
+  return first == std::end(checks) ? ReplyRejection::kNone : first->rejection;
+}
+
+KissCode ExpectedKissCode(std::span<const uint8_t> bytes) {
+  const auto* const code = bytes.data() + 12;
+  const struct {
+    const char* letters;
+    KissCode code;
+  } known[] = {{"RATE", KissCode::kRate},
+               {"DENY", KissCode::kDeny},
+               {"RSTR", KissCode::kRstr},
+               {"INIT", KissCode::kInit},
+               {"STEP", KissCode::kStep}};
+  if (bytes[1] != 0 || !std::all_of(code, code + 4, [](uint8_t c) { return c >= 0x21 && c <= 0x7e; })) {
+    return KissCode::kNone;
+  }
+  for (const auto& entry : known) {
+    if (std::memcmp(code, entry.letters, 4) == 0) {
+      return entry.code;
+    }
+  }
+  return KissCode::kUnknown;
+}
+
+// Whether a row of fields begins at each position, the last position first.
+bool ExpectedExtensionFields(std::span<const uint8_t> bytes) {
+  const size_t size = bytes.size();
+  if (size % 4 != 0) {
+    return false;
+  }
+  std::vector<bool> is_row(size + 1, false);
+  is_row[size] = true;
+  for (size_t i = size; i >= 4;) {
+    i -= 4;
+    const size_t length = NumberAt(bytes, i + 2, 2);
+    if (length % 4 != 0 || length < 16 || length > size - i) {
+      continue;
+    }
+    const bool is_last = length == size - i;
+    is_row[i] = is_last ? length >= 28 : is_row[i + length];
+  }
+  return is_row[0];
+}
+
+Wide ExpectedPivotUs(int64_t pivot_us) {
+  return std::clamp<Wide>(pivot_us, kEarliestPivotUs, std::numeric_limits<int64_t>::max() - kEraUs);
+}
+
+int64_t ExpectedTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {
+  const Wide pivot = ExpectedPivotUs(pivot_us);
+  const Wide in_era_0 = kNtpEpochUs + (Wide{timestamp} * kUsPerSecond + kTwoTo32 / 2) / kTwoTo32;
+  // From the era before the pivot's to the one after it.
+  const Wide first = in_era_0 + std::max<Wide>(0, (pivot - in_era_0) / kEraUs - 1) * kEraUs;
+  Wide nearest = first;
+  for (Wide us = first; us <= pivot + kEraUs; us += kEraUs) {
+    const Wide distance = us < pivot ? pivot - us : us - pivot;
+    const Wide best = nearest < pivot ? pivot - nearest : nearest - pivot;
+    if (distance < best) {
+      nearest = us;
+    }
+  }
+  return static_cast<int64_t>(nearest);
+}
+
+NtpResultData ExpectedSample(const ExchangeTimes& times) {
+  const Wide outward = Clamp(Wide{times.server_receive_us} - times.send_us);
+  const Wide homeward = Clamp(Wide{times.server_transmit_us} - times.receive_us);
+  const Wide whole = Clamp(Wide{times.receive_us} - times.send_us);
+  const Wide at_server = Clamp(Wide{times.server_transmit_us} - times.server_receive_us);
+  return {Clamp(outward + homeward) / 2, Clamp(whole - at_server)};
+}
+
+}  // namespace skorra::fuzz

@@ -1,0 +1,133 @@
+#include "platform/linux/kernel_time_stamps.h"
+
+#include <linux/errqueue.h>
+#include <linux/net_tstamp.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/base/clock.h"
+#include "platform/base/time.h"
+
+namespace net::internal {
+
+namespace {
+
+// The wall clock has been set when it moved further than this against the steady one since the last look. The
+// kernel runs both at one rate, so below it lies only the uncertainty of reading them, also where they are
+// emulated.
+constexpr int64_t kWallStepUs = 1000;
+// How far a good stamp may seem to lie outside its limits: both clocks are cut to microseconds, and their
+// difference is known to half the time that the tightest pair of readings took.
+constexpr int64_t kReadingErrorUs = 100;
+
+#if __SIZEOF_LONG__ == 4
+static_assert(SO_TIMESTAMPNS == SO_TIMESTAMPNS_NEW && SO_TIMESTAMPING == SO_TIMESTAMPING_NEW,
+              "build with _TIME_BITS=64: the older options stamp with 32-bit seconds, which end in 2038");
+#endif
+
+// What the kernel writes: both numbers have 64 bits on every machine, whatever `timespec` is there.
+struct KernelTime {
+  int64_t seconds;
+  int64_t nanoseconds;
+};
+
+int64_t ToWallUs(const cmsghdr& header) {
+  KernelTime time;
+  std::memcpy(&time, CMSG_DATA(&header), sizeof time);
+  return time.seconds * 1000000 + time.nanoseconds / 1000 + base::kWindowsToUnixEpochUs;
+}
+
+bool IsStamp(const cmsghdr& header, int type) {
+  return header.cmsg_level == SOL_SOCKET && header.cmsg_type == type &&
+         header.cmsg_len >= CMSG_LEN(sizeof(KernelTime));
+}
+
+bool IsExtendedError(const cmsghdr& header) {
+  return ((header.cmsg_level == SOL_IP && header.cmsg_type == IP_RECVERR) ||
+          (header.cmsg_level == SOL_IPV6 && header.cmsg_type == IPV6_RECVERR)) &&
+         header.cmsg_len >= CMSG_LEN(sizeof(sock_extended_err));
+}
+
+}  // namespace
+
+bool RequestReceiveStamps(int fd) {
+  const int on = 1;
+  return setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+}
+
+bool RequestSendStamps(int fd) {
+  // The stamp comes alone: without a copy of its datagram no privilege is needed.
+  const unsigned flags = SOF_TIMESTAMPING_TX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE | SOF_TIMESTAMPING_OPT_ID |
+                         SOF_TIMESTAMPING_OPT_TSONLY;
+  return setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPING, &flags, sizeof flags) == 0;
+}
+
+std::optional<int64_t> ReceiveStamp(msghdr& message) {
+  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+    if (IsStamp(*header, SCM_TIMESTAMPNS)) {
+      return ToWallUs(*header);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<SendStamp> SendStampOf(msghdr& message) {
+  std::optional<int64_t> wall_us;
+  std::optional<uint32_t> number;
+  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+    if (IsStamp(*header, SCM_TIMESTAMPING)) {
+      // The first of three is the software's.
+      wall_us = ToWallUs(*header);
+    } else if (IsExtendedError(*header)) {
+      sock_extended_err kind;
+      std::memcpy(&kind, CMSG_DATA(header), sizeof kind);
+      if (kind.ee_origin == SO_EE_ORIGIN_TIMESTAMPING && kind.ee_info == SCM_TSTAMP_SND) {
+        number = kind.ee_data;
+      }
+    }
+  }
+  if (!wall_us || !number) {
+    return std::nullopt;
+  }
+  return SendStamp{*number, *wall_us};
+}
+
+ClockReading ReadClocks() {
+  const int64_t wall_minus_steady_us = base::GetSystemTimeOffsetFromSteady();
+  return {base::GetSteadyTimeTicks(), wall_minus_steady_us};
+}
+
+void StampClock::Look(const ClockReading& now) {
+  was_set_in_last_look_ = std::abs(now.wall_minus_steady_us - last_.wall_minus_steady_us) > kWallStepUs;
+  is_in_doubt_ = is_in_doubt_ || was_set_in_last_look_;
+  last_ = now;
+}
+
+std::optional<int64_t> StampClock::ToSteady(int64_t wall_us, int64_t not_before_us) const {
+  const int64_t earliest_us = std::max(opened_us_, not_before_us);
+  const int64_t ticks_us = wall_us - last_.wall_minus_steady_us;
+  if (is_in_doubt_ || ticks_us < earliest_us - kReadingErrorUs ||
+      ticks_us > last_.steady_us + kReadingErrorUs) {
+    return std::nullopt;
+  }
+  return std::clamp(ticks_us, earliest_us, std::max(earliest_us, last_.steady_us));
+}
+
+Arrival StampClock::ToArrival(std::optional<int64_t> wall_us, int64_t read_ticks_us) const {
+  if (!wall_us) {
+    return {read_ticks_us, StampSource::kUser};
+  }
+  const std::optional<int64_t> ticks_us = ToSteady(*wall_us);
+  return ticks_us ? Arrival{*ticks_us, StampSource::kKernel}
+                  : Arrival{read_ticks_us, StampSource::kImplausible};
+}
+
+void StampClock::ForgetSettings() {
+  // A setting that the last look was the first to see may be later than the last stamp that was read.
+  is_in_doubt_ = was_set_in_last_look_;
+}
+
+}  // namespace net::internal
