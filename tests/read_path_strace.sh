@@ -11,7 +11,15 @@ if ! strace -o /dev/null true 2>/dev/null; then
   exit 77
 fi
 for reads in 1000 100000; do
-  strace -c -f -U calls,name -o "$out/$reads" "$probe" "$reads" >"$out/$reads.log"
+  # Where the machine puts the reader aside for long between its two clocks, the read sees them apart and rightly
+  # starts a sync, which makes calls of its own: such a run is no measurement.
+  for try in 1 2 3 4 5; do
+    status=0
+    strace -c -f -U calls,name -o "$out/$reads" "$probe" "$reads" >"$out/$reads.log" 2>"$out/errors" || status=$?
+    [ "$try" -lt 5 ] && grep -q 'Deviation found' "$out/errors" || break
+  done
+  cat "$out/errors" >&2
+  [ "$status" -eq 0 ] || exit "$status"
   # The counts by name; which thread asked for memory first may differ by nothing.
   grep -E '^ *[0-9]+ [a-z_0-9]+$' "$out/$reads" | grep -v ' total$' | sort >"$out/$reads.calls"
   echo "$reads reads of each kind: $(awk '{n += $1} END {print n}' "$out/$reads.calls") system calls in all"
