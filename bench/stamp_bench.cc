@@ -190,9 +190,9 @@ Spread SpreadOf(std::vector<int64_t> offsets_us) {
   return {at(50), at(99), at(100)};
 }
 
-// A target of 0: none.
-void PrintRows(const char* what, const std::vector<int64_t>& kernel_us, const std::vector<int64_t>& user_us,
-               double target) {
+// A target of 0: none. Returns the ratio of the worst offsets.
+double PrintRows(const char* what, const std::vector<int64_t>& kernel_us, const std::vector<int64_t>& user_us,
+                 double target) {
   const Spread kernel = SpreadOf(kernel_us);
   const Spread user = SpreadOf(user_us);
   std::printf("\n%-24s %10s %10s %10s   |offset| in us\n", what, "median", "99 %", "worst");
@@ -201,16 +201,17 @@ void PrintRows(const char* what, const std::vector<int64_t>& kernel_us, const st
                 (long long)spread.percentile_99_us, (long long)spread.worst_us);
   }
   // Below a microsecond there is nothing to measure.
-  std::printf(
-      "%-24s %32.1f", "worst user / kernel",
-      static_cast<double>(user.worst_us) / static_cast<double>(std::max<int64_t>(kernel.worst_us, 1)));
+  const double ratio =
+      static_cast<double>(user.worst_us) / static_cast<double>(std::max<int64_t>(kernel.worst_us, 1));
+  std::printf("%-24s %32.1f", "worst user / kernel", ratio);
   if (target > 0) {
     std::printf("   target %.0f", target);
   }
   std::printf("\n");
+  return ratio;
 }
 
-int Measure(int count) {
+int Measure(int count, bool must_reach_target) {
   if (const std::string reason = skorra::Chronyd::WhyNotHere(); !reason.empty()) {
     std::printf("no comparison of time stamps: %s\n", reason.c_str());
     return 77;
@@ -242,8 +243,21 @@ int Measure(int count) {
               exchanges.samples.size(), count, (long long)kSpacingMs, cores * kLoopsPerCore, cores);
   std::printf("with the kernel's send stamp: %d, with its receive stamp: %d\n", exchanges.kernel_sends,
               exchanges.kernel_receives);
-  PrintRows("single exchanges", kernel_us, user_us, kTargetRatio);
+  if (exchanges.kernel_sends == 0 || exchanges.kernel_receives == 0) {
+    std::fprintf(stderr, "stamp_bench: the kernel's %s stamps never came: there is nothing to compare\n",
+                 exchanges.kernel_sends == 0 ? "send" : "receive");
+    return 1;
+  }
+  const double ratio = PrintRows("single exchanges", kernel_us, user_us, kTargetRatio);
   PrintRows("attempts of 20 samples", Attempts(kernel_us), Attempts(user_us), 0);
+  std::fflush(stdout);
+  if (must_reach_target && ratio < kTargetRatio) {
+    std::fprintf(stderr,
+                 "stamp_bench: %.1f is below the target of %.0f: the kernel's stamps may be missing or badly "
+                 "converted in some exchanges, or the busy loops did not compete with this process\n",
+                 ratio, kTargetRatio);
+    return 1;
+  }
   return 0;
 }
 
@@ -251,6 +265,7 @@ int Measure(int count) {
 
 int main(int argc, char** argv) {
   int count = 6000;
+  bool must_reach_target = true;
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
     if (option == "--loop") {
@@ -259,7 +274,9 @@ int main(int argc, char** argv) {
       }
     }
     if (option == "--tiny") {
+      // Too few for a busy core to be hit for certain.
       count = 40;
+      must_reach_target = false;
     } else if (option == "--requests" && i + 1 < argc && std::atoi(argv[i + 1]) > 0) {
       count = std::atoi(argv[++i]);
     } else {
@@ -268,5 +285,5 @@ int main(int argc, char** argv) {
     }
   }
   base::SetLogThreshold(2);
-  return Measure(count);
+  return Measure(count, must_reach_target);
 }

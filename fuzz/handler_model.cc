@@ -66,7 +66,8 @@ HandlerModel::SendVerdict HandlerModel::BeginSend(size_t server, int64_t now_us)
   }
   std::optional<CallRow>& burst = peers_[server].burst;
   Account& account = accounts_[server];
-  if (!burst || burst->calls == 20 || now_us >= burst->begin_us + kSecondUs) {
+  // A row of 20 calls, 190 ms long as a rule; what comes before the next row may begin is too much.
+  if (!burst || now_us - burst->begin_us >= (burst->calls < 20 ? kSecondUs : 195000)) {
     burst =
         CallRow{.begin_us = now_us, .limit = limits_.requests_per_burst, .refusal = Refusal(account, now_us)};
     if (burst->refusal == SendRefusal::kNone) {
@@ -87,13 +88,14 @@ HandlerModel::SendVerdict HandlerModel::BeginSend(size_t server, int64_t now_us)
 void HandlerModel::OnThinned(size_t server) {
   counters_->Count("ntp.send_thinned");
   const CallRow& burst = *peers_[server].burst;
-  SKORRA_FUZZ_CHECK(burst.chosen * 20 + 20 > burst.calls * burst.limit);
+  SKORRA_FUZZ_CHECK(burst.chosen * 20 + 20 > std::min<uint32_t>(burst.calls, 20) * burst.limit);
 }
 
 void HandlerModel::OnChosen(size_t server) {
   CallRow& burst = *peers_[server].burst;
   ++burst.chosen;
   SKORRA_FUZZ_CHECK(burst.chosen * 20 < burst.calls * burst.limit + 20);
+  SKORRA_FUZZ_CHECK(burst.calls <= 20 && burst.chosen <= burst.limit);
 }
 
 void HandlerModel::OnSendError(net::SocketError error) {
@@ -226,6 +228,7 @@ bool HandlerModel::Hold(Account& account, size_t server, bool is_rate, int64_t n
     return false;
   }
   if (!is_rate) {
+    account.bursts.back().is_denied = true;
     account.held_for = SendRefusal::kParked;
     account.held_until_us = now_us + 4 * kHourUs;
     return true;
@@ -235,7 +238,7 @@ bool HandlerModel::Hold(Account& account, size_t server, bool is_rate, int64_t n
   for (auto burst = account.bursts.rbegin() + 1; burst != account.bursts.rend(); ++burst) {
     if (burst->is_limited) {
       length_us *= 2;
-    } else if (burst->is_answered) {
+    } else if (burst->is_answered && !burst->is_denied) {
       break;
     }
     if (length_us >= 2 * kHourUs) {

@@ -121,6 +121,7 @@ class HandlerModel {
     int64_t begin_us = 0;
     bool is_answered = false;
     bool is_limited = false;  // answered with RATE
+    bool is_denied = false;   // answered with DENY or RSTR
   };
   struct Account {
     std::vector<Burst> bursts;

@@ -15,7 +15,8 @@
 //
 // Ownership: the manager lives until the process ends; nobody deletes it. It never owns an observer.
 //
-// Forks: the child of a fork keeps the result, the domains and the observers, and syncs on its own. An
+// Forks: the child of a fork keeps the result, the observers and the domains whose addition had taken effect
+// (give it the others again; a child that is not sure gives it all), and syncs on its own. An
 // attempt that was running stays with the parent, and so does every outcome of it; the child's copy takes it
 // for running until `Stop`: where `Start` returns -1 in a child, call `Stop`, and `Start` until it does not.
 // A child that an observer or a log sink forked can read, but not sync; it ends when it returns from there.

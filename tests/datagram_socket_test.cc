@@ -485,6 +485,18 @@ TEST(DatagramSocketTest, AReadThatFailsForGoodIsReportedAndTriedAgainAfterTheNex
   }
 }
 
+TEST(DatagramSocketTest, ASocketThatTheLoopDoesNotWatchSaysSoAfterEachSend) {
+  const LoopbackUdp peer;
+  const int64_t thread = NewThread();
+  RunAsTask([&] { EXPECT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_epoll_ctl, EPERM)); }, thread);
+  Client client(peer.local(), thread);
+  ASSERT_TRUE(client.is_open());
+  ExpectErrors(client, 1);
+  client.Run([&] { EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone); });
+  ExpectErrors(client, 2);
+  EXPECT_EQ(client.errors, (std::vector<SocketError>{SocketError::kOther, SocketError::kOther}));
+}
+
 TEST(DatagramSocketTest, AnErrorQueueThatCannotBeReadCostsNoDatagrams) {
   const LoopbackUdp peer;
   Client client(peer.local(), NewThread());

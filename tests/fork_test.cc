@@ -1,8 +1,10 @@
 // A process may be forked at any moment, by any of its threads: the child reads a sane time and can work on
 // its own, and neither process takes anything from the other.
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +35,7 @@
 #include "tests/attempt_runner.h"
 #include "tests/forked_child.h"
 #include "tests/loopback_udp.h"
+#include "tests/refuse_system_call.h"
 #include "tests/temp_dir.h"
 #include "tests/wait_until.h"
 
@@ -168,8 +171,12 @@ TEST(ForkTest, AForkInTheMiddleOfABurstDisturbsNeither) {
     if (std::string error = SyncOnOnesOwn(); !error.empty()) {
       return error;
     }
-    const bool is_answered =
-        WaitUntil([&] { return counts["ntp.requests_sent"] == 20 && counts["ntp.samples_received"] == 20; });
+    // Its calls share the burst that the parent had begun, so that some of them may be left out.
+    const bool is_answered = WaitUntil([&] {
+      return counts["ntp.requests_sent"] + counts["ntp.send_thinned"] == 20 &&
+             counts["ntp.requests_sent"] >= 10 &&
+             counts["ntp.samples_received"] == counts["ntp.requests_sent"];
+    });
     return is_answered && counts.SumOf("ntp.send_error.") == 0 ? "" : "it used another socket than its own";
   });
   // A third process whose copies of the sockets stay open for longer than the parent's.
@@ -184,7 +191,8 @@ TEST(ForkTest, AForkInTheMiddleOfABurstDisturbsNeither) {
   EXPECT_EQ(CheckRead(), "");
   EXPECT_EQ(base::KeyMetrics::GetCount("ntp.requests_sent"), 20u);
   EXPECT_EQ(base::KeyMetrics::GetCount("ntp.samples_received"), 20u);
-  EXPECT_EQ(server->counts().received, 40u);
+  EXPECT_GE(server->counts().received, 30u);
+  EXPECT_LE(server->counts().received, 40u);
 
   EXPECT_EQ(AttemptRunner({server->local().ToString()}).Run().result, NtpResult::kSuccess);
 }
@@ -221,6 +229,18 @@ TEST(ForkTest, ASocketOfTheParentStaysTheParents) {
   RunAsTask([&] { socket = nullptr; });
 }
 
+// What event loops watch, by the kernel's account.
+size_t WatchedDescriptors() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream file(entry.path());
+    for (std::string line; std::getline(file, line);) {
+      count += line.starts_with("tfd:") ? 1 : 0;
+    }
+  }
+  return count;
+}
+
 // The parent's loop must not go on hearing of a socket that it closed only because a child has it still.
 TEST(ForkTest, ASocketThatTheParentClosesIsGoneThereAlthoughAChildHasIt) {
   const LoopbackUdp peer;
@@ -235,20 +255,37 @@ TEST(ForkTest, ASocketThatTheParentClosesIsGoneThereAlthoughAChildHasIt) {
     poll(nullptr, 0, kPatienceMs);
     return std::string();
   });
-  // The sockets that an event loop watches, by the kernel's account.
-  const auto watched = [] {
-    size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-      std::ifstream file(entry.path());
-      for (std::string line; std::getline(file, line);) {
-        count += line.starts_with("tfd:") ? 1 : 0;
-      }
-    }
-    return count;
-  };
-  const size_t before = watched();
+  const size_t before = WatchedDescriptors();
   RunAsTask([&] { socket = nullptr; });
-  EXPECT_EQ(watched(), before - 1);
+  EXPECT_EQ(WatchedDescriptors(), before - 1);
+}
+
+TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
+  const LoopbackUdp peer;
+  std::unique_ptr<net::DatagramSocket> socket;
+  std::atomic<int> errors{0};
+  RunAsTask([&] {
+    net::SocketError error = net::SocketError::kNone;
+    socket =
+        net::DatagramSocket::Connect(peer.local(), {.on_error = [&](net::SocketError) { ++errors; }}, &error);
+    ASSERT_TRUE(RefuseSystemCallOnThisThread(SYS_recvmsg, EPERM));
+    ASSERT_TRUE(peer.SendTo(socket->local(), std::vector<uint8_t>(48, 7)));
+  });
+  // Two for each read: after these the socket gives up reading.
+  ASSERT_TRUE(WaitUntil([&] { return errors == 32; }));
+  RunAsTask([] {});
+  const size_t before = WatchedDescriptors();
+  EXPECT_EQ(RunInChild([&]() -> std::string {
+              // As long as the number is good, whoever unregisters it does so in the parent's loop.
+              if (!RefuseSystemCallOnThisThread(SYS_close, EPERM)) {
+                return "the system call cannot be refused";
+              }
+              socket = nullptr;
+              return "";
+            }),
+            "");
+  EXPECT_EQ(WatchedDescriptors(), before);
+  RunAsTask([&] { socket = nullptr; });
 }
 
 // A change in two steps, with the fork asked for between them.

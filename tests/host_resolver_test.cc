@@ -252,6 +252,18 @@ TEST(HostResolverTest, WhereTheSystemRefusesTheThreadALookUpInTheBackgroundWaits
   EXPECT_THAT(reported, ElementsAre("192.0.2.1:123", "192.0.2.2:123"));
 }
 
+TEST(HostResolverTest, WhereTheSystemDoesNotLetItWaitALookUpFailsAtOnce) {
+  const skorra::LoopbackUdp silent;
+  ResolveResult result;
+  const int64_t before_us = base::GetSteadyTimeTicks();
+  std::thread([&] {
+    ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_poll, ENOMEM));
+    result = internal::LookUpHost(kName, 123, kLong, silent.local().ToString());
+  }).join();
+  EXPECT_EQ(result.error, ResolveError::kFailed) << result.detail;
+  EXPECT_LT(base::GetSteadyTimeTicks() - before_us, kLong.InMicroseconds() / 2);
+}
+
 TEST(HostResolverTest, ATimeoutOfZeroAsksNobodyForLong) {
   const FakeNameServer silent({{true, 0, {}}, {true, 0, {}}, 0});
   EXPECT_EQ(internal::LookUpHost(kName, 123, base::TimeDelta(), silent.address()).error,

@@ -227,6 +227,57 @@ TEST_F(HostileServerTest, TheGenuineReplyDoubledCountsOnce) {
   EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", kRequests}}));
 }
 
+// A refusal that names a request, from whoever reads them: it is obeyed, and what was measured stays as it
+// is.
+struct Refusal {
+  const char* name;
+  const char* code;
+  const char* counter;
+  const char* withheld;
+};
+
+class RefusalAmongRepliesTest : public HostileServerTest, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(RefusalAmongRepliesTest, EndsTheBurstAndLeavesTheGenuineRepliesAlone) {
+  AddServer();
+  uint64_t request = 0;
+  network.AddListener([&](const sim::SentDatagram& sent) {
+    if (++request != 12) {
+      return;
+    }
+    NtpPacket kiss = LyingReply(world, sent);
+    MakeKiss(kiss, GetParam().code);
+    const auto bytes = EncodePacket(kiss);
+    world.Deliver(sent.server, sent.client, {bytes.begin(), bytes.end()}, Us(kOneWayUs / 2));
+  });
+  SyncAndWatchTheTime();
+  EXPECT_EQ(Counted("kiss."), (std::map<std::string, uint64_t>{{GetParam().counter, 1}}));
+  // Its own request has had its answer; the eleven before are answered as ever, and none follows.
+  EXPECT_EQ(Counted("rejected."), (std::map<std::string, uint64_t>{{kDuplicate, 1}}));
+  EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", 11}}));
+  EXPECT_EQ(Counted("send_refused."), (std::map<std::string, uint64_t>{{GetParam().withheld, 8}}));
+}
+
+TEST_P(RefusalAmongRepliesTest, BehindTheGenuineReplyIsADuplicate) {
+  AddServer();
+  network.AddListener([&](const sim::SentDatagram& sent) {
+    NtpPacket kiss = LyingReply(world, sent);
+    MakeKiss(kiss, GetParam().code);
+    const auto bytes = EncodePacket(kiss);
+    world.Deliver(sent.server, sent.client, {bytes.begin(), bytes.end()}, Us(2 * kOneWayUs + 1));
+  });
+  SyncAndWatchTheTime();
+  EXPECT_TRUE(Counted("kiss.").empty());
+  EXPECT_EQ(Counted("rejected."), (std::map<std::string, uint64_t>{{kDuplicate, kRequests}}));
+  EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", kRequests}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(, RefusalAmongRepliesTest,
+                         testing::Values(Refusal{"Rate", "RATE", "kiss.rate", "send_refused.back_off"},
+                                         Refusal{"Deny", "DENY", "kiss.deny", "send_refused.parked"},
+                                         Refusal{"Rstr", "RSTR", "kiss.rstr", "send_refused.parked"}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
 // Of every second request the genuine reply is lost, and only a bogus one comes.
 struct Late {
   const char* name;

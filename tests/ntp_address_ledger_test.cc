@@ -209,9 +209,23 @@ TEST_F(NtpAddressLedgerTest, NothingIsNotedOfAnAddressThatWasNeverAsked) {
   ledger_.OnRequestSent(kServer);
   ledger_.OnRequestRefused(kServer);
   ledger_.OnReply(kServer);
-  EXPECT_FALSE(ledger_.OnRefusal(kServer, KissCode::kDeny, kNow, 0));
   EXPECT_TRUE(ledger_.GetCounts().empty());
-  EXPECT_EQ(Check(kNow), SendRefusal::kNone);
+}
+
+TEST_F(NtpAddressLedgerTest, ARefusalCountsAlsoWhenTheAddressHadToMakeRoomMeanwhile) {
+  EXPECT_TRUE(ledger_.OnRefusal(kServer, KissCode::kDeny, kNow, 0));
+  EXPECT_EQ(Check(kNow), SendRefusal::kParked);
+}
+
+TEST_F(NtpAddressLedgerTest, ABurstThatEndedInADenialDoesNotBringTheFirstBackOffBack) {
+  Begin(kNow);
+  Rate(kNow);
+  Begin(kNow + kHour);
+  ledger_.OnReply(kServer);
+  ledger_.OnRefusal(kServer, KissCode::kDeny, kNow + kHour, 0);
+  Begin(kNow + 6 * kHour);
+  Rate(kNow + 6 * kHour);
+  EXPECT_EQ(Check(kNow + 6 * kHour + 4 * kMinute - 1), SendRefusal::kBackOff);
 }
 
 TEST_F(NtpAddressLedgerTest, TheAddressUsedLongestAgoMakesRoomButNotOneThatIsHeld) {

@@ -22,6 +22,7 @@ uint64_t Count(const std::string& reason) { return base::KeyMetrics::GetCount("n
 class NtpTimeDomainInfoTest : public testing::Test {
  protected:
   NtpTimeDomainInfoTest() {
+    NtpAddressLedger::GetInstance()->Clear();
     world_.SetHost("one.test", {{EndPoint("192.0.2.1", 0)}});
     world_.SetHost("three.test",
                    {{EndPoint("192.0.2.1", 0), EndPoint("2001:db8::2", 0), EndPoint("192.0.2.3", 0)}});
@@ -520,6 +521,22 @@ TEST_F(HeldAddressTest, AHeldAddressIsPassedOver) {
   world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kParkedUs));
   info.Reset();
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
+}
+
+TEST_F(HeldAddressTest, AnAddressPassedOverAtTheBeginningIsTriedAtTheEndWhenItIsFreeByThen) {
+  SetHost({"198.51.100.1", "198.51.100.2", "198.51.100.3", "198.51.100.4"});
+  Hold("198.51.100.1", KissCode::kRate);
+  Hold("198.51.100.2", KissCode::kDeny);
+  NtpTimeDomainInfo info("held.test");
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.3", 123));
+  world_.RunFor(base::TimeDelta::FromSeconds(3600));  // the next attempt
+  uint32_t total_retry_count = 0;
+  EXPECT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.4", 123));
+  EXPECT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 2u);
 }
 
 TEST_F(HeldAddressTest, TheAddressInUseStaysAlsoWhenItComesToBeHeld) {

@@ -126,6 +126,44 @@ TEST_F(PacketHandlerBurstsTest, EachBurstAndEachAddressIsThinnedByItself) {
   EXPECT_EQ(sent_.size(), before + 1);
 }
 
+TEST_F(PacketHandlerBurstsTest, HoweverManyCallFewLeaveWithinABurst) {
+  const struct {
+    const char* what;
+    uint64_t limit;
+    int callers;  // each makes twenty calls 10 ms apart
+    size_t expected;
+  } rows[] = {
+      {"Three domains that share the address.", 8, 3, 8},
+      {"The same without a limit: one burst.", 20, 3, 20},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Configure(config::BaseCfg().ntp_requests_per_burst, row.limit);
+    sent_.clear();
+    Prepare();
+    for (int call = 0; call < 20; ++call) {
+      for (int caller = 0; caller < row.callers; ++caller) {
+        Send();
+      }
+      world_.RunFor(TimeDelta::FromMilliseconds(10));
+    }
+    EXPECT_EQ(sent_.size(), row.expected);
+    Run();
+  }
+}
+
+TEST_F(PacketHandlerBurstsTest, AttemptsThatAreStartedAllTheTimeShareTheBursts) {
+  is_answering_ = false;
+  for (int i = 0; i < 100; ++i) {  // for a second
+    Prepare();
+    for (int call = 0; call < 20; ++call) {
+      Send();
+    }
+    world_.RunFor(TimeDelta::FromMilliseconds(10));
+  }
+  EXPECT_EQ(sent_.size(), 100u);  // five bursts, 200 ms apart as there is a call every 10 ms
+}
+
 TEST_F(PacketHandlerBurstsTest, RateEndsTheBurstAndHoldsTheAddressButNoOther) {
   Prepare();
   const uint64_t rate_before = Count("kiss.rate");
@@ -299,8 +337,9 @@ TEST_F(PacketHandlerBurstsTest, ANonceIsForgottenTenSecondsAfterItsRequest) {
 TEST_F(PacketHandlerBurstsTest, WhateverTheNumberOfRequestsOnlyTheLastAreRemembered) {
   is_answering_ = false;
   Prepare();
+  // To as many servers at once as it takes to have so many requests within ten seconds.
   for (int i = 0; i < 4097; ++i) {
-    Send();
+    Send(net::IPEndPoint::FromIPv4({198, 51, 100, 7}, static_cast<uint16_t>(1 + i)));
   }
   const uint64_t unknown_before = Count("rejected.unknown_nonce");
   Deliver(sent_[0], ReplyTo(sent_[0]));

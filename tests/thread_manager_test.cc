@@ -159,11 +159,10 @@ TEST(ThreadManagerTest, TasksOfARefusedThreadWaitUntilALaterCallGetsIt) {
     }).join();
   }
   base::SetLogSink({});
-  ASSERT_EQ(lines.size(), 3u);
-  for (const base::LogLine& line : lines) {
-    EXPECT_EQ(line.level, 1);
-    EXPECT_THAT(line.text, HasSubstr("skorra-701"));
-  }
+  // Told once, not at every call.
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, 1);
+  EXPECT_THAT(lines[0].text, HasSubstr("skorra-701"));
   EXPECT_EQ(run_count, 0);
 
   const auto granted = Queue(6);

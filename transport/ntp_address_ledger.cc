@@ -28,15 +28,12 @@ NtpAddressLedger* NtpAddressLedger::GetInstance() {
 SendRefusal NtpAddressLedger::BeginBurst(const net::IPEndPoint& address, int64_t now_us,
                                          uint32_t* request_count) {
   const base::AutoLock lock(lock_);
-  if (!accounts_.contains(address)) {
-    MakeRoom(now_us);
-  }
-  Account& account = accounts_[address];
+  Account& account = FindOrAdd(address, now_us);
   if (const SendRefusal refusal = Refusal(account, now_us); refusal != SendRefusal::kNone) {
     *request_count = 0;
     return refusal;
   }
-  if (account.has_answered && !account.has_sent_rate) {
+  if (account.has_answered && !account.has_refused) {
     account.rate_count = 0;  // the server was content with the burst before
   }
   if (account.was_limited) {
@@ -44,7 +41,7 @@ SendRefusal NtpAddressLedger::BeginBurst(const net::IPEndPoint& address, int64_t
   }
   account.burst_us = now_us;
   account.has_answered = false;
-  account.has_sent_rate = false;
+  account.has_refused = false;
   return SendRefusal::kNone;
 }
 
@@ -79,12 +76,9 @@ void NtpAddressLedger::OnReply(const net::IPEndPoint& address) {
 bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_us,
                                  uint64_t random) {
   const base::AutoLock lock(lock_);
-  const auto found = accounts_.find(address);
-  if (found == accounts_.end()) {
-    return false;
-  }
-  Account& account = found->second;
+  Account& account = FindOrAdd(address, now_us);
   ++account.counts.kisses;
+  account.has_refused = true;
   const bool is_rate = code == KissCode::kRate;
   const bool is_held = now_us < account.held_until_us;
   if (is_held && (is_rate || account.held_for == SendRefusal::kParked)) {
@@ -96,7 +90,6 @@ bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, 
     return true;
   }
   account.was_limited = true;
-  account.has_sent_rate = true;
   account.held_for = SendRefusal::kBackOff;
   account.held_until_us = now_us + BackOffUs(account.rate_count++, random);
   return true;
@@ -139,16 +132,19 @@ int64_t NtpAddressLedger::BackOffUs(uint32_t earlier_rates, uint64_t random) {
   return plain_us + jitter_us <= kMaxBackOffUs ? plain_us + jitter_us : kMaxBackOffUs - jitter_us;
 }
 
-void NtpAddressLedger::MakeRoom(int64_t now_us) {
-  if (accounts_.size() < kMaxAddresses) {
-    return;
+NtpAddressLedger::Account& NtpAddressLedger::FindOrAdd(const net::IPEndPoint& address, int64_t now_us) {
+  if (const auto found = accounts_.find(address); found != accounts_.end()) {
+    return found->second;
   }
-  const auto rank = [now_us](const auto& entry) {
-    const Account& account = entry.second;
-    return std::pair(Refusal(account, now_us) != SendRefusal::kNone, account.burst_us);
-  };
-  accounts_.erase(std::min_element(accounts_.begin(), accounts_.end(),
-                                   [&](const auto& a, const auto& b) { return rank(a) < rank(b); }));
+  if (accounts_.size() >= kMaxAddresses) {
+    const auto rank = [now_us](const auto& entry) {
+      const Account& account = entry.second;
+      return std::pair(Refusal(account, now_us) != SendRefusal::kNone, account.burst_us);
+    };
+    accounts_.erase(std::min_element(accounts_.begin(), accounts_.end(),
+                                     [&](const auto& a, const auto& b) { return rank(a) < rank(b); }));
+  }
+  return accounts_[address];
 }
 
 }  // namespace skorra

@@ -1,8 +1,8 @@
 // What this process owes each server address: how often it has asked, and until when it must not ask.
 //
-// One ledger for the process, so that two domains that share an address, and one attempt after another, are
-// bound by what the server told any of them. Only a server that answers a request's nonce can bind us; an
-// ICMP error or a silent network never does.
+// An address is one with its port. One ledger for the process, so that two domains that share an address, and
+// one attempt after another, are bound by what the server told any of them. Only a server that answers a
+// request's nonce can bind us; an ICMP error or a silent network never does.
 //
 //   RATE        back off: 2 minutes at first, twice as long each further time, 2 hours at most, with up to
 //               a quarter of that at random, so that many clients do not return together: added, or where
@@ -88,7 +88,7 @@ class NtpAddressLedger {
     Counts counts;
     std::optional<int64_t> burst_us;  // when the last burst began
     bool has_answered = false;        // since then
-    bool has_sent_rate = false;       // since then
+    bool has_refused = false;         // since then
     uint32_t rate_count = 0;          // bursts in a row that ended in RATE
     bool was_limited = false;         // it sent RATE at some time
     int64_t held_until_us = std::numeric_limits<int64_t>::min();
@@ -97,7 +97,7 @@ class NtpAddressLedger {
 
   static SendRefusal Refusal(const Account& account, int64_t now_us);
   static int64_t BackOffUs(uint32_t earlier_rates, uint64_t random);
-  void MakeRoom(int64_t now_us);  // lock_ is held
+  Account& FindOrAdd(const net::IPEndPoint& address, int64_t now_us);  // lock_ is held
 
   mutable base::Lock lock_;
   std::map<net::IPEndPoint, Account> accounts_;  // under lock_

@@ -35,6 +35,10 @@ int64_t ExpiryOf(base::TimeDelta ttl) {
          std::clamp(ttl.InMicroseconds(), NtpTimeDomainInfo::kMinRefreshUs, NtpTimeDomainInfo::kMaxRefreshUs);
 }
 
+bool IsHeld(const net::IPEndPoint& address) {
+  return NtpAddressLedger::GetInstance()->Check(address, base::GetSteadyTimeTicks()) != SendRefusal::kNone;
+}
+
 // The families take turns, so that one that does not work here costs no more than every other try (RFC 8305,
 // section 4). Within each the resolver's order stays.
 std::vector<net::IPEndPoint> Arrange(const std::vector<net::IPEndPoint>& resolved) {
@@ -83,6 +87,9 @@ void NtpTimeDomainInfo::Refresh::OnReport(uint64_t number, const net::ResolveRes
     CountRefreshFailure(net::ResolveErrorName(result.error));
   }
   const base::AutoLock guard(lock);
+  if (number < reported) {
+    return;  // taken for lost, and overtaken
+  }
   reported = number;
   if (result.error == net::ResolveError::kNone) {
     ++list_number;
@@ -104,7 +111,7 @@ NtpTimeDomainInfo::NtpTimeDomainInfo(const std::string& domain) : domain_(domain
     return;
   }
   addresses_ = Arrange(resolved.addresses);
-  current_address_ = FirstAddress();
+  ChooseFirstAddress();
   if (!net::IPEndPoint::FromLiteral(server.host, server.port)) {
     expires_us_ = ExpiryOf(resolved.ttl);
     refresh_ = std::make_shared<Refresh>(server, expires_us_);
@@ -116,7 +123,7 @@ net::IPEndPoint NtpTimeDomainInfo::GetCurrentIPAddress() const {
     return {};
   }
   RefreshIfExpired();
-  return addresses_[current_address_];
+  return addresses_[(first_address_ + steps_) % addresses_.size()];
 }
 
 void NtpTimeDomainInfo::Reset() {
@@ -124,13 +131,13 @@ void NtpTimeDomainInfo::Reset() {
   has_repeated_ = false;
   AdoptNewestList();
   RefreshIfExpired();
-  current_address_ = FirstAddress();
+  ChooseFirstAddress();
 }
 
 bool NtpTimeDomainInfo::Retry(uint32_t& total_retry_count) {
   if (addresses_.size() == 1) {
     // Usual servers answer one burst and punish a second: only one that the first did not reach is repeated.
-    if (has_repeated_ || FirstNotHeld(0) != 0 ||
+    if (has_repeated_ || IsHeld(addresses_.front()) ||
         NtpAddressLedger::GetInstance()->HasAnswered(addresses_.front())) {
       return false;
     }
@@ -138,13 +145,15 @@ bool NtpTimeDomainInfo::Retry(uint32_t& total_retry_count) {
     ++total_retry_count;
     return true;
   }
-  const size_t next = FirstNotHeld(current_address_ + 1);
-  if (next >= addresses_.size()) {
-    return false;
+  // In a circle: an address that was held when the attempt's first one was chosen may be free by now.
+  for (size_t step = steps_ + 1; step < addresses_.size(); ++step) {
+    if (!IsHeld(addresses_[(first_address_ + step) % addresses_.size()])) {
+      steps_ = step;
+      ++total_retry_count;
+      return true;
+    }
   }
-  current_address_ = next;
-  ++total_retry_count;
-  return true;
+  return false;
 }
 
 void NtpTimeDomainInfo::AdoptNewestList() {
@@ -187,19 +196,10 @@ void NtpTimeDomainInfo::RefreshIfExpired() const {
       [refresh = refresh_, number](const net::ResolveResult& result) { refresh->OnReport(number, result); });
 }
 
-size_t NtpTimeDomainInfo::FirstNotHeld(size_t begin) const {
-  const int64_t now_us = base::GetSteadyTimeTicks();
-  size_t index = begin;
-  while (index < addresses_.size() &&
-         NtpAddressLedger::GetInstance()->Check(addresses_[index], now_us) != SendRefusal::kNone) {
-    ++index;
-  }
-  return index;
-}
-
-size_t NtpTimeDomainInfo::FirstAddress() const {
-  const size_t index = FirstNotHeld(0);
-  return index < addresses_.size() ? index : 0;
+void NtpTimeDomainInfo::ChooseFirstAddress() {
+  const auto free = std::find_if_not(addresses_.begin(), addresses_.end(), IsHeld);
+  first_address_ = free == addresses_.end() ? 0 : static_cast<size_t>(free - addresses_.begin());
+  steps_ = 0;
 }
 
 }  // namespace skorra

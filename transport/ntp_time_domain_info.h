@@ -65,10 +65,10 @@ class NtpTimeDomainInfo {
   // when all are), no samples.
   void Reset();
 
-  // Whether the domain may be asked once more. True moves on to the next address that is not held and counts
-  // the retry in `total_retry_count`; a domain with one address keeps it, once until `Reset`, and only while
-  // the address is not held and nothing at all has come back from it. False, with nothing changed, when no
-  // address is left.
+  // Whether the domain may be asked once more. True moves on to the next address that is not held, at the end
+  // of the list to those at its beginning that were passed over, and counts the retry in `total_retry_count`.
+  // A domain with one address keeps it, once until `Reset`, and only while the address is not held and
+  // nothing at all has come back from it. False, with nothing changed, when no address is left.
   bool Retry(uint32_t& total_retry_count);
 
  private:
@@ -76,9 +76,7 @@ class NtpTimeDomainInfo {
 
   void AdoptNewestList();
   void RefreshIfExpired() const;
-  // The first position from `begin` on whose address is not held; the end when there is none.
-  size_t FirstNotHeld(size_t begin) const;
-  size_t FirstAddress() const;
+  void ChooseFirstAddress();
 
   std::string domain_;
   std::shared_ptr<Refresh> refresh_;  // null: the addresses are for ever
@@ -86,7 +84,8 @@ class NtpTimeDomainInfo {
   int64_t expires_us_ = 0;            // when this list does
   std::vector<net::IPEndPoint> addresses_;
   std::vector<NtpResultData> samples_;
-  size_t current_address_ = 0;
+  size_t first_address_ = 0;   // of the attempt
+  size_t steps_ = 0;           // from there to the address in use
   bool has_repeated_ = false;  // the only address has had its second burst
 };
 

@@ -12,7 +12,9 @@
 namespace skorra {
 namespace {
 
-constexpr uint32_t kCallsPerBurst = 20;  // as the time manager sends them, 10 ms apart
+// As the time manager sends them, 10 ms apart: the last one 190 ms after the first.
+constexpr uint32_t kCallsPerBurst = 20;
+constexpr int64_t kBurstUs = 195000;
 constexpr int64_t kBurstGapUs = 1000000;
 // As long as the time manager waits for a burst.
 constexpr int64_t kNonceLifetimeUs = 3000000;
@@ -51,7 +53,9 @@ int64_t GetNumber(const config::NumberEntry& entry, uint64_t default_value) {
 }
 
 // Spreads `limit` requests evenly over the burst's calls, the first one among them.
-bool IsChosen(uint32_t call, uint32_t limit) { return call * limit % kCallsPerBurst < limit; }
+bool IsChosen(uint32_t call, uint32_t limit) {
+  return call < kCallsPerBurst && call * limit % kCallsPerBurst < limit;
+}
 
 }  // namespace
 
@@ -129,7 +133,9 @@ void NtpTimePacketHandler::Clean() {
 
 bool NtpTimePacketHandler::MayLeave(const net::IPEndPoint& server, Peer& peer, int64_t now_us) {
   NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
-  if (!peer.burst_us || peer.call_count == kCallsPerBurst || now_us - *peer.burst_us >= kBurstGapUs) {
+  const int64_t age_us = peer.burst_us ? now_us - *peer.burst_us : kBurstGapUs;
+  // However many domains and attempts call meanwhile, what one burst may take is shared among them.
+  if (age_us >= (peer.call_count >= kCallsPerBurst ? kBurstUs : kBurstGapUs)) {
     peer.burst_us = now_us;
     peer.call_count = 0;
     peer.request_limit = requests_per_burst_;

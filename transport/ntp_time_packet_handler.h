@@ -7,11 +7,12 @@
 // comes later is a duplicate. More than 3 s after its request a nonce is worth nothing any more, and the
 // first send more than 10 s after it makes it forgotten.
 //
-// Bursts: 20 calls for one address in a row are a burst, and a call a second or more after the beginning of
-// the last burst begins a new one; the beginning of another attempt does not. Of a burst as many requests
-// leave, evenly spread, as the configuration entry `ntp_requests_per_burst`, read at `PrepareForSendPackets`,
-// and the address ledger (ntp_address_ledger.h) allow when it begins. A refusal by the server ends the burst
-// to its address at once.
+// Bursts: a call for an address begins a burst when the one before began a second ago or more, or 195 ms ago
+// and has had its 20 calls; all others belong to the burst under way, whatever domain or attempt they come
+// from. Of a burst's first 20 calls as many requests leave, evenly spread, as the configuration entry
+// `ntp_requests_per_burst`, read at `PrepareForSendPackets`, and the address ledger (ntp_address_ledger.h)
+// allow when it begins; later calls are left out. A refusal by the server ends the burst to its address at
+// once.
 //
 // Threads: everything, the client's callbacks included, runs on the time manager's queue. A client callback
 // runs inside a socket's own callback: it may send, but it may not close sockets, that is, call

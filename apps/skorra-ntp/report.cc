@@ -41,14 +41,7 @@ uint64_t Refusals(const SyncReport& report) {
 
 // Why an attempt that was made brought nothing, as far as the counters tell.
 std::string AdviceWithoutResult(const SyncReport& report) {
-  if (report.samples_received == 0 && report.socket_errors.contains("refused")) {
-    return report.asked +
-           " refused the connection: no NTP server listens there. Check the host and the port.";
-  }
-  if (report.samples_received == 0 && !report.socket_errors.empty()) {
-    return "No request reached " + report.asked + " (" + ListReasons(report.socket_errors) +
-           "). Check this machine's network and routes.";
-  }
+  // What the server said comes before what the network did, which may be forged.
   if (report.samples_received == 0 && Refusals(report) > 0) {
     return report.asked + " refuses to serve this machine (kiss codes: " + ListReasons(report.kiss_codes) +
            "). Wait at least two minutes before asking it again, or choose another server.";
@@ -56,6 +49,14 @@ std::string AdviceWithoutResult(const SyncReport& report) {
   if (report.samples_received == 0 && !report.rejected.empty()) {
     return report.asked + " answered, but no answer was usable (" + ListReasons(report.rejected) +
            "). Choose another server.";
+  }
+  if (report.samples_received == 0 && report.socket_errors.contains("refused")) {
+    return report.asked +
+           " refused the connection: no NTP server listens there. Check the host and the port.";
+  }
+  if (report.samples_received == 0 && !report.socket_errors.empty()) {
+    return "No request reached " + report.asked + " (" + ListReasons(report.socket_errors) +
+           "). Check this machine's network and routes.";
   }
   if (report.samples_received == 0) {
     return "No answer came from " + report.asked +

@@ -177,8 +177,12 @@ std::vector<std::string> KeepResolvable(const std::vector<std::string>& servers,
 // The library's counters since the process began, which are those of this attempt.
 void FillInCounters(SyncReport& report) {
   const auto counts = base::KeyMetrics::GetAllCounts();
-  report.requests_sent = base::KeyMetrics::GetCount("ntp.requests_sent");
-  report.samples_received = base::KeyMetrics::GetCount("ntp.samples_received");
+  const auto count_of = [&counts](const char* name) {
+    const auto found = counts.find(name);
+    return found == counts.end() ? 0 : found->second;
+  };
+  report.requests_sent = count_of("ntp.requests_sent");
+  report.samples_received = count_of("ntp.samples_received");
   const auto collect = [&counts](std::string_view prefix, ReasonCounts& into) {
     for (const auto& [name, count] : counts) {
       if (name.starts_with(prefix)) {
@@ -189,8 +193,11 @@ void FillInCounters(SyncReport& report) {
   collect("ntp.rejected.", report.rejected);
   collect("ntp.kiss.", report.kiss_codes);
   collect("ntp.send_refused.", report.withheld);
-  if (const uint64_t thinned = base::KeyMetrics::GetCount("ntp.send_thinned"); thinned > 0) {
+  if (const uint64_t thinned = count_of("ntp.send_thinned"); thinned > 0) {
     report.withheld["thinned"] = thinned;
+  }
+  if (const uint64_t skipped = count_of("ntp.send_skipped"); skipped > 0) {
+    report.withheld["skipped"] = skipped;
   }
   collect("ntp.domain.", report.domain_errors);
   collect("ntp.send_stamp.", report.send_stamps);

@@ -177,9 +177,16 @@ void DatagramSocket::Impl::State::WaitForDatagrams() {
   // This also ends when there is something in the error queue.
   descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                         [self = shared_from_this()](const std::error_code& error) {
-                          if (!error && !self->is_closed) {
-                            self->ReadDatagrams();
+                          if (self->is_closed) {
+                            return;
                           }
+                          if (!error) {
+                            self->ReadDatagrams();
+                            return;
+                          }
+                          // The loop does not watch the socket. Nobody but the next send would notice.
+                          self->has_given_up_reading = true;
+                          self->ReportError(SocketError::kOther);
                         });
 }
 
@@ -339,6 +346,12 @@ DatagramSocket::~DatagramSocket() {
   // The loop forgets it here and not by its closing: a child that was forked meanwhile keeps it open.
   const bool is_own = state.fork_count == core::internal::ForkCount();
   close(is_own ? state.descriptor.release() : state.descriptor.native_handle());
+  if (!is_own) {
+    // Never to be destroyed: asio's descriptor would unregister the socket from the loop that the parent
+    // runs, and close a number again that may be another file's by then. A handler that waits would keep it
+    // alive, but there may be none.
+    [[maybe_unused]] const auto* const kept = new std::shared_ptr<Impl::State>(impl_->state);
+  }
 }
 
 SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {

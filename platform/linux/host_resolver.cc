@@ -1,6 +1,7 @@
 #include "platform/net/host_resolver.h"
 
 #include <ares.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -132,7 +133,8 @@ class Channel {
   void Run(const std::string& host, int64_t deadline_us, Lookup* lookup);
 
  private:
-  void WaitAndProcess(int64_t wait_us);
+  // False when the system does not let it wait.
+  bool WaitAndProcess(int64_t wait_us);
 
   ares_channel channel_ = nullptr;
 };
@@ -179,11 +181,15 @@ void Channel::Run(const std::string& host, int64_t deadline_us, Lookup* lookup) 
       ares_cancel(channel_);
       return;
     }
-    WaitAndProcess(std::min(left_us, kPollSliceUs));
+    if (!WaitAndProcess(std::min(left_us, kPollSliceUs))) {
+      ares_cancel(channel_);
+      lookup->status = ARES_ENOMEM;  // which is why a wait for valid sockets fails
+      return;
+    }
   }
 }
 
-void Channel::WaitAndProcess(int64_t wait_us) {
+bool Channel::WaitAndProcess(int64_t wait_us) {
   std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets;
   const int bits = ares_getsock(channel_, sockets.data(), static_cast<int>(sockets.size()));
   std::array<pollfd, ARES_GETSOCK_MAXNUM> entries;
@@ -198,7 +204,12 @@ void Channel::WaitAndProcess(int64_t wait_us) {
   }
   {
     const core::internal::HandlerPause pause;
-    poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000));
+    if (poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000)) < 0) {
+      if (errno != EINTR) {
+        return false;
+      }
+      count = 0;
+    }
   }
   for (nfds_t i = 0; i < count; ++i) {
     const bool is_failed = (entries[i].revents & (POLLERR | POLLHUP)) != 0;
@@ -208,6 +219,7 @@ void Channel::WaitAndProcess(int64_t wait_us) {
                     is_writable ? entries[i].fd : ARES_SOCKET_BAD);
   }
   ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // time-outs
+  return true;
 }
 
 // Names that never exist (RFC 6761, section 6.4): asking anybody would only tell what was misconfigured.

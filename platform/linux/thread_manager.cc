@@ -7,6 +7,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
@@ -29,7 +30,9 @@ namespace {
 
 constexpr char kLogFile[] = "platform/linux/thread_manager";
 constexpr size_t kMaxThreadNameBytes = 15;
-constexpr int kRetryPauseMs = 100;
+// Doubled from the first to the longest.
+constexpr int kFirstRetryPauseMs = 100;
+constexpr int kLongestRetryPauseMs = 5000;
 
 class LoopTaskQueue;
 
@@ -67,8 +70,12 @@ class LoopTaskQueue final : public TaskQueue {
                        base::TimeDelta delay) override;
   bool IsCurrent() const override { return t_current_queue == this; }
 
-  // Whether a thread tries to get the loop; under the registry's lock.
-  bool& is_retried();
+  // What was done about a refusal by the system. In one process there is only one: it is over with the loop.
+  struct Refusal {
+    bool is_told = false;
+    bool is_retried = false;  // a thread tries to get the loop
+  };
+  Refusal& refusal();  // under the registry's lock
 
   base::Lock& handler_lock() { return handler_lock_; }
 
@@ -91,7 +98,7 @@ class LoopTaskQueue final : public TaskQueue {
     std::deque<base::OnceCallback<void()>> ready;
     std::multimap<int64_t, base::OnceCallback<void()>> delayed;  // by deadline; equal ones in posting order
     bool is_wake_posted = false;                                 // a round is to come that has not begun
-    bool is_retried = false;
+    Refusal refusal;
   };
 
   static void* ThreadMain(void* loop) noexcept;
@@ -175,9 +182,9 @@ int LoopTaskQueue::StartIfNeeded(const std::string& name) {
   return 0;
 }
 
-bool& LoopTaskQueue::is_retried() {
+LoopTaskQueue::Refusal& LoopTaskQueue::refusal() {
   const base::AutoLock lock(lock_);
-  return work().is_retried;
+  return work().refusal;
 }
 
 int LoopTaskQueue::Loop::OpenTimer() {
@@ -338,25 +345,27 @@ struct Retry {
 
 void* RetryMain(void* argument) noexcept {
   const std::unique_ptr<Retry> retry(static_cast<Retry*>(argument));
-  int status = 0;
-  do {
-    poll(nullptr, 0, kRetryPauseMs);
+  for (int pause_ms = kFirstRetryPauseMs;; pause_ms = std::min(2 * pause_ms, kLongestRetryPauseMs)) {
+    poll(nullptr, 0, pause_ms);
     const base::AutoLock lock(AllQueues().lock);
-    status = retry->queue->StartIfNeeded(retry->name);
-  } while (status != 0);
-  return nullptr;
+    if (retry->queue->StartIfNeeded(retry->name) == 0) {
+      return nullptr;
+    }
+  }
 }
 
-void RetryInBackground(const std::shared_ptr<LoopTaskQueue>& queue, const std::string& name) {
+// Whether the refusal is news. Where the retry's thread is refused as well, the next call tries again.
+bool RetryInBackground(const std::shared_ptr<LoopTaskQueue>& queue, const std::string& name) {
   const base::AutoLock lock(AllQueues().lock);  // so that the thread does not end before it is named
-  if (queue->is_retried()) {
-    return;
+  LoopTaskQueue::Refusal& refusal = queue->refusal();
+  if (!refusal.is_retried) {
+    auto retry = std::make_unique<Retry>(Retry{queue, name});
+    if (StartThread(&RetryMain, retry.get(), name) == 0) {
+      [[maybe_unused]] const Retry* const passed_on = retry.release();  // to the thread
+      refusal.is_retried = true;
+    }
   }
-  auto retry = std::make_unique<Retry>(Retry{queue, name});
-  if (StartThread(&RetryMain, retry.get(), name) == 0) {
-    [[maybe_unused]] const Retry* const passed_on = retry.release();  // to the thread
-    queue->is_retried() = true;
-  }
+  return !std::exchange(refusal.is_told, true);
 }
 
 }  // namespace
@@ -386,10 +395,9 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
     queue = place;
     status = queue->StartIfNeeded(name);
   }
-  if (status != 0) {
+  if (status != 0 && RetryInBackground(queue, name)) {
     base::LocalLog(1, kLogFile, __LINE__, "the system refuses the thread '%s', its tasks wait: %s",
                    name.c_str(), std::system_category().message(status).c_str());
-    RetryInBackground(queue, name);
   }
   return queue;
 }

@@ -32,27 +32,27 @@ bool LedgerModel::IsHeld(int address, int64_t now_us) const {
 
 bool LedgerModel::Call(int address, int64_t now_us) {
   std::optional<Burst>& burst = bursts_[static_cast<size_t>(address)];
-  if (!burst || burst->calls == 20 || burst->begin_us + kS <= now_us) {
+  if (!burst || burst->begin_us + (burst->calls < 20 ? kS : 195000) <= now_us) {
     burst = Burst{now_us};
     if (IsHeld(address, now_us)) {
       burst->size = 0;
     } else {
       Account& account = Of(address);
-      if (account.is_heard && !account.is_too_fast) {
+      if (account.is_heard && !account.is_refused) {
         account.too_fast_count = 0;
       }
       if (account.was_ever_too_fast) {
         burst->size = 8;
       }
       account.last_burst_us = now_us;
-      account.is_heard = account.is_too_fast = false;
+      account.is_heard = account.is_refused = false;
     }
   }
   const int call = burst->calls++;
   // Evenly: request number n, counted from 0, leaves with the first call that has n/size of the burst behind
   // it.
   const bool is_due = call == 0 || call * burst->size / 20 > (call - 1) * burst->size / 20;
-  if (burst->size == 0 || !is_due) {
+  if (burst->size == 0 || call >= 20 || !is_due) {
     return false;
   }
   while (random_.Next() == 0) {
@@ -67,13 +67,14 @@ void LedgerModel::Refused(int address, ArrivalKind how, int64_t now_us) {
   }
   const uint64_t bits = random_.Next();
   Account& account = Of(address);
+  account.is_refused = true;
   const bool is_closed = account.closed_until_us && now_us < *account.closed_until_us;
   if (how == ArrivalKind::kRate) {
     if (is_closed) {
       return;
     }
     account.is_denied = false;
-    account.was_ever_too_fast = account.is_too_fast = true;
+    account.was_ever_too_fast = true;
     account.closed_until_us = now_us + WaitAfterRate(account.too_fast_count++, bits);
   } else if (!is_closed || !account.is_denied) {
     account.is_denied = true;

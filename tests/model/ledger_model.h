@@ -28,9 +28,9 @@ class LedgerModel {
  private:
   struct Account {
     std::optional<int64_t> last_burst_us;
-    bool is_heard = false;     // since then
-    bool is_too_fast = false;  // the server said so since then
-    int too_fast_count = 0;    // such bursts in a row
+    bool is_heard = false;    // since then
+    bool is_refused = false;  // in whatever words, since then
+    int too_fast_count = 0;   // such bursts in a row
     bool was_ever_too_fast = false;
     std::optional<int64_t> closed_until_us;
     bool is_denied = false;  // why it is closed

@@ -317,7 +317,7 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   if (answer.ttl_us) {
     domain.expires_us = now_us + Believed(*answer.ttl_us);
   }
-  domain.current = FirstFree(domain, 0) % domain.addresses.size();
+  domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
   domains.push_back(std::move(domain));
   return true;
 }
@@ -388,7 +388,7 @@ void ManagerModel::ResetDomains() {
       domain.expires_us = domain.next_expires_us;
     }
     Use(domain);
-    domain.current = FirstFree(domain, 0) % domain.addresses.size();
+    domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
     domain.is_repeated = false;
     domain.samples.clear();
     domain.record = NtpDomainResult();
@@ -594,9 +594,15 @@ bool ManagerModel::TakeNextAddress(Domain& domain) {
     }
     return domain.is_repeated = true;
   }
-  const size_t next = FirstFree(domain, domain.current + 1);
-  if (next == domain.addresses.size()) {
-    return false;
+  // What was passed over at the beginning comes last.
+  const size_t end = domain.addresses.size();
+  const bool is_around = domain.current < domain.first;
+  size_t next = is_around ? end : FirstFree(domain, domain.current + 1);
+  if (next == end) {
+    next = FirstFree(domain, is_around ? domain.current + 1 : 0);
+    if (next >= domain.first) {
+      return false;
+    }
   }
   domain.current = next;
   return true;

@@ -29,6 +29,7 @@ class ManagerModel final : public Side {
   struct Domain {
     std::string name;
     std::vector<net::IPEndPoint> addresses;
+    size_t first = 0;  // of the attempt
     size_t current = 0;
     bool is_repeated = false;  // the only address was asked a second time
     std::vector<NtpResultData> samples;
