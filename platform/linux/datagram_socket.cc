@@ -148,6 +148,7 @@ struct DatagramSocket::Impl {
     // In a child of the process that opened it the socket is the parent's: nothing is sent or read there, and
     // the event loop is not told of its end.
     const uint32_t fork_count = core::internal::ForkCount();
+    std::shared_ptr<State> itself;  // set to keep it for ever
   };
 
   std::shared_ptr<State> state;
@@ -350,7 +351,7 @@ DatagramSocket::~DatagramSocket() {
     // Never to be destroyed: asio's descriptor would unregister the socket from the loop that the parent
     // runs, and close a number again that may be another file's by then. A handler that waits would keep it
     // alive, but there may be none.
-    [[maybe_unused]] const auto* const kept = new std::shared_ptr<Impl::State>(impl_->state);
+    state.itself = impl_->state;
   }
 }
 
