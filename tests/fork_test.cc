@@ -21,6 +21,7 @@
 
 #include "apps/skorra-ntp/server.h"
 #include "ntp/ntp_time_manager.h"
+#include "platform/base/clock.h"
 #include "platform/base/lock.h"
 #include "platform/base/log.h"
 #include "platform/base/log_file.h"
@@ -292,7 +293,11 @@ TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
 struct Change {
   void Make() {
     first = 1;
-    WaitUntil([] { return base::internal::is_fork_coming.load(); });
+    // Without a pause between two looks: the forking thread asks for moments only, and gives up after 100 ms.
+    const int64_t deadline_us = base::GetSteadyTimeTicks() + int64_t{kPatienceMs} * 1000;
+    while (!base::internal::is_fork_coming.load() && base::GetSteadyTimeTicks() < deadline_us) {
+      std::this_thread::yield();
+    }
     second = 1;
   }
   std::string Check() const { return first == second ? "" : "it is half made"; }
