@@ -17,7 +17,7 @@
 
 #include "platform/base/log.h"
 #include "platform/base/no_destructor.h"
-#include "tests/ntp_time_manager_peer.h"
+#include "testing/ntp_time_manager_peer.h"
 
 namespace {
 

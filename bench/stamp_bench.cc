@@ -24,8 +24,8 @@
 #include "platform/base/random.h"
 #include "platform/core/thread_manager.h"
 #include "platform/net/datagram_socket.h"
-#include "tests/child_process.h"
-#include "tests/chronyd.h"
+#include "testing/child_process.h"
+#include "testing/chronyd.h"
 #include "transport/ntp_packet.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "sim/random.h"
+#include "netmodel/random.h"
 
 namespace skorra::sim {
 

@@ -16,9 +16,9 @@
 #include <memory>
 #include <vector>
 
+#include "netmodel/link.h"
+#include "netmodel/server.h"
 #include "platform/net/ip_endpoint.h"
-#include "sim/link.h"
-#include "sim/server.h"
 #include "sim/world.h"
 
 namespace skorra::sim {

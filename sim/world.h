@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "netmodel/random.h"
 #include "platform/base/callback.h"
 #include "platform/base/location.h"
 #include "platform/base/time.h"
@@ -35,7 +36,6 @@
 #include "platform/net/host_resolver.h"
 #include "platform/net/ip_endpoint.h"
 #include "sim/clock_model.h"
-#include "sim/random.h"
 
 namespace skorra::sim {
 

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "apps/skorra-ntp/server.h"
+#include "apps/skorra-ntp/demo_server.h"
 #include "apps/skorra-ntp/sync.h"
 
 namespace skorra {

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string_view>
 
+#include "apps/skorra-ntp/demo_server.h"
 #include "apps/skorra-ntp/report.h"
-#include "apps/skorra-ntp/server.h"
 
 namespace skorra {
 namespace {

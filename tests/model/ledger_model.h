@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "sim/random.h"
+#include "netmodel/random.h"
 #include "tests/model/surroundings.h"
 
 namespace skorra::model {

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "sim/world.h"
+#include "testing/ntp_time_manager_peer.h"
 #include "tests/model/manager_model.h"
 #include "tests/model/side.h"
 #include "tests/model/surroundings.h"
-#include "tests/ntp_time_manager_peer.h"
 
 namespace skorra::model {
 

@@ -57,9 +57,9 @@ def read_listed():
 def manager_suites():
     """The suites that test the manager alone: those on its fixture, without whole-system runs."""
     suites = set()
-    for path in sorted((ROOT / "tests").glob("*_test.cc")):
+    for path in sorted((ROOT / "tests").rglob("*_test.cc")):
         text = path.read_text()
-        if '"tests/manager_fixture.h"' in text and not re.search("scenario|model|walk|stress|seam", path.name):
+        if '"testing/manager_fixture.h"' in text and not re.search("scenario|model|walk|stress|seam", path.name):
             suites.update(re.findall(r"^TEST(?:_F|_P)?\((\w+),", text, re.MULTILINE))
     return sorted(suites)
 
@@ -74,9 +74,9 @@ class Runner:
         compile_line = next(c for c in commands if c.endswith(f"-c {ROOT / FILE}"))
         link_line = next(c for c in commands if " -o bin/sim_tests " in c)
         self.compile = self._own_flags(shlex.split(compile_line))
-        # The changed object takes the archive's place.
-        link = [w for w in shlex.split(link_line) if w not in (":", "&&", "ntp/libskorra_ntp.a")]
-        self.link = [link[0], "OBJECT"] + link[1:]
+        # The changed object takes the place of the unchanged one.
+        self.link = ["OBJECT" if w.endswith(f"{FILE}.o".replace("ntp/", "/", 1)) else w
+                     for w in shlex.split(link_line) if w not in (":", "&&")]
         if shutil.which("ld.gold"):
             self.link.append("-fuse-ld=gold")  # half the time of the default one
         self.filter = ":".join(f"{suite}.*:*/{suite}.*" for suite in manager_suites())

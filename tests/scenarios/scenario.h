@@ -14,7 +14,7 @@
 #include "sim/attacker.h"
 #include "sim/network.h"
 #include "sim/world.h"
-#include "tests/ntp_time_manager_peer.h"
+#include "testing/ntp_time_manager_peer.h"
 
 namespace skorra {
 

@@ -1,0 +1,76 @@
+# How the targets of this project are built. A consumer of skorra::ntp gets the include folder, the threads and
+# the language level; everything in skorra_build stays inside.
+option(SKORRA_WERROR "Treat the compiler's warnings as errors" OFF)
+set(SKORRA_SANITIZE
+    ""
+    CACHE STRING "Sanitizers, as given to -fsanitize=")
+
+add_library(skorra_build INTERFACE)
+target_include_directories(skorra_build INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_features(skorra_build INTERFACE cxx_std_20)
+target_compile_options(
+  skorra_build
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wshadow
+            -Wconversion
+            -Wnon-virtual-dtor
+            -Woverloaded-virtual
+            # g++ 12 sees overlapping copies in sums of strings where there are none (GCC bug 105329).
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+target_link_libraries(skorra_build INTERFACE Threads::Threads)
+if(SKORRA_WERROR)
+  target_compile_options(skorra_build INTERFACE -Werror)
+endif()
+
+# A 32-bit time_t ends in 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(skorra_build INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
+if(SKORRA_SANITIZE)
+  target_compile_options(skorra_build INTERFACE -fsanitize=${SKORRA_SANITIZE} -fno-sanitize-recover=all
+                                                -fno-omit-frame-pointer)
+  target_link_options(skorra_build INTERFACE -fsanitize=${SKORRA_SANITIZE})
+endif()
+
+# Every target of the project goes through this.
+function(skorra_target name)
+  target_link_libraries(${name} PRIVATE skorra_build)
+  set_target_properties(
+    ${name}
+    PROPERTIES CXX_EXTENSIONS OFF
+               POSITION_INDEPENDENT_CODE ON
+               CXX_VISIBILITY_PRESET hidden
+               VISIBILITY_INLINES_HIDDEN ON
+               RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+endfunction()
+
+# skorra_objects(NAME SOURCES...): one room's objects.
+function(skorra_objects name)
+  add_library(${name} OBJECT ${ARGN})
+  skorra_target(${name})
+endfunction()
+
+# skorra_library(NAME OBJECTS...): makes the library NAME of the objects of rooms.
+function(skorra_library name)
+  skorra_target(${name})
+  target_link_libraries(${name} PRIVATE ${ARGN})
+  target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
+  target_compile_features(${name} INTERFACE cxx_std_20)
+  target_link_libraries(${name} PUBLIC Threads::Threads)
+endfunction()
+
+# skorra_program(NAME WORLD SOURCES...): an executable on one of the two worlds behind the seams, linux or sim.
+function(skorra_program name world)
+  add_executable(${name} ${ARGN})
+  skorra_target(${name})
+  set(rooms skorra_manager skorra_transport skorra_platform skorra_files)
+  if(world STREQUAL linux)
+    list(APPEND rooms skorra_linux)
+  else()
+    list(APPEND rooms skorra_netmodel skorra_sim_seams)
+  endif()
+  target_link_libraries(${name} PRIVATE ${rooms})
+endfunction()

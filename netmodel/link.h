@@ -1,0 +1,70 @@
+// One direction of a path between the machine and a server: what happens to each datagram on it. Two links
+// with different options make an asymmetric path.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "netmodel/random.h"
+
+namespace skorra::sim {
+
+// Probabilities are in 1/1000. Nothing that is left at its default draws a random number.
+struct LinkOptions {
+  int64_t delay_us = 5000;  // every datagram takes this long,
+  Distribution jitter = Distribution::kConstant;
+  int64_t jitter_us = 0;  // and this much more on average
+
+  int loss_permille = 0;
+  int duplicate_permille = 0;  // the copy takes its own delay
+  int reorder_permille = 0;    // held back by `reorder_us`, so that later ones overtake it
+  int64_t reorder_us = 30000;
+  int corrupt_permille = 0;  // one to three bits are flipped; nothing checks a sum
+
+  // A queue that serves one datagram after another. Others' traffic fills it with work: `load_permille` of
+  // its capacity on average, varying from none to twice that; above 1000 it grows. What would wait longer
+  // than `queue_limit_us` is dropped.
+  int64_t service_us = 0;
+  int load_permille = 0;
+  int64_t queue_limit_us = 1000000;
+
+  // While one of these lasts nothing enters the link. Microseconds since the world's beginning.
+  struct Window {
+    int64_t from_us;
+    int64_t to_us;
+  };
+  std::vector<Window> partitions = {};
+};
+
+struct Arrival {
+  int64_t at_us;  // in the time in which it was sent
+  std::vector<uint8_t> bytes;
+};
+
+// Where a datagram ended up, for the log.
+enum class LinkFate { kCarried, kLost, kPartitioned, kQueueFull };
+const char* LinkFateName(LinkFate fate);
+
+class Link {
+ public:
+  // `begin_us` is the world's beginning in the time in which datagrams are sent.
+  Link(LinkOptions options, int64_t begin_us)
+      : options_(std::move(options)), begin_us_(begin_us), queue_time_us_(begin_us) {}
+
+  // Sends one datagram now; the times of its calls do not go back. None, one or two arrivals.
+  std::vector<Arrival> Transmit(const std::vector<uint8_t>& bytes, int64_t now_us, Random& random,
+                                LinkFate* fate);
+
+ private:
+  bool IsPartitioned(int64_t now_us) const;
+  // How long the datagram waits and is served; nothing when it is dropped.
+  std::optional<int64_t> PassQueue(int64_t now_us, Random& random);
+
+  LinkOptions options_;
+  int64_t begin_us_;
+  int64_t queue_time_us_;   // when `backlog_us_` was true
+  int64_t backlog_us_ = 0;  // work that waits in the queue
+};
+
+}  // namespace skorra::sim

@@ -1,0 +1,84 @@
+// A time server of a simulated world: its clock, what it says about itself, and whom it answers.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "netmodel/link.h"
+#include "netmodel/random.h"
+#include "platform/net/ip_endpoint.h"
+#include "transport/ntp_packet.h"
+
+namespace skorra::sim {
+
+// One request and what becomes of it; filled in from the server's options before the script sees it.
+struct Exchange {
+  size_t index = 0;  // counts the requests that reached this server from 0
+  bool is_answered = true;
+  int64_t clock_error_us = 0;
+  // Its receive and transmit time stamps are set after the script has run, unless it set them.
+  NtpPacket reply;
+};
+
+// A bucket of tokens for each client address. A request takes one; an empty bucket means silence or, for
+// one in `kiss_every` of these requests, the kiss code RATE. The bucket begins full.
+struct RateLimit {
+  int64_t interval_us = 0;  // a token comes back this often; 0: no limit
+  int64_t burst = 8;        // the bucket's size
+  int64_t kiss_every = 4;   // 0: never
+};
+
+struct ServerOptions {
+  int64_t clock_error_us = 0;  // its clock minus the world's true time: a fault, a lie, another era
+  int64_t drift_ppb = 0;       // what the error gains, from the world's beginning
+  Distribution noise = Distribution::kConstant;
+  int64_t noise_us = 0;  // its readings scatter by this much on average, to either side
+  uint8_t stratum = 2;
+  uint8_t leap_indicator = 0;
+  int64_t root_delay_us = 0;
+  int64_t root_dispersion_us = 0;
+  int64_t processing_us = 0;  // from receiving to transmitting
+  bool is_silent = false;
+  std::string kiss_code = {};  // four letters: it answers nothing else
+  RateLimit rate_limit = {};
+  LinkOptions to_server = {};
+  LinkOptions to_client = {};
+  // May change any reply, or drop it.
+  std::function<void(Exchange&)> script = nullptr;
+};
+
+struct ServerReply {
+  std::vector<uint8_t> bytes;
+  int64_t after_us = 0;  // it leaves this long after the request came
+};
+
+class Server {
+ public:
+  explicit Server(ServerOptions options) : options_(std::move(options)) {}
+
+  // Answers what came from `client` at the true time `true_us`, `elapsed_us` after the world's beginning;
+  // nothing when it stays silent.
+  std::optional<ServerReply> Answer(std::span<const uint8_t> request, const net::IPEndPoint& client,
+                                    int64_t true_us, int64_t elapsed_us, Random& random);
+
+ private:
+  struct Bucket {
+    int64_t tokens;
+    int64_t refilled_us;
+    int64_t refused = 0;
+  };
+  enum class Admission { kAnswer, kKiss, kSilence };
+
+  Admission Admit(net::IPEndPoint client, int64_t elapsed_us);
+
+  ServerOptions options_;
+  size_t request_count_ = 0;
+  std::map<net::IPEndPoint, Bucket> buckets_;  // by address, the port left out
+};
+
+}  // namespace skorra::sim

@@ -1,0 +1,107 @@
+#include "testing/attempt_runner.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "platform/base/no_destructor.h"
+#include "platform/core/thread_manager.h"
+#include "platform/metrics/key_metrics.h"
+#include "testing/wait_until.h"
+
+namespace skorra {
+namespace {
+
+// The manager checks on a domain, and sends the rest of a burst, within this time; what finds the attempt
+// ended then does nothing more.
+constexpr int64_t kLastCheckMs = 250;
+
+// Tasks that the manager has posted keep its address, some for half a minute: like the process's own manager
+// it is never destroyed.
+NtpTimeManagerPeer& MakeManager() {
+  static base::NoDestructor<std::vector<std::unique_ptr<NtpTimeManagerPeer>>> managers;
+  return *managers->emplace_back(std::make_unique<NtpTimeManagerPeer>());
+}
+
+// Returns when everything that is due on the manager's queue within `delay_ms` has run.
+void Drain(int64_t delay_ms) {
+  const auto is_over = std::make_shared<std::atomic<bool>>(false);
+  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
+  queue->PostDelayedTask(base::Location::CreateFromHere("tests/attempt_runner", __LINE__),
+                         base::BindOnce([is_over] { is_over->store(true); }),
+                         base::TimeDelta::FromMilliseconds(delay_ms));
+  EXPECT_TRUE(WaitUntil([&] { return is_over->load(); }));
+}
+
+}  // namespace
+
+CountsSince::CountsSince() : before_(base::KeyMetrics::GetAllCounts()) {}
+
+uint64_t CountsSince::operator[](const std::string& name) const {
+  const auto found = before_.find(name);
+  return base::KeyMetrics::GetCount(name) - (found == before_.end() ? 0 : found->second);
+}
+
+uint64_t CountsSince::SumOf(const std::string& prefix) const {
+  uint64_t sum = 0;
+  for (const auto& [name, count] : base::KeyMetrics::GetAllCounts()) {
+    sum += name.starts_with(prefix) ? (*this)[name] : 0;
+  }
+  return sum;
+}
+
+class AttemptRunner::Recorder : public NtpTimeManager::Observer {
+ public:
+  void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
+    const std::lock_guard guard(mutex_);
+    attempt_.result = result;
+    attempt_.server = server;
+  }
+
+  void Expect() {
+    const std::lock_guard guard(mutex_);
+    attempt_ = {};
+  }
+
+  Attempt attempt() const {
+    const std::lock_guard guard(mutex_);
+    return attempt_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  Attempt attempt_;
+};
+
+AttemptRunner::AttemptRunner(const std::vector<std::string>& domains)
+    : peer_(MakeManager()), recorder_(std::make_shared<Recorder>()) {
+  peer_.manager().AddObserver(recorder_);
+  peer_.manager().UpdateNtpTimeDomain(domains);
+  Drain(0);
+}
+
+AttemptRunner::~AttemptRunner() { CutOff(); }
+
+AttemptRunner::Attempt AttemptRunner::Run(const std::function<bool()>& is_enough) {
+  const CountsSince counts;
+  recorder_->Expect();
+  // A result that took this long to get is never fresh.
+  peer_.last_request_cost_ms().store(800);
+  peer_.manager().Start();
+  WaitUntil([&] { return recorder_->attempt().result.has_value() || is_enough(); });
+  Attempt attempt = recorder_->attempt();
+  if (!attempt.result) {
+    CutOff();
+  }
+  attempt.sent = counts["ntp.requests_sent"];
+  attempt.replies = counts["ntp.samples_received"];
+  return attempt;
+}
+
+void AttemptRunner::CutOff() {
+  peer_.manager().Stop();
+  Drain(kLastCheckMs);
+}
+
+}  // namespace skorra

@@ -1,0 +1,55 @@
+#include <map>
+
+#include "platform/linux/name_lookup.h"
+#include "testing/fake_name_server.h"
+#include "testing/loopback_udp.h"
+#include "testing/seam_world.h"
+#include "testing/wait_until.h"
+
+namespace skorra {
+
+struct SeamWorld::Impl {
+  std::map<net::IPEndPoint, std::unique_ptr<LoopbackUdp>> servers;
+};
+
+SeamWorld::SeamWorld() : impl_(std::make_unique<Impl>()) {}
+SeamWorld::~SeamWorld() = default;
+
+bool SeamWorld::WaitUntil(const std::function<bool()>& done) { return skorra::WaitUntil(done); }
+
+net::IPEndPoint SeamWorld::AddServer() {
+  auto server = std::make_unique<LoopbackUdp>();
+  const net::IPEndPoint endpoint = server->local();
+  impl_->servers[endpoint] = std::move(server);
+  return endpoint;
+}
+
+std::optional<std::vector<uint8_t>> SeamWorld::ReceiveAt(const net::IPEndPoint& server) {
+  return impl_->servers.at(server)->Receive(kPatienceMs);
+}
+
+void SeamWorld::SendFrom(const net::IPEndPoint& server, const net::IPEndPoint& client,
+                         const std::vector<uint8_t>& bytes) {
+  impl_->servers.at(server)->SendTo(client, bytes);
+}
+
+net::IPEndPoint SeamWorld::RefusingEndPoint() { return UnusedEndPoint(); }
+
+net::ResolveResult SeamWorld::ResolveUnknownName(base::TimeDelta timeout) {
+  const FakeNameServer server({{false, 3, {}}, {false, 3, {}}, 0});
+  return net::internal::LookUpHost("unknown.example.", 123, timeout, server.address());
+}
+
+net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
+  const FakeNameServer server({{true, 0, {}}, {true, 0, {}}, 0});
+  return net::internal::LookUpHost("silent.example.", 123, timeout, server.address());
+}
+
+net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
+  const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / 1000000);
+  const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});
+  return net::internal::LookUpHost("brief.example.", 123, base::TimeDelta::FromMilliseconds(kPatienceMs),
+                                   server.address());
+}
+
+}  // namespace skorra

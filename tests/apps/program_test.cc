@@ -1,0 +1,304 @@
+// The program as its users meet it: command lines in, exit statuses and texts out.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "testing/child_process.h"
+#include "testing/loopback_udp.h"
+
+namespace skorra {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+using Arguments = std::vector<std::string>;
+
+Arguments Command(Arguments arguments) {
+  arguments.insert(arguments.begin(), SKORRA_NTP_PROGRAM);
+  return arguments;
+}
+
+ChildExit RunProgram(const Arguments& arguments, const std::vector<std::string>& environment = {}) {
+  return RunChild(Command(arguments), environment);
+}
+
+// `skorra-ntp serve` with its end point.
+class Server {
+ public:
+  explicit Server(const Arguments& options = {}) : child_(Command(WithServe(options))) {
+    const std::string line = child_.ReadLine().value_or("");
+    EXPECT_THAT(line, StartsWith(kGreeting));
+    name_ = line.substr(std::min(line.size(), kGreeting.size()));
+  }
+
+  const std::string& name() const { return name_; }
+  ChildExit End(int signal_number) {
+    child_.Signal(signal_number);
+    return child_.Wait();
+  }
+
+ private:
+  static Arguments WithServe(Arguments options) {
+    options.insert(options.begin(), "serve");
+    return options;
+  }
+
+  inline static const std::string kGreeting = "listening on ";
+  ChildProcess child_;
+  std::string name_;
+};
+
+TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
+  struct Case {
+    const char* what;
+    Arguments arguments;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"no command", {}, "A subcommand is required"},
+      {"an unknown command", {"synchronise"}, "There is no command 'synchronise'"},
+      {"no server", {"sync"}, "SERVER is required"},
+      {"an unknown option", {"sync", "--fast", "127.0.0.1"}, "--fast"},
+      {"no time at all", {"sync", "127.0.0.1", "--timeout", "0"}, "give a number above 0, at most 3600"},
+      {"a negative time", {"sync", "127.0.0.1", "--timeout", "-1"}, "give a number above 0"},
+      {"more than an hour", {"sync", "127.0.0.1", "--timeout", "3600.1"}, "at most 3600"},
+      {"a time that is no number", {"sync", "127.0.0.1", "--timeout", "nan"}, "\"nan\" will not do"},
+      {"a number with a unit", {"sync", "127.0.0.1", "--timeout", "5s"}, "\"5s\" will not do"},
+      {"an option without its value", {"sync", "127.0.0.1", "--timeout"}, "--timeout"},
+      {"a log level beyond the last",
+       {"sync", "127.0.0.1", "--log-level", "3"},
+       "Value 3 not in range 0 to 2"},
+      {"half a log level", {"sync", "127.0.0.1", "--log-level", "0.5"}, "Value 0.5 not in range 0 to 2"},
+      {"a port beyond the last", {"sync", "host:99999"}, "bad SERVER 'host:99999': "},
+      {"a bracket left open", {"sync", "[::1"}, "bad SERVER '[::1': "},
+      {"an empty server", {"sync", ""}, "bad SERVER '': "},
+      {"a name with a space", {"sync", "time server"}, "bad SERVER 'time server': "},
+      {"one malformed server among good ones",
+       {"sync", "127.0.0.1", "a:b:c:d:z"},
+       "bad SERVER 'a:b:c:d:z': "},
+      {"a share above all", {"serve", "--loss", "1.5"}, "from 0, at most 1"},
+      {"a negative delay", {"serve", "--delay", "-1"}, "from 0"},
+      {"a name to listen on", {"serve", "--listen", "localhost:0"}, "is not an IP address"},
+      {"a port beyond the last to listen on", {"serve", "--listen", "127.0.0.1:99999"}, "bad --listen"},
+      {"an empty address to listen on", {"serve", "--listen", ":0"}, "bad --listen"},
+      {"a seed that is no number", {"serve", "--seed", "x"}, "--seed"},
+      {"an argument too many", {"demo", "127.0.0.1"}, "127.0.0.1"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const ChildExit exit = RunProgram(c.arguments);
+    EXPECT_EQ(exit.status, 64);
+    EXPECT_THAT(exit.out, IsEmpty());
+    EXPECT_THAT(exit.err, HasSubstr(c.message));
+  }
+}
+
+TEST(ProgramTest, HelpTeachesWithExamples) {
+  struct Case {
+    Arguments arguments;
+    const char* text;
+  };
+  for (const Case& c :
+       {Case{{"--help"}, "SKORRA_NTP_CONFIG"}, Case{{"--help"}, "skorra-ntp sync ntp.example.org"},
+        Case{{"sync", "--help"}, "skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'"},
+        Case{{"sync", "--help"}, "Exit status:"},
+        Case{{"serve", "--help"}, "skorra-ntp serve --listen 127.0.0.1:12300"},
+        Case{{"demo", "--help"}, "skorra-ntp demo"}, Case{{"--version"}, "skorra-ntp "}}) {
+    const ChildExit exit = RunProgram(c.arguments);
+    EXPECT_EQ(exit.status, 0);
+    EXPECT_THAT(exit.out, HasSubstr(c.text));
+    EXPECT_THAT(exit.err, IsEmpty());
+  }
+}
+
+TEST(ProgramTest, AServerWithAKnownErrorIsMeasured) {
+  Server server({"--offset", "-12.5"});
+  const ChildExit exit = RunProgram({"sync", server.name(), "--json"});
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_THAT(exit.err, IsEmpty());
+  const auto json = nlohmann::json::parse(exit.out);
+  EXPECT_EQ(json["result"], 0);
+  EXPECT_EQ(json["message"], "success");
+  EXPECT_NEAR(json["offset_us"].get<double>(), -12'500'000, 5000);
+  EXPECT_GT(json["ntp_time_us"].get<int64_t>(), 0);
+  EXPECT_EQ(json["server"], server.name());
+  EXPECT_EQ(json["rejected"], nlohmann::json::object());
+  EXPECT_LE(json["samples_used"], json["samples_received"]);
+  EXPECT_GE(json["samples_used"], 3);
+  EXPECT_GE(json["requests_sent"], json["samples_received"]);
+  EXPECT_GT(json["took_ms"], 0);
+}
+
+TEST(ProgramTest, TheSummaryForPeopleTellsTheSame) {
+  Server server({"--offset", "1.5"});
+  const ChildExit exit = RunProgram({"sync", server.name()});
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_THAT(exit.err, IsEmpty());
+  EXPECT_THAT(exit.out, StartsWith("NTP time sync: success (result 0)\n"));
+  EXPECT_THAT(exit.out,
+              testing::ContainsRegex("  offset       \\+1\\.(49|50)[0-9]* s \\(the system clock is behind"));
+  EXPECT_THAT(exit.out, HasSubstr("  server       " + server.name() + "\n"));
+}
+
+TEST(ProgramTest, AnswersThatDifferTooMuchEndWithStatus1) {
+  Server server({"--jitter", "400"});
+  const ChildExit exit = RunProgram({"sync", server.name(), "--json"});
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_THAT(exit.err, HasSubstr("answers differed too much"));
+  const auto json = nlohmann::json::parse(exit.out);
+  EXPECT_EQ(json["result"], 1);
+  EXPECT_TRUE(json["offset_us"].is_number());
+}
+
+TEST(ProgramTest, SyncsOverIPv6) {
+  if (!LoopbackUdp(net::IPEndPoint::Family::kIPv6).is_open()) {
+    GTEST_SKIP() << "this machine has no ::1";
+  }
+  Server server({"--listen", "[::1]:0"});
+  EXPECT_THAT(server.name(), StartsWith("[::1]:"));
+  const ChildExit exit = RunProgram({"sync", server.name(), "--json"});
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(exit.out)["server"], server.name());
+}
+
+TEST(ProgramTest, TheLogIsShownFromTheChosenLevel) {
+  Server server;
+  EXPECT_THAT(RunProgram({"sync", server.name(), "--log-level", "0"}).err, HasSubstr("Start NTP time sync"));
+  EXPECT_THAT(RunProgram({"sync", server.name(), "--log-level", "1"}).err, IsEmpty());
+}
+
+TEST(ProgramTest, ANameWithoutAnAddressIsToldAtOnce) {
+  const ChildExit exit = RunProgram({"sync", "nosuch.invalid", "--timeout", "30"});
+  EXPECT_EQ(exit.status, 2);
+  EXPECT_THAT(exit.err, HasSubstr("cannot resolve nosuch.invalid: "));
+  EXPECT_THAT(exit.err, HasSubstr("Check the spelling"));
+  EXPECT_THAT(exit.out, HasSubstr("no server name could be resolved (result -1)"));
+}
+
+TEST(ProgramTest, ANameWithoutAnAddressYieldsJsonToo) {
+  const ChildExit exit = RunProgram({"sync", "nosuch.invalid", "--json"});
+  EXPECT_EQ(exit.status, 2);
+  const auto json = nlohmann::json::parse(exit.out);
+  EXPECT_EQ(json["result"], -1);
+  EXPECT_EQ(json["message"], "no server name could be resolved");
+  EXPECT_TRUE(json["offset_us"].is_null());
+  EXPECT_TRUE(json["server"].is_null());
+  EXPECT_EQ(json["requests_sent"], 0);
+}
+
+TEST(ProgramTest, TheOtherServersAreAskedWhenOneNameHasNoAddress) {
+  Server server;
+  const ChildExit exit = RunProgram({"sync", "nosuch.invalid", server.name()});
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_THAT(exit.err, HasSubstr("cannot resolve nosuch.invalid: "));
+  EXPECT_THAT(exit.out, HasSubstr(server.name()));
+}
+
+TEST(ProgramTest, AClosedPortIsTold) {
+  const std::string name = UnusedEndPoint().ToString();
+  const ChildExit exit = RunProgram({"sync", name, "--json"});
+  EXPECT_EQ(exit.status, 2);
+  EXPECT_THAT(exit.err, HasSubstr(name + " refused the connection"));
+  const auto json = nlohmann::json::parse(exit.out);
+  EXPECT_EQ(json["result"], -1);
+  EXPECT_EQ(json["message"], "no usable result");
+  EXPECT_EQ(json["samples_received"], 0);
+}
+
+TEST(ProgramTest, ASilentServerIsToldWithWhatToCheck) {
+  const LoopbackUdp silent;
+  const ChildExit exit = RunProgram({"sync", silent.local().ToString()});
+  EXPECT_EQ(exit.status, 2);
+  EXPECT_THAT(exit.out, StartsWith("NTP time sync: no usable result (result -1)\n"));
+  EXPECT_THAT(exit.err, HasSubstr("No answer came from " + silent.local().ToString()));
+  EXPECT_THAT(exit.err, HasSubstr("123/udp"));
+  EXPECT_THAT(exit.err, Not(HasSubstr("longer than")));
+}
+
+TEST(ProgramTest, TheTimeLimitEndsTheWait) {
+  const LoopbackUdp silent;
+  const ChildExit exit = RunProgram({"sync", silent.local().ToString(), "--json", "--timeout", "0.25"});
+  EXPECT_EQ(exit.status, 2);
+  EXPECT_THAT(exit.err, HasSubstr("longer than 0.25 s"));
+  const auto json = nlohmann::json::parse(exit.out);
+  EXPECT_EQ(json["result"], -1);
+  EXPECT_EQ(json["message"], "no outcome within 0.25 s");
+  EXPECT_GE(json["took_ms"], 250);
+}
+
+TEST(ProgramTest, AGoodServerWinsOverASilentOne) {
+  const LoopbackUdp silent;
+  Server server({"--offset", "3"});
+  const ChildExit exit = RunProgram({"sync", silent.local().ToString(), server.name(), "--json"});
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(exit.out)["server"], server.name());
+}
+
+TEST(ProgramTest, AConfiguredDefaultServerDoesNotAnswerForAnother) {
+  Server server;
+  const ChildExit exit =
+      RunProgram({"sync", "nosuch.invalid"}, {"SKORRA_NTP_DEFAULT_DOMAIN=" + server.name()});
+  EXPECT_EQ(exit.status, 2);
+}
+
+TEST(ProgramTest, ProblemsOfTheConfigurationAreWarningsOnly) {
+  Server server;
+  const ChildExit missing =
+      RunProgram({"sync", server.name()}, {"SKORRA_NTP_CONFIG=/nonexistent/skorra.toml"});
+  EXPECT_EQ(missing.status, 0);
+  EXPECT_THAT(missing.err, HasSubstr("warning: "));
+  EXPECT_THAT(missing.err, HasSubstr("/nonexistent/skorra.toml"));
+  const ChildExit bad = RunProgram({"sync", server.name()}, {"SKORRA_NTP_RESOLVE_TIMEOUT_MS=soon"});
+  EXPECT_EQ(bad.status, 0);
+  EXPECT_THAT(bad.err, HasSubstr("SKORRA_NTP_RESOLVE_TIMEOUT_MS"));
+}
+
+TEST(ProgramTest, TheDemonstrationMeasuresTheTruth) {
+  const ChildExit exit = RunProgram({"demo"});
+  EXPECT_EQ(exit.status, 0) << exit.out << exit.err;
+  EXPECT_THAT(exit.err, IsEmpty());
+  EXPECT_THAT(exit.out, HasSubstr("  true offset      +2.345678 s\n"));
+  EXPECT_THAT(exit.out, testing::ContainsRegex("  measured offset  \\+2\\.34[0-9]* s\n"));
+}
+
+TEST(ProgramTest, TheServerEndsCleanlyOnASignalAndCounts) {
+  for (const int signal_number : {SIGTERM, SIGINT}) {
+    Server server({"--seed", "42"});
+    const LoopbackUdp client;
+    const auto endpoint = net::IPEndPoint::FromLiteral(
+        "127.0.0.1", static_cast<uint16_t>(std::atoi(server.name().c_str() + 10)));
+    std::vector<uint8_t> request(48);
+    request[0] = 4 << 3 | 3;
+    ASSERT_TRUE(client.SendTo(*endpoint, request));
+    ASSERT_TRUE(client.Receive(kPatienceMs));
+    const ChildExit exit = server.End(signal_number);
+    EXPECT_EQ(exit.status, 0);
+    EXPECT_THAT(exit.err, IsEmpty());
+    EXPECT_THAT(exit.out, HasSubstr("seed 42\n"));
+    EXPECT_THAT(exit.out, HasSubstr("received 1, answered 1, lost on purpose 0, ignored 0, failed 0\n"));
+  }
+}
+
+TEST(ProgramTest, AnAddressThatCannotBeHadEndsTheServerWithStatus1) {
+  const LoopbackUdp occupant;
+  const ChildExit taken = RunProgram({"serve", "--listen", occupant.local().ToString()});
+  EXPECT_EQ(taken.status, 1);
+  EXPECT_THAT(taken.out, IsEmpty());
+  EXPECT_THAT(taken.err, HasSubstr("Address already in use"));
+  EXPECT_THAT(taken.err, HasSubstr("Choose another port"));
+  // An address of the documentation range is none of this machine.
+  const ChildExit foreign = RunProgram({"serve", "--listen", "192.0.2.1:0"});
+  EXPECT_EQ(foreign.status, 1);
+  EXPECT_THAT(foreign.err, HasSubstr("an address of this machine"));
+}
+
+}  // namespace
+}  // namespace skorra

@@ -1,0 +1,97 @@
+// What one read of the clock costs in calls: runs reads in both healthy states of a manager and counts the
+// allocations, the lock operations and the clock readings that they make. Ends with status 1 when there is
+// any allocation or lock, or another number of clock readings than two (quiet) and five (due).
+//
+//   read_probe [READS]
+//
+// Run it under `strace -c -f` with two numbers of reads: the system calls must be the same.
+#include <pthread.h>
+#include <time.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "testing/ntp_time_manager_peer.h"
+
+namespace {
+
+std::atomic<long> allocations{0};
+std::atomic<long> locks{0};
+std::atomic<long> clock_readings{0};
+
+}  // namespace
+
+// The program is linked with --wrap for these, so every call of the library comes through here.
+extern "C" {
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  locks.fetch_add(1, std::memory_order_relaxed);
+  return __real_pthread_mutex_lock(mutex);
+}
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  clock_readings.fetch_add(1, std::memory_order_relaxed);
+  return __real_clock_gettime(clock, time);
+}
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  return __real_malloc(size);
+}
+}
+
+void* operator new(size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* const memory = __real_malloc(size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+
+namespace {
+
+// Reads `count` times and prints what that took. True when it took nothing but the expected readings.
+bool Probe(const char* state, skorra::NtpTimeManager& manager, long count, long expected_readings) {
+  allocations = 0;
+  locks = 0;
+  clock_readings = 0;
+  int64_t last_us = 0;
+  bool is_monotonic = true;
+  for (long i = 0; i < count; ++i) {
+    const int64_t now_us = manager.GetNtpTimestampFrom1970();
+    is_monotonic = is_monotonic && now_us >= last_us && now_us > 0;
+    last_us = now_us;
+  }
+  std::printf("%s: %ld reads, %ld allocations, %ld locks, %ld clock readings\n", state, count,
+              allocations.load(), locks.load(), clock_readings.load());
+  return is_monotonic && allocations == 0 && locks == 0 && clock_readings == count * expected_readings;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const long count = argc > 1 ? std::atol(argv[1]) : 1000;
+  // A counter that counts nothing would prove nothing.
+  {
+    const std::unique_ptr<int> probe(new int(0));
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    pthread_mutex_unlock(&mutex);
+    if (count < 1 || allocations == 0 || locks == 0) {
+      std::fputs("the counters do not count, or READS is not a positive number\n", stderr);
+      return 1;
+    }
+  }
+  skorra::NtpTimeManagerPeer peer;
+  peer.KeepGoodResult(2500);
+  // The first read of a process that looks at the configuration builds the configuration centre.
+  peer.manager().GetNtpTimestampFrom1970();
+  const bool is_due_clean = Probe("due", peer.manager(), count, 5);
+  peer.last_check_local_time_ms() = base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds();
+  const bool is_quiet_clean = Probe("quiet", peer.manager(), count, 2);
+  return is_due_clean && is_quiet_clean ? 0 : 1;
+}

@@ -1,0 +1,51 @@
+#include "platform/base/random.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include <set>
+#include <thread>
+
+#include "testing/refuse_system_call.h"
+
+namespace base {
+namespace {
+
+// True when many numbers are distinct and every bit is seen both set and clear.
+bool IsRandom() {
+  std::set<uint64_t> numbers;
+  uint64_t ones = 0;
+  uint64_t zeros = 0;
+  for (int i = 0; i < 1000; ++i) {
+    const uint64_t number = RandUint64();
+    numbers.insert(number);
+    ones |= number;
+    zeros |= ~number;
+  }
+  return numbers.size() == 1000 && ones == ~uint64_t{0} && zeros == ~uint64_t{0};
+}
+
+TEST(RandomTest, NumbersAreDistinctAndUseEveryBit) { EXPECT_TRUE(IsRandom()); }
+
+TEST(RandomTest, WhateverTheKernelRefusesNumbersAreDistinctAndUseEveryBit) {
+  struct Case {
+    int error;
+    const char* what;
+  };
+  const Case cases[] = {
+      {ENOSYS, "a kernel or sandbox without the call"},
+      {EAGAIN, "too early after the machine's start"},
+  };
+  for (const Case& c : cases) {
+    std::thread([&] {
+      ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_getrandom, c.error));
+      EXPECT_TRUE(IsRandom()) << c.what;
+      ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_openat, EACCES));
+      EXPECT_TRUE(IsRandom()) << c.what << ", and no device either";
+    }).join();
+  }
+}
+
+}  // namespace
+}  // namespace base

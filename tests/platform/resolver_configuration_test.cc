@@ -1,0 +1,260 @@
+// Look-ups on a machine whose resolver configuration is missing, empty or broken, and in the background
+// behind a name server that is silent. Each case runs in a forked child with an empty /etc and a network of
+// its own, so that nothing of this machine is touched and no question leaves it.
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "platform/base/clock.h"
+#include "platform/base/lock.h"
+#include "platform/net/host_resolver.h"
+#include "testing/fake_name_server.h"
+#include "testing/wait_until.h"
+
+namespace net {
+namespace {
+
+using skorra::FakeNameServer;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr char kConfiguration[] = "/etc/resolv.conf";
+constexpr uint16_t kNameServerPort = 53;
+
+void WriteFile(const char* path, const std::string& text) {
+  std::ofstream(path, std::ios::trunc | std::ios::binary) << text;
+}
+
+std::string Refused(const char* what) { return std::string(what) + ": " + strerror(errno); }
+
+// Takes this process into namespaces of its own and mounts an empty /etc there. What the system refused, or
+// nothing.
+std::string Isolate() {
+  const auto user = std::to_string(geteuid());
+  const auto group = std::to_string(getegid());
+  const bool is_root = user == "0";
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET | (is_root ? 0 : CLONE_NEWUSER)) != 0) {
+    return Refused("unshare");
+  }
+  if (!is_root) {
+    WriteFile("/proc/self/setgroups", "deny");
+    WriteFile("/proc/self/uid_map", "0 " + user + " 1");
+    WriteFile("/proc/self/gid_map", "0 " + group + " 1");
+  }
+  // Before anything is mounted: it must not spread to this machine.
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return Refused("mount");
+  }
+  if (mount("none", "/etc", "tmpfs", 0, "mode=755") != 0) {
+    return Refused("mount tmpfs");
+  }
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  memcpy(request.ifr_name, "lo", sizeof "lo");
+  request.ifr_flags = IFF_UP | IFF_RUNNING;
+  const bool is_up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+  close(fd);
+  return is_up ? std::string() : Refused("the loopback interface");
+}
+
+constexpr int kNotPermitted = 77;
+
+// Runs `body` there; its failed expectations are printed by the child and fail the test.
+void RunIsolated(const std::function<void()>& body) {
+  fflush(nullptr);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    alarm(skorra::kPatienceMs / 1000);
+    const std::string refused = Isolate();
+    if (!refused.empty()) {
+      printf("the system does not permit it: %s\n", refused.c_str());
+    } else {
+      body();
+    }
+    fflush(nullptr);
+    _exit(!refused.empty() ? kNotPermitted : testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotPermitted) {
+    GTEST_SKIP() << "needs namespaces of its own";
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child ended with status " << status;
+}
+
+std::vector<std::string> Texts(const ResolveResult& result) {
+  std::vector<std::string> texts;
+  for (const IPEndPoint& address : result.addresses) {
+    texts.push_back(address.ToString());
+  }
+  std::sort(texts.begin(), texts.end());
+  return texts;
+}
+
+struct ConfigurationRow {
+  const char* name;
+  std::function<void()> prepare;
+  friend void PrintTo(const ConfigurationRow& row, std::ostream* out) { *out << row.name; }
+};
+
+std::function<void()> Holds(const std::string& text) {
+  return [text] { WriteFile(kConfiguration, text); };
+}
+
+std::string Rubbish() {
+  std::string bytes;
+  uint32_t state = 1;
+  for (int i = 0; i < 100000; ++i) {
+    state = state * 1664525 + 1013904223;
+    bytes.push_back(static_cast<char>(state >> 24));
+  }
+  return bytes;
+}
+
+std::string Repeated(const std::string& line, int count) {
+  std::string text;
+  for (int i = 0; i < count; ++i) {
+    text += line;
+  }
+  return text;
+}
+
+std::vector<ConfigurationRow> Rows() {
+  return {
+      {"Missing", [] {}},
+      {"Empty", Holds("")},
+      {"OnlyComments", Holds("# nothing\n; here\n\n   \n")},
+      {"RandomBytes", Holds(Rubbish())},
+      {"OneEndlessLine", Holds("nameserver " + std::string(1000000, '9'))},
+      {"NameServersThatAreNoAddresses",
+       Holds("nameserver\nnameserver here\nnameserver 999.1.1.1\nnameserver ::g\nnameserver fe80::1%none\n")},
+      {"OptionsThatAreNoOptions",
+       Holds(
+           "options timeout:-1 attempts:99999999999 ndots:-5 what:ever:\noptions\nsortlist 1.2.3.4/999 x/y\n"
+           "search\ndomain\nlookup zz\nnameserver 127.0.0.1\n")},
+      {"AnHourForEachOfManyTries", Holds("options timeout:3600 attempts:100\nnameserver 127.0.0.1\n")},
+      {"AThousandNameServers", Holds(Repeated("nameserver 127.0.0.1\n", 1000))},
+      {"LinesThatBeginWithAZeroByte", Holds(Repeated(std::string("\0\n\0\0x\n\n", 7), 1000))},
+      {"APipeWithoutAWriter", [] { EXPECT_EQ(mkfifo(kConfiguration, 0644), 0); }},
+      {"ADirectory", [] { EXPECT_EQ(mkdir(kConfiguration, 0755), 0); }},
+      {"ALinkToNowhere", [] { EXPECT_EQ(symlink("/run/nothing/resolv.conf", kConfiguration), 0); }},
+      {"ALinkToItself", [] { EXPECT_EQ(symlink(kConfiguration, kConfiguration), 0); }},
+  };
+}
+
+class ResolverConfigurationTest : public testing::TestWithParam<ConfigurationRow> {};
+
+TEST_P(ResolverConfigurationTest, NamesFailInTimeAndWhatNeedsNoNameServerWorks) {
+  RunIsolated([] {
+    GetParam().prepare();
+    const auto timeout = base::TimeDelta::FromMilliseconds(400);
+    const int64_t start_us = base::GetSteadyTimeTicks();
+    const ResolveResult failed = ResolveHost("ntp.example.", 123, timeout);
+    EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 5000000);
+    EXPECT_THAT(failed.addresses, IsEmpty());
+    EXPECT_TRUE(failed.error == ResolveError::kFailed || failed.error == ResolveError::kTimedOut);
+    EXPECT_THAT(failed.detail, HasSubstr(kConfiguration));
+
+    EXPECT_THAT(Texts(ResolveHost("192.0.2.1", 123, timeout)), ElementsAre("192.0.2.1:123"));
+    EXPECT_THAT(Texts(ResolveHost("localhost", 123, timeout)), ElementsAre("127.0.0.1:123", "[::1]:123"));
+    WriteFile("/etc/hosts", "192.0.2.77 here.example\n2001:db8::77 here.example\n");
+    const ResolveResult here = ResolveHost("here.example", 123, timeout);
+    EXPECT_THAT(Texts(here), ElementsAre("192.0.2.77:123", "[2001:db8::77]:123")) << here.detail;
+    EXPECT_EQ(here.ttl, base::TimeDelta::Max());
+  });
+}
+
+TEST_P(ResolverConfigurationTest, ALaterLookUpFindsTheConfigurationMended) {
+  RunIsolated([] {
+    GetParam().prepare();
+    EXPECT_NE(ResolveHost("ntp.example.", 123, base::TimeDelta::FromMilliseconds(100)).error,
+              ResolveError::kNone);
+    if (unlink(kConfiguration) != 0) {
+      rmdir(kConfiguration);
+    }
+    WriteFile(kConfiguration, "nameserver 127.0.0.1\n");
+    const FakeNameServer server(
+        {.ipv4 = {.addresses = {{192, 0, 2, 1}}}, .ipv6 = {}, .port = kNameServerPort});
+    const ResolveResult result =
+        ResolveHost("ntp.example.", 123, base::TimeDelta::FromMilliseconds(skorra::kPatienceMs));
+    EXPECT_THAT(Texts(result), ElementsAre("192.0.2.1:123")) << result.detail;
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Configurations, ResolverConfigurationTest, testing::ValuesIn(Rows()),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(HostsFileTest, OneThatIsNoTextIsPassedOver) {
+  RunIsolated([] {
+    const auto timeout = base::TimeDelta::FromMilliseconds(400);
+    const std::string entry = "192.0.2.77 here.example\n";
+    WriteFile("/etc/hosts", entry);
+    EXPECT_EQ(ResolveHost("here.example", 123, timeout).error, ResolveError::kNone);
+    WriteFile("/etc/hosts", std::string("\0\n", 2) + entry);
+    EXPECT_THAT(ResolveHost("here.example", 123, timeout).addresses, IsEmpty());
+    EXPECT_EQ(unlink("/etc/hosts"), 0);
+    EXPECT_EQ(mkfifo("/etc/hosts", 0644), 0);
+    EXPECT_THAT(ResolveHost("here.example", 123, timeout).addresses, IsEmpty());
+  });
+}
+
+TEST(BackgroundLookUpTest, BehindASilentNameServerEachBackgroundLookUpHasItsOwnTime) {
+  RunIsolated([] {
+    struct Report {
+      std::string host;
+      ResolveError error;
+      int64_t at_us;
+    };
+    base::Lock lock;
+    std::vector<Report> reports;
+    const FakeNameServer server(
+        {.ipv4 = {.is_silent = true}, .ipv6 = {.is_silent = true}, .port = kNameServerPort});
+    WriteFile(kConfiguration, "nameserver 127.0.0.1\n");
+    const int64_t start_us = base::GetSteadyTimeTicks();
+    for (const char* host : {"one.example.", "two.example.", "three.example.", "192.0.2.1"}) {
+      ResolveHostInBackground(host, 123, base::TimeDelta::FromMilliseconds(200),
+                              [&, host](const ResolveResult& result) {
+                                const base::AutoLock guard(lock);
+                                reports.push_back({host, result.error, base::GetSteadyTimeTicks()});
+                              });
+    }
+    EXPECT_TRUE(skorra::WaitUntil([&] {
+      const base::AutoLock guard(lock);
+      return reports.size() == 4;
+    }));
+    const base::AutoLock guard(lock);
+    int64_t previous_us = start_us;
+    for (const Report& report : reports) {
+      SCOPED_TRACE(report.host);
+      const bool is_name = report.host != "192.0.2.1";
+      EXPECT_EQ(report.error, is_name ? ResolveError::kTimedOut : ResolveError::kNone);
+      EXPECT_GE(report.at_us - previous_us, is_name ? 150000 : 0);
+      EXPECT_LT(report.at_us - previous_us, 5000000);
+      previous_us = report.at_us;
+    }
+    EXPECT_GE(server.question_count(), 6);
+  });
+}
+
+}  // namespace
+}  // namespace net

@@ -1,0 +1,529 @@
+// The contracts of the four seams, held against the world that the program is linked with.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/base/clock.h"
+#include "platform/base/lock.h"
+#include "platform/base/random.h"
+#include "platform/core/thread_manager.h"
+#include "platform/net/datagram_socket.h"
+#include "platform/net/host_resolver.h"
+#include "testing/seam_world.h"
+
+namespace skorra {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr base::Location kHere = base::Location::CreateFromHere("tests/seam_conformance_test", 1);
+
+base::TimeDelta Ms(int64_t ms) { return base::TimeDelta::FromMilliseconds(ms); }
+
+// What tasks and callbacks noted, in order. Any thread.
+template <class Entry>
+class Notes {
+ public:
+  void Add(Entry entry) {
+    const base::AutoLock lock(lock_);
+    entries_.push_back(std::move(entry));
+  }
+  std::vector<Entry> All() const {
+    const base::AutoLock lock(lock_);
+    return entries_;
+  }
+  size_t size() const {
+    const base::AutoLock lock(lock_);
+    return entries_.size();
+  }
+
+ private:
+  mutable base::Lock lock_;
+  std::vector<Entry> entries_;
+};
+
+class SeamTest : public ::testing::Test {
+ protected:
+  static std::shared_ptr<core::TaskQueue> Queue(int64_t instance = -1) {
+    return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, std::nullopt);
+  }
+
+  // Runs `function` as a task of the common queue and waits for its end.
+  template <class Function>
+  void RunAsTask(Function function) {
+    std::atomic<bool> is_done{false};
+    Queue()->PostTask(kHere, base::BindOnce([&] {
+                        function();
+                        is_done = true;
+                      }));
+    ASSERT_TRUE(world_.WaitUntil([&] { return is_done.load(); }));
+  }
+
+  SeamWorld world_;
+};
+
+// --- Clocks
+
+using ClockSeamTest = SeamTest;
+
+TEST_F(ClockSeamTest, SteadyTicksNeverGoBack) {
+  int64_t last_us = base::GetSteadyTimeTicks();
+  EXPECT_GT(last_us, 0);
+  for (int i = 0; i < 100000; ++i) {
+    const int64_t now_us = base::GetSteadyTimeTicks();
+    ASSERT_GE(now_us, last_us);
+    last_us = now_us;
+  }
+}
+
+TEST_F(ClockSeamTest, SteadyTicksGoOnWithTime) {
+  const int64_t start_us = base::GetSteadyTimeTicks();
+  std::atomic<bool> has_run{false};
+  Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run = true; }), Ms(2));
+  EXPECT_TRUE(world_.WaitUntil([&] { return has_run.load(); }));
+  EXPECT_GE(base::GetSteadyTimeTicks(), start_us + 2000);
+}
+
+TEST_F(ClockSeamTest, TheWallClockIsSteadyTicksPlusTheOffset) {
+  // A thread may be delayed between two readings, so the best of a few counts.
+  int64_t best_us = std::numeric_limits<int64_t>::max();
+  for (int i = 0; i < 100; ++i) {
+    const int64_t offset_us = base::GetSystemTimeOffsetFromSteady();
+    const int64_t wall_us = base::Time::Now().ToDeltaSinceWindowsEpoch().InMicroseconds();
+    best_us = std::min(best_us, std::abs(wall_us - (base::GetSteadyTimeTicks() + offset_us)));
+  }
+  EXPECT_LE(best_us, 1000);
+}
+
+TEST_F(ClockSeamTest, TheWallClockShowsACivilDateOfTheseDecades) {
+  EXPECT_GT(base::Time::Now().ToString(), "2024");
+  EXPECT_LT(base::Time::Now().ToString(), "2100");
+}
+
+TEST_F(ClockSeamTest, RandomNumbersDiffer) {
+  std::set<uint64_t> numbers;
+  for (int i = 0; i < 1000; ++i) {
+    numbers.insert(base::RandUint64());
+  }
+  EXPECT_EQ(numbers.size(), 1000u);
+}
+
+// --- Task queue
+
+using QueueSeamTest = SeamTest;
+
+TEST_F(QueueSeamTest, OneBusinessAndInstanceHasOneQueue) {
+  ASSERT_NE(Queue(), nullptr);
+  EXPECT_EQ(Queue(), Queue());
+  EXPECT_EQ(Queue(), core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1,
+                                                       core::ThreadOption{"another name"}));
+  EXPECT_NE(Queue(), Queue(1));
+  EXPECT_EQ(Queue(1), Queue(1));
+}
+
+TEST_F(QueueSeamTest, TasksRunInPostingOrder) {
+  Notes<int> notes;
+  for (int i = 0; i < 1000; ++i) {
+    Queue()->PostTask(kHere, base::BindOnce([&notes, i] { notes.Add(i); }));
+  }
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 1000; }));
+  const std::vector<int> order = notes.All();
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(order[static_cast<size_t>(i)], i);
+  }
+}
+
+TEST_F(QueueSeamTest, ATaskPostedByATaskRunsAfterIt) {
+  Notes<std::string> notes;
+  Queue()->PostTask(kHere, base::BindOnce([&] {
+                      Queue()->PostTask(kHere, base::BindOnce([&] { notes.Add("inner"); }));
+                      notes.Add("outer");
+                    }));
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 2; }));
+  EXPECT_THAT(notes.All(), ElementsAre("outer", "inner"));
+}
+
+TEST_F(QueueSeamTest, NoTaskRunsInsideAPost) {
+  Notes<std::string> notes;
+  RunAsTask([&] {
+    Queue()->PostTask(kHere, base::BindOnce([&] { notes.Add("task"); }));
+    Queue()->PostDelayedTask(kHere, base::BindOnce([&] { notes.Add("delayed"); }), Ms(-1));
+    EXPECT_EQ(notes.size(), 0u);
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 2; }));
+}
+
+TEST_F(QueueSeamTest, ADelayOfZeroOrLessIsThatOfAnOrdinaryPost) {
+  Notes<int> notes;
+  const auto note = [&notes](int number) { return base::BindOnce([&notes, number] { notes.Add(number); }); };
+  RunAsTask([&] {
+    Queue()->PostTask(kHere, note(1));
+    Queue()->PostDelayedTask(kHere, note(2), base::TimeDelta());
+    Queue()->PostDelayedTask(kHere, note(3), Ms(-5));
+    Queue()->PostDelayedTask(kHere, note(4), base::TimeDelta::Min());
+    Queue()->PostTask(kHere, note(5));
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 5; }));
+  EXPECT_THAT(notes.All(), ElementsAre(1, 2, 3, 4, 5));
+}
+
+TEST_F(QueueSeamTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNeverEarly) {
+  struct Run {
+    int64_t delay_ms;
+    int64_t late_us;
+  };
+  Notes<Run> notes;
+  const int64_t delays_ms[] = {20, 5, 15, 1, 10};
+  RunAsTask([&] {
+    for (const int64_t delay_ms : delays_ms) {
+      const int64_t posted_us = base::GetSteadyTimeTicks();
+      Queue()->PostDelayedTask(
+          kHere, base::BindOnce([&notes, delay_ms, posted_us] {
+            notes.Add({delay_ms, base::GetSteadyTimeTicks() - posted_us - delay_ms * 1000});
+          }),
+          Ms(delay_ms));
+    }
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 5; }));
+  std::vector<int64_t> order;
+  for (const Run& run : notes.All()) {
+    EXPECT_GE(run.late_us, 0) << run.delay_ms;
+    order.push_back(run.delay_ms);
+  }
+  EXPECT_THAT(order, ElementsAre(1, 5, 10, 15, 20));
+}
+
+TEST_F(QueueSeamTest, ManyShortDelaysAreNeverCutShort) {
+  Notes<int64_t> late_us;
+  RunAsTask([&] {
+    for (int i = 0; i < 200; ++i) {
+      const int64_t delay_us = 1 + i * 37;
+      const int64_t posted_us = base::GetSteadyTimeTicks();
+      Queue()->PostDelayedTask(kHere, base::BindOnce([&late_us, delay_us, posted_us] {
+                                 late_us.Add(base::GetSteadyTimeTicks() - posted_us - delay_us);
+                               }),
+                               base::TimeDelta::FromMicroseconds(delay_us));
+    }
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return late_us.size() == 200; }));
+  const std::vector<int64_t> all = late_us.All();
+  EXPECT_GE(*std::min_element(all.begin(), all.end()), 0);
+}
+
+TEST_F(QueueSeamTest, EqualDelaysRunInPostingOrder) {
+  Notes<int> notes;
+  RunAsTask([&] {
+    for (int i = 0; i < 100; ++i) {
+      Queue()->PostDelayedTask(kHere, base::BindOnce([&notes, i] { notes.Add(i); }), Ms(3));
+    }
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return notes.size() == 100; }));
+  const std::vector<int> order = notes.All();
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(QueueSeamTest, AnEndlessDelayNeverPasses) {
+  std::atomic<bool> has_run_endless{false};
+  std::atomic<bool> has_run{false};
+  Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run_endless = true; }), base::TimeDelta::Max());
+  Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run = true; }), Ms(2));
+  EXPECT_TRUE(world_.WaitUntil([&] { return has_run.load(); }));
+  EXPECT_FALSE(has_run_endless);
+}
+
+TEST_F(QueueSeamTest, ATaskIsOnItsQueueAndNobodyElseIs) {
+  EXPECT_FALSE(Queue()->IsCurrent());
+  RunAsTask([&] {
+    EXPECT_TRUE(Queue()->IsCurrent());
+    EXPECT_FALSE(Queue(1)->IsCurrent());
+  });
+  EXPECT_FALSE(Queue()->IsCurrent());
+}
+
+class Receiver {
+ public:
+  explicit Receiver(Notes<int>* notes) : notes_(notes) {}
+  void Note(std::shared_ptr<int> number) { notes_->Add(*number); }
+  base::WeakPtr<Receiver> GetWeakPtr() { return weak_owner_.GetWeakPtr(); }
+
+ private:
+  Notes<int>* const notes_;
+  base::WeakPtrOwner<Receiver> weak_owner_{this};
+};
+
+TEST_F(QueueSeamTest, ATaskCancelledBeforeItsTurnIsDroppedAndItsArgumentsReleased) {
+  Notes<int> notes;
+  const auto argument = std::make_shared<int>(7);
+  std::weak_ptr<int> watch;
+  RunAsTask([&] {
+    auto receiver = std::make_unique<Receiver>(&notes);
+    auto cancelled_argument = std::make_shared<int>(8);
+    watch = cancelled_argument;
+    Queue()->PostTask(kHere, base::BindOnce(&Receiver::Note, receiver->GetWeakPtr(), cancelled_argument));
+    Queue()->PostDelayedTask(
+        kHere, base::BindOnce(&Receiver::Note, receiver->GetWeakPtr(), std::move(cancelled_argument)), Ms(1));
+  });
+  const auto living = std::make_unique<Receiver>(&notes);
+  RunAsTask([&] {
+    Queue()->PostDelayedTask(kHere, base::BindOnce(&Receiver::Note, living->GetWeakPtr(), argument), Ms(3));
+  });
+  EXPECT_TRUE(world_.WaitUntil([&] { return notes.size() == 1; }));
+  EXPECT_THAT(notes.All(), ElementsAre(7));
+  EXPECT_TRUE(watch.expired());
+}
+
+// --- Datagrams
+
+class DatagramSeamTest : public SeamTest {
+ protected:
+  DatagramSeamTest() = default;
+  ~DatagramSeamTest() override { Close(); }
+
+  void Connect(const net::IPEndPoint& remote) {
+    RunAsTask([&] {
+      net::SocketError error = net::SocketError::kOther;
+      socket_ =
+          net::DatagramSocket::Connect(remote,
+                                       {[this](const net::ReceivedDatagram& datagram) {
+                                          on_queue_count_ += Queue()->IsCurrent() ? 1 : 0;
+                                          source_.Add(datagram.source);
+                                          receive_ticks_us_.Add(datagram.receive_ticks_us);
+                                          is_truncated_.Add(datagram.is_truncated);
+                                          received_.Add(Bytes(datagram.bytes.begin(), datagram.bytes.end()));
+                                        },
+                                        [this](net::SocketError reported) {
+                                          on_queue_count_ += Queue()->IsCurrent() ? 1 : 0;
+                                          errors_.Add(reported);
+                                        }},
+                                       &error);
+      ASSERT_NE(socket_, nullptr);
+      EXPECT_EQ(error, net::SocketError::kNone);
+      local_ = socket_->local();
+    });
+  }
+  void Close() {
+    RunAsTask([&] { socket_ = nullptr; });
+  }
+  void Send(const Bytes& bytes) {
+    RunAsTask([&] { EXPECT_EQ(socket_->Send(bytes), net::SocketError::kNone); });
+  }
+
+  std::unique_ptr<net::DatagramSocket> socket_;
+  net::IPEndPoint local_;
+  Notes<Bytes> received_;
+  Notes<net::IPEndPoint> source_;
+  Notes<int64_t> receive_ticks_us_;
+  Notes<bool> is_truncated_;
+  Notes<net::SocketError> errors_;
+  std::atomic<int> on_queue_count_{0};
+};
+
+TEST_F(DatagramSeamTest, ADatagramReachesTheServerAndItsReplyComesBackOnTheQueue) {
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  EXPECT_FALSE(local_.address_empty());
+  EXPECT_NE(local_.port(), 0);
+  const int64_t start_us = base::GetSteadyTimeTicks();
+  Send({1, 2, 3});
+  EXPECT_EQ(world_.ReceiveAt(server), (Bytes{1, 2, 3}));
+  world_.SendFrom(server, local_, {4, 5});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() == 1; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{4, 5}));
+  EXPECT_THAT(source_.All(), ElementsAre(server));
+  EXPECT_EQ(on_queue_count_, 1);
+  const int64_t receive_us = receive_ticks_us_.All()[0];
+  EXPECT_GE(receive_us, start_us - 1000);
+  EXPECT_LE(receive_us, base::GetSteadyTimeTicks());
+}
+
+TEST_F(DatagramSeamTest, DatagramsFromElsewhereAreNotHeard) {
+  const net::IPEndPoint server = world_.AddServer();
+  const net::IPEndPoint stranger = world_.AddServer();
+  Connect(server);
+  world_.SendFrom(stranger, local_, {6, 6, 6});
+  world_.SendFrom(server, local_, {1});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{1}));
+}
+
+TEST_F(DatagramSeamTest, AClosedPortIsReportedOnTheQueueAndTheSocketStaysUsable) {
+  Connect(world_.RefusingEndPoint());
+  Send({1});
+  ASSERT_TRUE(world_.WaitUntil([&] { return errors_.size() == 1; }));
+  EXPECT_EQ(errors_.All()[0], net::SocketError::kRefused);
+  EXPECT_EQ(on_queue_count_, 1);
+  Send({2});
+  EXPECT_TRUE(world_.WaitUntil([&] { return errors_.size() == 2; }));
+}
+
+TEST_F(DatagramSeamTest, NothingIsHeardAfterTheSocketIsGone) {
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  RunAsTask([&] {
+    // What is under way when the socket closes is lost.
+    EXPECT_EQ(socket_->Send(Bytes{1}), net::SocketError::kNone);
+    world_.SendFrom(server, local_, {2});
+    socket_ = nullptr;
+    world_.SendFrom(server, local_, {3});
+  });
+  Connect(server);
+  world_.SendFrom(server, local_, {4});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{4}));
+}
+
+TEST_F(DatagramSeamTest, EachSocketNumbersItsSendsFromZero) {
+  const net::IPEndPoint server = world_.AddServer();
+  for (int socket = 0; socket < 2; ++socket) {
+    Connect(server);
+    RunAsTask([&] {
+      for (uint32_t i = 0; i < 3; ++i) {
+        uint32_t id = 99;
+        EXPECT_EQ(socket_->Send(Bytes{1}, &id), net::SocketError::kNone);
+        EXPECT_EQ(id, i) << socket;
+      }
+    });
+    Close();
+  }
+}
+
+TEST_F(DatagramSeamTest, ADatagramThatIsTooLongIsCutAndSaysSo) {
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  for (const size_t size : {net::kMaxDatagramBytes, net::kMaxDatagramBytes + 1}) {
+    world_.SendFrom(server, local_, Bytes(size, 7));
+  }
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() == 2; }));
+  EXPECT_THAT(received_.All(),
+              ElementsAre(Bytes(net::kMaxDatagramBytes, 7), Bytes(net::kMaxDatagramBytes, 7)));
+  EXPECT_THAT(is_truncated_.All(), ElementsAre(false, true));
+}
+
+TEST_F(DatagramSeamTest, ConnectingOutsideATaskQueueFails) {
+  net::SocketError error = net::SocketError::kNone;
+  EXPECT_EQ(net::DatagramSocket::Connect(world_.AddServer(), {}, &error), nullptr);
+  EXPECT_EQ(error, net::SocketError::kOther);
+}
+
+TEST_F(DatagramSeamTest, ConnectingToTheEmptyEndPointFails) {
+  RunAsTask([] {
+    net::SocketError error = net::SocketError::kNone;
+    EXPECT_EQ(net::DatagramSocket::Connect(net::IPEndPoint(), {}, &error), nullptr);
+    EXPECT_EQ(error, net::SocketError::kOther);
+  });
+}
+
+TEST_F(DatagramSeamTest, TwoSocketsToOneServerHaveTheirOwnPorts) {
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  const net::IPEndPoint first = local_;
+  auto kept = std::move(socket_);
+  Connect(server);
+  EXPECT_NE(local_, first);
+  RunAsTask([&] { kept = nullptr; });
+}
+
+// --- Names
+
+using NameSeamTest = SeamTest;
+
+TEST_F(NameSeamTest, LiteralsAreTheirOwnAddress) {
+  for (const char* literal : {"192.0.2.1", "2001:db8::1"}) {
+    const net::ResolveResult result = net::ResolveHost(literal, 4123, Ms(1));
+    EXPECT_EQ(result.error, net::ResolveError::kNone) << literal;
+    EXPECT_THAT(result.addresses, ElementsAre(*net::IPEndPoint::FromLiteral(literal, 4123))) << literal;
+  }
+}
+
+TEST_F(NameSeamTest, LocalhostIsThisMachine) {
+  const net::ResolveResult result = net::ResolveHost("localhost", 123, Ms(5000));
+  ASSERT_EQ(result.error, net::ResolveError::kNone) << result.detail;
+  ASSERT_FALSE(result.addresses.empty());
+  for (const net::IPEndPoint& address : result.addresses) {
+    EXPECT_TRUE(address == *net::IPEndPoint::FromLiteral("127.0.0.1", 123) ||
+                address == *net::IPEndPoint::FromLiteral("::1", 123))
+        << address.ToString();
+  }
+}
+
+TEST_F(NameSeamTest, AnUnknownNameIsNotFoundWithTheReasonInWords) {
+  const net::ResolveResult result = world_.ResolveUnknownName(Ms(20000));
+  EXPECT_EQ(result.error, net::ResolveError::kNotFound);
+  EXPECT_THAT(result.addresses, IsEmpty());
+  EXPECT_NE(result.detail.find("unknown.example."), std::string::npos) << result.detail;
+}
+
+TEST_F(NameSeamTest, ASilentNameServerEndsTheLookUpAtTheDeadline) {
+  const int64_t start_us = base::GetSteadyTimeTicks();
+  const net::ResolveResult result = world_.ResolveSilentName(Ms(100));
+  EXPECT_EQ(result.error, net::ResolveError::kTimedOut);
+  EXPECT_THAT(result.addresses, IsEmpty());
+  EXPECT_NE(result.detail.find("silent.example."), std::string::npos) << result.detail;
+  EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 2000000);
+}
+
+TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
+  for (const int64_t ttl_s : {0, 1, 300, 604800}) {
+    const net::ResolveResult result = world_.ResolveNameWithTtl(base::TimeDelta::FromSeconds(ttl_s));
+    EXPECT_EQ(result.error, net::ResolveError::kNone) << result.detail;
+    EXPECT_EQ(result.ttl, base::TimeDelta::FromSeconds(ttl_s));
+  }
+}
+
+TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForEver) {
+  for (const char* host : {"192.0.2.1", "2001:db8::1", "localhost"}) {
+    EXPECT_EQ(net::ResolveHost(host, 123, Ms(5000)).ttl, base::TimeDelta::Max()) << host;
+  }
+}
+
+TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
+  struct Report {
+    std::string host;
+    bool is_inside_call;
+    net::ResolveResult result;
+  };
+  thread_local bool is_calling = false;
+  Notes<Report> reports;
+  const char* const hosts[] = {"192.0.2.1", "2001:db8::1", "localhost", "unknown.invalid", "192.0.2.2"};
+  for (const char* host : hosts) {
+    is_calling = true;
+    net::ResolveHostInBackground(host, 4123, Ms(5000), [&reports, host](const net::ResolveResult& result) {
+      reports.Add({host, is_calling, result});
+    });
+    is_calling = false;
+  }
+  ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() == std::size(hosts); }));
+  // One look-up more, so that a second report of an earlier one would be seen.
+  net::ResolveHostInBackground("192.0.2.3", 4123, Ms(5000), [&reports](const net::ResolveResult& result) {
+    reports.Add({"192.0.2.3", false, result});
+  });
+  ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() > std::size(hosts); }));
+  std::set<std::string> seen;
+  for (const Report& report : reports.All()) {
+    SCOPED_TRACE(report.host);
+    EXPECT_TRUE(seen.insert(report.host).second);
+    EXPECT_FALSE(report.is_inside_call);
+    // It is what the look-up that blocks gives.
+    const net::ResolveResult expected = net::ResolveHost(report.host, 4123, Ms(5000));
+    EXPECT_EQ(report.result.addresses, expected.addresses);
+    EXPECT_EQ(report.result.error, expected.error);
+    EXPECT_EQ(report.result.detail, expected.detail);
+    EXPECT_EQ(report.result.ttl, expected.ttl);
+  }
+  EXPECT_EQ(seen.size(), std::size(hosts) + 1);
+}
+
+}  // namespace
+}  // namespace skorra

@@ -1,0 +1,548 @@
+// A process may be forked at any moment, by any of its threads: the child reads a sane time and can work on
+// its own, and neither process takes anything from the other.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <limits>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "apps/skorra-ntp/demo_server.h"
+#include "ntp/ntp_time_manager.h"
+#include "platform/base/clock.h"
+#include "platform/base/lock.h"
+#include "platform/base/log.h"
+#include "platform/base/log_file.h"
+#include "platform/base/random.h"
+#include "platform/base/time.h"
+#include "platform/config/base_cfg.h"
+#include "platform/config/config_center.h"
+#include "platform/core/thread_manager.h"
+#include "platform/linux/name_lookup.h"
+#include "platform/metrics/key_metrics.h"
+#include "platform/net/datagram_socket.h"
+#include "testing/attempt_runner.h"
+#include "testing/forked_child.h"
+#include "testing/loopback_udp.h"
+#include "testing/refuse_system_call.h"
+#include "testing/temp_dir.h"
+#include "testing/wait_until.h"
+
+namespace skorra {
+namespace {
+
+constexpr base::Location kHere = base::Location::CreateFromHere("tests/fork_test", 1);
+constexpr int64_t kClockErrorUs = 7000000;
+// Offsets measured on a busy loopback differ by less than the evaluation's own limit on their spread.
+constexpr int64_t kToleranceUs = 30000;
+
+std::unique_ptr<DemoServer> OpenServer(int64_t delay_us = 0) {
+  std::string error;
+  auto server = DemoServer::Open({.listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0),
+                                  .clock_error_us = kClockErrorUs,
+                                  .delay_us = delay_us},
+                                 &error);
+  EXPECT_NE(server, nullptr) << error;
+  return server;
+}
+
+NtpTimeManager& Manager() { return *NtpTimeManager::GetInstance(); }
+
+// Counts the outcomes of attempts; a kept result that is announced again names no server.
+class Recorder : public NtpTimeManager::Observer {
+ public:
+  void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
+    (result != NtpResult::kSuccess ? failures : server.address_empty() ? repeats : successes).fetch_add(1);
+  }
+
+  std::atomic<int> successes{0};
+  std::atomic<int> repeats{0};
+  std::atomic<int> failures{0};
+};
+
+// "" when a read gives the server's time, or 0 where that is allowed.
+std::string CheckRead(bool may_be_empty = false) {
+  const auto system_us = [] { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); };
+  const int64_t before_us = system_us();
+  const int64_t ntp_us = Manager().GetNtpTimestampFrom1970();
+  const int64_t after_us = system_us();
+  const bool is_good = (may_be_empty && ntp_us == 0) || (ntp_us >= before_us + kClockErrorUs - kToleranceUs &&
+                                                         ntp_us <= after_us + kClockErrorUs + kToleranceUs);
+  return is_good ? "" : "a read gave " + std::to_string(ntp_us) + " at " + std::to_string(before_us);
+}
+
+// Runs `function` as a task of the manager's queue and waits for its end.
+template <class Function>
+void RunAsTask(Function function) {
+  std::promise<void> done;
+  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})->PostTask(kHere, base::BindOnce([&] {
+                                                                                    function();
+                                                                                    done.set_value();
+                                                                                  }));
+  done.get_future().wait();
+}
+
+// A sync of this process's own, after a stop that clears what a parent had begun. "" when it succeeds.
+std::string SyncOnOnesOwn() {
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(recorder);
+  Manager().Stop();
+  RunAsTask([] {});
+  if (Manager().Start() != 0) {
+    return "no attempt could be started";
+  }
+  if (!WaitUntil([&] { return recorder->successes + recorder->repeats + recorder->failures > 0; })) {
+    return "the attempt has no outcome";
+  }
+  return recorder->failures == 0 ? CheckRead() : "the attempt failed";
+}
+
+TEST(ForkTest, AChildOfAnIdleProcessGoesOnWithTheResult) {
+  const auto server = OpenServer();
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(recorder);
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+  Manager().Start();
+  ASSERT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  ASSERT_EQ(CheckRead(), "");
+
+  EXPECT_EQ(RunInChild([&]() -> std::string {
+              if (std::string error = CheckRead(); !error.empty()) {
+                return error;
+              }
+              // The result is fresh, and the child's own queue announces it.
+              if (Manager().Start() != 0 || !WaitUntil([&] { return recorder->repeats == 1; })) {
+                return "the result was not announced again";
+              }
+              // A grandchild is no different.
+              return RunInChild([] { return CheckRead(); });
+            }),
+            "");
+  EXPECT_EQ(CheckRead(), "");
+  EXPECT_EQ(recorder->repeats, 0);
+  EXPECT_EQ(Manager().Start(), 0);
+  EXPECT_TRUE(WaitUntil([&] { return recorder->repeats == 1; }));
+}
+
+TEST(ForkTest, AReadInAChildWithoutAResultStartsASyncThere) {
+  const auto server = OpenServer();
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+  RunAsTask([] {});
+  EXPECT_EQ(RunInChild([]() -> std::string {
+              if (Manager().GetNtpTimestampFrom1970() != 0) {
+                return "there is a result";
+              }
+              if (!WaitUntil([] { return Manager().GetNtpTimestampFrom1970() != 0; })) {
+                return "no result comes";
+              }
+              return CheckRead();
+            }),
+            "");
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.requests_sent"), 0u);
+}
+
+TEST(ForkTest, AForkInTheMiddleOfABurstDisturbsNeither) {
+  // The answers are under way when the burst is half sent.
+  const auto server = OpenServer(150000);
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(recorder);
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+  Manager().Start();
+  ASSERT_TRUE(WaitUntil([] { return base::KeyMetrics::GetCount("ntp.requests_sent") >= 8; }));
+  ForkedChild child([]() -> std::string {
+    if (std::string error = CheckRead(true); !error.empty()) {
+      return error;
+    }
+    if (Manager().Start() != -1) {
+      return "the parent's attempt is not noticed";
+    }
+    const CountsSince counts;
+    if (std::string error = SyncOnOnesOwn(); !error.empty()) {
+      return error;
+    }
+    // Its calls share the burst that the parent had begun, so that some of them may be left out.
+    const bool is_answered = WaitUntil([&] {
+      return counts["ntp.requests_sent"] + counts["ntp.send_thinned"] == 20 &&
+             counts["ntp.requests_sent"] >= 10 &&
+             counts["ntp.samples_received"] == counts["ntp.requests_sent"];
+    });
+    return is_answered && counts.SumOf("ntp.send_error.") == 0 ? "" : "it used another socket than its own";
+  });
+  // A third process whose copies of the sockets stay open for longer than the parent's.
+  ForkedChild sleeper([] {
+    poll(nullptr, 0, kPatienceMs);
+    return std::string();
+  });
+
+  EXPECT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  EXPECT_TRUE(WaitUntil([] { return base::KeyMetrics::GetCount("ntp.samples_received") == 20; }));
+  EXPECT_EQ(child.Report(), "");
+  EXPECT_EQ(CheckRead(), "");
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.requests_sent"), 20u);
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.samples_received"), 20u);
+  EXPECT_GE(server->counts().received, 30u);
+  EXPECT_LE(server->counts().received, 40u);
+
+  EXPECT_EQ(AttemptRunner({server->local().ToString()}).Run().result, NtpResult::kSuccess);
+}
+
+TEST(ForkTest, ASocketOfTheParentStaysTheParents) {
+  const LoopbackUdp peer;
+  const std::vector<uint8_t> bytes(48, 7);
+  std::unique_ptr<net::DatagramSocket> socket;  // touched on the queue only
+  std::atomic<int> received{0};
+  net::IPEndPoint local;
+  RunAsTask([&] {
+    net::SocketError error = net::SocketError::kNone;
+    socket = net::DatagramSocket::Connect(
+        peer.local(), {.on_datagram = [&](const net::ReceivedDatagram&) { ++received; }}, &error);
+    ASSERT_NE(socket, nullptr);
+    local = socket->local();
+  });
+
+  EXPECT_EQ(RunInChild([&]() -> std::string {
+              net::SocketError error = net::SocketError::kNone;
+              RunAsTask([&] { error = socket->Send(bytes); });
+              RunAsTask([&] { socket = nullptr; });
+              return error == net::SocketError::kOther ? "" : "it was sent";
+            }),
+            "");
+
+  EXPECT_FALSE(peer.Receive(0));
+  RunAsTask([&] { EXPECT_EQ(socket->Send(bytes), net::SocketError::kNone); });
+  EXPECT_EQ(peer.Receive(kPatienceMs), bytes);
+  for (int i = 1; i <= 3; ++i) {
+    ASSERT_TRUE(peer.SendTo(local, bytes));
+    EXPECT_TRUE(WaitUntil([&] { return received == i; }));
+  }
+  RunAsTask([&] { socket = nullptr; });
+}
+
+// What event loops watch, by the kernel's account.
+size_t WatchedDescriptors() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream file(entry.path());
+    for (std::string line; std::getline(file, line);) {
+      count += line.starts_with("tfd:") ? 1 : 0;
+    }
+  }
+  return count;
+}
+
+// The parent's loop must not go on hearing of a socket that it closed only because a child has it still.
+TEST(ForkTest, ASocketThatTheParentClosesIsGoneThereAlthoughAChildHasIt) {
+  const LoopbackUdp peer;
+  std::unique_ptr<net::DatagramSocket> socket;
+  net::IPEndPoint local;
+  RunAsTask([&] {
+    net::SocketError error = net::SocketError::kNone;
+    socket = net::DatagramSocket::Connect(peer.local(), {}, &error);
+    local = socket->local();
+  });
+  ForkedChild child([] {
+    poll(nullptr, 0, kPatienceMs);
+    return std::string();
+  });
+  const size_t before = WatchedDescriptors();
+  RunAsTask([&] { socket = nullptr; });
+  EXPECT_EQ(WatchedDescriptors(), before - 1);
+}
+
+TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
+  const LoopbackUdp peer;
+  std::unique_ptr<net::DatagramSocket> socket;
+  std::atomic<int> errors{0};
+  RunAsTask([&] {
+    net::SocketError error = net::SocketError::kNone;
+    socket =
+        net::DatagramSocket::Connect(peer.local(), {.on_error = [&](net::SocketError) { ++errors; }}, &error);
+    ASSERT_TRUE(RefuseSystemCallOnThisThread(SYS_recvmsg, EPERM));
+    ASSERT_TRUE(peer.SendTo(socket->local(), std::vector<uint8_t>(48, 7)));
+  });
+  // Two for each read: after these the socket gives up reading.
+  ASSERT_TRUE(WaitUntil([&] { return errors == 32; }));
+  RunAsTask([] {});
+  const size_t before = WatchedDescriptors();
+  EXPECT_EQ(RunInChild([&]() -> std::string {
+              // As long as the number is good, whoever unregisters it does so in the parent's loop.
+              if (!RefuseSystemCallOnThisThread(SYS_close, EPERM)) {
+                return "the system call cannot be refused";
+              }
+              socket = nullptr;
+              return "";
+            }),
+            "");
+  EXPECT_EQ(WatchedDescriptors(), before);
+  RunAsTask([&] { socket = nullptr; });
+}
+
+// A change in two steps, with the fork asked for between them.
+struct Change {
+  void Make() {
+    first = 1;
+    // Without a pause between two looks: the forking thread asks for moments only, and gives up after 100 ms.
+    const int64_t deadline_us = base::GetSteadyTimeTicks() + int64_t{kPatienceMs} * 1000;
+    while (!base::internal::is_fork_coming.load() && base::GetSteadyTimeTicks() < deadline_us) {
+      std::this_thread::yield();
+    }
+    second = 1;
+  }
+  std::string Check() const { return first == second ? "" : "it is half made"; }
+
+  std::atomic<int> first{0};
+  std::atomic<int> second{0};
+};
+
+TEST(ForkTest, AChangeUnderALockIsWholeInTheChild) {
+  Change change;
+  base::Lock lock;
+  std::thread changer([&] {
+    const base::AutoLock guard(lock);
+    change.Make();
+  });
+  ASSERT_TRUE(WaitUntil([&] { return change.first == 1; }));
+  EXPECT_EQ(RunInChild([&] { return change.Check(); }), "");
+  changer.join();
+}
+
+TEST(ForkTest, AChangeByATaskIsWholeInTheChild) {
+  Change change;
+  std::thread poster([&] { RunAsTask([&] { change.Make(); }); });
+  ASSERT_TRUE(WaitUntil([&] { return change.first == 1; }));
+  EXPECT_EQ(RunInChild([&] { return change.Check(); }), "");
+  poster.join();
+}
+
+// The child has only the queue's thread, and that is not the queue's any more.
+TEST(ForkTest, AnObserverMayFork) {
+  class Forker : public NtpTimeManager::Observer {
+   public:
+    void OnNtpResult(NtpResult, const std::string&, const net::IPEndPoint&) override {
+      reader_report = RunInChild([]() -> std::string {
+        base::LocalLog(1, "tests/fork_test", __LINE__, "from a child of an observer");
+        base::KeyMetrics::Count("test.child");
+        Manager().Start();
+        return CheckRead();
+      });
+      const pid_t pid = fork();
+      if (pid == 0) {
+        return;  // where the loop goes on in the parent
+      }
+      is_done = WaitUntil([&] { return waitpid(pid, &returned_status, WNOHANG) == pid; });
+    }
+    std::string reader_report;
+    int returned_status = -1;
+    std::atomic<bool> is_done{false};
+  };
+  const auto server = OpenServer();
+  const auto forker = std::make_shared<Forker>();
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(forker);
+  Manager().AddObserver(recorder);
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+  Manager().Start();
+  ASSERT_TRUE(WaitUntil([&] { return forker->is_done && recorder->successes == 1; }));
+  EXPECT_EQ(forker->reader_report, "");
+  EXPECT_TRUE(WIFEXITED(forker->returned_status)) << forker->returned_status;
+  EXPECT_EQ(base::KeyMetrics::GetCount("test.child"), 0u);
+  EXPECT_EQ(CheckRead(), "");
+}
+
+TEST(ForkTest, ALogSinkMayFork) {
+  std::string report = "never called";
+  base::SetLogSink([&](const base::LogLine&) {
+    report = RunInChild([]() -> std::string {
+      base::KeyMetrics::Count("test.child");
+      base::LocalLog(2, "tests/fork_test", __LINE__, "from a child of a sink");
+      return CheckRead(true);
+    });
+  });
+  base::LocalLog(2, "tests/fork_test", __LINE__, "hello");
+  base::SetLogSink({});
+  EXPECT_EQ(report, "");
+}
+
+// A lock whose holder does not give it up cannot be waited for, and the child must not wait for it either.
+TEST(ForkTest, ASinkThatNeverReturnsHoldsUpNeitherTheForkNorTheChild) {
+  static std::atomic<bool> is_in_sink{false};
+  static std::atomic<bool> may_return{false};
+  base::SetLogSink([](const base::LogLine&) {
+    is_in_sink = true;
+    WaitUntil([] { return may_return.load(); });
+  });
+  std::thread logger([] { base::LocalLog(2, "tests/fork_test", __LINE__, "hello"); });
+  ASSERT_TRUE(WaitUntil([] { return is_in_sink.load(); }));
+
+  const int64_t before_us = base::GetSteadyTimeTicks();
+  ForkedChild child([]() -> std::string {
+    base::SetLogSink({});
+    base::LocalLog(2, "tests/fork_test", __LINE__, "from a child");
+    return CheckRead(true);
+  });
+  const int64_t took_us = base::GetSteadyTimeTicks() - before_us;
+  EXPECT_EQ(child.Report(), "");
+  EXPECT_LT(took_us, int64_t{kPatienceMs} * 1000 / 4);
+  may_return = true;
+  logger.join();
+  base::SetLogSink({});
+}
+
+TEST(ForkTest, ALookUpThatTakesLongDoesNotHoldUpTheFork) {
+  const LoopbackUdp name_server;
+  std::promise<void> done;
+  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})
+      ->PostTask(kHere, base::BindOnce([&] {
+                   net::internal::LookUpHost("silent.example", 123, base::TimeDelta::FromSeconds(2),
+                                             name_server.local().ToString());
+                   done.set_value();
+                 }));
+  ASSERT_TRUE(name_server.Receive(kPatienceMs));
+  // The best of a few, since the machine may be busy: without a pause in the look-up each would take 100 ms.
+  int64_t best_us = std::numeric_limits<int64_t>::max();
+  for (int i = 0; i < 5; ++i) {
+    const int64_t before_us = base::GetSteadyTimeTicks();
+    ForkedChild child([] { return CheckRead(true); });
+    best_us = std::min(best_us, base::GetSteadyTimeTicks() - before_us);
+    EXPECT_EQ(child.Report(), "");
+  }
+  EXPECT_LT(best_us, 90000);
+  done.get_future().wait();
+}
+
+// Which descriptors are open, and whether a program that the process starts would get them.
+std::map<std::string, bool> Descriptors() {
+  std::map<std::string, bool> closes_on_exec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int flags = fcntl(std::atoi(entry.path().filename().c_str()), F_GETFD);
+    if (flags >= 0) {
+      std::error_code ignored;
+      closes_on_exec[entry.path().filename().string() + " " +
+                     std::filesystem::read_symlink(entry.path(), ignored).string()] =
+          (flags & FD_CLOEXEC) != 0;
+    }
+  }
+  return closes_on_exec;
+}
+
+TEST(ForkTest, NoDescriptorOfTheLibraryOutlivesAnExec) {
+  const TempDir folder;
+  const auto server = OpenServer();
+  const auto before = Descriptors();
+  ASSERT_EQ(base::LogToFile({.path = folder / "log"}), "");
+  base::LocalLog(2, "tests/fork_test", __LINE__, "hello");
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(recorder);
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+  Manager().Start();
+  ASSERT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  size_t count = 0;
+  for (const auto& [name, closes_on_exec] : Descriptors()) {
+    if (!before.contains(name) && name.find("/fd") == std::string::npos) {
+      EXPECT_TRUE(closes_on_exec) << name;
+      ++count;
+    }
+  }
+  EXPECT_GE(count, 4u);  // the log, the event loop, its timer, the socket
+  base::SetLogSink({});
+}
+
+// Everything at once, and forks into it. SKORRA_FORK_SEED repeats the pauses of a run.
+class ForkStressTest : public testing::Test {
+ protected:
+  template <class Step>
+  void Repeat(Step step) {
+    threads_.emplace_back([this, step] {
+      while (!is_over_) {
+        step();
+      }
+    });
+  }
+
+  void Finish() {
+    is_over_ = true;
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+
+ private:
+  std::atomic<bool> is_over_{false};
+  std::vector<std::thread> threads_;
+};
+
+// Every lock that the library has, on the only thread of a child.
+std::string TouchEverything() {
+  base::KeyMetrics::Count("test.child");
+  base::KeyMetrics::CountPV(1, 1);
+  base::SetLogSink([](const base::LogLine&) {});
+  base::LocalLog(2, "tests/fork_test", __LINE__, "from a child");
+  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, std::string("x"));
+  Manager().AddObserver(std::make_shared<Recorder>());
+  Manager().GetAndResetNtpQualityStats();
+  Manager().Start();
+  Manager().UpdateNtpTimeDomain({"nosuch.invalid"});
+  return CheckRead(true);
+}
+
+TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
+  constexpr int kForks = 100;
+  const char* const seed_text = std::getenv("SKORRA_FORK_SEED");
+  uint64_t seed = seed_text != nullptr ? std::strtoull(seed_text, nullptr, 10) : base::RandUint64();
+  std::printf("SKORRA_FORK_SEED=%llu\n", static_cast<unsigned long long>(seed));
+  const auto server = OpenServer();
+  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);
+  base::SetLogSink([](const base::LogLine&) {});
+  base::SetLogThreshold(0);
+  const auto recorder = std::make_shared<Recorder>();
+  Manager().AddObserver(recorder);
+  Manager().UpdateNtpTimeDomain({server->local().ToString()});
+
+  std::atomic<int> wrong_reads{0};
+  Repeat([&] { wrong_reads += CheckRead(true).empty() ? 0 : 1; });
+  Repeat([] {
+    Manager().Start();
+    Manager().GetAndResetNtpQualityStats();
+    poll(nullptr, 0, 1);
+  });
+  Repeat([] {
+    poll(nullptr, 0, 300);
+    Manager().Stop();
+  });
+  Repeat([] { base::LocalLog(2, "tests/fork_test", __LINE__, "hello"); });
+  Repeat([] { base::KeyMetrics::Count("test.parent"); });
+  Repeat([] {
+    Manager().AddObserver(std::make_shared<Recorder>());
+    config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, std::string("y"));
+  });
+
+  for (int i = 0; i < kForks; ++i) {
+    seed = seed * 6364136223846793005 + 1442695040888963407;
+    poll(nullptr, 0, static_cast<int>(seed >> 33) % 20);
+    const bool is_long = i % 15 == 0;
+    ForkedChild child([&] {
+      std::string report = TouchEverything();
+      return report.empty() && is_long ? SyncOnOnesOwn() : report;
+    });
+    ASSERT_EQ(child.Report(), "") << "fork " << i;
+  }
+  Finish();
+  EXPECT_EQ(wrong_reads, 0);
+  EXPECT_GT(recorder->successes, 0);
+  base::SetLogSink({});
+}
+
+}  // namespace
+}  // namespace skorra

@@ -1,0 +1,205 @@
+// Everything at once on real threads, against servers on loopback. SKORRA_STRESS_SECONDS sets how long (3 by
+// default); the thread sanitizer is its natural companion.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "apps/skorra-ntp/demo_server.h"
+#include "ntp/ntp_time_manager.h"
+#include "platform/base/random.h"
+#include "platform/base/time.h"
+#include "platform/config/base_cfg.h"
+#include "platform/config/config_center.h"
+#include "platform/core/thread_manager.h"
+#include "testing/wait_until.h"
+
+namespace skorra {
+namespace {
+
+constexpr int64_t kClockErrorUs = 7000000;
+// Offsets measured on a busy loopback differ by less than the evaluation's own limit on their spread.
+constexpr int64_t kToleranceUs = 30000;
+constexpr int kWholeAttempt = 2;
+
+int StressSeconds() {
+  const char* const text = std::getenv("SKORRA_STRESS_SECONDS");
+  return text == nullptr ? 3 : std::atoi(text);
+}
+
+int64_t SystemNowUs() { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); }
+
+// Counts the outcomes of attempts. A kept result that is announced again is a success without a server.
+class Counter : public NtpTimeManager::Observer {
+ public:
+  void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
+    const bool is_repeated = result == NtpResult::kSuccess && server.address_empty();
+    (is_repeated ? repeated : finished).fetch_add(1);
+  }
+
+  std::atomic<uint32_t> finished{0};
+  std::atomic<uint32_t> repeated{0};
+};
+
+// Leaves and joins the list from inside its callback.
+class Rejoiner : public NtpTimeManager::Observer, public std::enable_shared_from_this<Rejoiner> {
+ public:
+  void OnNtpResult(NtpResult, const std::string&, const net::IPEndPoint&) override {
+    NtpTimeManager::GetInstance()->RemoveObserver(weak_from_this());
+    NtpTimeManager::GetInstance()->AddObserver(weak_from_this());
+  }
+};
+
+// Owners whose observers give themselves up during delivery.
+class Leavers {
+ public:
+  void Join() {
+    const auto leaver = std::make_shared<Leaver>(this);
+    {
+      const std::lock_guard lock(mutex_);
+      owned_ = leaver;
+    }
+    NtpTimeManager::GetInstance()->AddObserver(leaver);
+  }
+
+ private:
+  class Leaver : public NtpTimeManager::Observer {
+   public:
+    explicit Leaver(Leavers* owner) : owner_(owner) {}
+    void OnNtpResult(NtpResult, const std::string&, const net::IPEndPoint&) override { owner_->Release(); }
+
+   private:
+    Leavers* const owner_;
+  };
+
+  void Release() {
+    const std::lock_guard lock(mutex_);
+    owned_ = nullptr;
+  }
+
+  std::mutex mutex_;
+  std::shared_ptr<NtpTimeManager::Observer> owned_;
+};
+
+class ThreadStressTest : public testing::Test {
+ protected:
+  // Calls `step` again and again until the time is up, up to `max_pause_ms` apart.
+  void Run(int count, int max_pause_ms, const std::function<void()>& step) {
+    for (int i = 0; i < count; ++i) {
+      threads_.emplace_back([this, max_pause_ms, step] {
+        while (!is_over_.load()) {
+          step();
+          if (max_pause_ms > 0) {
+            const auto pause = base::RandUint64() % static_cast<uint64_t>(max_pause_ms);
+            std::this_thread::sleep_for(std::chrono::milliseconds(pause));
+          }
+        }
+      });
+    }
+  }
+
+  void FinishAfter(int seconds) {
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    is_over_ = true;
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+
+  std::atomic<bool> is_over_{false};
+  std::vector<std::thread> threads_;
+};
+
+// What the reports said, added up.
+struct Totals {
+  void Add(const NtpTimeSyncStats& report) {
+    const std::lock_guard lock(mutex);
+    starts += report.start_count;
+    if (const auto found = report.function_request_stats.find(kWholeAttempt);
+        found != report.function_request_stats.end()) {
+      attempts += found->second.request_count;
+      EXPECT_EQ(found->second.request_count, found->second.success_count + found->second.failure_count);
+    }
+  }
+
+  std::mutex mutex;
+  uint32_t starts = 0;
+  uint32_t attempts = 0;
+};
+
+TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
+  std::string error;
+  const auto first = DemoServer::Open(
+      {.listen = *net::IPEndPoint::FromLiteral("127.0.0.1", 0), .clock_error_us = kClockErrorUs}, &error);
+  ASSERT_NE(first, nullptr) << error;
+  const auto second = DemoServer::Open(
+      {.listen = *net::IPEndPoint::FromLiteral("127.0.0.1", 0), .clock_error_us = kClockErrorUs}, &error);
+  ASSERT_NE(second, nullptr) << error;
+  // A result is old after more than a second, so that attempts follow each other.
+  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);
+
+  NtpTimeManager* const manager = NtpTimeManager::GetInstance();
+  const auto counter = std::make_shared<Counter>();
+  manager->AddObserver(counter);
+  std::vector<std::shared_ptr<Rejoiner>> rejoiners{std::make_shared<Rejoiner>(),
+                                                   std::make_shared<Rejoiner>()};
+  for (const auto& rejoiner : rejoiners) {
+    manager->AddObserver(rejoiner);
+  }
+  Leavers leavers;
+  Totals totals;
+  std::atomic<uint32_t> start_calls{1};
+  std::atomic<uint64_t> good_reads{0};
+  std::atomic<uint64_t> wrong_reads{0};
+
+  manager->UpdateNtpTimeDomain({first->local().ToString()});
+  manager->Start();
+
+  Run(8, 0, [&] {
+    const int64_t before_us = SystemNowUs();
+    const int64_t ntp_us = manager->GetNtpTimestampFrom1970();
+    const int64_t after_us = SystemNowUs();
+    if (ntp_us == 0) {
+      return;
+    }
+    const bool is_good = ntp_us >= before_us + kClockErrorUs - kToleranceUs &&
+                         ntp_us <= after_us + kClockErrorUs + kToleranceUs;
+    (is_good ? good_reads : wrong_reads).fetch_add(1, std::memory_order_relaxed);
+  });
+  Run(2, 100, [&] {
+    manager->Start();
+    start_calls.fetch_add(1);
+  });
+  Run(2, 2000, [&] { manager->Stop(); });
+  Run(1, 50, [&] { leavers.Join(); });
+  Run(1, 200, [&] {
+    manager->UpdateNtpTimeDomain({first->local().ToString(), second->local().ToString(), "nosuch.invalid"});
+  });
+  Run(1, 100, [&] { totals.Add(manager->GetAndResetNtpQualityStats()); });
+  FinishAfter(StressSeconds());
+
+  // What is still under way comes to its end: an attempt is cut off, an outcome is delivered.
+  manager->Stop();
+  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
+  std::atomic<bool> is_drained{false};
+  queue->PostTask(base::Location::CreateFromHere("tests/thread_stress_test", __LINE__),
+                  base::BindOnce([&] { is_drained = true; }));
+  ASSERT_TRUE(WaitUntil([&] { return is_drained.load(); }));
+  totals.Add(manager->GetAndResetNtpQualityStats());
+
+  EXPECT_EQ(wrong_reads, 0u);
+  EXPECT_GT(good_reads, 0u);
+  EXPECT_GT(totals.attempts, 0u);
+  EXPECT_EQ(totals.attempts, counter->finished);
+  EXPECT_EQ(totals.starts + 1, start_calls);  // the first report counts one start fewer
+  std::printf("%llu reads, %u starts, %u attempts finished, %u results announced again\n",
+              static_cast<unsigned long long>(good_reads.load()), start_calls.load(),
+              counter->finished.load(), counter->repeated.load());
+}
+
+}  // namespace
+}  // namespace skorra

@@ -1,0 +1,526 @@
+#include "transport/ntp_time_packet_handler.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/base/callback.h"
+#include "platform/base/clock.h"
+#include "platform/core/thread_manager.h"
+#include "testing/packet_handler_fixture.h"
+#include "transport/ntp_packet.h"
+
+namespace skorra {
+namespace {
+
+constexpr net::SocketError kSocketErrors[] = {
+    net::SocketError::kRefused,     net::SocketError::kHostUnreachable, net::SocketError::kNetworkUnreachable,
+    net::SocketError::kNetworkDown, net::SocketError::kNoAddress,       net::SocketError::kNoBuffers,
+    net::SocketError::kWouldBlock,  net::SocketError::kNoDescriptors,   net::SocketError::kInterrupted,
+    net::SocketError::kDenied,      net::SocketError::kUnsupported,     net::SocketError::kOther};
+
+TEST_F(NtpTimePacketHandlerTest, ARequestTellsNothingButVersionModeAndNonce) {
+  Prepare();
+  Send();
+  ASSERT_EQ(sent_.size(), 1u);
+  EXPECT_EQ(sent_[0].server, kServer);
+  std::vector<uint8_t> bytes = sent_[0].bytes;
+  ASSERT_EQ(bytes.size(), 48u);
+  EXPECT_NE(std::vector<uint8_t>(bytes.begin() + 40, bytes.end()), std::vector<uint8_t>(8, 0));
+  std::fill(bytes.begin() + 40, bytes.end(), uint8_t{0});
+  std::vector<uint8_t> expected(48, 0);
+  expected[0] = 0x23;
+  EXPECT_EQ(bytes, expected);
+}
+
+TEST_F(NtpTimePacketHandlerTest, EveryRequestHasANonceOfItsOwn) {
+  Prepare();
+  for (int i = 0; i < 100; ++i) {
+    Send(kServer);
+    Send(kOtherServer);
+    world_.RunFor(TimeDelta::FromMilliseconds(10));
+  }
+  std::set<uint64_t> nonces;
+  for (const sim::SentDatagram& sent : sent_) {
+    nonces.insert(DecodePacket(sent.bytes).value().transmit_timestamp);
+  }
+  EXPECT_EQ(nonces.size(), 200u);
+  EXPECT_FALSE(nonces.contains(0));
+}
+
+TEST_F(NtpTimePacketHandlerTest, AGenuineReplyGivesTheExactOffsetAndRoundTripTime) {
+  const struct {
+    const char* what;
+    Link link;
+  } rows[] = {
+      {"Equal ways, clocks that agree, an instant answer.", {10000, 10000, 0, 0}},
+      {"The server is ahead, its way out is the slower one.", {12000, 8000, 250000, 300}},
+      {"The server is behind, its way home is the slower one.", {1000, 90000, -250000, 300}},
+      {"The server works for longer than the ways take.", {1000, 1000, 0, 700000}},
+      {"The clocks are sixty years apart.", {1000, 1000, 60 * int64_t{31556952} * 1000000, 10}},
+      {"Nothing takes any time at all.", {0, 0, 1, 0}},
+  };
+  Prepare();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    client_.calls.clear();
+    link_ = row.link;
+    const uint64_t sent_before = Count("requests_sent");
+    const uint64_t samples_before = Count("samples_received");
+    Send();
+    Run();
+    const auto samples = client_.Samples();
+    ASSERT_EQ(samples.size(), 1u);
+    EXPECT_EQ(samples[0].data.offset_us, link_.ExpectedOffsetUs());
+    EXPECT_EQ(samples[0].data.rtt_us, link_.ExpectedRttUs());
+    EXPECT_EQ(samples[0].server, kServer);
+    EXPECT_EQ(Count("requests_sent"), sent_before + 1);
+    EXPECT_EQ(Count("samples_received"), samples_before + 1);
+  }
+  EXPECT_TRUE(client_.is_on_queue);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AReplyReadLateIsTimedByItsArrival) {
+  Prepare();
+  Send();
+  // Something keeps the queue busy while the reply arrives.
+  world_.Schedule(TimeDelta::FromMilliseconds(1), [this] { world_.Block(TimeDelta::FromMilliseconds(500)); });
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data.offset_us, link_.ExpectedOffsetUs());
+  EXPECT_EQ(samples[0].data.rtt_us, link_.ExpectedRttUs());
+}
+
+TEST_F(NtpTimePacketHandlerTest, TheFirstReplyIsAnnouncedOncePerAttemptBeforeItsSample) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    SCOPED_TRACE(attempt);
+    client_.calls.clear();
+    Prepare();
+    Send(kServer);
+    Send(kServer);
+    Send(kOtherServer);
+    Run();
+    ASSERT_EQ(client_.calls.size(), 4u);
+    EXPECT_TRUE(client_.calls[0].is_first);
+    EXPECT_EQ(client_.calls[0].data.offset_us, link_.ExpectedOffsetUs());
+    EXPECT_EQ(client_.Samples().size(), 3u);
+    EXPECT_EQ(client_.calls[3].server, kOtherServer);
+  }
+}
+
+TEST_F(NtpTimePacketHandlerTest, RepliesMayOvertakeEachOther) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  const NtpPacket first_reply = ReplyTo(sent_[0]);
+  world_.RunFor(TimeDelta::FromMilliseconds(10));
+  Send();
+  Answer(sent_[1]);
+  Run();
+  Deliver(sent_[0], first_reply);
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 2u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
+  // The first reply was on its way home for 1.01 s longer than its request was on its way out.
+  EXPECT_EQ(samples[1].data,
+            (NtpResultData{link_.ExpectedOffsetUs() - 505000, link_.ExpectedRttUs() + 1010000}));
+}
+
+// A bogus reply made of the genuine one.
+struct Bogus {
+  const char* what;
+  const char* reason;
+  std::function<void(NtpPacket&)> change;
+};
+
+const Bogus kBogusReplies[] = {
+    {"The request itself, reflected with its nonce.", "mode", [](NtpPacket& reply) { reply.mode = 3; }},
+    {"A version not spoken.", "version", [](NtpPacket& reply) { reply.version = 5; }},
+    {"A server not synchronised.", "leap", [](NtpPacket& reply) { reply.leap_indicator = 3; }},
+    {"Stratum 0 without a kiss code.", "stratum_zero", [](NtpPacket& reply) { reply.stratum = 0; }},
+    {"A stratum beyond the largest.", "stratum", [](NtpPacket& reply) { reply.stratum = 16; }},
+    {"No receive time stamp.", "zero_receive", [](NtpPacket& reply) { reply.receive_timestamp = 0; }},
+    {"No transmit time stamp.", "zero_transmit", [](NtpPacket& reply) { reply.transmit_timestamp = 0; }},
+    {"Answered before asked.", "transmit_before_receive",
+     [](NtpPacket& reply) { reply.transmit_timestamp = reply.receive_timestamp - 1; }},
+    {"A nonce one off.", "unknown_nonce", [](NtpPacket& reply) { ++reply.origin_timestamp; }},
+    {"No nonce.", "zero_origin", [](NtpPacket& reply) { reply.origin_timestamp = 0; }},
+    {"A kiss code with a wrong nonce.", "unknown_nonce",
+     [](NtpPacket& reply) {
+       ++reply.origin_timestamp;
+       reply.stratum = 0;
+       reply.reference_id = 0x52415445;  // RATE
+     }},
+    {"A kiss code in a packet that is no server's.", "mode",
+     [](NtpPacket& reply) {
+       reply.mode = 5;
+       reply.stratum = 0;
+       reply.reference_id = 0x52415445;
+     }},
+    {"More than five seconds from its reference clock.", "root_distance",
+     [](NtpPacket& reply) { reply.root_dispersion = 0x50001; }},
+    {"A server that claims to have worked for longer than the exchange took.", "negative_round_trip",
+     [](NtpPacket& reply) { reply.transmit_timestamp += uint64_t{1} << 32; }},
+};
+
+TEST_F(NtpTimePacketHandlerTest, ABogusReplyIsCountedAndLeavesTheNonceToTheGenuineOne) {
+  is_answering_ = false;
+  for (const Bogus& bogus : kBogusReplies) {
+    SCOPED_TRACE(bogus.what);
+    client_.calls.clear();
+    sent_.clear();
+    Prepare();
+    Send();
+    ASSERT_EQ(sent_.size(), 1u);
+    const NtpPacket genuine = ReplyTo(sent_[0]);
+    NtpPacket forged = genuine;
+    bogus.change(forged);
+
+    ExpectDroppedAndThenTheGenuineOneTaken(
+        bogus.reason, [&] { Deliver(sent_[0], forged); }, genuine);
+  }
+}
+
+TEST_F(NtpTimePacketHandlerTest, ACutReplyIsCountedAndLeavesTheNonceToTheGenuineOne) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  const NtpPacket genuine = ReplyTo(sent_[0]);
+  const auto bytes = EncodePacket(genuine);
+  ExpectDroppedAndThenTheGenuineOneTaken(
+      "short",
+      [&] {
+        world_.Deliver(kServer, sent_[0].client, {bytes.begin(), bytes.end() - 1}, TimeDelta());
+      },
+      genuine);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AnAnswerOnBehalfOfAnotherServerIsCountedAndLeavesTheNonceToTheGenuineOne) {
+  is_answering_ = false;
+  Prepare();
+  Send(kServer);
+  Send(kOtherServer);
+  const NtpPacket genuine = ReplyTo(sent_[0]);
+  ExpectDroppedAndThenTheGenuineOneTaken(
+      "wrong_source", [&] { DeliverFrom(kOtherServer, sent_[1].client, genuine); }, genuine);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AnAnswerFromAnotherPortOfTheServerIsFromTheWrongSource) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  const NtpPacket genuine = ReplyTo(sent_[0]);
+  const net::IPEndPoint other_port = net::IPEndPoint::FromLiteral("192.0.2.10", 124).value();
+  ExpectDroppedAndThenTheGenuineOneTaken(
+      "wrong_source", [&] { DeliverFrom(other_port, sent_[0].client, genuine); }, genuine);
+}
+
+TEST_F(NtpTimePacketHandlerTest, ADuplicateIsCountedAndGivesNoSecondSample) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  const NtpPacket reply = ReplyTo(sent_[0]);
+  const uint64_t before = Count("rejected.duplicate");
+  Deliver(sent_[0], reply);
+  Deliver(sent_[0], reply);
+  Run();
+  EXPECT_EQ(client_.Samples().size(), 1u);
+  EXPECT_EQ(Count("rejected.duplicate"), before + 1);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AReplyAfterCleanIsLost) {
+  Prepare();
+  Send();
+  EXPECT_EQ(world_.open_socket_count(), 1u);
+  Clean();
+  EXPECT_EQ(world_.open_socket_count(), 0u);
+  Run();
+  EXPECT_TRUE(client_.calls.empty());
+}
+
+TEST_F(NtpTimePacketHandlerTest, SendsOutsideAnAttemptAreSkippedAndCounted) {
+  const uint64_t before = Count("send_skipped");
+  Send();
+  EXPECT_EQ(Count("send_skipped"), before + 1);
+  Prepare();
+  Send();
+  EXPECT_EQ(Count("send_skipped"), before + 1);
+  Clean();
+  Send();
+  EXPECT_EQ(Count("send_skipped"), before + 2);
+  EXPECT_EQ(sent_.size(), 1u);
+  EXPECT_EQ(world_.open_socket_count(), 0u);
+}
+
+TEST_F(NtpTimePacketHandlerTest, EachServerHasOneSocketPerAttempt) {
+  Prepare();
+  Send(kServer);
+  Send(kServer);
+  Send(kOtherServer);
+  EXPECT_EQ(world_.open_socket_count(), 2u);
+  EXPECT_EQ(sent_[0].client, sent_[1].client);
+  EXPECT_NE(sent_[0].client, sent_[2].client);
+}
+
+TEST_F(NtpTimePacketHandlerTest, ANewAttemptUsesFreshSocketsAndForgetsTheEarlierRequests) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  Prepare();
+  EXPECT_EQ(world_.open_socket_count(), 0u);
+  Send();
+  EXPECT_NE(sent_[0].client, sent_[1].client);
+
+  const uint64_t before = Count("rejected.unknown_nonce");
+  Deliver(sent_[0], ReplyTo(sent_[0]));
+  DeliverFrom(kServer, sent_[1].client, ReplyTo(sent_[0]));
+  Run();
+  EXPECT_TRUE(client_.calls.empty());
+  EXPECT_EQ(Count("rejected.unknown_nonce"), before + 1);
+}
+
+TEST_F(NtpTimePacketHandlerTest, TheSystemOffsetIsTheBaseOfTheNextSample) {
+  const int64_t base_us = base::GetSystemTimeOffsetFromSteady();
+  EXPECT_EQ(handler_->GetSystemTimeOffsetFromSteady(), base_us);
+  Prepare();
+  Send();
+  Run();
+  // The wall clock alone is not looked at.
+  world_.StepWall(TimeDelta::FromSeconds(5));
+  Send();
+  Run();
+  OnQueue([&] { handler_->UpdateSystemTimeOffsetFromSteady(base_us + 5000000); });
+  EXPECT_EQ(handler_->GetSystemTimeOffsetFromSteady(), base_us + 5000000);
+  Send();
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 3u);
+  EXPECT_EQ(samples[0].data.offset_us, link_.ExpectedOffsetUs());
+  EXPECT_EQ(samples[1].data.offset_us, link_.ExpectedOffsetUs());
+  EXPECT_EQ(samples[2].data, (NtpResultData{link_.ExpectedOffsetUs() - 5000000, link_.ExpectedRttUs()}));
+}
+
+TEST_F(NtpTimePacketHandlerTest, ARequestUnderWayIsMeasuredAgainstTheNewSystemOffsetAtBothEnds) {
+  Prepare();
+  Send();
+  OnQueue([this] {
+    handler_->UpdateSystemTimeOffsetFromSteady(handler_->GetSystemTimeOffsetFromSteady() - 3000000);
+  });
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs() + 3000000, link_.ExpectedRttUs()}));
+}
+
+TEST_F(NtpTimePacketHandlerTest, AnySystemOffsetIsSurvived) {
+  Prepare();
+  for (const int64_t offset_us : {std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()}) {
+    OnQueue([&] { handler_->UpdateSystemTimeOffsetFromSteady(offset_us); });
+    Send();
+    Run();
+  }
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 2u);
+  EXPECT_EQ(samples[0].data.rtt_us, link_.ExpectedRttUs());
+  EXPECT_EQ(samples[1].data.rtt_us, link_.ExpectedRttUs());
+}
+
+TEST_F(NtpTimePacketHandlerTest, AFailedSendIsCountedUnderItsReasonAndTheNextOneWorks) {
+  Prepare();
+  for (const net::SocketError error : kSocketErrors) {
+    SCOPED_TRACE(net::SocketErrorName(error));
+    const uint64_t errors_before = Count(std::string("send_error.") + net::SocketErrorName(error));
+    const uint64_t sent_before = Count("requests_sent");
+    const size_t samples_before = client_.Samples().size();
+    world_.SetSendError(kServer, error);
+    Send();
+    EXPECT_EQ(Count(std::string("send_error.") + net::SocketErrorName(error)), errors_before + 1);
+    EXPECT_EQ(Count("requests_sent"), sent_before);
+    world_.SetSendError(kServer, net::SocketError::kNone);
+    Send();
+    Run();
+    EXPECT_EQ(Count("requests_sent"), sent_before + 1);
+    EXPECT_EQ(client_.Samples().size(), samples_before + 1);
+  }
+}
+
+TEST_F(NtpTimePacketHandlerTest, ASocketThatCannotBeHadIsCountedAndTriedAgainAtTheNextSend) {
+  Prepare();
+  for (const net::SocketError error : kSocketErrors) {
+    SCOPED_TRACE(net::SocketErrorName(error));
+    const uint64_t before = Count(std::string("send_error.") + net::SocketErrorName(error));
+    world_.SetConnectError(kServer, error);
+    Send();
+    Send();
+    EXPECT_EQ(Count(std::string("send_error.") + net::SocketErrorName(error)), before + 2);
+    EXPECT_EQ(world_.open_socket_count(), 0u);
+    Run();
+  }
+  world_.SetConnectError(kServer, net::SocketError::kNone);
+  Send();
+  Run();
+  EXPECT_EQ(client_.Samples().size(), 1u);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AnErrorBetweenSendsIsCountedAndHarmsNoRequest) {
+  Prepare();
+  Send();
+  for (const net::SocketError error : kSocketErrors) {
+    const uint64_t before = Count(std::string("receive_error.") + net::SocketErrorName(error));
+    world_.ReportError(sent_[0].client, error);
+    EXPECT_EQ(Count(std::string("receive_error.") + net::SocketErrorName(error)), before + 1);
+  }
+  Run();
+  EXPECT_EQ(client_.Samples().size(), 1u);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AClientMaySendFromItsCallback) {
+  Prepare();
+  client_.on_sample = [this] {
+    client_.on_sample = nullptr;
+    for (int i = 0; i < 19; ++i) {
+      handler_->SendPacket(kServer);
+      handler_->SendPacket(kOtherServer);
+    }
+  };
+  Send();
+  Run();
+  EXPECT_EQ(client_.Samples().size(), 39u);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AWeakPointerIsNullOnceTheHandlerIsGone) {
+  const base::WeakPtr<NtpTimePacketHandler> weak = handler_->GetWeakPtr();
+  EXPECT_EQ(weak.get(), &*handler_);
+  handler_.reset();
+  EXPECT_EQ(weak.get(), nullptr);
+}
+
+TEST_F(NtpTimePacketHandlerTest, APostedSendIsDroppedOnceTheHandlerIsGone) {
+  Prepare();
+  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
+  const auto post = [&](int64_t delay_ms) {
+    queue->PostDelayedTask(base::Location::CreateFromHere(__FILE__, __LINE__),
+                           base::BindOnce(&NtpTimePacketHandler::SendPacket, handler_->GetWeakPtr(), kServer),
+                           TimeDelta::FromMilliseconds(delay_ms));
+  };
+  post(1);
+  post(20);
+  world_.RunFor(TimeDelta::FromMilliseconds(10));
+  EXPECT_EQ(sent_.size(), 1u);
+  handler_.reset();
+  EXPECT_EQ(world_.open_socket_count(), 0u);
+  Run();
+  EXPECT_EQ(sent_.size(), 1u);
+  EXPECT_TRUE(client_.calls.empty());
+}
+
+TEST_F(NtpTimePacketHandlerTest, TheNonceOfAFailedSendIsForgotten) {
+  Prepare();
+  is_answering_ = false;
+  Send();
+  world_.SetSendError(kServer, net::SocketError::kNetworkUnreachable);
+  Send();
+  NtpPacket reply = ReplyTo(sent_.at(0));
+  ASSERT_EQ(reply.origin_timestamp, numbers_.at(0));
+  reply.origin_timestamp = numbers_.at(1);
+  const uint64_t before = Count("rejected.unknown_nonce");
+  Deliver(sent_[0], reply);
+  Run();
+  EXPECT_EQ(Count("rejected.unknown_nonce"), before + 1);
+  EXPECT_TRUE(client_.calls.empty());
+}
+
+// The generator's first number under this seed is zero.
+class ZeroNonceTest : public NtpTimePacketHandlerTest {
+ protected:
+  ZeroNonceTest() : NtpTimePacketHandlerTest({.seed = 0 - uint64_t{0x9E3779B97F4A7C15}}) {}
+};
+
+TEST_F(ZeroNonceTest, ZeroIsNoNonce) {
+  ASSERT_EQ(numbers_.at(0), 0u);
+  Prepare();
+  Send();
+  EXPECT_EQ(DecodePacket(sent_.at(0).bytes).value().transmit_timestamp, numbers_.at(1));
+}
+
+class WokenIn1970Test : public NtpTimePacketHandlerTest {
+ protected:
+  WokenIn1970Test() : NtpTimePacketHandlerTest({.wall_us = base::kWindowsToUnixEpochUs}) {}
+};
+
+TEST_F(WokenIn1970Test, TheMachineIsSetRightInEitherEra) {
+  constexpr int64_t kUnixSecondsIn2026 = 1767225600;
+  constexpr int64_t kUnixSecondsIn2040 = 2208988800;
+  Prepare();
+  for (const int64_t unix_seconds : {kUnixSecondsIn2026, kUnixSecondsIn2040}) {
+    client_.calls.clear();
+    link_.server_ahead_us = unix_seconds * 1000000;
+    Send();
+    Run();
+    const auto samples = client_.Samples();
+    ASSERT_EQ(samples.size(), 1u);
+    EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
+  }
+}
+
+struct EraChange {
+  const char* what;
+  Link link;
+};
+
+// The request leaves 3 ms before the change of era.
+class EraChangeTest : public NtpTimePacketHandlerTest, public testing::WithParamInterface<EraChange> {
+ protected:
+  EraChangeTest()
+      : NtpTimePacketHandlerTest(
+            {.wall_us = base::kWindowsToUnixEpochUs + int64_t{2085978496} * 1000000 - 3000}) {}
+};
+
+TEST_P(EraChangeTest, AnExchangeAcrossTheChangeIsLikeAnyOther) {
+  SCOPED_TRACE(GetParam().what);
+  link_ = GetParam().link;
+  Prepare();
+  Send();
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
+}
+
+INSTANTIATE_TEST_SUITE_P(, EraChangeTest,
+                         testing::Values(EraChange{"It falls on the way out.", {5000, 1000, 0, 100}},
+                                         EraChange{"It falls into the server's work.", {1000, 1000, 0, 5000}},
+                                         EraChange{"It falls on the way home.", {1000, 5000, 0, 100}},
+                                         EraChange{"The server is ahead and across it.",
+                                                   {100, 100, 10000000, 10}},
+                                         EraChange{"The local clock is across it before the server.",
+                                                   {5000, 5000, -10000000, 10}}));
+
+// Half an era after the first day of 2026, where the time stamps of one reply stand on either side of the
+// farthest point from a clock that is too old.
+class FarthestServerTest : public NtpTimePacketHandlerTest {
+ protected:
+  FarthestServerTest() : NtpTimePacketHandlerTest({.wall_us = kEarliestPivotUs}) {}
+};
+
+TEST_F(FarthestServerTest, BothTimeStampsOfAReplyFallIntoTheSameEra) {
+  constexpr int64_t kHalfEraUs = (int64_t{1} << 31) * 1000000;
+  // Received 5 ms before that point, transmitted 15 ms behind it.
+  link_ = {.out_us = 10000, .home_us = 10000, .server_ahead_us = kHalfEraUs, .work_us = 20000};
+  link_.server_ahead_us += link_.home_us + link_.work_us - 5000;
+  Prepare();
+  Send();
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
+}
+
+}  // namespace
+}  // namespace skorra
