@@ -5,6 +5,7 @@
 #include "sim/world.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 Time Time::Now() {
   return Time::FromDeltaSinceWindowsEpoch(
@@ -20,18 +21,22 @@ int64_t GetSystemTimeOffsetFromSteady() {
 
 uint64_t RandUint64() { return skorra::sim::World::Current().NextRandom(); }
 
+}  // namespace skorra_ntp
 }  // namespace base
 
 namespace core {
+inline namespace skorra_ntp {
 
 std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int64_t instance,
                                                        base::Optional<ThreadOption> /*option*/) {
   return skorra::sim::World::Current().GetTaskQueue(business, instance);
 }
 
+}  // namespace skorra_ntp
 }  // namespace core
 
 namespace net {
+inline namespace skorra_ntp {
 
 struct DatagramSocket::Impl {
   skorra::sim::World::Socket socket;
@@ -66,4 +71,5 @@ void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeD
   skorra::sim::World::Current().ResolveInBackground(host, port, timeout, std::move(done));
 }
 
+}  // namespace skorra_ntp
 }  // namespace net

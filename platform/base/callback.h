@@ -18,6 +18,7 @@
 #include "platform/base/weak_ptr.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 template <class Signature>
 class OnceCallback;
@@ -136,4 +137,5 @@ requires std::is_invocable_v<Functor&&> OnceCallback<void()> BindOnce(Functor fu
   return OnceCallback<void()>(std::make_unique<internal::FunctorState<Functor>>(std::move(functor)));
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

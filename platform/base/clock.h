@@ -7,6 +7,7 @@
 #include <cstdint>
 
 namespace base {
+inline namespace skorra_ntp {
 
 // Steady ticks in microseconds since the machine started. Never steps and never goes back; keeps counting
 // while the machine is suspended (on Linux CLOCK_BOOTTIME).
@@ -15,4 +16,5 @@ int64_t GetSteadyTimeTicks();
 // Wall clock (microseconds since 1601-01-01 UTC) minus steady ticks (microseconds), measured now.
 int64_t GetSystemTimeOffsetFromSteady();
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -2,6 +2,7 @@
 #pragma once
 
 namespace base {
+inline namespace skorra_ntp {
 
 // A value; `file` must have static storage (a string literal).
 class Location {
@@ -18,4 +19,5 @@ class Location {
   int line_;
 };
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -4,6 +4,7 @@
 #include <new>
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace internal {
 
@@ -125,4 +126,5 @@ Lock::Lock() { internal::AllLocks::Add(this); }
 
 Lock::~Lock() { internal::AllLocks::Remove(this); }
 
+}  // namespace skorra_ntp
 }  // namespace base

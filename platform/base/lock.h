@@ -9,6 +9,7 @@
 #include <thread>
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace internal {
 
@@ -83,4 +84,5 @@ void ReleaseLocksInChild();
 
 }  // namespace internal
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -11,6 +11,7 @@
 #include "platform/base/time.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -97,4 +98,5 @@ std::string FormatLogLine(const LogLine& line) {
   return text;
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

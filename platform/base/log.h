@@ -14,6 +14,7 @@
 #include <string>
 
 namespace base {
+inline namespace skorra_ntp {
 
 struct LogLine {
   int level;
@@ -38,4 +39,5 @@ void SetLogSink(LogSink sink);
 // The line as standard error and the log file show it: "<ISO time> <level> <file>:<line> <text>".
 std::string FormatLogLine(const LogLine& line);
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -5,6 +5,7 @@
 #include <string>
 
 namespace base {
+inline namespace skorra_ntp {
 
 struct LogFileOptions {
   std::string path;
@@ -20,4 +21,5 @@ struct LogFileOptions {
 // go to standard error, and the file is tried again with the next line. Any thread.
 std::string LogToFile(const LogFileOptions& options);
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -11,6 +11,7 @@
 #include <utility>
 
 namespace base {
+inline namespace skorra_ntp {
 
 template <class T>
 class NoDestructor {
@@ -30,4 +31,5 @@ class NoDestructor {
   alignas(T) unsigned char storage_[sizeof(T)];
 };
 
+}  // namespace skorra_ntp
 }  // namespace base

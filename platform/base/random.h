@@ -5,8 +5,10 @@
 #include <cstdint>
 
 namespace base {
+inline namespace skorra_ntp {
 
 // 64 uniformly distributed bits. Any thread.
 uint64_t RandUint64();
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -96,4 +97,5 @@ std::string Time::ToString() const {
   return text;
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

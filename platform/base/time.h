@@ -17,6 +17,7 @@
 #include <string>
 
 namespace base {
+inline namespace skorra_ntp {
 
 // Microseconds from 1601-01-01 to 1970-01-01, both 00:00:00 UTC: 134774 days.
 inline constexpr int64_t kWindowsToUnixEpochUs = 11644473600000000;
@@ -139,4 +140,5 @@ class Time {
   int64_t us_ = 0;
 };
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -15,6 +15,7 @@
 #include <memory>
 
 namespace base {
+inline namespace skorra_ntp {
 
 template <class T>
 class WeakPtrOwner;
@@ -56,4 +57,5 @@ class WeakPtrOwner {
   std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
 };
 
+}  // namespace skorra_ntp
 }  // namespace base

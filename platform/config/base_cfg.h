@@ -7,6 +7,7 @@
 #include <limits>
 
 namespace config {
+inline namespace skorra_ntp {
 
 // A whole number. `key` is the dotted path in the TOML file.
 struct NumberEntry {
@@ -55,4 +56,5 @@ inline const BaseConfig& BaseCfg() {
   return kBaseConfig;
 }
 
+}  // namespace skorra_ntp
 }  // namespace config

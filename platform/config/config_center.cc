@@ -7,6 +7,7 @@
 #include "platform/base/log.h"
 
 namespace config {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -102,4 +103,5 @@ void ConfigCenterImpl::SetText(const TextEntry& entry, Layer layer, base::Option
   texts_[entry.slot][static_cast<size_t>(layer)] = std::move(value);
 }
 
+}  // namespace skorra_ntp
 }  // namespace config

@@ -28,6 +28,7 @@
 #include "platform/config/base_cfg.h"
 
 namespace config {
+inline namespace skorra_ntp {
 
 enum class Layer { kProgram, kEnvironment, kFile };
 inline constexpr size_t kLayerCount = 3;
@@ -90,4 +91,5 @@ class ConfigCenterImpl {
   std::array<TextSlot, kTextEntryCount> texts_;
 };
 
+}  // namespace skorra_ntp
 }  // namespace config

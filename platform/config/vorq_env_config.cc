@@ -4,6 +4,7 @@
 #include "platform/config/config_center.h"
 
 namespace config {
+inline namespace skorra_ntp {
 
 VorqEnvConfig* VorqEnvConfig::GetInstance() {
   static base::NoDestructor<VorqEnvConfig> instance;
@@ -14,4 +15,5 @@ std::string VorqEnvConfig::GetDefaultNtpDomain() const {
   return *ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().ntp_default_domain, std::string());
 }
 
+}  // namespace skorra_ntp
 }  // namespace config

@@ -4,6 +4,7 @@
 #include <string>
 
 namespace config {
+inline namespace skorra_ntp {
 
 class VorqEnvConfig {
  public:
@@ -16,4 +17,5 @@ class VorqEnvConfig {
   std::string GetDefaultNtpDomain() const;
 };
 
+}  // namespace skorra_ntp
 }  // namespace config

@@ -6,6 +6,7 @@
 #include "platform/base/time.h"
 
 namespace core {
+inline namespace skorra_ntp {
 
 // Runs closures one at a time on one thread, in posting order; a delayed closure joins that order when its
 // delay has passed, never earlier, and closures due at the same instant run in posting order. Delays are
@@ -26,4 +27,5 @@ class TaskQueue {
   virtual bool IsCurrent() const = 0;
 };
 
+}  // namespace skorra_ntp
 }  // namespace core

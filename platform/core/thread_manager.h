@@ -9,6 +9,7 @@
 #include "platform/core/task_queue.h"
 
 namespace core {
+inline namespace skorra_ntp {
 
 // Who a queue belongs to.
 enum class BusinessID : int32_t {
@@ -35,4 +36,5 @@ class ThreadManager {
                                                  base::Optional<ThreadOption> option);
 };
 
+}  // namespace skorra_ntp
 }  // namespace core

@@ -14,6 +14,7 @@
 #include "platform/config/config_center.h"
 
 namespace config {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -179,4 +180,5 @@ std::vector<std::string> ConfigCenterImpl::TakeOver(FileReader& reader) {
   return std::move(reader.messages);
 }
 
+}  // namespace skorra_ntp
 }  // namespace config

@@ -17,6 +17,7 @@
 #include "platform/base/log.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -79,4 +80,5 @@ std::string LogToFile(const LogFileOptions& options) {
   return error;
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -5,6 +5,7 @@
 #include "platform/base/time.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 static_assert(sizeof(time_t) == 8, "build with _TIME_BITS=64: a 32-bit time_t ends in 2038");
 
@@ -43,4 +44,5 @@ int64_t GetSystemTimeOffsetFromSteady() {
   return offset_us;
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

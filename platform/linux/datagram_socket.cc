@@ -22,6 +22,7 @@
 #include "platform/linux/queue_context.h"
 
 namespace net {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -388,4 +389,5 @@ IPEndPoint DatagramSocket::local() const {
   return FromSockaddr(address);
 }
 
+}  // namespace skorra_ntp
 }  // namespace net

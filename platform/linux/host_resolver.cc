@@ -25,6 +25,7 @@
 #include "platform/linux/queue_context.h"
 
 namespace net {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -306,4 +307,5 @@ void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeD
                   }));
 }
 
+}  // namespace skorra_ntp
 }  // namespace net

@@ -11,7 +11,9 @@
 #include "platform/base/clock.h"
 #include "platform/base/time.h"
 
-namespace net::internal {
+namespace net {
+inline namespace skorra_ntp {
+namespace internal {
 
 namespace {
 
@@ -130,4 +132,6 @@ void StampClock::ForgetSettings() {
   is_in_doubt_ = was_set_in_last_look_;
 }
 
-}  // namespace net::internal
+}  // namespace internal
+}  // namespace skorra_ntp
+}  // namespace net

@@ -9,7 +9,9 @@
 
 #include "platform/net/datagram_socket.h"
 
-namespace net::internal {
+namespace net {
+inline namespace skorra_ntp {
+namespace internal {
 
 // Asks for the moment at which each datagram arrived. Without it the moment of reading must do.
 bool RequestReceiveStamps(int fd);
@@ -65,4 +67,6 @@ class StampClock {
   bool is_in_doubt_ = false;  // a stamp that was read may be older than a setting of the wall clock
 };
 
-}  // namespace net::internal
+}  // namespace internal
+}  // namespace skorra_ntp
+}  // namespace net

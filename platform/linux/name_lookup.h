@@ -6,10 +6,14 @@
 
 #include "platform/net/host_resolver.h"
 
-namespace net::internal {
+namespace net {
+inline namespace skorra_ntp {
+namespace internal {
 
 // Like ResolveHost. `name_servers` is a list "192.0.2.1:53,[2001:db8::1]:53"; empty means the system's.
 ResolveResult LookUpHost(const std::string& host, uint16_t port, base::TimeDelta timeout,
                          const std::string& name_servers);
 
-}  // namespace net::internal
+}  // namespace internal
+}  // namespace skorra_ntp
+}  // namespace net

@@ -11,7 +11,9 @@
 
 #include "platform/base/lock.h"
 
-namespace core::internal {
+namespace core {
+inline namespace skorra_ntp {
+namespace internal {
 
 // The loop of the queue whose thread this is, null on any other thread, and on that of another process's
 // loop. The loop is never destroyed.
@@ -61,4 +63,6 @@ void RunHandler(Handler&& handler) {
   }
 }
 
-}  // namespace core::internal
+}  // namespace internal
+}  // namespace skorra_ntp
+}  // namespace core

@@ -12,6 +12,7 @@
 #include "platform/base/time.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -68,4 +69,5 @@ uint64_t RandUint64() {
   return MixClocks();
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

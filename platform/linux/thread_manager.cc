@@ -25,6 +25,7 @@
 #include "platform/linux/queue_context.h"
 
 namespace core {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -402,4 +403,5 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
   return queue;
 }
 
+}  // namespace skorra_ntp
 }  // namespace core

@@ -6,6 +6,7 @@
 #include "platform/base/no_destructor.h"
 
 namespace base {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -68,4 +69,5 @@ std::map<std::string, uint64_t> KeyMetrics::GetAllCounts() {
   return {counters.by_name.begin(), counters.by_name.end()};
 }
 
+}  // namespace skorra_ntp
 }  // namespace base

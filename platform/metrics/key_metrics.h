@@ -9,6 +9,7 @@
 #include <string_view>
 
 namespace base {
+inline namespace skorra_ntp {
 
 class KeyMetrics {
  public:
@@ -25,4 +26,5 @@ class KeyMetrics {
   static std::map<std::string, uint64_t> GetAllCounts();
 };
 
+}  // namespace skorra_ntp
 }  // namespace base

@@ -10,6 +10,7 @@
 #include "platform/net/ip_endpoint.h"
 
 namespace net {
+inline namespace skorra_ntp {
 
 // Why a datagram could not be sent or received. None is fatal: a later `Send` may succeed.
 enum class SocketError {
@@ -89,4 +90,5 @@ class DatagramSocket {
   std::unique_ptr<Impl> impl_;
 };
 
+}  // namespace skorra_ntp
 }  // namespace net

@@ -9,6 +9,7 @@
 #include "platform/net/ip_endpoint.h"
 
 namespace net {
+inline namespace skorra_ntp {
 
 enum class ResolveError {
   kNone,
@@ -43,4 +44,5 @@ ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelt
 void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
                              std::function<void(ResolveResult)> done);
 
+}  // namespace skorra_ntp
 }  // namespace net

@@ -7,6 +7,7 @@
 #include <charconv>
 
 namespace net {
+inline namespace skorra_ntp {
 
 namespace {
 
@@ -171,4 +172,5 @@ HostPortResult ParseHostPort(std::string_view text, uint16_t default_port) {
   return {HostPort{std::string(host), port}, {}};
 }
 
+}  // namespace skorra_ntp
 }  // namespace net

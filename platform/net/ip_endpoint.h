@@ -9,6 +9,7 @@
 #include <string_view>
 
 namespace net {
+inline namespace skorra_ntp {
 
 class IPEndPoint {
  public:
@@ -59,4 +60,5 @@ struct HostPortResult {
 // '.'), not looked up; a name of digits and dots only must be a whole IPv4 address.
 HostPortResult ParseHostPort(std::string_view text, uint16_t default_port);
 
+}  // namespace skorra_ntp
 }  // namespace net

@@ -2,6 +2,7 @@
 #include "platform/net/host_resolver.h"
 
 namespace net {
+inline namespace skorra_ntp {
 
 const char* SocketErrorName(SocketError error) {
   switch (error) {
@@ -49,4 +50,5 @@ const char* ResolveErrorName(ResolveError error) {
   return "unknown";
 }
 
+}  // namespace skorra_ntp
 }  // namespace net
