@@ -24,6 +24,11 @@ if(SKORRA_WERROR)
   target_compile_options(skorra_build INTERFACE -Werror)
 endif()
 
+# What carries SKORRA_EXPORT (platform/base/export.h) is visible outside a shared library.
+if(BUILD_SHARED_LIBS)
+  target_compile_definitions(skorra_build INTERFACE SKORRA_SHARED)
+endif()
+
 # A 32-bit time_t ends in 2038.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(skorra_build INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
