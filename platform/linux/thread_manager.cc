@@ -1,6 +1,8 @@
 #include "platform/core/thread_manager.h"
 
+#include <dlfcn.h>
 #include <errno.h>
+#include <link.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -115,6 +117,25 @@ class LoopTaskQueue final : public TaskQueue {
   base::Lock lock_;
   std::list<Work> works_{1};  // under lock_; one for each process down to this one, the parent's untouched
 };
+
+// Keeps the shared object that holds this code in memory until the process ends: its threads never end, so
+// dlclose of a plugin that links this library must not unmap it. Nothing to do for the program itself, which
+// the loader lists without a name. To be called without a lock of ours: the constructors of an object that is
+// being loaded run under the loader's lock, and may call this library.
+void StayLoaded() {
+  static std::atomic<bool> is_done{false};
+  if (is_done.load(std::memory_order_relaxed)) {
+    return;
+  }
+  Dl_info info;
+  void* map = nullptr;
+  if (dladdr1(reinterpret_cast<const void*>(&StayLoaded), &info, &map, RTLD_DL_LINKMAP) != 0 &&
+      map != nullptr && static_cast<const link_map*>(map)->l_name[0] != '\0' &&
+      dlopen(static_cast<const link_map*>(map)->l_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) == nullptr) {
+    dlerror();  // nothing can be done, and the host program must not find our message
+  }
+  is_done.store(true, std::memory_order_relaxed);
+}
 
 // A thread of the ordinary scheduling policy, whatever that of its creator. The host program's signal
 // handlers run on its own threads: a thread inherits its creator's mask. Signals that a faulty instruction
@@ -387,6 +408,7 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
   const std::string name = option ? option->name : "skorra-" + std::to_string(static_cast<int32_t>(business));
   std::shared_ptr<LoopTaskQueue> queue;
   int status = 0;
+  StayLoaded();
   {
     const base::AutoLock lock(registry.lock);
     std::shared_ptr<LoopTaskQueue>& place = registry.queues[{business, instance}];
