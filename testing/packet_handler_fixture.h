@@ -15,7 +15,7 @@
 #include "platform/core/thread_manager.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
-#include "transport/ntp_address_ledger.h"
+#include "testing/fresh_ledger.h"
 #include "transport/ntp_packet.h"
 #include "transport/ntp_time_packet_handler.h"
 
@@ -87,7 +87,6 @@ class NtpTimePacketHandlerTest : public testing::Test {
  protected:
   explicit NtpTimePacketHandlerTest(const sim::World::Options& options = {})
       : numbers_(NumbersOf(options.seed)), world_(options) {
-    NtpAddressLedger::GetInstance()->Clear();
     world_.SetNetwork([this](const sim::SentDatagram& sent) {
       sent_.push_back(sent);
       if (is_answering_) {
@@ -150,6 +149,7 @@ class NtpTimePacketHandlerTest : public testing::Test {
     EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
   }
 
+  FreshLedger ledger_;
   const std::vector<uint64_t> numbers_;
   sim::World world_;
   Link link_;

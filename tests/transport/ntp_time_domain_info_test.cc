@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/config/config_center.h"
+#include "platform/config/base_cfg.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
+#include "testing/fresh_ledger.h"
 #include "transport/ntp_address_ledger.h"
 
 namespace skorra {
@@ -22,19 +24,17 @@ uint64_t Count(const std::string& reason) { return base::KeyMetrics::GetCount("n
 class NtpTimeDomainInfoTest : public testing::Test {
  protected:
   NtpTimeDomainInfoTest() {
-    NtpAddressLedger::GetInstance()->Clear();
     world_.SetHost("one.test", {{EndPoint("192.0.2.1", 0)}});
     world_.SetHost("three.test",
                    {{EndPoint("192.0.2.1", 0), EndPoint("2001:db8::2", 0), EndPoint("192.0.2.3", 0)}});
   }
-  ~NtpTimeDomainInfoTest() override { SetResolveTimeout(std::nullopt); }
 
-  void SetResolveTimeout(base::Optional<uint64_t> timeout_ms) {
-    EXPECT_EQ(
-        config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_resolve_timeout_ms, timeout_ms),
-        "");
+  void SetResolveTimeout(uint64_t timeout_ms) {
+    EXPECT_EQ(config_.Set(config::BaseCfg().ntp_resolve_timeout_ms, timeout_ms), "");
   }
 
+  FreshLedger ledger_;
+  ConfigScope config_;
   sim::World world_;
 };
 

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/config/config_center.h"
+#include "platform/config/base_cfg.h"
+#include "testing/config_scope.h"
 #include "testing/packet_handler_fixture.h"
 #include "transport/ntp_address_ledger.h"
 
@@ -21,14 +22,8 @@ constexpr uint32_t kDrop = 0x44524f50;
 
 class PacketHandlerBurstsTest : public NtpTimePacketHandlerTest {
  protected:
-  ~PacketHandlerBurstsTest() override {
-    for (const auto* entry : config::BaseCfg().numbers()) {
-      EXPECT_EQ(config::ConfigCenterImpl::GetInstance()->Set(*entry, std::nullopt), "");
-    }
-  }
-
   void Configure(const config::NumberEntry& entry, uint64_t value) {
-    EXPECT_EQ(config::ConfigCenterImpl::GetInstance()->Set(entry, value), "");
+    EXPECT_EQ(config_.Set(entry, value), "");
   }
   // Twenty calls 10 ms apart, as the time manager makes them; the numbers of those whose request left.
   std::vector<int> Burst(const net::IPEndPoint& server = kServer) {
@@ -59,6 +54,8 @@ class PacketHandlerBurstsTest : public NtpTimePacketHandlerTest {
   static uint64_t RequestsTo(const net::IPEndPoint& server) {
     return NtpAddressLedger::GetInstance()->GetCounts()[server].requests_sent;
   }
+
+  ConfigScope config_;
 };
 
 TEST_F(PacketHandlerBurstsTest, ABurstIsThinnedEvenlyToTheConfiguredNumber) {
