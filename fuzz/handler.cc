@@ -94,7 +94,7 @@ struct Process {
   bool is_traced = false;
   ExpectedCounters counters;
   uint32_t runs = 0;
-  int64_t steady_us = kHourUs;  // where the next run begins
+  int64_t steady_ticks_us = kHourUs;  // where the next run begins
 };
 
 // Two ports of an IPv4 address and an IPv6 address, all new: the 24 bits come round long after the ledger has
@@ -108,10 +108,10 @@ std::array<IPEndPoint, kServerCount> MakeServers(uint32_t run) {
           IPEndPoint::FromIPv6({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, high, middle, low}, 123)};
 }
 
-sim::World::Options WorldOptions(int64_t steady_us) {
+sim::World::Options WorldOptions(int64_t steady_ticks_us) {
   sim::World::Options options;
   options.wall_us = kEarliestPivotUs + 300 * kDayUs;
-  options.steady_us = steady_us;
+  options.steady_ticks_us = steady_ticks_us;
   return options;
 }
 
@@ -120,7 +120,7 @@ class Run : public NtpTimePacketHandler::Client {
   Run(Process* process, std::span<const uint8_t> program)
       : process_(process),
         program_(program),
-        world_(WorldOptions(process->steady_us)),
+        world_(WorldOptions(process->steady_ticks_us)),
         servers_(MakeServers(process->runs++)),
         model_(servers_, &process->counters) {
     world_.SetNetwork([this](const sim::SentDatagram& sent) { sent_ = sent; });
@@ -132,7 +132,7 @@ class Run : public NtpTimePacketHandler::Client {
       config::ConfigCenterImpl::GetInstance()->Set(*entry, std::nullopt);
     }
     // Four hours end every hold.
-    process_->steady_us = world_.steady_us() + 5 * kHourUs;
+    process_->steady_ticks_us = world_.steady_ticks_us() + 5 * kHourUs;
   }
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
@@ -210,8 +210,8 @@ class Run : public NtpTimePacketHandler::Client {
 };
 
 void Run::NewHandler() {
-  handler_ = std::make_unique<NtpTimePacketHandler>(this, world_.wall_us() - world_.steady_us());
-  model_.SetClockOffset(world_.wall_us() - world_.steady_us());
+  handler_ = std::make_unique<NtpTimePacketHandler>(this, world_.wall_us() - world_.steady_ticks_us());
+  model_.SetClockOffset(world_.wall_us() - world_.steady_ticks_us());
 }
 
 void Run::Play() {
@@ -223,8 +223,8 @@ void Run::Play() {
           "other source",  "other socket", "other size", "kiss code", "pause",         "send stamp",
           "receive error", "send error",   "settings",   "client"};
       std::fprintf(stderr, "%12lld us: %s %d\n",
-                   static_cast<long long>(world_.steady_us() - world_.begin_us()), kNames[byte >> 4],
-                   byte & 15);
+                   static_cast<long long>(world_.steady_ticks_us() - world_.begin_ticks_us()),
+                   kNames[byte >> 4], byte & 15);
     }
     Do(static_cast<Step>(byte >> 4), byte & 15);
     process_->counters.CheckMoved();
@@ -297,7 +297,7 @@ void Run::SendMany(uint8_t how) {
 
 void Run::Send(size_t server) {
   ++calls_;
-  const auto verdict = model_.BeginSend(server, world_.steady_us());
+  const auto verdict = model_.BeginSend(server, world_.steady_ticks_us());
   const uint64_t thinned = base::KeyMetrics::GetCount("ntp.send_thinned");
   sent_.reset();
   AsTask([&] { handler_->SendPacket(servers_[server]); });
@@ -330,7 +330,7 @@ void Run::CheckSent(size_t server, SocketError error) {
   SKORRA_FUZZ_CHECK(sent_->server == servers_[server] && bytes.size() == 48 && bytes[0] == 0x23);
   SKORRA_FUZZ_CHECK(
       std::all_of(bytes.begin() + 1, bytes.begin() + 40, [](uint8_t byte) { return byte == 0; }));
-  model_.OnLeft(server, sent_->client, NumberAt(bytes, 40, 8), world_.steady_us());
+  model_.OnLeft(server, sent_->client, NumberAt(bytes, 40, 8), world_.steady_ticks_us());
 }
 
 void Run::SetSendError(uint8_t how) {
@@ -354,7 +354,7 @@ void Run::ChangeSettings(uint8_t how) {
     changed_entries_.push_back(&entry);
   };
   if (how >= 8) {
-    int64_t offset_us = world_.wall_us() - world_.steady_us() + kClockErrors[how - 8];
+    int64_t offset_us = world_.wall_us() - world_.steady_ticks_us() + kClockErrors[how - 8];
     if (how >= 14) {
       offset_us = program_.Signed64();
     }
@@ -390,7 +390,7 @@ void Run::StampSend(uint8_t how) {
   if (request == nullptr) {
     return;
   }
-  const int64_t stamp_us = std::min(request->sent_us + int64_t{how} * how * 37, world_.steady_us());
+  const int64_t stamp_us = std::min(request->sent_us + int64_t{how} * how * 37, world_.steady_ticks_us());
   model_.OnSendStamp(*request, stamp_us);
   world_.ReportSent(request->client, request->send_id, stamp_us);
   world_.ReportSent(request->client, 1000000, stamp_us);  // no datagram of that number has left
@@ -405,8 +405,8 @@ HandlerModel::Request* Run::NextRequest() {
 
 // A reply that a server would send: `how` chooses its clock's error and how long it worked on the request.
 std::vector<uint8_t> Run::MakeReply(const HandlerModel::Request& request, uint8_t how) const {
-  const int64_t clock_offset_us = world_.wall_us() - world_.steady_us();
-  const int64_t exchange_us = world_.steady_us() - request.sent_us;
+  const int64_t clock_offset_us = world_.wall_us() - world_.steady_ticks_us();
+  const int64_t exchange_us = world_.steady_ticks_us() - request.sent_us;
   const int64_t works[4] = {std::min<int64_t>(exchange_us, 100), exchange_us, exchange_us + 1,
                             exchange_us / 2};
   const int64_t work_us = works[how % 4];
@@ -484,8 +484,8 @@ void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std:
   if (server) {
     // Only the system's own test of the source may be left out, not the handler's.
     const int64_t waiting_us = source == servers_[*server] ? waiting_us_ : 0;
-    const int64_t arrival_us = world_.steady_us() - waiting_us;
-    model_.OnDatagram(*server, source, bytes, arrival_us, world_.steady_us());
+    const int64_t arrival_us = world_.steady_ticks_us() - waiting_us;
+    model_.OnDatagram(*server, source, bytes, arrival_us, world_.steady_ticks_us());
     if (waiting_us != 0) {
       world_.DeliverAt(source, client, bytes, arrival_us);
     } else {

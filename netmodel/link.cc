@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 
 const char* LinkFateName(LinkFate fate) {
   switch (fate) {
@@ -18,19 +18,19 @@ const char* LinkFateName(LinkFate fate) {
   return "unknown";
 }
 
-bool Link::IsPartitioned(int64_t now_us) const {
-  const int64_t elapsed_us = now_us - begin_us_;
+bool Link::IsPartitioned(int64_t now_ticks_us) const {
+  const int64_t elapsed_us = now_ticks_us - begin_ticks_us_;
   return std::any_of(
       options_.partitions.begin(), options_.partitions.end(),
       [&](const LinkOptions::Window& w) { return w.from_us <= elapsed_us && elapsed_us < w.to_us; });
 }
 
-std::optional<int64_t> Link::PassQueue(int64_t now_us, Random& random) {
+std::optional<int64_t> Link::PassQueue(int64_t now_ticks_us, Random& random) {
   if (options_.service_us <= 0) {
     return 0;
   }
-  const int64_t elapsed_us = std::max<int64_t>(0, now_us - queue_time_us_);
-  queue_time_us_ = std::max(queue_time_us_, now_us);
+  const int64_t elapsed_us = std::max<int64_t>(0, now_ticks_us - queue_ticks_us_);
+  queue_ticks_us_ = std::max(queue_ticks_us_, now_ticks_us);
   int64_t work_us = 0;
   if (options_.load_permille > 0) {
     // After a long silence the queue is what the last seconds made of it.
@@ -45,10 +45,10 @@ std::optional<int64_t> Link::PassQueue(int64_t now_us, Random& random) {
   return backlog_us_;
 }
 
-std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t now_us, Random& random,
+std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t now_ticks_us, Random& random,
                                     LinkFate* fate) {
   std::vector<Arrival> arrivals;
-  if (IsPartitioned(now_us)) {
+  if (IsPartitioned(now_ticks_us)) {
     *fate = LinkFate::kPartitioned;
     return arrivals;
   }
@@ -56,7 +56,7 @@ std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t n
     *fate = LinkFate::kLost;
     return arrivals;
   }
-  const std::optional<int64_t> queued_us = PassQueue(now_us, random);
+  const std::optional<int64_t> queued_us = PassQueue(now_ticks_us, random);
   if (!queued_us) {
     *fate = LinkFate::kQueueFull;
     return arrivals;
@@ -64,10 +64,10 @@ std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t n
   *fate = LinkFate::kCarried;
   const int copies = random.Chance(options_.duplicate_permille) ? 2 : 1;
   for (int copy = 0; copy < copies; ++copy) {
-    Arrival arrival{now_us + options_.delay_us + *queued_us, bytes};
-    arrival.at_us += DrawDelay(random, options_.jitter, options_.jitter_us);
+    Arrival arrival{now_ticks_us + options_.delay_us + *queued_us, bytes};
+    arrival.at_ticks_us += DrawDelay(random, options_.jitter, options_.jitter_us);
     if (random.Chance(options_.reorder_permille)) {
-      arrival.at_us += options_.reorder_us;
+      arrival.at_ticks_us += options_.reorder_us;
     }
     if (!bytes.empty() && random.Chance(options_.corrupt_permille)) {
       for (uint64_t flips = 1 + random.Below(3); flips > 0; --flips) {
@@ -80,4 +80,4 @@ std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t n
   return arrivals;
 }
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

@@ -8,7 +8,7 @@
 
 #include "netmodel/random.h"
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 
 // Probabilities are in 1/1000. Nothing that is left at its default draws a random number.
 struct LinkOptions {
@@ -29,7 +29,7 @@ struct LinkOptions {
   int load_permille = 0;
   int64_t queue_limit_us = 1000000;
 
-  // While one of these lasts nothing enters the link. Microseconds since the world's beginning.
+  // While one of these lasts nothing enters the link. Microseconds since the link's beginning.
   struct Window {
     int64_t from_us;
     int64_t to_us;
@@ -38,7 +38,7 @@ struct LinkOptions {
 };
 
 struct Arrival {
-  int64_t at_us;  // in the time in which it was sent
+  int64_t at_ticks_us;
   std::vector<uint8_t> bytes;
 };
 
@@ -48,23 +48,24 @@ const char* LinkFateName(LinkFate fate);
 
 class Link {
  public:
-  // `begin_us` is the world's beginning in the time in which datagrams are sent.
-  Link(LinkOptions options, int64_t begin_us)
-      : options_(std::move(options)), begin_us_(begin_us), queue_time_us_(begin_us) {}
+  // `begin_ticks_us` is when partitions begin to count.
+  Link(LinkOptions options, int64_t begin_ticks_us)
+      : options_(std::move(options)), begin_ticks_us_(begin_ticks_us), queue_ticks_us_(begin_ticks_us) {}
 
-  // Sends one datagram now; the times of its calls do not go back. None, one or two arrivals.
-  std::vector<Arrival> Transmit(const std::vector<uint8_t>& bytes, int64_t now_us, Random& random,
+  // Sends one datagram at `now_ticks_us`, which must not go back from call to call. Returns no arrival, one
+  // or two.
+  std::vector<Arrival> Transmit(const std::vector<uint8_t>& bytes, int64_t now_ticks_us, Random& random,
                                 LinkFate* fate);
 
  private:
-  bool IsPartitioned(int64_t now_us) const;
+  bool IsPartitioned(int64_t now_ticks_us) const;
   // How long the datagram waits and is served; nothing when it is dropped.
-  std::optional<int64_t> PassQueue(int64_t now_us, Random& random);
+  std::optional<int64_t> PassQueue(int64_t now_ticks_us, Random& random);
 
   LinkOptions options_;
-  int64_t begin_us_;
-  int64_t queue_time_us_;   // when `backlog_us_` was true
+  int64_t begin_ticks_us_;
+  int64_t queue_ticks_us_;  // when `backlog_us_` was true
   int64_t backlog_us_ = 0;  // work that waits in the queue
 };
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 namespace {
 
 constexpr int kFractionBits = 16;
@@ -111,4 +111,4 @@ int64_t DrawDelay(Random& random, Distribution distribution, int64_t mean_us) {
   return 0;
 }
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

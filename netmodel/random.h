@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 
 class Random {
  public:
@@ -35,4 +35,4 @@ const char* DistributionName(Distribution distribution);
 // One delay; `mean_us` is below 2^31.
 int64_t DrawDelay(Random& random, Distribution distribution, int64_t mean_us);
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 namespace {
 
 constexpr int64_t kBillion = 1000000000;
@@ -97,4 +97,4 @@ std::optional<ServerReply> Server::Answer(std::span<const uint8_t> request, cons
   return ServerReply{{bytes.begin(), bytes.end()}, options_.processing_us};
 }
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

@@ -14,7 +14,7 @@
 #include "platform/net/ip_endpoint.h"
 #include "transport/ntp_packet.h"
 
-namespace skorra::sim {
+namespace skorra::netmodel {
 
 // One request and what becomes of it; filled in from the server's options before the script sees it.
 struct Exchange {
@@ -81,4 +81,4 @@ class Server {
   std::map<net::IPEndPoint, Bucket> buckets_;  // by address, the port left out
 };
 
-}  // namespace skorra::sim
+}  // namespace skorra::netmodel

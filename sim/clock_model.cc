@@ -10,11 +10,11 @@ constexpr int64_t kMaxFrequencyPpb = kBillion / 2;
 
 }  // namespace
 
-int64_t ClockModel::At(int64_t base_us) const { return Advance(SegmentAt(base_us), base_us).value_us; }
+int64_t ClockModel::At(int64_t ticks_us) const { return Advance(SegmentAt(ticks_us), ticks_us).wall_us; }
 
-// The segment's line continued to `base_us`. Elapsed time is taken apart so that no product overflows.
-ClockModel::Segment ClockModel::Advance(const Segment& from, int64_t base_us) {
-  const int64_t elapsed_us = base_us - from.base_us;
+// The segment's line continued to `ticks_us`. Elapsed time is taken apart so that no product overflows.
+ClockModel::Segment ClockModel::Advance(const Segment& from, int64_t ticks_us) {
+  const int64_t elapsed_us = ticks_us - from.ticks_us;
   const int64_t scaled = elapsed_us % kBillion * from.frequency_ppb + from.fraction;
   int64_t gained_us = elapsed_us / kBillion * from.frequency_ppb + scaled / kBillion;
   int64_t fraction = scaled % kBillion;
@@ -22,46 +22,47 @@ ClockModel::Segment ClockModel::Advance(const Segment& from, int64_t base_us) {
     fraction += kBillion;
     --gained_us;
   }
-  return {base_us, from.value_us + elapsed_us + gained_us, fraction, from.frequency_ppb};
+  return {ticks_us, from.wall_us + elapsed_us + gained_us, fraction, from.frequency_ppb};
 }
 
-const ClockModel::Segment& ClockModel::SegmentAt(int64_t base_us) const {
-  while (error_.wander_ppb > 0 && next_change_us_ <= base_us) {
-    Segment next = Advance(segments_.back(), next_change_us_);
+const ClockModel::Segment& ClockModel::SegmentAt(int64_t ticks_us) const {
+  while (error_.wander_ppb > 0 && next_change_ticks_us_ <= ticks_us) {
+    Segment next = Advance(segments_.back(), next_change_ticks_us_);
     const auto change = random_.Below(static_cast<uint64_t>(2 * error_.wander_ppb + 1));
     next.frequency_ppb = std::clamp(next.frequency_ppb + static_cast<int64_t>(change) - error_.wander_ppb,
                                     -kMaxFrequencyPpb, kMaxFrequencyPpb);
     segments_.push_back(next);
-    next_change_us_ += error_.wander_interval_us;
+    next_change_ticks_us_ += error_.wander_interval_us;
   }
-  const auto after = std::upper_bound(segments_.begin(), segments_.end(), base_us,
-                                      [](int64_t time_us, const Segment& s) { return time_us < s.base_us; });
+  const auto after =
+      std::upper_bound(segments_.begin(), segments_.end(), ticks_us,
+                       [](int64_t at_ticks_us, const Segment& s) { return at_ticks_us < s.ticks_us; });
   return after == segments_.begin() ? *after : *(after - 1);
 }
 
-// Forgets what was planned for after `base_us`, and returns the state at that moment.
-ClockModel::Segment ClockModel::Cut(int64_t base_us) {
-  const Segment now = Advance(SegmentAt(base_us), base_us);
-  while (segments_.size() > 1 && segments_.back().base_us >= base_us) {
+// Forgets what was planned for after `ticks_us`, and returns the state at that moment.
+ClockModel::Segment ClockModel::Cut(int64_t ticks_us) {
+  const Segment now = Advance(SegmentAt(ticks_us), ticks_us);
+  while (segments_.size() > 1 && segments_.back().ticks_us >= ticks_us) {
     segments_.pop_back();
   }
   return now;
 }
 
-void ClockModel::Step(int64_t base_us, int64_t step_us) {
-  Segment now = Cut(base_us);
-  now.value_us += step_us;
+void ClockModel::Step(int64_t ticks_us, int64_t step_us) {
+  Segment now = Cut(ticks_us);
+  now.wall_us += step_us;
   segments_.push_back(now);
 }
 
-void ClockModel::SetError(int64_t base_us, const ClockError& error, uint64_t seed) {
-  Segment now = Cut(base_us);
+void ClockModel::SetError(int64_t ticks_us, const ClockError& error, uint64_t seed) {
+  Segment now = Cut(ticks_us);
   error_ = error;
   error_.wander_interval_us = std::max<int64_t>(1, error.wander_interval_us);
   now.frequency_ppb = std::clamp(error.frequency_ppb, -kMaxFrequencyPpb, kMaxFrequencyPpb);
   segments_.push_back(now);
-  random_ = Random(seed);
-  next_change_us_ = base_us + error_.wander_interval_us;
+  random_ = netmodel::Random(seed);
+  next_change_ticks_us_ = ticks_us + error_.wander_interval_us;
 }
 
 }  // namespace skorra::sim

@@ -33,7 +33,7 @@ class Network {
 
   // Adds a server, or replaces the one at that address; the replies of the old one that are under way still
   // arrive.
-  void AddServer(const net::IPEndPoint& address, ServerOptions options);
+  void AddServer(const net::IPEndPoint& address, netmodel::ServerOptions options);
   void RemoveServer(const net::IPEndPoint& address) { sites_.erase(address); }
 
   // Calls `listener` with every request when it is sent, before anything happens to it.
@@ -46,13 +46,13 @@ class Network {
 
  private:
   struct Site {
-    Server server;
-    Link to_server;
-    Link to_client;
+    netmodel::Server server;
+    netmodel::Link to_server;
+    netmodel::Link to_client;
   };
 
   void OnSent(const SentDatagram& sent);
-  void OnArrivedAtServer(const SentDatagram& sent, const Arrival& arrival);
+  void OnArrivedAtServer(const SentDatagram& sent, const netmodel::Arrival& arrival);
 
   World& world_;
   std::map<net::IPEndPoint, Site> sites_;

@@ -12,11 +12,11 @@ Time Time::Now() {
       TimeDelta::FromMicroseconds(skorra::sim::World::Current().wall_us()));
 }
 
-int64_t GetSteadyTimeTicks() { return skorra::sim::World::Current().steady_us(); }
+int64_t GetSteadyTimeTicks() { return skorra::sim::World::Current().steady_ticks_us(); }
 
 int64_t GetSystemTimeOffsetFromSteady() {
   const skorra::sim::World& world = skorra::sim::World::Current();
-  return world.wall_us() - world.steady_us();
+  return world.wall_us() - world.steady_ticks_us();
 }
 
 uint64_t RandUint64() { return skorra::sim::World::Current().NextRandom(); }

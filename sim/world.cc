@@ -30,10 +30,10 @@ class World::Queue : public core::TaskQueue {
 };
 
 World::World(const Options& options)
-    : begin_us_(options.steady_us),
-      steady_us_(options.steady_us),
-      wall_(options.steady_us, options.wall_us),
-      true_(options.steady_us, options.wall_us),
+    : begin_ticks_us_(options.steady_ticks_us),
+      steady_ticks_us_(options.steady_ticks_us),
+      wall_(options.steady_ticks_us, options.wall_us),
+      true_(options.steady_ticks_us, options.wall_us),
       random_(options.seed) {
   current_world = this;
 }
@@ -50,7 +50,7 @@ World& World::Current() {
 
 void World::StepWall(base::TimeDelta step) {
   Log("the wall clock steps by %lld us", static_cast<long long>(step.InMicroseconds()));
-  wall_.Step(steady_us_, step.InMicroseconds());
+  wall_.Step(steady_ticks_us_, step.InMicroseconds());
 }
 
 void World::SetSteadyError(const ClockError& error) {
@@ -58,15 +58,15 @@ void World::SetSteadyError(const ClockError& error) {
   constexpr int64_t kBillion = 1000000000;
   ClockError inverse = error;
   inverse.frequency_ppb = -error.frequency_ppb * kBillion / (kBillion + error.frequency_ppb);
-  true_.SetError(steady_us_, inverse, random_.Next());
+  true_.SetError(steady_ticks_us_, inverse, random_.Next());
 }
 
-void World::SetWallError(const ClockError& error) { wall_.SetError(steady_us_, error, random_.Next()); }
+void World::SetWallError(const ClockError& error) { wall_.SetError(steady_ticks_us_, error, random_.Next()); }
 
 void World::Suspend(base::TimeDelta duration) {
   Log("suspended for %lld us", static_cast<long long>(duration.InMicroseconds()));
-  suspends_.emplace_back(steady_us_, steady_us_ + duration.InMicroseconds());
-  steady_us_ = suspends_.back().second;
+  suspends_.emplace_back(steady_ticks_us_, steady_ticks_us_ + duration.InMicroseconds());
+  steady_ticks_us_ = suspends_.back().second;
   Log("awake");
 }
 
@@ -80,7 +80,7 @@ void World::Log(const char* format, ...) {
   if (!event_log_) {
     return;
   }
-  const int64_t elapsed_us = steady_us_ - begin_us_;
+  const int64_t elapsed_us = steady_ticks_us_ - begin_ticks_us_;
   char text[4096];
   const int length =
       std::snprintf(text, sizeof(text), "%6lld.%06lld ", static_cast<long long>(elapsed_us / 1000000),
@@ -97,10 +97,10 @@ void World::RunFor(base::TimeDelta duration) {
 }
 
 bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
-  const int64_t end_us = base::internal::SaturatingAdd(steady_us_, limit.InMicroseconds());
+  const int64_t end_ticks_us = base::internal::SaturatingAdd(steady_ticks_us_, limit.InMicroseconds());
   while (!done()) {
-    if (events_.empty() || events_.begin()->first.first > end_us) {
-      steady_us_ = std::max(steady_us_, end_us);
+    if (events_.empty() || events_.begin()->first.first > end_ticks_us) {
+      steady_ticks_us_ = std::max(steady_ticks_us_, end_ticks_us);
       return false;
     }
     RunOne();
@@ -110,10 +110,12 @@ bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
 
 void World::Schedule(base::TimeDelta delay, std::function<void()> event) {
   // An endless delay stays endless.
-  AddEvent(base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), std::move(event));
+  AddEvent(base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), std::move(event));
 }
 
-void World::ScheduleAt(int64_t due_us, std::function<void()> event) { AddEvent(due_us, std::move(event)); }
+void World::ScheduleAt(int64_t due_ticks_us, std::function<void()> event) {
+  AddEvent(due_ticks_us, std::move(event));
+}
 
 void World::RunAsTask(core::BusinessID business, const std::function<void()>& function) {
   RunTask(GetTaskQueue(business, -1).get(), function);
@@ -128,18 +130,18 @@ void World::RunTask(const core::TaskQueue* queue, const std::function<void()>& t
 void World::Post(Queue* queue, const base::Location& from, base::OnceCallback<void()>&& task,
                  base::TimeDelta delay) {
   const int64_t delay_us = std::max<int64_t>(0, delay.InMicroseconds());
-  posted_.push_back({from, steady_us_, delay_us});
+  posted_.push_back({from, steady_ticks_us_, delay_us});
   // A std::function must be copyable, a closure is not: it waits in shared storage.
   const auto waiting = std::make_shared<base::OnceCallback<void()>>(std::move(task));
-  AddEvent(base::internal::SaturatingAdd(steady_us_, delay_us), [this, queue, waiting] {
+  AddEvent(base::internal::SaturatingAdd(steady_ticks_us_, delay_us), [this, queue, waiting] {
     if (!waiting->IsCancelled()) {
       RunTask(queue, [&] { std::move(*waiting).Run(); });
     }
   });
 }
 
-void World::AddEvent(int64_t due_us, std::function<void()> run) {
-  events_.emplace(EventKey(due_us, next_sequence_++), Event{std::move(run)});
+void World::AddEvent(int64_t due_ticks_us, std::function<void()> run) {
+  events_.emplace(EventKey(due_ticks_us, next_sequence_++), Event{std::move(run)});
 }
 
 bool World::RunOne() {
@@ -147,7 +149,7 @@ bool World::RunOne() {
     return false;
   }
   const auto node = events_.extract(events_.begin());
-  steady_us_ = std::max(steady_us_, node.key().first);
+  steady_ticks_us_ = std::max(steady_ticks_us_, node.key().first);
   node.mapped().run();
   return true;
 }
@@ -173,27 +175,27 @@ std::shared_ptr<core::TaskQueue> World::GetTaskQueue(core::BusinessID business, 
 void World::Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
                     base::TimeDelta delay) {
   ScheduleArrival(source, client, std::move(bytes),
-                  base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), true);
+                  base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), true);
 }
 
 void World::DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& client,
-                      std::vector<uint8_t> bytes, int64_t arrival_us) {
-  ScheduleArrival(source, client, std::move(bytes), arrival_us, true);
+                      std::vector<uint8_t> bytes, int64_t arrival_ticks_us) {
+  ScheduleArrival(source, client, std::move(bytes), arrival_ticks_us, true);
 }
 
 void World::DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
                                 std::vector<uint8_t> bytes, base::TimeDelta delay) {
   ScheduleArrival(source, client, std::move(bytes),
-                  base::internal::SaturatingAdd(steady_us_, delay.InMicroseconds()), false);
+                  base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), false);
 }
 
 // The arrival is stamped with its own moment, also when a blocked task keeps it from being read at once.
 void World::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
-                            std::vector<uint8_t> bytes, int64_t arrival_us, bool is_filtered) {
-  AddEvent(arrival_us, [=, this, bytes = std::move(bytes)] {
+                            std::vector<uint8_t> bytes, int64_t arrival_ticks_us, bool is_filtered) {
+  AddEvent(arrival_ticks_us, [=, this, bytes = std::move(bytes)] {
     const auto found = sockets_.find(client);
     const bool is_heard = found != sockets_.end() && (!is_filtered || found->second->remote == source) &&
-                          found->second->callbacks.on_datagram && !IsSuspendedAt(arrival_us);
+                          found->second->callbacks.on_datagram && !IsSuspendedAt(arrival_ticks_us);
     if (event_log_) {
       Log("%s %s -> %s", is_heard ? "arrives" : "dropped at arrival", source.ToString().c_str(),
           client.ToString().c_str());
@@ -206,7 +208,7 @@ void World::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint
       const std::span<const uint8_t> read(bytes);
       found->second->callbacks.on_datagram({.bytes = is_truncated ? read.first(net::kMaxDatagramBytes) : read,
                                             .source = source,
-                                            .receive_ticks_us = arrival_us,
+                                            .receive_ticks_us = arrival_ticks_us,
                                             .stamp_source = net::StampSource::kKernel,
                                             .is_truncated = is_truncated});
     });
@@ -269,7 +271,7 @@ net::SocketError World::Send(Socket& socket, std::span<const uint8_t> bytes, uin
     Log("sends %s -> %s", socket.local.ToString().c_str(), socket.remote.ToString().c_str());
   }
   if (network_) {
-    network_({socket.remote, socket.local, {bytes.begin(), bytes.end()}, steady_us_});
+    network_({socket.remote, socket.local, {bytes.begin(), bytes.end()}, steady_ticks_us_});
   }
   return net::SocketError::kNone;
 }

@@ -68,7 +68,7 @@ class World {
     uint64_t seed = 1;
     // Microseconds since 1601-01-01 UTC; the default is 2024-01-01 00:00:00 UTC.
     int64_t wall_us = 13348540800000000;
-    int64_t steady_us = 5000000000;
+    int64_t steady_ticks_us = 5000000000;
   };
 
   World() : World(Options()) {}
@@ -83,13 +83,13 @@ class World {
   // --- Clocks. All times in microseconds; wall clock and truth count from 1601-01-01 UTC. Events are due by
   // the steady clock, as a machine's timers are; so are the delays of links.
 
-  int64_t steady_us() const { return steady_us_; }
-  int64_t wall_us() const { return wall_.At(steady_us_); }
+  int64_t steady_ticks_us() const { return steady_ticks_us_; }
+  int64_t wall_us() const { return wall_.At(steady_ticks_us_); }
   // The time that a faultless clock would show. It begins as the wall clock does.
-  int64_t true_us() const { return true_.At(steady_us_); }
+  int64_t true_us() const { return true_.At(steady_ticks_us_); }
   int64_t TrueAt(int64_t ticks_us) const { return true_.At(ticks_us); }
   // The steady time at which the world began.
-  int64_t begin_us() const { return begin_us_; }
+  int64_t begin_ticks_us() const { return begin_ticks_us_; }
 
   // Only the wall clock steps; steady time and truth do not.
   void StepWall(base::TimeDelta step);
@@ -111,11 +111,11 @@ class World {
   bool RunOne();
   // When the earliest event is due, in steady ticks. What is due in the past has waited for a blocked task.
   std::optional<int64_t> NextEventTicks() const;
-  // Runs `event` outside any queue once `delay` has passed, or once it is `due_us` by the steady clock.
+  // Runs `event` outside any queue once `delay` has passed, or once it is `due_ticks_us` by the steady clock.
   void Schedule(base::TimeDelta delay, std::function<void()> event);
-  void ScheduleAt(int64_t due_us, std::function<void()> event);
+  void ScheduleAt(int64_t due_ticks_us, std::function<void()> event);
   // Lets time pass without running anything, as a task does that blocks.
-  void Block(base::TimeDelta duration) { steady_us_ += duration.InMicroseconds(); }
+  void Block(base::TimeDelta duration) { steady_ticks_us_ += duration.InMicroseconds(); }
   // Runs `function` now, as if it were a task of the queue of `business`.
   void RunAsTask(core::BusinessID business, const std::function<void()>& function);
 
@@ -135,7 +135,7 @@ class World {
                base::TimeDelta delay);
   // The same at a moment of the steady clock, which may have passed while a task blocked.
   void DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
-                 int64_t arrival_us);
+                 int64_t arrival_ticks_us);
   // The same as `Deliver` without that test.
   void DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
                            std::vector<uint8_t> bytes, base::TimeDelta delay);
@@ -157,7 +157,7 @@ class World {
 
   // The next 64 bits of the world's generator.
   uint64_t NextRandom() { return random_.Next(); }
-  Random& random() { return random_; }
+  netmodel::Random& random() { return random_; }
 
   // --- The log of events, for replays: byte for byte the same for the same program and seed.
 
@@ -187,19 +187,19 @@ class World {
   void Post(Queue* queue, const base::Location& from, base::OnceCallback<void()>&& task,
             base::TimeDelta delay);
   void RunTask(const core::TaskQueue* queue, const std::function<void()>& task);
-  void AddEvent(int64_t due_us, std::function<void()> run);
+  void AddEvent(int64_t due_ticks_us, std::function<void()> run);
   void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
-                       std::vector<uint8_t> bytes, int64_t arrival_us, bool is_filtered);
+                       std::vector<uint8_t> bytes, int64_t arrival_ticks_us, bool is_filtered);
   bool IsSuspendedAt(int64_t ticks_us) const;
   HostEntry FindHost(const std::string& host) const;
   net::ResolveResult AnswerLookUp(const HostEntry& entry, const std::string& host, uint16_t port,
                                   base::TimeDelta timeout);
 
-  const int64_t begin_us_;
-  int64_t steady_us_;
+  const int64_t begin_ticks_us_;
+  int64_t steady_ticks_us_;
   ClockModel wall_;  // against the steady clock
   ClockModel true_;  // against the steady clock
-  Random random_;
+  netmodel::Random random_;
   std::vector<std::pair<int64_t, int64_t>> suspends_;  // from, to
   std::function<void(const std::string&)> event_log_;
 

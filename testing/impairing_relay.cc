@@ -36,10 +36,10 @@ ImpairingRelay::ImpairingRelay(const net::IPEndPoint& server, Options options)
     : server_(server),
       front_(server.family()),
       end_fd_(eventfd(0, EFD_CLOEXEC)),
-      to_server_{sim::Link(std::move(options.to_server), base::GetSteadyTimeTicks()),
-                 sim::Random(options.seed)},
-      to_client_{sim::Link(std::move(options.to_client), base::GetSteadyTimeTicks()),
-                 sim::Random(~options.seed)},
+      to_server_{netmodel::Link(std::move(options.to_server), base::GetSteadyTimeTicks()),
+                 netmodel::Random(options.seed)},
+      to_client_{netmodel::Link(std::move(options.to_client), base::GetSteadyTimeTicks()),
+                 netmodel::Random(~options.seed)},
       thread_([this] { Run(); }) {}
 
 ImpairingRelay::~ImpairingRelay() {
@@ -93,14 +93,14 @@ void ImpairingRelay::TakeFromServer(const Client& client) {
 }
 
 void ImpairingRelay::Accept(Direction& direction, const Client& client, const std::vector<uint8_t>& bytes) {
-  sim::LinkFate fate{};
+  netmodel::LinkFate fate{};
   auto arrivals = direction.link.Transmit(bytes, base::GetSteadyTimeTicks(), direction.random, &fate);
   const std::lock_guard guard(mutex_);
   const uint64_t number = ++direction.counts.received;
   direction.counts.lost += arrivals.empty() ? 1 : 0;
   direction.counts.duplicated += arrivals.size() > 1 ? 1 : 0;
-  for (sim::Arrival& arrival : arrivals) {
-    under_way_.emplace(arrival.at_us, Parcel{&direction, &client, number, std::move(arrival.bytes)});
+  for (netmodel::Arrival& arrival : arrivals) {
+    under_way_.emplace(arrival.at_ticks_us, Parcel{&direction, &client, number, std::move(arrival.bytes)});
   }
 }
 

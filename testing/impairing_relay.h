@@ -29,8 +29,8 @@ uint64_t RelaySeed();
 class ImpairingRelay {
  public:
   struct Options {
-    sim::LinkOptions to_server{.delay_us = 0};
-    sim::LinkOptions to_client{.delay_us = 0};
+    netmodel::LinkOptions to_server{.delay_us = 0};
+    netmodel::LinkOptions to_client{.delay_us = 0};
     uint64_t seed = RelaySeed();
   };
   struct Counts {
@@ -62,8 +62,8 @@ class ImpairingRelay {
     const LoopbackUdp socket;
   };
   struct Direction {
-    sim::Link link;
-    sim::Random random;
+    netmodel::Link link;
+    netmodel::Random random;
     Counts counts = {};   // under mutex_
     uint64_t newest = 0;  // the largest number of a datagram that was passed on
   };

@@ -11,7 +11,7 @@
 
 namespace skorra {
 
-LoopbackNtpServer::LoopbackNtpServer(sim::ServerOptions options, const net::IPEndPoint& listen)
+LoopbackNtpServer::LoopbackNtpServer(netmodel::ServerOptions options, const net::IPEndPoint& listen)
     : socket_(listen),
       end_fd_(eventfd(0, EFD_CLOEXEC)),
       server_(std::move(options)),
@@ -25,7 +25,7 @@ LoopbackNtpServer::~LoopbackNtpServer() {
 
 void LoopbackNtpServer::Run() {
   const int64_t begin_us = base::GetSteadyTimeTicks();
-  sim::Random random(1);
+  netmodel::Random random(1);
   pollfd sources[] = {{end_fd_, POLLIN, 0}, {socket_.fd(), POLLIN, 0}};
   while (poll(sources, 2, -1) >= 0 && sources[0].revents == 0) {
     net::IPEndPoint client;

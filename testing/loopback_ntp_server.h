@@ -20,7 +20,7 @@ namespace skorra {
 class LoopbackNtpServer {
  public:
   // Port 0 takes a free one.
-  explicit LoopbackNtpServer(sim::ServerOptions options,
+  explicit LoopbackNtpServer(netmodel::ServerOptions options,
                              const net::IPEndPoint& listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0));
   ~LoopbackNtpServer();
   LoopbackNtpServer(const LoopbackNtpServer&) = delete;
@@ -37,7 +37,7 @@ class LoopbackNtpServer {
 
   const LoopbackUdp socket_;
   const int end_fd_;  // readable when the thread is to end
-  sim::Server server_;
+  netmodel::Server server_;
   std::atomic<uint64_t> requests_{0};
   std::atomic<uint64_t> kisses_{0};
   std::thread thread_;

@@ -43,7 +43,7 @@ class LedgerModel {
 
   Account& Of(int address) { return accounts_[static_cast<size_t>(address)]; }
 
-  sim::Random random_;
+  netmodel::Random random_;
   std::array<Account, kAddressCount> accounts_;
   std::array<std::optional<Burst>, kAddressCount> bursts_;
 };

@@ -157,8 +157,8 @@ Glimpse ManagerSide::Look() {
 
 SideBySide::SideBySide(uint64_t seed)
     : world({.seed = seed}),
-      surroundings(seed, world.wall_us() - world.steady_us()),
-      model(surroundings, world.steady_us(), seed) {
+      surroundings(seed, world.wall_us() - world.steady_ticks_us()),
+      model(surroundings, world.steady_ticks_us(), seed) {
   NtpAddressLedger::GetInstance()->Clear();
   base::SetLogThreshold(0);
   base::SetLogSink([this](const base::LogLine& line) {
@@ -202,8 +202,8 @@ bool SideBySide::PassUntil(int64_t ticks_us) {
       return false;
     }
   }
-  if (ticks_us > world.steady_us()) {
-    world.RunFor(base::TimeDelta::FromMicroseconds(ticks_us - world.steady_us()));
+  if (ticks_us > world.steady_ticks_us()) {
+    world.RunFor(base::TimeDelta::FromMicroseconds(ticks_us - world.steady_ticks_us()));
   }
   model.WaitUntil(ticks_us);
   return Compare();
@@ -328,7 +328,7 @@ void SideBySide::CompareTraces() {
 
 void SideBySide::CompareMembers() {
   NtpTimeManagerPeer& peer = real.peer;
-  Check("steady ticks", world.steady_us(), model.now_us);
+  Check("steady ticks", world.steady_ticks_us(), model.now_us);
   Check("pending tasks and arrivals", world.pending_count(), model.pending_count());
   Check("next due", world.NextEventTicks().value_or(ManagerModel::kNever), model.NextDue());
   Check("is_started", peer.is_started().load(), model.is_started);

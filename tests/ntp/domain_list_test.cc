@@ -80,7 +80,7 @@ TEST_F(DomainListTest, AnEmptyListWhileIdleSchedulesTheStop) {
 }
 
 TEST_F(DomainListTest, AnEmptyListDuringAnAttemptRestartsFinishedDomains) {
-  network.AddServer(Address("192.0.2.1"), {.script = [](sim::Exchange& e) { e.is_answered = false; }});
+  network.AddServer(Address("192.0.2.1"), {.script = [](netmodel::Exchange& e) { e.is_answered = false; }});
   AddDomains({"a.test", "b.test"});
   manager().Start();
   world.RunFor(Us(0));

@@ -123,7 +123,7 @@ TEST_F(LifecycleTest, AStartWithinTheThirtySecondsDoesNotPreventTheStop) {
   world.RunFor(S(29));
   peer.is_reliable() = false;
   // The new attempt meets silence and is still waiting when the stop of the first one comes.
-  network.AddServer(Address("192.0.2.10"), {.script = [](sim::Exchange& e) { e.is_answered = false; }});
+  network.AddServer(Address("192.0.2.10"), {.script = [](netmodel::Exchange& e) { e.is_answered = false; }});
   EXPECT_EQ(manager().Start(), 0);
   world.RunFor(S(1));
   EXPECT_EQ(StopLines(), 1u);

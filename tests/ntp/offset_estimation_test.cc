@@ -398,7 +398,7 @@ TEST_F(OffsetEstimationTest, TheClockErrorOfASteadyServerIsFoundToTheMicrosecond
 }
 
 TEST_F(OffsetEstimationTest, AFewLyingRepliesDoNotMoveTheResult) {
-  network.AddServer(Address(kName), {.clock_error_us = 2000, .script = [](sim::Exchange& exchange) {
+  network.AddServer(Address(kName), {.clock_error_us = 2000, .script = [](netmodel::Exchange& exchange) {
                                        if (exchange.index % 5 == 0) {
                                          exchange.clock_error_us += 3600000000;
                                        }

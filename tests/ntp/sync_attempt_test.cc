@@ -15,8 +15,8 @@ class SyncAttemptTest : public ManagerTest {
   static constexpr int64_t kBurst = 20;
 
   // Replies whose offsets scatter by 40 ms: usable, but not reliable.
-  static sim::ServerOptions Scattered() {
-    return {.script = [](sim::Exchange& e) { e.clock_error_us = e.index % 2 == 0 ? 40000 : -40000; }};
+  static netmodel::ServerOptions Scattered() {
+    return {.script = [](netmodel::Exchange& e) { e.clock_error_us = e.index % 2 == 0 ? 40000 : -40000; }};
   }
 
   // When requests reached the network at `address`, in microseconds after `start_us`.
@@ -82,7 +82,7 @@ TEST_F(SyncAttemptTest, ABurstIsTwentyRequestsTenMillisecondsApartAndOneDirectCh
   AddDomains({"a.test"});
   manager().Start();
   const size_t before = world.posted().size();
-  const int64_t start_us = world.steady_us();
+  const int64_t start_us = world.steady_ticks_us();
   world.RunFor(Us(0));
   for (int64_t k = 0; k < kBurst; ++k) {
     EXPECT_EQ(world.posted()[before + static_cast<size_t>(k)].delay_us, k * 10000);
@@ -166,7 +166,7 @@ TEST_F(SyncAttemptTest, ADomainWithoutAResultIsRetriedWithAFreshBurstAndAFreshTi
   AddDomains({"two.test"});
   network.AddServer(Address("192.0.2.9"), {});
   manager().AddObserver(observer);
-  const int64_t start_us = world.steady_us();
+  const int64_t start_us = world.steady_ticks_us();
   manager().Start();
   world.RunFor(Ms(3100));
   // Checks run every 200 ms; the one at 3.0 s finds the time up.
@@ -184,10 +184,10 @@ TEST_F(SyncAttemptTest, ADomainWithoutAResultIsRetriedWithAFreshBurstAndAFreshTi
 TEST_F(SyncAttemptTest, TheRetriesEndWhenTheDomainRefuses) {
   AddDomains({"two.test"});
   manager().AddObserver(observer);
-  const int64_t start_us = world.steady_us();
+  const int64_t start_us = world.steady_ticks_us();
   manager().Start();
   ASSERT_TRUE(world.RunUntil([&] { return !observer->outcomes.empty(); }, S(60)));
-  EXPECT_EQ(world.steady_us() - start_us, 6000000);
+  EXPECT_EQ(world.steady_ticks_us() - start_us, 6000000);
   EXPECT_EQ(observer->outcomes[0].result, NtpResult::kNoResult);
   EXPECT_EQ(network.requests(Address("192.0.2.8")).size(), 20u);
   EXPECT_EQ(network.requests(Address("192.0.2.9")).size(), 20u);
@@ -197,7 +197,7 @@ TEST_F(SyncAttemptTest, TheRetriesEndWhenTheDomainRefuses) {
 TEST_F(SyncAttemptTest, AnOnlyAddressFromWhichNothingCameBackIsAskedOnceMore) {
   AddDomains({"a.test"});
   manager().AddObserver(observer);
-  const int64_t start_us = world.steady_us();
+  const int64_t start_us = world.steady_ticks_us();
   manager().Start();
   world.RunFor(Us(2999999));
   EXPECT_EQ(peer.total_retry_count(), 0u);
@@ -221,7 +221,7 @@ TEST_F(SyncAttemptTest, AnOnlyAddressFromWhichNothingCameBackIsAskedOnceMore) {
 TEST_F(SyncAttemptTest, TheSecondBurstToAnOnlyAddressMaySucceed) {
   AddDomains({"a.test"});
   network.AddServer(Address("192.0.2.1"),
-                    {.script = [](sim::Exchange& e) { e.is_answered = e.index >= 20; }});
+                    {.script = [](netmodel::Exchange& e) { e.is_answered = e.index >= 20; }});
   manager().AddObserver(observer);
   manager().Start();
   world.RunFor(Ms(3199));
@@ -236,12 +236,12 @@ TEST_F(SyncAttemptTest, AnOnlyAddressFromWhichAnythingCameBackIsNotAskedAgain) {
   // One reply in twenty, and that one useless: the server is there.
   network.AddServer(Address("192.0.2.1"),
                     {.leap_indicator = kNtpLeapUnsynchronized,
-                     .script = [](sim::Exchange& e) { e.is_answered = e.index == 19; }});
+                     .script = [](netmodel::Exchange& e) { e.is_answered = e.index == 19; }});
   manager().AddObserver(observer);
-  const int64_t start_us = world.steady_us();
+  const int64_t start_us = world.steady_ticks_us();
   manager().Start();
   ASSERT_TRUE(world.RunUntil([&] { return !observer->outcomes.empty(); }, S(60)));
-  EXPECT_EQ(world.steady_us() - start_us, 3000000);
+  EXPECT_EQ(world.steady_ticks_us() - start_us, 3000000);
   world.RunFor(S(60));
   EXPECT_EQ(SentAt("192.0.2.1", start_us), BurstFrom(0));
 }

@@ -117,7 +117,7 @@ TEST_F(SyncOutcomeTest, TheFirstSuccessReplacesTheProvisionalOffset) {
   peer.manager().OnFirstPacketReceived(999);
   Receive(first, Good(1500));
   world.RunFor(Ms(200));
-  EXPECT_EQ(kept(), (Kept{1500, kGood, true, true, world.wall_us() - world.steady_us()}));
+  EXPECT_EQ(kept(), (Kept{1500, kGood, true, true, world.wall_us() - world.steady_ticks_us()}));
   ASSERT_EQ(observer->outcomes.size(), 1u);
   EXPECT_EQ(observer->outcomes[0].result, kGood);
   EXPECT_EQ(observer->outcomes[0].message, "success");
@@ -291,7 +291,7 @@ TEST_F(SyncOutcomeTest, WhenNothingWasKeptAFailureDiscardsTheProvisionalOffset) 
   const uint64_t finished = base::KeyMetrics::GetPV(37006);
   const uint64_t succeeded = base::KeyMetrics::GetPV(37005);
   world.RunFor(S(3));
-  EXPECT_EQ(kept(), (Kept{INT64_MAX, kNone, false, false, world.wall_us() - world.steady_us()}));
+  EXPECT_EQ(kept(), (Kept{INT64_MAX, kNone, false, false, world.wall_us() - world.steady_ticks_us()}));
   EXPECT_EQ(manager().GetNtpTimestampFrom1970(), 0);
   EXPECT_THAT(log, ::testing::ElementsAre(
                        Line{0, "NTP time sync failed:192.0.2.11, use sample count:0, IP:192.0.2.11:123"}));
@@ -346,7 +346,7 @@ TEST_F(SyncOutcomeTest, AFailureBesideAKeptPoorResultPrintsThatItHadNoOffset) {
   ASSERT_EQ(peer.ntp_offset_us(), 4000);
   observer->outcomes.clear();
   Attempt({});
-  EXPECT_EQ(kept(), (Kept{4000, kPoor, true, false, world.wall_us() - world.steady_us()}));
+  EXPECT_EQ(kept(), (Kept{4000, kPoor, true, false, world.wall_us() - world.steady_ticks_us()}));
   EXPECT_THAT(log, ::testing::ElementsAre(
                        Line{0, "Use last sync result:1, offset:4000, reliable:0, rtt reliable:1"},
                        Line{0,
@@ -363,7 +363,7 @@ TEST_F(SyncOutcomeTest, OfTwoPoorResultsTheNewerOneIsKept) {
   Attempt(Poor(4000));
   EXPECT_EQ(peer.ntp_offset_us(), 4000);
   Attempt(Poor(5000));
-  EXPECT_EQ(kept(), (Kept{5000, kPoor, true, false, world.wall_us() - world.steady_us()}));
+  EXPECT_EQ(kept(), (Kept{5000, kPoor, true, false, world.wall_us() - world.steady_ticks_us()}));
   EXPECT_EQ(observer->outcomes.size(), 2u);
 }
 

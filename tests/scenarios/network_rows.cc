@@ -4,8 +4,8 @@
 namespace skorra {
 namespace {
 
+using netmodel::Distribution;
 using sim::AttackerOptions;
-using sim::Distribution;
 
 // The story of most rows: one attempt, and a few seconds to hear of it.
 void SyncOnce(Run& run) {
@@ -14,11 +14,12 @@ void SyncOnce(Run& run) {
   run.For(5 * kSecond);
 }
 
-std::function<void(Run&)> Path(const sim::LinkOptions& to_server, const sim::LinkOptions& to_client) {
+std::function<void(Run&)> Path(const netmodel::LinkOptions& to_server,
+                               const netmodel::LinkOptions& to_client) {
   return OneServer({.to_server = to_server, .to_client = to_client});
 }
 
-std::function<void(Run&)> Path(const sim::LinkOptions& both) { return Path(both, both); }
+std::function<void(Run&)> Path(const netmodel::LinkOptions& both) { return Path(both, both); }
 
 std::function<void(Run&)> AttackedPath(const AttackerOptions& options) {
   return [=](Run& run) {

@@ -27,7 +27,7 @@ inline void SyncWithRepetition(Run& run) {
 }
 
 // One server at kA, under the name "time.test".
-inline std::function<void(Run&)> OneServer(const sim::ServerOptions& options) {
+inline std::function<void(Run&)> OneServer(const netmodel::ServerOptions& options) {
   return [options](Run& run) {
     run.SetHost("time.test", {kA});
     run.AddServer(kA, options);
@@ -35,8 +35,9 @@ inline std::function<void(Run&)> OneServer(const sim::ServerOptions& options) {
 }
 
 // Readings 100 ms ahead and behind in turn: usable, but they do not agree.
-inline sim::ServerOptions Scattered() {
-  return {.script = [](sim::Exchange& e) { e.clock_error_us = e.index % 2 == 0 ? 100 * kMs : -100 * kMs; }};
+inline netmodel::ServerOptions Scattered() {
+  return {
+      .script = [](netmodel::Exchange& e) { e.clock_error_us = e.index % 2 == 0 ? 100 * kMs : -100 * kMs; }};
 }
 
 inline std::vector<Scenario> Concatenate(std::initializer_list<std::vector<Scenario>> tables) {

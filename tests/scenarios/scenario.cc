@@ -186,14 +186,14 @@ int64_t Run::rms_error_us() const {
 const std::vector<int>& Run::outcomes() const { return listener_->outcomes; }
 
 void Run::For(int64_t duration_us) {
-  const int64_t end_us = world.steady_us() + duration_us;
+  const int64_t end_us = world.steady_ticks_us() + duration_us;
   const int64_t slice_us = duration_us > 2 * kMinute ? kSecond : 10 * kMs;
-  while (world.steady_us() < end_us) {
-    if (read_interval_us_ > 0 && world.steady_us() >= next_read_us_) {
-      next_read_us_ = world.steady_us() + read_interval_us_;
+  while (world.steady_ticks_us() < end_us) {
+    if (read_interval_us_ > 0 && world.steady_ticks_us() >= next_read_us_) {
+      next_read_us_ = world.steady_ticks_us() + read_interval_us_;
       manager().GetNtpTimestampFrom1970();
     }
-    world.RunFor(base::TimeDelta::FromMicroseconds(std::min(slice_us, end_us - world.steady_us())));
+    world.RunFor(base::TimeDelta::FromMicroseconds(std::min(slice_us, end_us - world.steady_ticks_us())));
     Measure();
   }
 }
@@ -203,7 +203,7 @@ void Run::Measure() {
     return;
   }
   if (!first_result_us_) {
-    first_result_us_ = world.steady_us() - world.begin_us();
+    first_result_us_ = world.steady_ticks_us() - world.begin_ticks_us();
   }
   const int64_t error_us = std::abs(ErrorUs());
   max_error_us_ = std::max(max_error_us_, error_us);

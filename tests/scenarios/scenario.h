@@ -62,7 +62,7 @@ class Run {
   static net::IPEndPoint Address(const std::string& address, uint16_t port = 123) {
     return *net::IPEndPoint::FromLiteral(address, port);
   }
-  void AddServer(const std::string& address, sim::ServerOptions options) {
+  void AddServer(const std::string& address, netmodel::ServerOptions options) {
     network.AddServer(Address(address), std::move(options));
   }
   void SetHost(const std::string& name, const std::vector<std::string>& addresses);
@@ -89,7 +89,7 @@ class Run {
   // From now on the clock is read this often, as an application does.
   void ReadEvery(int64_t interval_us) {
     read_interval_us_ = interval_us;
-    next_read_us_ = world.steady_us();
+    next_read_us_ = world.steady_ticks_us();
   }
 
   // --- What was measured.

@@ -5,8 +5,8 @@ namespace skorra {
 namespace {
 
 // Three names, one server each.
-std::function<void(Run&)> ThreeServers(const sim::ServerOptions& a, const sim::ServerOptions& b,
-                                       const sim::ServerOptions& c) {
+std::function<void(Run&)> ThreeServers(const netmodel::ServerOptions& a, const netmodel::ServerOptions& b,
+                                       const netmodel::ServerOptions& c) {
   return [=](Run& run) {
     run.SetHost("a.test", {kA});
     run.SetHost("b.test", {kB});
@@ -17,7 +17,7 @@ std::function<void(Run&)> ThreeServers(const sim::ServerOptions& a, const sim::S
   };
 }
 
-sim::ServerOptions Far(sim::ServerOptions options) {
+netmodel::ServerOptions Far(netmodel::ServerOptions options) {
   options.to_server.delay_us = options.to_client.delay_us = 120 * kMs;
   return options;
 }
@@ -168,7 +168,7 @@ void AttemptEvery(Run& run, int64_t interval_us, int count) {
 }
 
 // Two replies, and RATE for every request beyond.
-const sim::RateLimit kTwoThenRate = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1};
+const netmodel::RateLimit kTwoThenRate = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1};
 
 std::vector<Scenario> RefusalRows() {
   return {

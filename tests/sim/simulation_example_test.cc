@@ -18,10 +18,10 @@ TEST(SimulationExampleTest, ADayOfALaptopPassesInMilliseconds) {
 
   // A server behind a home network: 8 ms each way and 2 ms more on average, one datagram in fifty lost.
   const auto server = *net::IPEndPoint::FromLiteral("198.51.100.7", 123);
-  const skorra::sim::LinkOptions link = {.delay_us = 8000,
-                                         .jitter = skorra::sim::Distribution::kExponential,
-                                         .jitter_us = 2000,
-                                         .loss_permille = 20};
+  const skorra::netmodel::LinkOptions link = {.delay_us = 8000,
+                                              .jitter = skorra::netmodel::Distribution::kExponential,
+                                              .jitter_us = 2000,
+                                              .loss_permille = 20};
   network.AddServer(server, {.to_server = link, .to_client = link});
   world.SetHost("ntp.example.org", {{server}});
 

@@ -15,8 +15,8 @@
 namespace skorra {
 namespace {
 
-using sim::Distribution;
-using sim::LinkOptions;
+using netmodel::Distribution;
+using netmodel::LinkOptions;
 
 constexpr uint64_t kBurst = 20;
 // What the machine itself may add to an offset: its threads take turns.

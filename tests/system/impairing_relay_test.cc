@@ -19,7 +19,7 @@ using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kCount = 60;
 
 // The datagrams, each one byte, that reach the server of `kCount` that a client sends in a row, as they come.
-Bytes WhatArrives(const sim::LinkOptions& to_server, uint64_t seed) {
+Bytes WhatArrives(const netmodel::LinkOptions& to_server, uint64_t seed) {
   const LoopbackUdp server;
   const LoopbackUdp client;
   ImpairingRelay::Options options;
@@ -71,7 +71,7 @@ TEST(ImpairingRelayTest, EachClientGetsTheRepliesToItsOwnRequests) {
 }
 
 TEST(ImpairingRelayTest, TheSeedAloneDecidesWhatIsLostAndWhatIsDoubled) {
-  const sim::LinkOptions bad{.delay_us = 0, .loss_permille = 400, .duplicate_permille = 400};
+  const netmodel::LinkOptions bad{.delay_us = 0, .loss_permille = 400, .duplicate_permille = 400};
   const Bytes once = WhatArrives(bad, 7);
   EXPECT_EQ(WhatArrives(bad, 7), once);
   EXPECT_NE(WhatArrives(bad, 8), once);

@@ -18,7 +18,7 @@ namespace {
 constexpr uint64_t kBurst = 20;
 
 // A token a second hour is none within a test. Every refusal is told.
-constexpr sim::RateLimit LimitOf(int64_t burst) {
+constexpr netmodel::RateLimit LimitOf(int64_t burst) {
   return {.interval_us = int64_t{3600} * 1000000, .burst = burst, .kiss_every = 1};
 }
 
@@ -93,12 +93,13 @@ TEST_F(KissCodeTest, TheOtherAddressOfTheDomainKeepsBeingAsked) {
   std::unique_ptr<LoopbackNtpServer> refusing;
   std::unique_ptr<LoopbackNtpServer> willing;
   for (int tries = 0; tries < 20 && (willing == nullptr || !willing->is_open()); ++tries) {
-    refusing = std::make_unique<LoopbackNtpServer>(sim::ServerOptions{.kiss_code = "RATE"}, on_port(0, 0));
+    refusing =
+        std::make_unique<LoopbackNtpServer>(netmodel::ServerOptions{.kiss_code = "RATE"}, on_port(0, 0));
     if (!refusing->is_open()) {
       GTEST_SKIP() << "this machine has only one of the two loopback addresses";
     }
-    willing =
-        std::make_unique<LoopbackNtpServer>(sim::ServerOptions{}, on_port(1, refusing->endpoint().port()));
+    willing = std::make_unique<LoopbackNtpServer>(netmodel::ServerOptions{},
+                                                  on_port(1, refusing->endpoint().port()));
   }
   if (!willing->is_open()) {
     GTEST_SKIP() << "this machine has only one of the two loopback addresses";

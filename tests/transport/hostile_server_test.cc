@@ -125,7 +125,7 @@ class HostileServerTest : public ManagerTest {
     counts_before_ = base::KeyMetrics::GetAllCounts();
   }
 
-  void AddServer(std::function<void(sim::Exchange&)> script = nullptr) {
+  void AddServer(std::function<void(netmodel::Exchange&)> script = nullptr) {
     network.AddServer(Address("192.0.2.10"), {.to_server = {.delay_us = kOneWayUs},
                                               .to_client = {.delay_us = kOneWayUs},
                                               .script = std::move(script)});
@@ -290,7 +290,7 @@ class LateReplyTest : public HostileServerTest, public testing::WithParamInterfa
 
 TEST_P(LateReplyTest, IsCountedForWhatItIsAndMovesNothing) {
   const Late& late = GetParam();
-  AddServer([](sim::Exchange& exchange) { exchange.is_answered = exchange.index % 2 == 0; });
+  AddServer([](netmodel::Exchange& exchange) { exchange.is_answered = exchange.index % 2 == 0; });
   uint64_t request = 0;
   network.AddListener([&](const sim::SentDatagram& sent) {
     if (request++ % 2 == 0) {

@@ -104,18 +104,18 @@ TEST_F(NtpTimeDomainInfoTest, TwoSecondsAreAllowedForANameUnlessConfigured) {
   EXPECT_FALSE(NtpTimeDomainInfo("slow.test").addresses().empty());
   EXPECT_EQ(Count("timed_out"), before);
 
-  const int64_t start_us = world_.steady_us();
+  const int64_t start_us = world_.steady_ticks_us();
   EXPECT_TRUE(NtpTimeDomainInfo("slower.test").addresses().empty());
-  EXPECT_EQ(world_.steady_us() - start_us, 2000000);
+  EXPECT_EQ(world_.steady_ticks_us() - start_us, 2000000);
   EXPECT_EQ(Count("timed_out"), before + 1);
 }
 
 TEST_F(NtpTimeDomainInfoTest, TheConfiguredLimitHoldsForTheNextName) {
   world_.SetHost("slow.test", {{EndPoint("192.0.2.1", 0)}, 150000});
   SetResolveTimeout(100);
-  const int64_t start_us = world_.steady_us();
+  const int64_t start_us = world_.steady_ticks_us();
   EXPECT_TRUE(NtpTimeDomainInfo("slow.test").addresses().empty());
-  EXPECT_EQ(world_.steady_us() - start_us, 100000);
+  EXPECT_EQ(world_.steady_ticks_us() - start_us, 100000);
   SetResolveTimeout(150);
   EXPECT_FALSE(NtpTimeDomainInfo("slow.test").addresses().empty());
 }
@@ -276,9 +276,9 @@ TEST_F(RefreshTest, AResetDoesNotWaitForTheLookUpItStarts) {
   NtpTimeDomainInfo info("moving.test");
   SetAddresses({"192.0.2.5"});
   RunFor(kTtlUs);
-  const int64_t before_us = world_.steady_us();
+  const int64_t before_us = world_.steady_ticks_us();
   info.Reset();
-  EXPECT_EQ(world_.steady_us(), before_us);
+  EXPECT_EQ(world_.steady_ticks_us(), before_us);
   EXPECT_TRUE(IsLookingUp());
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
   RunFor(kSecondUs);
@@ -480,12 +480,12 @@ class HeldAddressTest : public NtpTimeDomainInfoTest {
     const net::IPEndPoint server = EndPoint(address, 123);
     Ask(server);
     NtpAddressLedger::GetInstance()->OnReply(server);
-    NtpAddressLedger::GetInstance()->OnRefusal(server, code, world_.steady_us(), 0);
-    ASSERT_NE(NtpAddressLedger::GetInstance()->Check(server, world_.steady_us()), SendRefusal::kNone);
+    NtpAddressLedger::GetInstance()->OnRefusal(server, code, world_.steady_ticks_us(), 0);
+    ASSERT_NE(NtpAddressLedger::GetInstance()->Check(server, world_.steady_ticks_us()), SendRefusal::kNone);
   }
   void Ask(const net::IPEndPoint& server) {
     uint32_t request_count = 20;
-    ASSERT_EQ(NtpAddressLedger::GetInstance()->BeginBurst(server, world_.steady_us(), &request_count),
+    ASSERT_EQ(NtpAddressLedger::GetInstance()->BeginBurst(server, world_.steady_ticks_us(), &request_count),
               SendRefusal::kNone);
   }
   void SetHost(const std::vector<const char*>& addresses) {
