@@ -49,10 +49,10 @@ constexpr const char* kServeFooter =
 constexpr const char* kDemoFooter =
     "Example:\n"
     "  skorra-ntp demo\n\n"
-    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms beside the truth";
+    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one";
 
 // Accepts numbers from `min` to `max`, without `min` itself when `excludes_min`. Unlike the parser's own
-// range check it refuses "nan".
+// range check it rejects "nan".
 CLI::Validator Number(double min, double max, bool excludes_min = false) {
   const auto check = [=](const std::string& text) {
     char* end = nullptr;
@@ -61,14 +61,14 @@ CLI::Validator Number(double min, double max, bool excludes_min = false) {
       return std::string();
     }
     char message[128];
-    std::snprintf(message, sizeof message, "give a number %s %g, at most %g", excludes_min ? "above" : "from",
-                  min, max);
-    return "\"" + text + "\" will not do: " + message;
+    std::snprintf(message, sizeof message, "must be a number %s %g and at most %g",
+                  excludes_min ? "greater than" : "from", min, max);
+    return "\"" + text + "\" is not valid: " + message;
   };
   return CLI::Validator(check, "");
 }
 
-// The library's own lines about the same problems would double these warnings.
+// The library logs the same problems; without the threshold each would be printed twice.
 void LoadConfiguration() {
   base::SetLogThreshold(2);
   auto* const center = config::ConfigCenterImpl::GetInstance();
@@ -84,8 +84,7 @@ void LoadConfiguration() {
 }
 
 void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
-  auto* const command =
-      app.add_subcommand("sync", "Asks NTP servers for the time and tells the clock's offset");
+  auto* const command = app.add_subcommand("sync", "Ask NTP servers and print the clock offset");
   command
       ->add_option("SERVER", options.servers,
                    "host, host:port, address, address:port or [IPv6]:port; several are asked at once")
@@ -103,21 +102,21 @@ void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
 
 void AddServe(CLI::App& app, skorra::ServeOptions& options) {
   auto* const command =
-      app.add_subcommand("serve", "Runs a small NTP server with a chosen clock error, for trying things out");
+      app.add_subcommand("serve", "Run a small NTP server with a chosen clock error, to try things out");
   command->add_option("--listen", options.listen, "ADDR:PORT (default 127.0.0.1:0, port 0 takes a free one)");
   command
       ->add_option("--offset", options.offset_s,
-                   "The clock's error in seconds, also negative or fractional (default 0)")
+                   "Clock error in seconds; may be negative or fractional (default 0)")
       ->check(Number(-1e9, 1e9));
   command->add_option("--delay", options.delay_ms, "Round-trip delay in milliseconds (default 0)")
       ->check(Number(0, 60000));
   command
       ->add_option("--jitter", options.jitter_ms,
-                   "Up to so many milliseconds more in each direction (default 0)")
+                   "Up to this many milliseconds more in each direction (default 0)")
       ->check(Number(0, 60000));
-  command->add_option("--loss", options.loss, "The share of requests without an answer, 0 to 1 (default 0)")
+  command->add_option("--loss", options.loss, "Share of requests that get no answer, 0 to 1 (default 0)")
       ->check(Number(0, 1));
-  command->add_option("--seed", options.seed, "Of the draws for jitter and loss (default 1)");
+  command->add_option("--seed", options.seed, "Seed of the random jitter and loss (default 1)");
   command->footer(kServeFooter);
 }
 
@@ -135,7 +134,7 @@ int main(int argc, char** argv) {
   AddSync(app, sync, as_json);
   AddServe(app, serve);
   auto* const demo =
-      app.add_subcommand("demo", "Syncs against a server with a known clock error and shows both");
+      app.add_subcommand("demo", "Sync with a server whose clock error is known, and show both");
   demo->footer(kDemoFooter);
 
   try {

@@ -39,11 +39,11 @@ uint64_t Refusals(const SyncReport& report) {
   return refusals;
 }
 
-// Why an attempt that was made brought nothing, as far as the counters tell.
+// Why an attempt gave no result, as far as the counters tell.
 std::string AdviceWithoutResult(const SyncReport& report) {
   // What the server said comes before what the network did, which may be forged.
   if (report.samples_received == 0 && Refusals(report) > 0) {
-    return report.asked + " refuses to serve this machine (kiss codes: " + ListReasons(report.kiss_codes) +
+    return report.asked + " does not serve this machine now (kiss codes: " + ListReasons(report.kiss_codes) +
            "). Wait at least two minutes before asking it again, or choose another server.";
   }
   if (report.samples_received == 0 && !report.rejected.empty()) {
@@ -51,8 +51,7 @@ std::string AdviceWithoutResult(const SyncReport& report) {
            "). Choose another server.";
   }
   if (report.samples_received == 0 && report.socket_errors.contains("refused")) {
-    return report.asked +
-           " refused the connection: no NTP server listens there. Check the host and the port.";
+    return report.asked + " has no NTP server on that port: it is closed. Check the host and the port.";
   }
   if (report.samples_received == 0 && !report.socket_errors.empty()) {
     return "No request reached " + report.asked + " (" + ListReasons(report.socket_errors) +
@@ -107,7 +106,7 @@ std::string Advice(const SyncReport& report) {
       }
       return report.result == NtpResult::kSuccess
                  ? ""
-                 : "The answers differed too much among each other. Try again, or choose a nearer server.";
+                 : "The answers differed too much from each other. Try again, or choose a nearer server.";
     case SyncEnd::kTimedOut:
       return "The attempt took longer than " + SecondsText(report.timeout_s) +
              (report.samples_received == 0 ? " and no answer came. " + AdviceWithoutResult(report)

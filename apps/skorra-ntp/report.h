@@ -1,4 +1,4 @@
-// What one sync came to, and how the program tells it: pure functions of a record.
+// The result of one sync, and its texts: pure functions of a record.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ inline constexpr int kExitUsage = 64;     // EX_USAGE of sysexits.h
 // How the attempt ended.
 enum class SyncEnd {
   kOutcome,      // the library announced one
-  kTimedOut,     // the time allowed had passed
+  kTimedOut,     // none came within the time allowed
   kNotResolved,  // no server name had an address
   kNoServer,     // the library found no usable server
   kStopped,      // the library closed the attempt without an outcome
@@ -32,9 +32,9 @@ using ReasonCounts = std::map<std::string, uint64_t>;
 // What passed between this process and one server address.
 struct AddressReport {
   uint64_t requests_sent = 0;
-  uint64_t requests_refused = 0;  // not sent, because the server had asked for it
-  uint64_t replies = 0;           // that answered a request, used or not
-  uint64_t kiss_codes = 0;        // refusals among them
+  uint64_t requests_refused = 0;  // not sent, because the server had asked us to wait
+  uint64_t replies = 0;           // to our requests, used or not
+  uint64_t kiss_codes = 0;        // replies among them that carried RATE, DENY or RSTR
 };
 
 struct SyncReport {
@@ -42,7 +42,7 @@ struct SyncReport {
   std::string asked;  // the servers as the user wrote them, for messages
   double timeout_s = 0;
 
-  // Of the outcome; without one they keep these values.
+  // Taken from the outcome. Without one they keep these values.
   NtpResult result = NtpResult::kNoResult;
   std::string outcome_text;
   std::optional<std::string> server;  // the address that answered
@@ -54,11 +54,11 @@ struct SyncReport {
   uint64_t requests_sent = 0;
   uint64_t samples_received = 0;
   ReasonCounts rejected = {};       // replies that failed a check
-  ReasonCounts kiss_codes = {};     // what servers said instead of the time
-  ReasonCounts withheld = {};       // requests of the library that did not leave
+  ReasonCounts kiss_codes = {};     // sent by servers instead of the time
+  ReasonCounts withheld = {};       // requests that the library did not send
   ReasonCounts socket_errors = {};  // of sending and receiving
   ReasonCounts domain_errors = {};  // of names
-  ReasonCounts send_stamps = {};    // where the samples' times of sending come from
+  ReasonCounts send_stamps = {};    // source of each sample's send time stamp
   ReasonCounts receive_stamps = {};
   std::map<std::string, AddressReport> addresses = {};
 };

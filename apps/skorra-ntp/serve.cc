@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kExitCannotListen = 1;
 
-// An address with or without a port; here port 0 is good, it asks for a free one.
+// An address with or without a port. Port 0 asks for a free one.
 std::optional<net::IPEndPoint> ParseListen(std::string_view text, std::string* error) {
   constexpr std::string_view kAnyPort = ":0";
   auto parsed = net::ParseHostPort(text, 0);
@@ -49,8 +49,8 @@ int RunServe(const ServeOptions& options) {
                  error.c_str());
     return kExitUsage;
   }
-  // Blocked before the server's thread exists, so that the thread inherits it and the signals wait for
-  // sigwait here.
+  // Blocked before the server's thread starts: the thread inherits the mask, and sigwait below gets the
+  // signals.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);

@@ -70,8 +70,8 @@ TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
       {"no time at all", {"sync", "127.0.0.1", "--timeout", "0"}, "give a number above 0, at most 3600"},
       {"a negative time", {"sync", "127.0.0.1", "--timeout", "-1"}, "give a number above 0"},
       {"more than an hour", {"sync", "127.0.0.1", "--timeout", "3600.1"}, "at most 3600"},
-      {"a time that is no number", {"sync", "127.0.0.1", "--timeout", "nan"}, "\"nan\" will not do"},
-      {"a number with a unit", {"sync", "127.0.0.1", "--timeout", "5s"}, "\"5s\" will not do"},
+      {"a time that is no number", {"sync", "127.0.0.1", "--timeout", "nan"}, "\"nan\" is not valid"},
+      {"a number with a unit", {"sync", "127.0.0.1", "--timeout", "5s"}, "\"5s\" is not valid"},
       {"an option without its value", {"sync", "127.0.0.1", "--timeout"}, "--timeout"},
       {"a log level beyond the last",
        {"sync", "127.0.0.1", "--log-level", "3"},
@@ -206,7 +206,7 @@ TEST(ProgramTest, AClosedPortIsTold) {
   const std::string name = UnusedEndPoint().ToString();
   const ChildExit exit = RunProgram({"sync", name, "--json"});
   EXPECT_EQ(exit.status, 2);
-  EXPECT_THAT(exit.err, HasSubstr(name + " refused the connection"));
+  EXPECT_THAT(exit.err, HasSubstr(name + " has no NTP server on that port"));
   const auto json = nlohmann::json::parse(exit.out);
   EXPECT_EQ(json["result"], -1);
   EXPECT_EQ(json["message"], "no usable result");

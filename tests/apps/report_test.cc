@@ -170,15 +170,15 @@ TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
               r.socket_errors = {{"refused", 19}};
             }),
        2, "no usable result",
-       "192.0.2.1 refused the connection: no NTP server listens there. Check the host and the port"},
-      {"a server that refuses to serve",
+       "192.0.2.1 has no NTP server on that port: it is closed. Check the host and the port"},
+      {"a server that denies service",
        with(NoResult(),
             [](auto& r) {
               r.kiss_codes = {{"deny", 1}};
               r.addresses = {{"192.0.2.1:123", {.requests_sent = 1, .replies = 1, .kiss_codes = 1}}};
             }),
        2, "no usable result",
-       "192.0.2.1 refuses to serve this machine (kiss codes: deny 1). Wait at least two minutes"},
+       "192.0.2.1 does not serve this machine now (kiss codes: deny 1). Wait at least two minutes"},
       {"no route",
        with(NoResult(),
             [](auto& r) {
