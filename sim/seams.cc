@@ -8,15 +8,24 @@ namespace base {
 inline namespace skorra_ntp {
 
 Time Time::Now() {
-  return Time::FromDeltaSinceWindowsEpoch(
-      TimeDelta::FromMicroseconds(skorra::sim::World::Current().wall_us()));
+  skorra::sim::World& world = skorra::sim::World::Current();
+  const int64_t wall_us = world.wall_us();
+  world.NoteSeamCall(skorra::sim::SeamCall::kWallClock);
+  return Time::FromDeltaSinceWindowsEpoch(TimeDelta::FromMicroseconds(wall_us));
 }
 
-int64_t GetSteadyTimeTicks() { return skorra::sim::World::Current().steady_ticks_us(); }
+int64_t GetSteadyTimeTicks() {
+  skorra::sim::World& world = skorra::sim::World::Current();
+  const int64_t ticks_us = world.steady_ticks_us();
+  world.NoteSeamCall(skorra::sim::SeamCall::kSteadyClock);
+  return ticks_us;
+}
 
 int64_t GetSystemTimeOffsetFromSteady() {
-  const skorra::sim::World& world = skorra::sim::World::Current();
-  return world.wall_us() - world.steady_ticks_us();
+  skorra::sim::World& world = skorra::sim::World::Current();
+  const int64_t offset_us = world.wall_us() - world.steady_ticks_us();
+  world.NoteSeamCall(skorra::sim::SeamCall::kSystemOffset);
+  return offset_us;
 }
 
 uint64_t RandUint64() { return skorra::sim::World::Current().NextRandom(); }
@@ -29,7 +38,9 @@ inline namespace skorra_ntp {
 
 std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int64_t instance,
                                                        base::Optional<ThreadOption> /*option*/) {
-  return skorra::sim::World::Current().GetTaskQueue(business, instance);
+  skorra::sim::World& world = skorra::sim::World::Current();
+  world.NoteSeamCall(skorra::sim::SeamCall::kTaskQueue);
+  return world.GetTaskQueue(business, instance);
 }
 
 }  // namespace skorra_ntp
@@ -44,7 +55,11 @@ struct DatagramSocket::Impl {
 
 DatagramSocket::DatagramSocket(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
-DatagramSocket::~DatagramSocket() { skorra::sim::World::Current().RemoveSocket(&impl_->socket); }
+DatagramSocket::~DatagramSocket() {
+  skorra::sim::World& world = skorra::sim::World::Current();
+  world.RemoveSocket(&impl_->socket);
+  world.NoteSeamCall(skorra::sim::SeamCall::kSocketClosed);
+}
 
 std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote, Callbacks callbacks,
                                                         SocketError* error) {

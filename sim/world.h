@@ -62,6 +62,9 @@ struct HostEntry {
   base::TimeDelta ttl = base::TimeDelta::Max();
 };
 
+// What the program under test asks of a seam; `World::SetSeamHook` hears of it.
+enum class SeamCall { kWallClock, kSteadyClock, kSystemOffset, kTaskQueue, kSocketClosed };
+
 class World {
  public:
   struct Options {
@@ -99,6 +102,11 @@ class World {
   void SetWallError(const ClockError& error);
   // Sleeps: all clocks go on, tasks and events wait for the end, and what arrives meanwhile is lost.
   void Suspend(base::TimeDelta duration);
+
+  // Called at every call of a seam that SeamCall names, once its answer is settled. A test can note the
+  // order, look at the program at that moment, or let time pass with `Block`, so that no two readings are the
+  // same. An empty function, the default, does nothing.
+  void SetSeamHook(std::function<void(SeamCall)> hook) { seam_hook_ = std::move(hook); }
 
   // --- Time and tasks.
 
@@ -169,6 +177,11 @@ class World {
   // --- For the seams (seams.cc).
 
   struct Socket;
+  void NoteSeamCall(SeamCall call) {
+    if (seam_hook_) {
+      seam_hook_(call);
+    }
+  }
   std::shared_ptr<core::TaskQueue> GetTaskQueue(core::BusinessID business, int64_t instance);
   net::SocketError AddSocket(Socket* socket);
   void RemoveSocket(Socket* socket);
@@ -202,6 +215,7 @@ class World {
   netmodel::Random random_;
   std::vector<std::pair<int64_t, int64_t>> suspends_;  // from, to
   std::function<void(const std::string&)> event_log_;
+  std::function<void(SeamCall)> seam_hook_;
 
   std::map<EventKey, Event> events_;
   uint64_t next_sequence_ = 0;

@@ -196,5 +196,13 @@ TEST_F(DomainListTest, TheCurrentDomainStaysWhereARecordIsMissing) {
   EXPECT_EQ(CountLog(1, "Not query domain:192.0.2.77"), 2u);
 }
 
+TEST_F(DomainListTest, TheCurrentDomainStaysAndBothLookupsAreLoggedWhereBothRecordsAreMissing) {
+  const auto current = std::make_shared<NtpTimeDomainInfo>("192.0.2.77");
+  const auto candidate = std::make_shared<NtpTimeDomainInfo>("192.0.2.78");
+  peer.current_domain_info() = current;
+  OnQueue([&] { EXPECT_EQ(peer.SelectBetterDomainInfo(candidate), current); });
+  EXPECT_EQ(log, (std::vector<Line>{{1, "Not query domain:192.0.2.77"}, {1, "Not query domain:192.0.2.78"}}));
+}
+
 }  // namespace
 }  // namespace skorra

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "testing/manager_fixture.h"
+#include "testing/ticking_clocks.h"
 
 namespace skorra {
 namespace {
@@ -115,6 +116,13 @@ TEST_F(DriftDetectionTest, TheWallClockIsReadInWholeMilliseconds) {
   world.StepWall(Ms(4));
   world.RunFor(Us(1));
   EXPECT_FALSE(peer.CheckElapsedTimeDeviation()) << "the fifth millisecond has begun, of NTP time not one";
+}
+
+TEST_F(DriftDetectionTest, TheNtpClockIsReadBeforeTheWallClock) {
+  KeepGoodResult(10);
+  const TickingClocks clocks(world);
+  EXPECT_TRUE(peer.CheckElapsedTimeDeviation());
+  EXPECT_EQ(clocks.readings, (std::vector{sim::SeamCall::kSteadyClock, sim::SeamCall::kWallClock}));
 }
 
 TEST_F(DriftDetectionTest, AWallClockSetForwardIsFoundLoggedAndDemotesTheResult) {

@@ -17,6 +17,17 @@ class LifecycleTest : public ManagerTest {
   }
 
   size_t StopLines() { return CountLog(0, "Stop ntp queue"); }
+
+  bool IsStatisticsLockHeld() {
+    bool is_held = false;
+    std::thread([&] {
+      is_held = !peer.stats_lock().TryAcquire();
+      if (!is_held) {
+        peer.stats_lock().Release();
+      }
+    }).join();
+    return is_held;
+  }
 };
 
 TEST_F(LifecycleTest, TheFirstStartBeginsAnAttemptAndASecondIsRefusedButCounted) {
@@ -198,6 +209,20 @@ TEST_F(LifecycleTest, WithoutAQueueStopDoesNothing) {
   EXPECT_TRUE(log.empty());
 }
 
+TEST_F(LifecycleTest, AStopAfterTheQueueHasGoneDoesNothing) {
+  SyncWithAServer();
+  manager().Stop();
+  world.RunFor(S(60));
+  const size_t posted = world.posted().size();
+  const size_t stops = StopLines();
+  world.SetQueueAvailable(false);
+  manager().Stop();
+  world.SetQueueAvailable(true);
+  world.RunFor(S(60));
+  EXPECT_EQ(world.posted().size(), posted);
+  EXPECT_EQ(StopLines(), stops);
+}
+
 TEST_F(LifecycleTest, WithoutAQueueTheDelayedStopIsNotPosted) {
   world.SetQueueAvailable(false);
   peer.DelayStopNtpQueueIfNeeded();
@@ -229,16 +254,44 @@ TEST_F(LifecycleTest, TheStatisticsLockIsHeldWhileTheQueueStops) {
   bool was_locked = false;
   base::SetLogSink([&](const base::LogLine& line) {
     if (line.text == "Stop ntp queue") {
-      std::thread([&] {
-        was_locked = !peer.stats_lock().TryAcquire();
-        if (!was_locked) {
-          peer.stats_lock().Release();
-        }
-      }).join();
+      was_locked = IsStatisticsLockHeld();
     }
   });
   OnQueue([&] { peer.StopNtpQueue(); });
   EXPECT_TRUE(was_locked);
+}
+
+TEST_F(LifecycleTest, TheCleaningIsDoneUnderTheStatisticsLock) {
+  AddDomains({"192.0.2.10"});
+  manager().Start();
+  world.RunFor(Us(0));
+  ASSERT_EQ(world.open_socket_count(), 1u);
+  int closed = 0;
+  world.SetSeamHook([&](sim::SeamCall call) {
+    if (call == sim::SeamCall::kSocketClosed) {
+      ++closed;
+      EXPECT_TRUE(IsStatisticsLockHeld());
+      EXPECT_FALSE(peer.is_started());
+    }
+  });
+  OnQueue([&] { peer.StopNtpQueue(); });
+  world.SetSeamHook(nullptr);
+  EXPECT_EQ(closed, 1);
+}
+
+TEST_F(LifecycleTest, AStopLetsANewStartInBeforeItWaitsForTheStatisticsLock) {
+  peer.is_started() = true;
+  std::thread stop;
+  {
+    const base::AutoLock lock(peer.stats_lock());
+    stop = std::thread([&] { OnQueue([&] { peer.StopNtpQueue(); }); });
+    // The other thread cannot get past the lock. The limit is only reached where it would wait forever.
+    for (int yields = 0; peer.is_started() && yields < 10'000'000; ++yields) {
+      std::this_thread::yield();
+    }
+    EXPECT_FALSE(peer.is_started());
+  }
+  stop.join();
 }
 
 TEST_F(LifecycleTest, TheLineOfTheTasksNamesTheirSource) {

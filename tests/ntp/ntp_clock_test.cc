@@ -1,6 +1,7 @@
 // The clock: the value that a read gives, and when a read starts a sync.
 #include "platform/base/clock.h"
 #include "testing/manager_fixture.h"
+#include "testing/ticking_clocks.h"
 
 namespace skorra {
 namespace {
@@ -180,6 +181,48 @@ TEST_F(NtpClockTest, AReadThatIsDueAsksForANewResultWhenTheKeptOneIsPoor) {
   world.RunFor(Us(1999));
   EXPECT_TRUE(ReadStartsSync());
   EXPECT_EQ(peer.last_check_local_time_ms(), now_ms());
+}
+
+TEST_F(NtpClockTest, AReadThatStartsASyncStoresItsFirstReadingOfTheWallClock) {
+  for (const bool has_result : {false, true}) {
+    SCOPED_TRACE(has_result);
+    KeepGoodResult(10);
+    peer.is_reliable() = false;
+    if (!has_result) {
+      peer.ntp_offset_us() = INT64_MAX;
+    }
+    peer.is_started() = false;
+    peer.last_check_local_time_ms() = 0;
+    const int64_t first_ms = now_ms();
+    const TickingClocks clocks(world);
+    Read();
+    EXPECT_TRUE(peer.is_started());
+    EXPECT_EQ(peer.last_check_local_time_ms(), first_ms);
+    EXPECT_GT(now_ms(), first_ms);
+  }
+}
+
+TEST_F(NtpClockTest, AReadStoresItsTimeBeforeItStartsASync) {
+  for (const bool has_result : {false, true}) {
+    SCOPED_TRACE(has_result);
+    KeepGoodResult(10);
+    peer.is_reliable() = false;
+    if (!has_result) {
+      peer.ntp_offset_us() = INT64_MAX;
+    }
+    peer.is_started() = false;
+    peer.last_check_local_time_ms() = 0;
+    int posts = 0;
+    world.SetSeamHook([&](sim::SeamCall call) {
+      if (call == sim::SeamCall::kTaskQueue) {
+        ++posts;
+        EXPECT_EQ(peer.last_check_local_time_ms(), now_ms());
+      }
+    });
+    Read();
+    world.SetSeamHook(nullptr);
+    EXPECT_EQ(posts, 1);
+  }
 }
 
 TEST_F(NtpClockTest, AReadThatStartsASyncStillGivesTheValueOfTheKeptOffset) {

@@ -198,6 +198,8 @@ TEST_F(OffsetEstimationTest, TheLimitOnTheDeviationOfRoundTripTimesGrowsWithThei
       {"medium path, just above 20 ms", {130000, 170001}, false},
       {"mean just below 200 ms still has the medium path's limit", {174000, 225999}, false},
       {"mean exactly 200 ms has the long path's limit", {174000, 226000}, true},
+      {"both borders at once: mean 200 ms, 30 ms", {170000, 230000}, false},
+      {"... and mean 200 ms, just below 30 ms", {170001, 229999}, true},
       {"long path, 30 ms", {220000, 280000}, false},
       {"long path, just below 30 ms", {220001, 280000}, true},
       {"long path, just above 30 ms", {219999, 280000}, false},

@@ -1,6 +1,8 @@
 // The statistics of requests and attempts, the key metrics, and the report that hands them over.
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
+#include "testing/noted_calls.h"
+#include "testing/ticking_clocks.h"
 
 namespace skorra {
 namespace {
@@ -284,6 +286,40 @@ TEST_F(QualityReportTest, ADomainWithoutARecordIsNotCounted) {
   EXPECT_THAT(log, ::testing::ElementsAre(Line{1, "Not query domain:192.0.2.11"}));
 }
 
+TEST_F(QualityReportTest, BothDurationsEndAtOneReadingOfTheClock) {
+  AddDomains({kName});
+  record().request_start_time_us = peer.GetNowSystemTimestampUs() - 5000;
+  record().last_request_start_time_us = record().request_start_time_us;
+  const TickingClocks clocks(world);
+  OnQueue([&] { peer.FinishAndUpdateRequestStats(kGood, Domain(0)); });
+  EXPECT_EQ(record().cost_ms, 5u);
+  EXPECT_EQ(record().last_request_cost_ms, 5u);
+  EXPECT_EQ(clocks.readings, std::vector{sim::SeamCall::kSteadyClock});
+}
+
+TEST_F(QualityReportTest, FinishedIsCountedBeforeSucceeded) {
+  NotedCalls noted;
+  peer.ReportDomainToKeyMetrics(true, NtpDomainCode::kDefault);
+  peer.ReportDomainToKeyMetrics(true, NtpDomainCode::kOther);
+  EXPECT_THAT(noted.calls,
+              ::testing::ElementsAre("count 37004", "count 37003", "count 37006", "count 37005"));
+}
+
+TEST_F(QualityReportTest, TheStatisticsAreUpdatedBeforeTheKeyMetrics) {
+  NotedCalls noted;
+  noted.on_call = [&](const std::string& call) {
+    EXPECT_EQ(peer.function_request_stats().count(0), call == "default domain" ? 0u : 1u) << call;
+  };
+  Finish(kGood, 5000, 5000);
+  EXPECT_THAT(noted.calls, ::testing::ElementsAre("default domain", "count 37006", "count 37005"));
+}
+
+TEST_F(QualityReportTest, TheDefaultDomainIsNotAskedForWhenTheRequestIsNotCounted) {
+  NotedCalls noted;
+  Finish(kGood, 999, 999);
+  EXPECT_THAT(noted.calls, ::testing::IsEmpty());
+}
+
 // --- The report.
 
 TEST_F(QualityReportTest, AReportBeforeAnythingHappenedIsEmptyAndArmsTheCount) {
@@ -343,6 +379,13 @@ TEST_F(QualityReportTest, TheReportHandsOverTheRecordsAndBeginsANewPeriod) {
   EXPECT_TRUE(peer.function_request_stats().empty());
   EXPECT_FALSE(peer.deviation_found());
   EXPECT_EQ(peer.start_count(), 1u);
+}
+
+TEST_F(QualityReportTest, TheReportTakesTheRecordsThemselvesNotCopies) {
+  peer.CalculateStatsResult(true, 120, 2);
+  const NtpFunctionRequestStats* const kept = &stats(2);
+  const NtpTimeSyncStats report = manager().GetAndResetNtpQualityStats();
+  EXPECT_EQ(&report.function_request_stats.at(2), kept);
 }
 
 TEST_F(QualityReportTest, ASecondReportWithNothingBetweenIsEmpty) {

@@ -1,5 +1,6 @@
 // One sync attempt: its beginning, its bursts, its retries and its end.
 #include "testing/manager_fixture.h"
+#include "testing/noted_calls.h"
 
 namespace skorra {
 namespace {
@@ -67,6 +68,36 @@ TEST_F(SyncAttemptTest, AnEmptyListFallsBackToTheDefaultDomainWithoutAnAddLine) 
   EXPECT_EQ(Domain(0)->domain(), "a.test");
   EXPECT_EQ(Record("a.test"), NtpDomainResult());
   EXPECT_TRUE(LogLinesWith("Add ntp service:").empty());
+}
+
+TEST_F(SyncAttemptTest, TheDefaultDomainGetsAFreshRecordEvenWhereAnOldOneStands) {
+  SetDefaultDomain("a.test");
+  NtpDomainResult& old = peer.domain_results()["a.test"];
+  old.offset_us = 5;
+  old.result = NtpResult::kSuccess;
+  old.is_requesting = true;
+  manager().Start();
+  world.RunFor(Us(0));
+  EXPECT_EQ(CountLog(0, "Start request: a.test"), 1u);
+  EXPECT_EQ(Record("a.test").result, NtpResult::kNoResult);
+  EXPECT_EQ(Record("a.test").offset_us, kNoOffsetUs);
+}
+
+TEST_F(SyncAttemptTest, TheDefaultDomainIsAskedForASecondTimeAndThatNameIsTheKeyOfItsRecord) {
+  SetDefaultDomain("a.test");
+  NotedCalls noted;
+  noted.on_call = [&](const std::string& call) {
+    EXPECT_EQ(call, "default domain");
+    SetDefaultDomain(noted.calls.size() == 1 ? "a.test" : "b.test");
+  };
+  manager().Start();
+  world.RunFor(Us(0));
+  EXPECT_EQ(noted.calls.size(), 2u);
+  ASSERT_EQ(peer.domain_infos().size(), 1u);
+  EXPECT_EQ(Domain(0)->domain(), "a.test");
+  ASSERT_EQ(peer.domain_results().size(), 1u);
+  EXPECT_EQ(peer.domain_results().count("b.test"), 1u);
+  EXPECT_EQ(CountLog(1, "Not query domain:a.test"), 1u);
 }
 
 TEST_F(SyncAttemptTest, AListThatIsNotEmptyIsUsedWithoutTheDefaultDomain) {

@@ -1,6 +1,7 @@
 // How an attempt ends: which result is kept, what is logged and counted, and what the observers hear.
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
+#include "testing/ticking_clocks.h"
 
 namespace skorra {
 namespace {
@@ -132,6 +133,24 @@ TEST_F(SyncOutcomeTest, ASuccessStampsBothClocksAndTheCostOfTheLastRequest) {
   EXPECT_EQ(peer.last_request_cost_ms(), 400u);
   EXPECT_EQ(peer.last_sync_ntp_timestamp_us(), world.wall_us() + 1500 - base::kWindowsToUnixEpochUs);
   EXPECT_EQ(peer.last_sync_local_time_ms(), world.wall_us() / 1000);
+}
+
+TEST_F(SyncOutcomeTest, ASuccessStampsTheNtpClockThenTheWallClockThenReadsTheNtpClockAgainForItsLine) {
+  BeginAttempt({kFirst});
+  Record(kFirst).result = kGood;
+  Record(kFirst).offset_us = 0;
+  // Readings come 1 ms apart: what a stamp shows tells which reading it was.
+  const int64_t before_us = world.wall_us();
+  const TickingClocks clocks(world);
+  OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
+  const int64_t ntp_us = peer.last_sync_ntp_timestamp_us() + base::kWindowsToUnixEpochUs;
+  EXPECT_GT(ntp_us, before_us) << "the costs are computed from an earlier reading";
+  EXPECT_EQ(peer.last_sync_local_time_ms(), ntp_us / 1000 + 1);
+  const int64_t line_us = ntp_us + 2000 - base::kWindowsToUnixEpochUs;
+  const auto lines = LogLinesWith("NTP time sync successful");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0].text,
+              ::testing::HasSubstr("ntp time:" + peer.NtpTimestampToTime(line_us).ToString() + ","));
 }
 
 TEST_F(SyncOutcomeTest, ASuccessIsLoggedWithItsMeasuresTheTimeTheDomainAndTheAddress) {
