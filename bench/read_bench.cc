@@ -171,7 +171,7 @@ int main(int argc, char** argv) {
     pointers.push_back(argument.data());
   }
   int count = static_cast<int>(pointers.size());
-  base::SetLogThreshold(2);
+  base::SetLogThreshold(base::kLogNothing);
   benchmark::Initialize(&count, pointers.data());
   Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);

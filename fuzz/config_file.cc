@@ -42,7 +42,7 @@ ConfigCenterImpl& PreparedCenter() {
   for (const TextEntry* entry : BaseCfg().texts()) {
     unsetenv(entry->environment_variable);
   }
-  base::SetLogThreshold(2);
+  base::SetLogThreshold(base::kLogNothing);
   return *ConfigCenterImpl::GetInstance();
 }
 

@@ -21,6 +21,7 @@
 #include "fuzz/handler_model.h"
 #include "fuzz/packet_reference.h"
 #include "platform/base/log.h"
+#include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
@@ -33,7 +34,7 @@ using net::IPEndPoint;
 using net::SocketError;
 
 constexpr int kMaxCalls = 100;  // of SendPacket in one run
-constexpr int64_t kSecondUs = 1000000;
+constexpr int64_t kSecondUs = base::kUsPerSecond;
 constexpr int64_t kMinuteUs = 60 * kSecondUs;
 constexpr int64_t kHourUs = 60 * kMinuteUs;
 constexpr int64_t kDayUs = 24 * kHourUs;
@@ -83,7 +84,7 @@ void AppendField(std::vector<uint8_t>& bytes, size_t size) {
 // What is the same for all runs of the process.
 struct Process {
   Process() {
-    base::SetLogThreshold(2);
+    base::SetLogThreshold(base::kLogNothing);
     is_traced = std::getenv("SKORRA_FUZZ_TRACE") != nullptr;
     for (const config::NumberEntry* entry : config::BaseCfg().numbers()) {
       unsetenv(entry->environment_variable);

@@ -4,12 +4,14 @@
 
 #include "fuzz/check.h"
 #include "fuzz/packet_reference.h"
+#include "platform/base/int_math.h"
+#include "platform/base/time.h"
 #include "platform/metrics/key_metrics.h"
 
 namespace skorra::fuzz {
 namespace {
 
-constexpr int64_t kSecondUs = 1000000;
+constexpr int64_t kSecondUs = base::kUsPerSecond;
 constexpr int64_t kMinuteUs = 60 * kSecondUs;
 constexpr int64_t kHourUs = 60 * kMinuteUs;
 
@@ -308,7 +310,7 @@ SendRefusal HandlerModel::Refusal(const Account& account, int64_t now_us) const 
 }
 
 int64_t HandlerModel::LocalUs(int64_t ticks_us) const {
-  return static_cast<int64_t>(static_cast<uint64_t>(ticks_us) + static_cast<uint64_t>(clock_offset_us_));
+  return base::WrappingAdd(ticks_us, clock_offset_us_);
 }
 
 void HandlerModel::CheckLedger() const {

@@ -5,13 +5,15 @@
 #include <cstdint>
 #include <span>
 
+#include "platform/base/time.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra::fuzz {
 
+using base::kUsPerSecond;
+
 __extension__ using Wide = __int128;
 
-inline constexpr Wide kUsPerSecond = 1000000;
 inline constexpr Wide kTwoTo32 = Wide{1} << 32;
 inline constexpr Wide kEraUs = kTwoTo32 * kUsPerSecond;
 // From 1601-01-01 to 1900-01-01 there are 299 years with 72 leap days: 1700 and 1800 have none.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "netmodel/random.h"
+#include "platform/base/time.h"
 
 namespace skorra::netmodel {
 
@@ -27,7 +28,7 @@ struct LinkOptions {
   // than `queue_limit_us` is dropped.
   int64_t service_us = 0;
   int load_permille = 0;
-  int64_t queue_limit_us = 1000000;
+  int64_t queue_limit_us = base::kUsPerSecond;
 
   // While one of these lasts nothing enters the link. Microseconds since the link's beginning.
   struct Window {

@@ -3,13 +3,15 @@
 #include <algorithm>
 #include <string_view>
 
+#include "platform/base/time.h"
+
 namespace skorra::netmodel {
 namespace {
 
 constexpr int64_t kBillion = 1000000000;
 
 // 16.16 seconds.
-uint32_t ShortFromUs(int64_t us) { return static_cast<uint32_t>(us * 65536 / 1000000); }
+uint32_t ShortFromUs(int64_t us) { return static_cast<uint32_t>(us * 65536 / base::kUsPerSecond); }
 
 void MakeKiss(NtpPacket& reply, std::string_view code) {
   reply.leap_indicator = kNtpLeapUnsynchronized;

@@ -5,6 +5,7 @@
 // ahead, and adding the offset to a local timestamp gives NTP time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -16,6 +17,9 @@ namespace skorra {
 
 // The offset that stands for "no offset is known".
 inline constexpr int64_t kNoOffsetUs = std::numeric_limits<int64_t>::max();
+
+// A domain with fewer samples has no result.
+inline constexpr size_t kMinSamples = 3;
 
 // The outcome of one domain's request and of a whole sync attempt.
 enum class NtpResult : int32_t {

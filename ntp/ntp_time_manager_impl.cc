@@ -8,6 +8,7 @@
 
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
+#include "platform/base/int_math.h"
 #include "platform/base/location.h"
 #include "platform/base/log.h"
 #include "platform/base/optional.h"
@@ -16,33 +17,35 @@
 #include "platform/config/vorq_env_config.h"
 #include "platform/core/thread_manager.h"
 #include "platform/metrics/key_metrics.h"
+#include "transport/ntp_burst.h"
 
 namespace skorra {
 namespace {
 
 static_assert(std::atomic<int64_t>::is_always_lock_free, "a read of the clock must not take a lock");
 
+// Clock arithmetic wraps: kNoOffsetUs takes part in some of these sums.
+using base::kLogFailure;
+using base::kLogProgress;
+using base::kUsPerSecond;
 using base::LocalLog;
 using base::Location;
 using base::TimeDelta;
+using base::WrappingAdd;
+using base::WrappingMagnitude;
+using base::WrappingMultiply;
+using base::WrappingSubtract;
 
 constexpr char kSourcePath[] = "ntp/ntp_time_manager_impl";
 
-constexpr int kProgress = 0;  // log level of progress and outcomes
-constexpr int kFailure = 1;   // log level of failed look-ups and found deviations
-
-// A burst: 20 requests, 10 ms apart.
-constexpr int64_t kSendSpacingUs = 10000;
-constexpr int64_t kBurstLengthUs = 200000;
 // A domain is evaluated once it has more samples than this, or once its burst is older than the limit.
 constexpr size_t kEnoughSamples = 5;
 constexpr int64_t kRequestTimeLimitUs = 2999999;
 constexpr TimeDelta kCheckInterval = TimeDelta::FromMicroseconds(200000);
 constexpr TimeDelta kStopDelay = TimeDelta::FromMicroseconds(30000000);
 
-// Evaluation: fewer samples than these say nothing; larger spreads make a result unreliable. The limit on
-// the deviation of round-trip times grows with their mean, since long paths vary more.
-constexpr size_t kTooFewSamples = 2;
+// Evaluation: larger spreads make a result unreliable. The limit on the deviation of round-trip times grows
+// with their mean, since long paths vary more.
 constexpr int64_t kMaxOffsetSpreadUs = 30000;
 constexpr double kShortPathMs = 100.0;
 constexpr double kMediumPathMs = 200.0;
@@ -56,7 +59,6 @@ constexpr int64_t kQuietPeriodMs = 600000;
 constexpr uint32_t kToleratedDeviationMs = 4;
 constexpr uint32_t kLargeDeviationMs = 500;
 constexpr uint64_t kDefaultSyncIntervalS = 3600;
-constexpr int64_t kMicrosecondsPerSecond = 1000000;
 
 // Kinds of request in the statistics beyond the two NtpDomainCodes.
 constexpr int kWholeAttempt = 2;
@@ -66,21 +68,6 @@ constexpr uint64_t kDefaultDomainSucceeded = 37003;
 constexpr uint64_t kDefaultDomainFinished = 37004;
 constexpr uint64_t kOtherDomainSucceeded = 37005;
 constexpr uint64_t kOtherDomainFinished = 37006;
-
-// Clock arithmetic wraps: a value without meaning (no offset yet) must not become undefined behaviour.
-int64_t WrappingAdd(int64_t a, int64_t b) {
-  return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
-
-int64_t WrappingSubtract(int64_t a, int64_t b) {
-  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
-}
-
-int64_t WrappingMultiply(int64_t a, int64_t b) {
-  return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
-}
-
-int64_t WrappingMagnitude(int64_t value) { return value < 0 ? WrappingSubtract(0, value) : value; }
 
 int64_t NowLocalMs() { return base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds(); }
 
@@ -177,7 +164,7 @@ void NtpTimeManagerImpl::StopNtpQueue() {
   is_started_.store(false, std::memory_order_relaxed);
   const base::AutoLock lock(stats_lock_);
   Clean();
-  LocalLog(kProgress, kSourcePath, __LINE__, "Stop ntp queue");
+  LocalLog(kLogProgress, kSourcePath, __LINE__, "Stop ntp queue");
 }
 
 void NtpTimeManagerImpl::Clean() {
@@ -268,7 +255,7 @@ void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& d
     if (info.addresses().empty()) {
       continue;
     }
-    LocalLog(kProgress, kSourcePath, __LINE__, "Add ntp service:%s", name.c_str());
+    LocalLog(kLogProgress, kSourcePath, __LINE__, "Add ntp service:%s", name.c_str());
     domain_infos_.push_back(std::make_shared<NtpTimeDomainInfo>(info));
     domain_results_[name] = NtpDomainResult();
   }
@@ -287,7 +274,7 @@ NtpDomainResult* NtpTimeManagerImpl::QueryDomainResult(const std::string& domain
   CheckOnQueue();
   const auto found = domain_results_.find(domain);
   if (found == domain_results_.end()) {
-    LocalLog(kFailure, kSourcePath, __LINE__, "Not query domain:%s", domain.c_str());
+    LocalLog(kLogFailure, kSourcePath, __LINE__, "Not query domain:%s", domain.c_str());
     return nullptr;
   }
   return &found->second;
@@ -341,9 +328,9 @@ bool NtpTimeManagerImpl::AddDefaultDomain() {
 void NtpTimeManagerImpl::DoStartSyncTime() {
   CheckOnQueue();
   PreparePacketHandler();
-  LocalLog(kProgress, kSourcePath, __LINE__, "Start NTP time sync");
+  LocalLog(kLogProgress, kSourcePath, __LINE__, "Start NTP time sync");
   if (domain_infos_.empty() && !AddDefaultDomain()) {
-    LocalLog(kFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
+    LocalLog(kLogFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
     StopNtpQueue();
     return;
   }
@@ -364,7 +351,7 @@ void NtpTimeManagerImpl::StartRequest(std::vector<std::shared_ptr<NtpTimeDomainI
     if (record == nullptr || record->is_requesting) {
       continue;
     }
-    LocalLog(kProgress, kSourcePath, __LINE__, "Start request: %s", domain->domain().c_str());
+    LocalLog(kLogProgress, kSourcePath, __LINE__, "Start request: %s", domain->domain().c_str());
     record->is_requesting = true;
     record->request_start_time_us = GetNowSystemTimestampUs();
     SendPacketToServer(domain);
@@ -379,12 +366,12 @@ void NtpTimeManagerImpl::SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> d
   if (NtpDomainResult* const record = QueryDomainResult(domain->domain()); record != nullptr) {
     record->last_request_start_time_us = GetNowSystemTimestampUs();
   }
-  for (int64_t delay_us = 0; delay_us < kBurstLengthUs; delay_us += kSendSpacingUs) {
+  for (uint32_t call = 0; call < kCallsPerBurst; ++call) {
     GetNtpQueue()->PostDelayedTask(
         Location::CreateFromHere(kSourcePath, __LINE__),
         base::BindOnce(&NtpTimePacketHandler::SendPacket, packet_handler_->GetWeakPtr(),
                        domain->GetCurrentIPAddress()),
-        TimeDelta::FromMicroseconds(delay_us));
+        TimeDelta::FromMicroseconds(call * kCallSpacingUs));
   }
   CheckServerResult(GetNowSystemTimestampUs(), domain);
 }
@@ -423,7 +410,7 @@ bool NtpTimeManagerImpl::CheckAndRetryDomainRequestIfPending(std::shared_ptr<Ntp
   if (IsAllDomainRequestsFinished()) {
     return true;
   }
-  LocalLog(kProgress, kSourcePath, __LINE__,
+  LocalLog(kLogProgress, kSourcePath, __LINE__,
            "%s request not success [%d] and waiting other domain, total retry count: %u",
            domain->domain().c_str(), static_cast<int>(record->result), total_retry_count_);
   return false;
@@ -519,7 +506,7 @@ int64_t NtpTimeManagerImpl::CalculateResultReliableAndGetOffset(std::vector<NtpR
   is_rtt_reliable = rtt_stdev_ms < limit_ms;
   is_reliable = max_deviation_us < kMaxOffsetSpreadUs;
   if (!is_rtt_reliable || !is_reliable) {
-    LocalLog(kProgress, kSourcePath, __LINE__,
+    LocalLog(kLogProgress, kSourcePath, __LINE__,
              "Not reliable rtt stdev:%f, avg:%f, offset max_dev:%lld, avg:%lld", rtt_stdev_ms, mean_rtt_ms,
              static_cast<long long>(max_deviation_us), static_cast<long long>(mean_offset_us));
   }
@@ -534,7 +521,7 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
   }
   std::vector<NtpResultData>& samples = domain->samples();
   record->offset_us = kNoOffsetUs;
-  if (samples.size() <= kTooFewSamples) {
+  if (samples.size() < kMinSamples) {
     record->result = NtpResult::kNoResult;
   } else {
     SortAndSplitResultData(samples);
@@ -560,7 +547,7 @@ void NtpTimeManagerImpl::UpdateNtpResultIfBetter(NtpDomainResult* result,
                                                  int64_t system_offset_from_steady_us) {
   const NtpResult last = last_result_.load(std::memory_order_relaxed);
   if (result->result != NtpResult::kSuccess && (last == NtpResult::kSuccess || result->result < last)) {
-    LocalLog(kProgress, kSourcePath, __LINE__,
+    LocalLog(kLogProgress, kSourcePath, __LINE__,
              "Use last sync result:%d, offset:%lld, reliable:%d, rtt reliable:%d", static_cast<int>(last),
              static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)),
              is_reliable_.load(std::memory_order_relaxed), is_rtt_reliable_.load(std::memory_order_relaxed));
@@ -584,7 +571,7 @@ void NtpTimeManagerImpl::HandleServerNtpSuccessResult(std::shared_ptr<NtpTimeDom
   last_request_cost_ms_.store(record->last_request_cost_ms, std::memory_order_relaxed);
   last_sync_ntp_timestamp_us_.store(GetNtpTimestampFrom1970Internal(), std::memory_order_relaxed);
   last_sync_local_time_ms_.store(NowLocalMs(), std::memory_order_relaxed);
-  LocalLog(kProgress, kSourcePath, __LINE__,
+  LocalLog(kLogProgress, kSourcePath, __LINE__,
            "NTP time sync successful, took(ms): %u, last request took(ms): %u, use sample count:%zu, "
            "success offset(us): %lld, ntp time:%s, %s, IP:%s",
            record->cost_ms, record->last_request_cost_ms, static_cast<size_t>(record->sample_count),
@@ -611,10 +598,10 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
   const std::string& name = current_domain_info_->domain();
   const std::string address = current_domain_info_->GetCurrentIPAddress().ToString();
   if (code == NtpResult::kNoResult) {
-    LocalLog(kProgress, kSourcePath, __LINE__, "NTP time sync failed:%s, use sample count:%zu, IP:%s",
+    LocalLog(kLogProgress, kSourcePath, __LINE__, "NTP time sync failed:%s, use sample count:%zu, IP:%s",
              name.c_str(), static_cast<size_t>(record->sample_count), address.c_str());
   } else {
-    LocalLog(kProgress, kSourcePath, __LINE__,
+    LocalLog(kLogProgress, kSourcePath, __LINE__,
              "NTP time sync finished, but result maybe inaccurate, final offset:%lld, result:%s, "
              "use sample count:%zu, IP:%s, offset:%lld, ntp time:%s",
              static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)), name.c_str(),
@@ -686,7 +673,7 @@ bool NtpTimeManagerImpl::CheckElapsedTimeDeviation() {
   if (deviation_ms <= kToleratedDeviationMs) {
     return true;
   }
-  LocalLog(kFailure, kSourcePath, __LINE__,
+  LocalLog(kLogFailure, kSourcePath, __LINE__,
            "Deviation found:%u, ntp:{ now:%s, before:%s}, local:{ now:%lld, before:%lld}", deviation_ms,
            NtpTimestampToTime(now_ntp_us).ToString().c_str(),
            NtpTimestampToTime(before_ntp_us).ToString().c_str(), static_cast<long long>(now_local_ms),
@@ -715,9 +702,9 @@ bool NtpTimeManagerImpl::NeedToUpdateResult() {
                                   .value_or(kDefaultSyncIntervalS));
     // More than `interval_s` whole seconds.
     const int64_t elapsed_us = WrappingSubtract(now_ntp_us, before_ntp_us);
-    if (interval_s != 0 && elapsed_us >= (static_cast<int64_t>(interval_s) + 1) * kMicrosecondsPerSecond) {
-      LocalLog(kProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
-               static_cast<long long>(elapsed_us / kMicrosecondsPerSecond),
+    if (interval_s != 0 && elapsed_us >= (static_cast<int64_t>(interval_s) + 1) * kUsPerSecond) {
+      LocalLog(kLogProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
+               static_cast<long long>(elapsed_us / kUsPerSecond),
                NtpTimestampToTime(now_ntp_us).ToString().c_str(),
                NtpTimestampToTime(before_ntp_us).ToString().c_str());
       return true;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/base/int_math.h"
+
 namespace skorra::sim {
 namespace {
 
@@ -82,9 +84,9 @@ void World::Log(const char* format, ...) {
   }
   const int64_t elapsed_us = steady_ticks_us_ - begin_ticks_us_;
   char text[4096];
-  const int length =
-      std::snprintf(text, sizeof(text), "%6lld.%06lld ", static_cast<long long>(elapsed_us / 1000000),
-                    static_cast<long long>(elapsed_us % 1000000));
+  const int length = std::snprintf(text, sizeof(text), "%6lld.%06lld ",
+                                   static_cast<long long>(elapsed_us / base::kUsPerSecond),
+                                   static_cast<long long>(elapsed_us % base::kUsPerSecond));
   va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(text + length, sizeof(text) - static_cast<size_t>(length), format, arguments);
@@ -97,7 +99,7 @@ void World::RunFor(base::TimeDelta duration) {
 }
 
 bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
-  const int64_t end_ticks_us = base::internal::SaturatingAdd(steady_ticks_us_, limit.InMicroseconds());
+  const int64_t end_ticks_us = base::SaturatingAdd(steady_ticks_us_, limit.InMicroseconds());
   while (!done()) {
     if (events_.empty() || events_.begin()->first.first > end_ticks_us) {
       steady_ticks_us_ = std::max(steady_ticks_us_, end_ticks_us);
@@ -110,7 +112,7 @@ bool World::RunUntil(const std::function<bool()>& done, base::TimeDelta limit) {
 
 void World::Schedule(base::TimeDelta delay, std::function<void()> event) {
   // An endless delay stays endless.
-  AddEvent(base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), std::move(event));
+  AddEvent(base::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), std::move(event));
 }
 
 void World::ScheduleAt(int64_t due_ticks_us, std::function<void()> event) {
@@ -133,7 +135,7 @@ void World::Post(Queue* queue, const base::Location& from, base::OnceCallback<vo
   posted_.push_back({from, steady_ticks_us_, delay_us});
   // A std::function must be copyable, a closure is not: it waits in shared storage.
   const auto waiting = std::make_shared<base::OnceCallback<void()>>(std::move(task));
-  AddEvent(base::internal::SaturatingAdd(steady_ticks_us_, delay_us), [this, queue, waiting] {
+  AddEvent(base::SaturatingAdd(steady_ticks_us_, delay_us), [this, queue, waiting] {
     if (!waiting->IsCancelled()) {
       RunTask(queue, [&] { std::move(*waiting).Run(); });
     }
@@ -175,7 +177,7 @@ std::shared_ptr<core::TaskQueue> World::GetTaskQueue(core::BusinessID business, 
 void World::Deliver(const net::IPEndPoint& source, const net::IPEndPoint& client, std::vector<uint8_t> bytes,
                     base::TimeDelta delay) {
   ScheduleArrival(source, client, std::move(bytes),
-                  base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), true);
+                  base::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), true);
 }
 
 void World::DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& client,
@@ -186,7 +188,7 @@ void World::DeliverAt(const net::IPEndPoint& source, const net::IPEndPoint& clie
 void World::DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndPoint& client,
                                 std::vector<uint8_t> bytes, base::TimeDelta delay) {
   ScheduleArrival(source, client, std::move(bytes),
-                  base::internal::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), false);
+                  base::SaturatingAdd(steady_ticks_us_, delay.InMicroseconds()), false);
 }
 
 // The arrival is stamped with its own moment, also when a blocked task keeps it from being read at once.

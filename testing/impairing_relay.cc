@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/base/clock.h"
+#include "platform/base/time.h"
 
 namespace skorra {
 namespace {
@@ -138,8 +139,8 @@ void ImpairingRelay::WaitForWork() const {
   timespec until_due{};
   if (!under_way_.empty()) {
     const int64_t wait_us = std::max<int64_t>(0, under_way_.begin()->first - base::GetSteadyTimeTicks());
-    until_due.tv_sec = static_cast<time_t>(wait_us / 1000000);
-    until_due.tv_nsec = static_cast<long>(wait_us % 1000000 * 1000);
+    until_due.tv_sec = static_cast<time_t>(wait_us / base::kUsPerSecond);
+    until_due.tv_nsec = static_cast<long>(wait_us % base::kUsPerSecond * 1000);
   }
   ppoll(sources.data(), sources.size(), under_way_.empty() ? nullptr : &until_due, nullptr);
 }

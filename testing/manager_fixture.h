@@ -58,7 +58,7 @@ class ManagerTest : public ::testing::Test {
 
   ManagerTest() {
     NtpAddressLedger::GetInstance()->Clear();
-    base::SetLogThreshold(0);
+    base::SetLogThreshold(base::kLogProgress);
     base::SetLogSink([this](const base::LogLine& line) {
       EXPECT_STREQ(line.file, "ntp/ntp_time_manager_impl");
       log.push_back({line.level, line.text});

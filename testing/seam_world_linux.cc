@@ -1,5 +1,6 @@
 #include <map>
 
+#include "platform/base/time.h"
 #include "platform/linux/name_lookup.h"
 #include "testing/fake_name_server.h"
 #include "testing/loopback_udp.h"
@@ -46,7 +47,7 @@ net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
 }
 
 net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
-  const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / 1000000);
+  const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / base::kUsPerSecond);
   const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});
   return net::internal::LookUpHost("brief.example.", 123, base::TimeDelta::FromMilliseconds(kPatienceMs),
                                    server.address());

@@ -23,6 +23,7 @@
 #include <optional>
 
 #include "platform/base/lock.h"
+#include "platform/base/time.h"
 #include "platform/net/ip_endpoint.h"
 #include "transport/ntp_packet.h"
 
@@ -41,10 +42,10 @@ const char* SendRefusalName(SendRefusal refusal);
 
 class NtpAddressLedger {
  public:
-  static constexpr int64_t kFirstBackOffUs = int64_t{2} * 60 * 1000000;
-  static constexpr int64_t kMaxBackOffUs = int64_t{2} * 60 * 60 * 1000000;
-  static constexpr int64_t kParkedUs = int64_t{4} * 60 * 60 * 1000000;
-  static constexpr int64_t kBurstSpacingUs = int64_t{2} * 60 * 1000000;
+  static constexpr int64_t kFirstBackOffUs = 2 * 60 * base::kUsPerSecond;
+  static constexpr int64_t kMaxBackOffUs = 2 * 60 * 60 * base::kUsPerSecond;
+  static constexpr int64_t kParkedUs = 4 * 60 * 60 * base::kUsPerSecond;
+  static constexpr int64_t kBurstSpacingUs = 2 * 60 * base::kUsPerSecond;
   static constexpr uint32_t kLimitedBurst = 8;
   // More addresses are not remembered: the one that was used longest ago makes room, one without an
   // obligation first.

@@ -3,10 +3,16 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/base/int_math.h"
+#include "platform/base/time.h"
+
 namespace skorra {
 namespace {
 
-constexpr int64_t kUsPerSecond = 1000000;
+using base::kUsPerSecond;
+using base::SaturatingAdd;
+using base::SaturatingSubtract;
+
 // From 1601-01-01 to 1900-01-01: 109207 days.
 constexpr int64_t kWindowsToNtpEpochSeconds = int64_t{109207} * 86400;
 constexpr int64_t kWindowsToNtpEpochUs = kWindowsToNtpEpochSeconds * kUsPerSecond;
@@ -62,22 +68,6 @@ constexpr uint32_t Letters(const char (&code)[5]) {
     letters = letters << 8 | static_cast<uint8_t>(code[i]);
   }
   return letters;
-}
-
-int64_t SaturatingAdd(int64_t a, int64_t b) {
-  int64_t sum = 0;
-  if (__builtin_add_overflow(a, b, &sum)) {
-    return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
-  }
-  return sum;
-}
-
-int64_t SaturatingSubtract(int64_t a, int64_t b) {
-  int64_t difference = 0;
-  if (__builtin_sub_overflow(a, b, &difference)) {
-    return b < 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
-  }
-  return difference;
 }
 
 }  // namespace

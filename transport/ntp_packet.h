@@ -130,7 +130,8 @@ int64_t RootDistanceUs(const NtpPacket& reply);
 
 // The pivot is never older than this, 2026-01-01 UTC: a machine whose clock woke up in 1970 must still place
 // the server's time in the right era, and no server can genuinely tell a time before this code was written.
-inline constexpr int64_t kEarliestPivotUs = base::kWindowsToUnixEpochUs + int64_t{1767225600} * 1000000;
+inline constexpr int64_t kEarliestPivotUs =
+    base::kWindowsToUnixEpochUs + int64_t{1767225600} * base::kUsPerSecond;
 
 // Microseconds since 1601 from a time stamp: of the times that it may stand for, one per era of 136 years,
 // the nearest to `pivot_us` (the local timestamp; of two as near the earlier), which is first brought into

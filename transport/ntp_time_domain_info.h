@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "ntp/ntp_sync_records.h"
+#include "platform/base/time.h"
 #include "platform/net/ip_endpoint.h"
 
 namespace skorra {
@@ -39,12 +40,12 @@ class NtpTimeDomainInfo {
   static constexpr size_t kMaxAddresses = 8;
   // A list is taken to hold for so long at least, whatever its time to live, and so much time lies between
   // two look-ups: a name server that answers 0 is not asked with every request.
-  static constexpr int64_t kMinRefreshUs = int64_t{60} * 1000000;
+  static constexpr int64_t kMinRefreshUs = 60 * base::kUsPerSecond;
   // And for so long at most, also when nobody gave it a time to live: a hosts file may be edited.
-  static constexpr int64_t kMaxRefreshUs = int64_t{24} * 60 * 60 * 1000000;
+  static constexpr int64_t kMaxRefreshUs = 24 * 60 * 60 * base::kUsPerSecond;
   // A look-up without a result is waited for no longer: in a forked child, or where the system refuses the
   // thread, none will come. Several that wait behind each other for silent name servers are done by then.
-  static constexpr int64_t kLostAfterUs = int64_t{10} * 60 * 1000000;
+  static constexpr int64_t kLostAfterUs = 10 * 60 * base::kUsPerSecond;
 
   // `domain` is "host", "host:port", an IPv4 address (with or without port), or "[IPv6]:port"; the port is
   // 123 unless given. A name that is malformed or cannot be resolved in time leaves the address list

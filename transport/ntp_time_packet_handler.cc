@@ -5,21 +5,23 @@
 #include <utility>
 
 #include "platform/base/clock.h"
+#include "platform/base/int_math.h"
 #include "platform/base/random.h"
+#include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
+#include "transport/ntp_burst.h"
 
 namespace skorra {
 namespace {
 
-// As the time manager sends them, 10 ms apart: the last one 190 ms after the first.
-constexpr uint32_t kCallsPerBurst = 20;
-constexpr int64_t kBurstUs = 195000;
-constexpr int64_t kBurstGapUs = 1000000;
+// From a burst's first call until after its last, half a call later.
+constexpr int64_t kBurstUs = kCallsPerBurst * kCallSpacingUs - kCallSpacingUs / 2;
+constexpr int64_t kBurstGapUs = base::kUsPerSecond;
 // As long as the time manager waits for a burst.
-constexpr int64_t kNonceLifetimeUs = 3000000;
+constexpr int64_t kNonceLifetimeUs = 3 * base::kUsPerSecond;
 // Until then a late or doubled reply is told from one that answers nothing.
-constexpr int64_t kRememberUs = 10000000;
+constexpr int64_t kRememberUs = 10 * base::kUsPerSecond;
 constexpr size_t kMaxRequests = 4096;
 
 constexpr uint64_t kDefaultRequestsPerBurst = 20;
@@ -296,8 +298,7 @@ void NtpTimePacketHandler::ForgetOldRequests(int64_t now_us) {
 
 // Modulo 2^64, as the time manager computes the local timestamps that the offset is added to.
 int64_t NtpTimePacketHandler::ToLocalTimestampUs(int64_t ticks_us) const {
-  return static_cast<int64_t>(static_cast<uint64_t>(ticks_us) +
-                              static_cast<uint64_t>(system_offset_from_steady_us_));
+  return base::WrappingAdd(ticks_us, system_offset_from_steady_us_);
 }
 
 }  // namespace skorra

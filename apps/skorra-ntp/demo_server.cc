@@ -11,6 +11,8 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/base/time.h"
+
 namespace skorra {
 namespace {
 
@@ -41,7 +43,7 @@ using Packet = std::array<uint8_t, kPacketSize>;
 int64_t NowSince1970Us() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
+  return now.tv_sec * base::kUsPerSecond + now.tv_nsec / 1000;
 }
 
 void WriteUint32(std::span<uint8_t> to, uint32_t value) {
@@ -52,14 +54,15 @@ void WriteUint32(std::span<uint8_t> to, uint32_t value) {
 
 // Seconds since 1900 modulo 2^32 (the era is not transmitted) and a 32-bit fraction.
 void WriteTimestamp(std::span<uint8_t> to, int64_t since_1970_us) {
-  int64_t seconds = since_1970_us / 1'000'000;
-  int64_t rest_us = since_1970_us % 1'000'000;
+  int64_t seconds = since_1970_us / base::kUsPerSecond;
+  int64_t rest_us = since_1970_us % base::kUsPerSecond;
   if (rest_us < 0) {
-    rest_us += 1'000'000;
+    rest_us += base::kUsPerSecond;
     --seconds;
   }
   WriteUint32(to, static_cast<uint32_t>(seconds + kSecondsFrom1900To1970));
-  WriteUint32(to.subspan(4), static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / 1'000'000));
+  WriteUint32(to.subspan(4),
+              static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / base::kUsPerSecond));
 }
 
 bool IsAnswerable(std::span<const uint8_t> request) {

@@ -70,7 +70,7 @@ CLI::Validator Number(double min, double max, bool excludes_min = false) {
 
 // The library logs the same problems; without the threshold each would be printed twice.
 void LoadConfiguration() {
-  base::SetLogThreshold(2);
+  base::SetLogThreshold(base::kLogNothing);
   auto* const center = config::ConfigCenterImpl::GetInstance();
   auto problems = center->LoadEnvironment();
   if (const char* path = std::getenv(kConfigVariable); path != nullptr && *path != '\0') {

@@ -10,9 +10,6 @@
 namespace skorra {
 namespace {
 
-// Fewer usable replies than this give no result.
-constexpr uint64_t kMinSamples = 3;
-
 std::string TimeText(int64_t since_1970_us) {
   return (base::Time::UnixEpoch() + base::TimeDelta::FromMicroseconds(since_1970_us)).ToString();
 }
@@ -127,7 +124,7 @@ std::string FormatOffset(int64_t offset_us) {
       offset_us < 0 ? 0 - static_cast<uint64_t>(offset_us) : static_cast<uint64_t>(offset_us);
   char text[48];
   std::snprintf(text, sizeof text, "%c%" PRIu64 ".%06" PRIu64 " s", offset_us < 0 ? '-' : '+',
-                magnitude / 1000000, magnitude % 1000000);
+                magnitude / base::kUsPerSecond, magnitude % base::kUsPerSecond);
   return text;
 }
 

@@ -9,6 +9,7 @@
 
 #include "apps/skorra-ntp/demo_server.h"
 #include "apps/skorra-ntp/report.h"
+#include "platform/base/time.h"
 
 namespace skorra {
 namespace {
@@ -57,13 +58,14 @@ int RunServe(const ServeOptions& options) {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  const auto server = DemoServer::Open({.listen = *listen,
-                                        .clock_error_us = ToMicroseconds(options.offset_s, 1e6),
-                                        .delay_us = ToMicroseconds(options.delay_ms, 1e3),
-                                        .jitter_us = ToMicroseconds(options.jitter_ms, 1e3),
-                                        .loss = options.loss,
-                                        .seed = options.seed},
-                                       &error);
+  const auto server =
+      DemoServer::Open({.listen = *listen,
+                        .clock_error_us = ToMicroseconds(options.offset_s, base::kUsPerSecond),
+                        .delay_us = ToMicroseconds(options.delay_ms, 1e3),
+                        .jitter_us = ToMicroseconds(options.jitter_ms, 1e3),
+                        .loss = options.loss,
+                        .seed = options.seed},
+                       &error);
   if (server == nullptr) {
     std::fprintf(stderr,
                  "skorra-ntp: cannot listen on %s: %s\nChoose another port (0 takes a free one; those below "
@@ -73,7 +75,7 @@ int RunServe(const ServeOptions& options) {
   }
   std::printf("listening on %s\n", server->local().ToString().c_str());
   std::printf("clock error %s, delay %g ms, jitter up to %g ms, loss %g, seed %llu\n",
-              FormatOffset(ToMicroseconds(options.offset_s, 1e6)).c_str(), options.delay_ms,
+              FormatOffset(ToMicroseconds(options.offset_s, base::kUsPerSecond)).c_str(), options.delay_ms,
               options.jitter_ms, options.loss, static_cast<unsigned long long>(options.seed));
   std::fflush(stdout);
 

@@ -14,15 +14,16 @@
 #include "platform/base/clock.h"
 #include "platform/base/log.h"
 #include "platform/base/no_destructor.h"
+#include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "platform/net/host_resolver.h"
 #include "transport/ntp_address_ledger.h"
+#include "transport/ntp_time_domain_info.h"
 
 namespace skorra {
 namespace {
 
-constexpr uint16_t kDefaultPort = 123;
 constexpr uint64_t kDefaultResolveTimeoutMs = 2000;
 constexpr int64_t kProgressIntervalUs = 100'000;
 
@@ -118,7 +119,7 @@ class Watch final : public NtpTimeManager::Observer {
       return static_cast<unsigned long long>(base::KeyMetrics::GetCount(name));
     };
     std::fprintf(stderr, "\r\x1b[K%.1f s: %llu requests sent, %llu answers",
-                 static_cast<double>(elapsed_us) / 1e6, count("ntp.requests_sent"),
+                 static_cast<double>(elapsed_us) / base::kUsPerSecond, count("ntp.requests_sent"),
                  count("ntp.samples_received"));
     std::fflush(stderr);
   }
@@ -157,7 +158,7 @@ std::vector<std::string> KeepResolvable(const std::vector<std::string>& servers,
           .value_or(kDefaultResolveTimeoutMs));
   std::vector<std::string> kept;
   for (const auto& server : servers) {
-    const auto parsed = net::ParseHostPort(server, kDefaultPort);
+    const auto parsed = net::ParseHostPort(server, kNtpPort);
     if (!parsed.value) {
       continue;
     }
@@ -228,7 +229,8 @@ void FillInClocks(SyncReport& report) {
 
 SyncReport RunAttempt(const SyncOptions& options) {
   const int64_t start_ticks_us = base::GetSteadyTimeTicks();
-  const int64_t deadline_ticks_us = start_ticks_us + static_cast<int64_t>(options.timeout_s * 1e6);
+  const int64_t deadline_ticks_us =
+      start_ticks_us + static_cast<int64_t>(options.timeout_s * base::kUsPerSecond);
   SyncReport report;
   report.timeout_s = options.timeout_s;
 
@@ -238,7 +240,7 @@ SyncReport RunAttempt(const SyncOptions& options) {
   } else {
     report.asked = JoinNames(servers);
     const auto watch = GetWatch();
-    base::SetLogThreshold(0);
+    base::SetLogThreshold(base::kLogProgress);
     base::SetLogSink([watch = watch.get(), level = options.log_level](const base::LogLine& line) {
       watch->OnLogLine(line, level);
     });
@@ -261,7 +263,7 @@ SyncReport RunAttempt(const SyncOptions& options) {
 
 int RunSync(const SyncOptions& options, bool as_json) {
   for (const auto& server : options.servers) {
-    if (const auto parsed = net::ParseHostPort(server, kDefaultPort); !parsed.value) {
+    if (const auto parsed = net::ParseHostPort(server, kNtpPort); !parsed.value) {
       Warn("bad SERVER " + parsed.error +
            "\nGive a host name or an address, with a port if it is not 123: ntp.example.org, 192.0.2.1:123,"
            " [2001:db8::1]:123");

@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t kMaxTextBytes = 4096;
 
-std::atomic<int> g_threshold{1};
+std::atomic<int> g_threshold{kLogFailure};
 
 // A line logged from inside the sink would wait for itself.
 thread_local bool t_is_in_sink = false;

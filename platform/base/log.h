@@ -1,13 +1,11 @@
 // The log: printf-style lines with a level, checked at compile time, handed to one sink.
 //
-// Levels: 0 carries progress and outcomes, 1 failures and found deviations. A line is dropped, before any
-// formatting, when its level is below the threshold (default 1).
+// A line is dropped, before any formatting, when its level is below the threshold (default kLogFailure).
 //
 // Sinks: standard error (the default), a rotating file (log_file.h), or a function of the host program.
-// One sink at a time. All functions may be called from any thread; lines reach the sink one at a time, in
-// the order in which their threads took the sink's lock. A sink function must not
-// call this library: it may run while the library holds a lock. What it logs all the same goes to standard
-// error.
+// There is one sink at a time. All functions may be called from any thread. Lines reach the sink one at a
+// time, in the order in which their threads took the sink's lock. A sink function must not call this library,
+// because it may run while the library holds a lock; a line that it logs goes to standard error.
 #pragma once
 
 #include <functional>
@@ -15,6 +13,11 @@
 
 namespace base {
 inline namespace skorra_ntp {
+
+// The levels.
+inline constexpr int kLogProgress = 0;  // progress and outcomes
+inline constexpr int kLogFailure = 1;   // failures and found deviations
+inline constexpr int kLogNothing = 2;   // as a threshold: no line of this library passes
 
 struct LogLine {
   int level;
@@ -29,7 +32,8 @@ using LogSink = std::function<void(const LogLine&)>;
 void LocalLog(int level, const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Lines below `level` are dropped from now on: 0 shows everything, 2 silences the library.
+// From now on lines below `level` are dropped: kLogProgress shows everything, kLogNothing silences the
+// library.
 void SetLogThreshold(int level);
 int GetLogThreshold();
 

@@ -9,8 +9,7 @@ inline namespace skorra_ntp {
 
 namespace {
 
-constexpr int64_t kMicrosPerSecond = 1000000;
-constexpr int64_t kMicrosPerDay = 86400 * kMicrosPerSecond;
+constexpr int64_t kUsPerDay = 86400 * kUsPerSecond;
 
 struct CivilDate {
   int64_t year;
@@ -73,8 +72,8 @@ std::string TimeDelta::ToString() const {
   const int64_t absolute = us_ < 0 ? -us_ : us_;
   char text[48];
   std::snprintf(text, sizeof text, "%s%lld.%06lld s", us_ < 0 ? "-" : "",
-                static_cast<long long>(absolute / kMicrosPerSecond),
-                static_cast<long long>(absolute % kMicrosPerSecond));
+                static_cast<long long>(absolute / kUsPerSecond),
+                static_cast<long long>(absolute % kUsPerSecond));
   return text;
 }
 
@@ -82,10 +81,10 @@ std::string Time::ToString() const {
   if (internal::IsInfinite(us_)) {
     return InfinityName(us_);
   }
-  const int64_t days = FloorDiv(us_, kMicrosPerDay);
+  const int64_t days = FloorDiv(us_, kUsPerDay);
   // Not from the product, which overflows for the smallest times.
-  const int64_t us_of_day = us_ % kMicrosPerDay + (us_ % kMicrosPerDay < 0 ? kMicrosPerDay : 0);
-  const int64_t second = us_of_day / kMicrosPerSecond;
+  const int64_t us_of_day = us_ % kUsPerDay + (us_ % kUsPerDay < 0 ? kUsPerDay : 0);
+  const int64_t second = us_of_day / kUsPerSecond;
   const CivilDate date = CivilFromDaysSince1601(days);
   const bool is_far = date.year < 0 || date.year > 9999;
   char text[64];
@@ -93,7 +92,7 @@ std::string Time::ToString() const {
                 is_far ? "%+07lld-%02d-%02dT%02d:%02d:%02d.%06dZ" : "%04lld-%02d-%02dT%02d:%02d:%02d.%06dZ",
                 static_cast<long long>(date.year), date.month, date.day, static_cast<int>(second / 3600),
                 static_cast<int>(second / 60 % 60), static_cast<int>(second % 60),
-                static_cast<int>(us_of_day % kMicrosPerSecond));
+                static_cast<int>(us_of_day % kUsPerSecond));
   return text;
 }
 

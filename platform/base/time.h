@@ -16,9 +16,12 @@
 #include <limits>
 #include <string>
 
+#include "platform/base/int_math.h"
+
 namespace base {
 inline namespace skorra_ntp {
 
+inline constexpr int64_t kUsPerSecond = 1000000;
 // Microseconds from 1601-01-01 to 1970-01-01, both 00:00:00 UTC: 134774 days.
 inline constexpr int64_t kWindowsToUnixEpochUs = 11644473600000000;
 
@@ -31,36 +34,15 @@ inline constexpr int64_t kMinusInfinity = std::numeric_limits<int64_t>::min();
 
 constexpr bool IsInfinite(int64_t value) { return value == kPlusInfinity || value == kMinusInfinity; }
 
-constexpr int64_t SaturatingAdd(int64_t value, int64_t delta) {
+// `value` and `delta` count microseconds or are infinite.
+constexpr int64_t AddWithInfinities(int64_t value, int64_t delta) {
   if (IsInfinite(delta)) {
     if (IsInfinite(value) && value != delta) {
       FailInfinitySum();
     }
     return delta;
   }
-  if (IsInfinite(value)) {
-    return value;
-  }
-  int64_t sum = 0;
-  if (__builtin_add_overflow(value, delta, &sum)) {
-    return delta >= 0 ? kPlusInfinity : kMinusInfinity;
-  }
-  return sum;
-}
-
-constexpr int64_t SaturatingNegate(int64_t value) {
-  if (value == kMinusInfinity) {
-    return kPlusInfinity;
-  }
-  return value == kPlusInfinity ? kMinusInfinity : -value;
-}
-
-constexpr int64_t SaturatingScale(int64_t value, int64_t factor) {
-  int64_t product = 0;
-  if (__builtin_mul_overflow(value, factor, &product)) {
-    return value >= 0 ? kPlusInfinity : kMinusInfinity;
-  }
-  return product;
+  return IsInfinite(value) ? value : SaturatingAdd(value, delta);
 }
 
 }  // namespace internal
@@ -70,12 +52,8 @@ class TimeDelta {
   constexpr TimeDelta() = default;
 
   static constexpr TimeDelta FromMicroseconds(int64_t us) { return TimeDelta(us); }
-  static constexpr TimeDelta FromMilliseconds(int64_t ms) {
-    return TimeDelta(internal::SaturatingScale(ms, 1000));
-  }
-  static constexpr TimeDelta FromSeconds(int64_t s) {
-    return TimeDelta(internal::SaturatingScale(s, 1000000));
-  }
+  static constexpr TimeDelta FromMilliseconds(int64_t ms) { return TimeDelta(SaturatingScale(ms, 1000)); }
+  static constexpr TimeDelta FromSeconds(int64_t s) { return TimeDelta(SaturatingScale(s, kUsPerSecond)); }
   static constexpr TimeDelta Max() { return TimeDelta(internal::kPlusInfinity); }
   static constexpr TimeDelta Min() { return TimeDelta(internal::kMinusInfinity); }
 
@@ -86,9 +64,9 @@ class TimeDelta {
   // Truncates toward zero; an infinity stays the largest or smallest number.
   constexpr int64_t InMilliseconds() const { return internal::IsInfinite(us_) ? us_ : us_ / 1000; }
 
-  constexpr TimeDelta operator-() const { return TimeDelta(internal::SaturatingNegate(us_)); }
+  constexpr TimeDelta operator-() const { return is_max() ? Min() : TimeDelta(SaturatingNegate(us_)); }
   constexpr TimeDelta operator+(TimeDelta other) const {
-    return TimeDelta(internal::SaturatingAdd(us_, other.us_));
+    return TimeDelta(internal::AddWithInfinities(us_, other.us_));
   }
   constexpr TimeDelta operator-(TimeDelta other) const { return *this + -other; }
   constexpr auto operator<=>(const TimeDelta&) const = default;
@@ -122,7 +100,7 @@ class Time {
   constexpr bool is_min() const { return us_ == internal::kMinusInfinity; }
 
   constexpr Time operator+(TimeDelta delta) const {
-    return Time(internal::SaturatingAdd(us_, delta.InMicroseconds()));
+    return Time(internal::AddWithInfinities(us_, delta.InMicroseconds()));
   }
   constexpr Time operator-(TimeDelta delta) const { return *this + -delta; }
   constexpr TimeDelta operator-(Time other) const {

@@ -78,7 +78,7 @@ std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
             text == nullptr ? base::Optional<std::string>() : base::Optional<std::string>(text));
   }
   for (const std::string& message : messages) {
-    base::LocalLog(1, kLogFile, __LINE__, "%s", message.c_str());
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "%s", message.c_str());
   }
   return messages;
 }

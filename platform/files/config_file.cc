@@ -175,7 +175,7 @@ std::vector<std::string> ConfigCenterImpl::TakeOver(FileReader& reader) {
     SetText(*entry, Layer::kFile, std::move(reader.texts[entry->slot]));
   }
   for (const std::string& message : reader.messages) {
-    base::LocalLog(1, kLogFile, __LINE__, "%s", message.c_str());
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "%s", message.c_str());
   }
   return std::move(reader.messages);
 }

@@ -17,7 +17,8 @@ namespace {
 int64_t ReadMicroseconds(clockid_t clock, int64_t epoch_us) {
   timespec now;
   clock_gettime(clock, &now);
-  return (static_cast<int64_t>(now.tv_sec) * 1000000 + epoch_us) + static_cast<uint32_t>(now.tv_nsec) / 1000;
+  return (static_cast<int64_t>(now.tv_sec) * kUsPerSecond + epoch_us) +
+         static_cast<uint32_t>(now.tv_nsec) / 1000;
 }
 
 }  // namespace

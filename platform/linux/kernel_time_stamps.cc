@@ -39,7 +39,7 @@ struct KernelTime {
 int64_t ToWallUs(const cmsghdr& header) {
   KernelTime time;
   std::memcpy(&time, CMSG_DATA(&header), sizeof time);
-  return time.seconds * 1000000 + time.nanoseconds / 1000 + base::kWindowsToUnixEpochUs;
+  return time.seconds * base::kUsPerSecond + time.nanoseconds / 1000 + base::kWindowsToUnixEpochUs;
 }
 
 bool IsStamp(const cmsghdr& header, int type) {

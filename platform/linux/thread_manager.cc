@@ -290,8 +290,9 @@ void LoopTaskQueue::ArmTimer() {
   }
   const int64_t deadline_us = now.delayed.empty() ? 0 : now.delayed.begin()->first;
   itimerspec when{};  // all zero disarms
-  when.it_value.tv_sec = static_cast<time_t>(deadline_us / 1000000);
-  when.it_value.tv_nsec = static_cast<decltype(when.it_value.tv_nsec)>(deadline_us % 1000000 * 1000);
+  when.it_value.tv_sec = static_cast<time_t>(deadline_us / base::kUsPerSecond);
+  when.it_value.tv_nsec =
+      static_cast<decltype(when.it_value.tv_nsec)>(deadline_us % base::kUsPerSecond * 1000);
   timerfd_settime(now.loop->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
@@ -419,8 +420,9 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
     status = queue->StartIfNeeded(name);
   }
   if (status != 0 && RetryInBackground(queue, name)) {
-    base::LocalLog(1, kLogFile, __LINE__, "the system refuses the thread '%s', its tasks wait: %s",
-                   name.c_str(), std::system_category().message(status).c_str());
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                   "the system refuses the thread '%s', its tasks wait: %s", name.c_str(),
+                   std::system_category().message(status).c_str());
   }
   return queue;
 }

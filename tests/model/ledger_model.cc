@@ -1,9 +1,11 @@
 #include "tests/model/ledger_model.h"
 
+#include "platform/base/time.h"
+
 namespace skorra::model {
 namespace {
 
-constexpr int64_t kS = 1000000;
+constexpr int64_t kS = base::kUsPerSecond;
 constexpr int64_t kMinute = 60 * kS;
 constexpr int64_t kHour = 60 * kMinute;
 

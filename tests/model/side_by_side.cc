@@ -160,7 +160,7 @@ SideBySide::SideBySide(uint64_t seed)
       surroundings(seed, world.wall_us() - world.steady_ticks_us()),
       model(surroundings, world.steady_ticks_us(), seed) {
   NtpAddressLedger::GetInstance()->Clear();
-  base::SetLogThreshold(0);
+  base::SetLogThreshold(base::kLogProgress);
   base::SetLogSink([this](const base::LogLine& line) {
     const bool is_ours = std::string_view(line.file) == "ntp/ntp_time_manager_impl" && line.line > 0;
     real.trace.log.push_back({line.level, is_ours ? line.text : "from elsewhere: " + line.text});

@@ -6,12 +6,14 @@
 #include <optional>
 #include <utility>
 
+#include "platform/base/time.h"
+
 namespace skorra::model {
 namespace {
 
 constexpr int kSlotCount = 5;
 constexpr int64_t kMs = 1000;
-constexpr int64_t kS = 1000000;
+constexpr int64_t kS = base::kUsPerSecond;
 
 constexpr std::array<std::optional<uint64_t>, 7> kIntervals = {
     0, 1, 60, 3600, uint64_t{1} << 32, (uint64_t{1} << 32) + 60, std::nullopt};

@@ -9,10 +9,10 @@ from dataclasses import dataclass
 NEIGHBOURS = {"<": "<=", ">": ">=", "<=": "<", ">=": ">", "==": "!=", "!=": "=="}
 # Steps in an order that matters: the first statement, then the one that it changes places with.
 SWAPS = [
-    ("StopNtpQueue", "Clean();", 'LocalLog(kProgress, kSourcePath, __LINE__, "Stop ntp queue");'),
+    ("StopNtpQueue", "Clean();", 'LocalLog(kLogProgress, kSourcePath, __LINE__, "Stop ntp queue");'),
     ("Clean", "if (packet_handler_ != nullptr) {\n    packet_handler_->Clean();\n  }", "ResetServerDomainList();"),
     ("DoStartSyncTime", "PreparePacketHandler();",
-     'LocalLog(kProgress, kSourcePath, __LINE__, "Start NTP time sync");'),
+     'LocalLog(kLogProgress, kSourcePath, __LINE__, "Start NTP time sync");'),
     ("DoStartSyncTime", "is_sync_finished_ = false;", "StartRequest(domain_infos_);"),
     ("StartRequest", "record->request_start_time_us = GetNowSystemTimestampUs();", "SendPacketToServer(domain);"),
     ("StartRequest", "record->is_requesting = true;", "SendPacketToServer(domain);"),
@@ -117,7 +117,7 @@ def _replacements(source):
             new = "x" if text[position] != "x" else "y"
             yield "text", position, position + 1, new
     for match in re.finditer(r"LocalLog\((k\w+),", code):
-        other = "kFailure" if match.group(1) == "kProgress" else "kProgress"
+        other = "kLogFailure" if match.group(1) == "kLogProgress" else "kLogProgress"
         yield f"level {match.group(1)} to {other}", *match.span(1), other
 
 

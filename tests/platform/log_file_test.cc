@@ -25,23 +25,23 @@ class LogFileTest : public ::testing::Test {
 
 TEST_F(LogFileTest, LinesAreInTheFileAtOnce) {
   ASSERT_EQ(LogToFile({path_}), "");
-  LocalLog(1, "ntp/part", 7, "first %d", 1);
+  LocalLog(kLogFailure, "ntp/part", 7, "first %d", 1);
   EXPECT_THAT(skorra::ReadFile(path_), MatchesRegex("20[0-9-]+T[0-9:.]+Z 1 ntp/part:7 first 1\n"));
-  LocalLog(1, "ntp/part", 8, "second");
+  LocalLog(kLogFailure, "ntp/part", 8, "second");
   EXPECT_THAT(skorra::ReadFile(path_), HasSubstr("ntp/part:8 second\n"));
 }
 
 TEST_F(LogFileTest, AnExistingFileIsContinued) {
   skorra::WriteFile(path_, "from before\n");
   ASSERT_EQ(LogToFile({path_}), "");
-  LocalLog(1, "f", 1, "new");
+  LocalLog(kLogFailure, "f", 1, "new");
   EXPECT_THAT(skorra::ReadFile(path_), MatchesRegex("from before\n.* 1 f:1 new\n"));
 }
 
 TEST_F(LogFileTest, TheFileIsRotatedBeforeItGrowsBeyondTheLimit) {
   ASSERT_EQ(LogToFile({path_, 200, 2}), "");
   for (int i = 0; i < 20; ++i) {
-    LocalLog(1, "f", i, "%s", std::string(60, static_cast<char>('a' + i)).c_str());
+    LocalLog(kLogFailure, "f", i, "%s", std::string(60, static_cast<char>('a' + i)).c_str());
   }
   for (const char* name : {"skorra.log", "skorra.1.log", "skorra.2.log"}) {
     const std::string text = skorra::ReadFile(directory_ / name);
@@ -67,7 +67,7 @@ TEST_F(LogFileTest, AFileThatCannotBeWrittenIsReportedAndTheSinkStays) {
   SetLogSink([&](const LogLine& line) { last_text = line.text; });
   for (const Case& c : cases) {
     EXPECT_THAT(LogToFile(c.options), HasSubstr(c.reason)) << c.options.path;
-    LocalLog(1, "f", 1, "after %s", c.options.path.c_str());
+    LocalLog(kLogFailure, "f", 1, "after %s", c.options.path.c_str());
     EXPECT_EQ(last_text, "after " + c.options.path);
   }
 }
@@ -76,8 +76,8 @@ TEST_F(LogFileTest, LinesThatTheFileDoesNotTakeGoToStandardError) {
   // Opens well, then has no space for anything.
   ASSERT_EQ(LogToFile({"/dev/full"}), "");
   testing::internal::CaptureStderr();
-  LocalLog(1, "f", 1, "first");
-  LocalLog(1, "f", 2, "second");
+  LocalLog(kLogFailure, "f", 1, "first");
+  LocalLog(kLogFailure, "f", 2, "second");
   EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(".* f:1 first\n.* f:2 second\n"));
 }
 
@@ -86,16 +86,16 @@ TEST_F(LogFileTest, AFileThatCanBeWrittenAgainIsUsedAgain) {
   std::filesystem::create_directory(directory_ / "folder");
   const std::string path = directory_ / "folder/skorra.log";
   ASSERT_EQ(LogToFile({path, 200, 1}), "");
-  LocalLog(1, "f", 1, "%s", std::string(120, 'x').c_str());
+  LocalLog(kLogFailure, "f", 1, "%s", std::string(120, 'x').c_str());
   std::filesystem::remove_all(directory_ / "folder");
   skorra::WriteFile(directory_ / "folder", "a file in the way");
   testing::internal::CaptureStderr();
-  LocalLog(1, "f", 2, "%s", std::string(120, 'y').c_str());
-  LocalLog(1, "f", 3, "short");
+  LocalLog(kLogFailure, "f", 2, "%s", std::string(120, 'y').c_str());
+  LocalLog(kLogFailure, "f", 3, "short");
   EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(".* f:2 y*\n.* f:3 short\n"));
   std::filesystem::remove(directory_ / "folder");
   std::filesystem::create_directory(directory_ / "folder");
-  LocalLog(1, "f", 4, "again");
+  LocalLog(kLogFailure, "f", 4, "again");
   EXPECT_THAT(skorra::ReadFile(path), MatchesRegex(".* f:4 again\n"));
 }
 

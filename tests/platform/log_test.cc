@@ -23,31 +23,37 @@ class LogTest : public ::testing::Test {
   }
   ~LogTest() override {
     SetLogSink({});
-    SetLogThreshold(1);
+    SetLogThreshold(kLogFailure);
   }
 
   skorra::sim::World world_;
   std::vector<LogLine> lines_;
 };
 
+TEST_F(LogTest, TheLevelsHaveTheNumbersThatAreDocumented) {
+  EXPECT_EQ(kLogProgress, 0);
+  EXPECT_EQ(kLogFailure, 1);
+  EXPECT_EQ(kLogNothing, 2);
+}
+
 TEST_F(LogTest, ALineReachesTheSinkWithItsPlaceAndText) {
-  LocalLog(1, "folder/part", 42, "%s is %d", "answer", 42);
+  LocalLog(kLogFailure, "folder/part", 42, "%s is %d", "answer", 42);
   ASSERT_EQ(lines_.size(), 1u);
-  EXPECT_EQ(lines_[0].level, 1);
+  EXPECT_EQ(lines_[0].level, kLogFailure);
   EXPECT_STREQ(lines_[0].file, "folder/part");
   EXPECT_EQ(lines_[0].line, 42);
   EXPECT_EQ(lines_[0].text, "answer is 42");
 }
 
 TEST_F(LogTest, LinesBelowTheThresholdAreDropped) {
-  EXPECT_EQ(GetLogThreshold(), 1);
-  LocalLog(0, "f", 1, "progress");
-  LocalLog(1, "f", 2, "failure");
-  SetLogThreshold(0);
-  EXPECT_EQ(GetLogThreshold(), 0);
-  LocalLog(0, "f", 3, "progress");
-  SetLogThreshold(2);
-  LocalLog(1, "f", 4, "failure");
+  EXPECT_EQ(GetLogThreshold(), kLogFailure);
+  LocalLog(kLogProgress, "f", 1, "progress");
+  LocalLog(kLogFailure, "f", 2, "failure");
+  SetLogThreshold(kLogProgress);
+  EXPECT_EQ(GetLogThreshold(), kLogProgress);
+  LocalLog(kLogProgress, "f", 3, "progress");
+  SetLogThreshold(kLogNothing);
+  LocalLog(kLogFailure, "f", 4, "failure");
   ASSERT_EQ(lines_.size(), 2u);
   EXPECT_EQ(lines_[0].line, 2);
   EXPECT_EQ(lines_[1].line, 3);
@@ -56,20 +62,20 @@ TEST_F(LogTest, LinesBelowTheThresholdAreDropped) {
 TEST_F(LogTest, ADroppedLineIsNotFormatted) {
   // Formatting it would store a number here.
   int written = -1;
-  LocalLog(0, "f", 1, "text%n", &written);
+  LocalLog(kLogProgress, "f", 1, "text%n", &written);
   EXPECT_EQ(written, -1);
 }
 
 TEST_F(LogTest, TextsAreCutAt4096Bytes) {
   for (const size_t size : {4095u, 4096u, 4097u, 100000u}) {
-    LocalLog(1, "f", 1, "%s", std::string(size, 'x').c_str());
+    LocalLog(kLogFailure, "f", 1, "%s", std::string(size, 'x').c_str());
     EXPECT_EQ(lines_.back().text, std::string(std::min<size_t>(size, 4096), 'x'));
   }
 }
 
 TEST_F(LogTest, ATextThatCannotBeFormattedShowsItsFormat) {
   const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
-  LocalLog(1, "f", 1, "wide %ls", no_character);
+  LocalLog(kLogFailure, "f", 1, "wide %ls", no_character);
   ASSERT_EQ(lines_.size(), 1u);
   EXPECT_EQ(lines_[0].text, "wide %ls");
 }
@@ -77,10 +83,10 @@ TEST_F(LogTest, ATextThatCannotBeFormattedShowsItsFormat) {
 TEST_F(LogTest, AReplacedSinkIsNoLongerCalledAndReleased) {
   const auto token = std::make_shared<int>(0);
   SetLogSink([token](const LogLine&) { ++*token; });
-  LocalLog(1, "f", 1, "first");
+  LocalLog(kLogFailure, "f", 1, "first");
   SetLogSink([this](const LogLine& line) { lines_.push_back(line); });
   EXPECT_EQ(token.use_count(), 1);
-  LocalLog(1, "f", 2, "second");
+  LocalLog(kLogFailure, "f", 2, "second");
   EXPECT_EQ(*token, 1);
   ASSERT_EQ(lines_.size(), 1u);
 }
@@ -98,9 +104,9 @@ TEST_F(LogTest, ALineBreakInATextDoesNotMakeAnotherLine) {
 TEST_F(LogTest, WithoutASinkLinesGoToStandardError) {
   SetLogSink({});
   testing::internal::CaptureStderr();
-  LocalLog(1, "f", 1, "first");
-  LocalLog(0, "f", 2, "dropped");
-  LocalLog(1, "f", 3, "second");
+  LocalLog(kLogFailure, "f", 1, "first");
+  LocalLog(kLogProgress, "f", 2, "dropped");
+  LocalLog(kLogFailure, "f", 3, "second");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "2024-01-01T00:00:00.000000Z 1 f:1 first\n2024-01-01T00:00:00.000000Z 1 f:3 second\n");
 }
@@ -109,10 +115,10 @@ TEST_F(LogTest, ALineLoggedInsideTheSinkGoesToStandardError) {
   int called = 0;
   SetLogSink([&](const LogLine&) {
     ++called;
-    LocalLog(1, "inner", 1, "from inside");
+    LocalLog(kLogFailure, "inner", 1, "from inside");
   });
   testing::internal::CaptureStderr();
-  LocalLog(1, "outer", 1, "from outside");
+  LocalLog(kLogFailure, "outer", 1, "from outside");
   EXPECT_THAT(testing::internal::GetCapturedStderr(), ::testing::HasSubstr("inner:1 from inside\n"));
   EXPECT_EQ(called, 1);
 }
@@ -133,7 +139,7 @@ TEST_F(LogTest, LinesOfManyThreadsReachTheSinkOneAtATime) {
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([] {
       for (int n = 0; n < kLines; ++n) {
-        LocalLog(1, "f", n, "line %d", n);
+        LocalLog(kLogFailure, "f", n, "line %d", n);
       }
     });
   }

@@ -131,14 +131,14 @@ Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::
   NtpAddressLedger::GetInstance()->Clear();
   const bool is_logged = static_cast<bool>(event_log);
   world.SetEventLog(std::move(event_log));
-  base::SetLogThreshold(is_logged ? 0 : 2);
+  base::SetLogThreshold(is_logged ? base::kLogProgress : base::kLogNothing);
   base::SetLogSink(
       [this](const base::LogLine& line) { world.Log("log %d %s", line.level, line.text.c_str()); });
 }
 
 Run::~Run() {
   base::SetLogSink(nullptr);
-  base::SetLogThreshold(1);
+  base::SetLogThreshold(base::kLogFailure);
   auto* const config = config::ConfigCenterImpl::GetInstance();
   config->Set(config::BaseCfg().ntp_default_domain, std::nullopt);
   config->Set(config::BaseCfg().ntp_sync_interval, std::nullopt);

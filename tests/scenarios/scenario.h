@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ntp/ntp_time_manager.h"
+#include "platform/base/time.h"
 #include "sim/attacker.h"
 #include "sim/network.h"
 #include "sim/world.h"
@@ -19,7 +20,7 @@
 namespace skorra {
 
 inline constexpr int64_t kMs = 1000;  // in microseconds, as everything here
-inline constexpr int64_t kSecond = 1000000;
+inline constexpr int64_t kSecond = base::kUsPerSecond;
 inline constexpr int64_t kMinute = 60 * kSecond;
 inline constexpr int64_t kHour = 60 * kMinute;
 inline constexpr int64_t kDay = 24 * kHour;

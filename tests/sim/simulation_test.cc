@@ -8,6 +8,7 @@
 #include "gtest/gtest.h"
 #include "platform/base/clock.h"
 #include "platform/base/random.h"
+#include "platform/base/time.h"
 #include "sim/attacker.h"
 #include "sim/clock_model.h"
 #include "sim/network.h"
@@ -20,7 +21,7 @@ using base::TimeDelta;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr int64_t kSecond = 1000000;
+constexpr int64_t kSecond = base::kUsPerSecond;
 constexpr int64_t kDay = 86400 * kSecond;
 
 net::IPEndPoint Address(const std::string& text, uint16_t port = 123) {

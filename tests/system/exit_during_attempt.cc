@@ -89,7 +89,7 @@ bool AfterStart(const std::string& server, const std::string&) {
 }
 
 bool BeforeTheFirstPacket(const std::string& server, const std::string&) {
-  base::SetLogThreshold(0);
+  base::SetLogThreshold(base::kLogProgress);
   base::SetLogSink([](const base::LogLine& line) {
     if (line.text == "Start NTP time sync") {
       was_begun.store(true);
@@ -168,7 +168,7 @@ int Main(const std::string& moment, const std::string& way, const std::string& s
     return kWrongArguments;
   }
   // The test expects nothing on standard error but what a sanitizer may write there.
-  base::SetLogThreshold(2);
+  base::SetLogThreshold(base::kLogNothing);
   if (!found->second(server, way)) {
     return kMomentNeverCame;
   }

@@ -332,7 +332,7 @@ TEST(ForkTest, AnObserverMayFork) {
    public:
     void OnNtpResult(NtpResult, const std::string&, const net::IPEndPoint&) override {
       reader_report = RunInChild([]() -> std::string {
-        base::LocalLog(1, "tests/fork_test", __LINE__, "from a child of an observer");
+        base::LocalLog(base::kLogFailure, "tests/fork_test", __LINE__, "from a child of an observer");
         base::KeyMetrics::Count("test.child");
         Manager().Start();
         return CheckRead();
@@ -505,7 +505,7 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   const auto server = OpenServer();
   config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);
   base::SetLogSink([](const base::LogLine&) {});
-  base::SetLogThreshold(0);
+  base::SetLogThreshold(base::kLogProgress);
   const auto recorder = std::make_shared<Recorder>();
   Manager().AddObserver(recorder);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});

@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/time.h"
+
 namespace skorra {
 namespace {
 
-constexpr int64_t kSecond = 1000000;
+constexpr int64_t kSecond = base::kUsPerSecond;
 constexpr int64_t kMinute = 60 * kSecond;
 constexpr int64_t kHour = 60 * kMinute;
 constexpr int64_t kNow = 5000 * kSecond;

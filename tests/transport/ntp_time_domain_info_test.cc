@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/time.h"
 #include "platform/config/base_cfg.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
@@ -248,7 +249,7 @@ class RefreshTest : public NtpTimeDomainInfoTest {
 
   static constexpr base::TimeDelta kTtl = base::TimeDelta::FromSeconds(300);
   static constexpr int64_t kTtlUs = 300000000;
-  static constexpr int64_t kSecondUs = 1000000;
+  static constexpr int64_t kSecondUs = base::kUsPerSecond;
 };
 
 TEST_F(RefreshTest, TheNewListComesWithTheResetAndNotBefore) {
