@@ -34,14 +34,8 @@ Values ReadValues(const ConfigCenterImpl& center) {
   return values;
 }
 
-// The file is the only layer, and the log says nothing.
+// Without a world there is no environment, so the file is the only layer. The log says nothing.
 ConfigCenterImpl& PreparedCenter() {
-  for (const NumberEntry* entry : BaseCfg().numbers()) {
-    unsetenv(entry->environment_variable);
-  }
-  for (const TextEntry* entry : BaseCfg().texts()) {
-    unsetenv(entry->environment_variable);
-  }
   base::SetLogThreshold(base::kLogNothing);
   return *ConfigCenterImpl::GetInstance();
 }

@@ -86,10 +86,6 @@ struct Process {
   Process() {
     base::SetLogThreshold(base::kLogNothing);
     is_traced = std::getenv("SKORRA_FUZZ_TRACE") != nullptr;
-    for (const config::NumberEntry* entry : config::BaseCfg().numbers()) {
-      unsetenv(entry->environment_variable);
-    }
-    config::ConfigCenterImpl::GetInstance()->LoadEnvironment();
   }
 
   bool is_traced = false;

@@ -58,7 +58,6 @@ constexpr int64_t kQuietPeriodMs = 600000;
 
 constexpr uint32_t kToleratedDeviationMs = 4;
 constexpr uint32_t kLargeDeviationMs = 500;
-constexpr uint64_t kDefaultSyncIntervalS = 3600;
 
 // Kinds of request in the statistics beyond the two NtpDomainCodes.
 constexpr int kWholeAttempt = 2;
@@ -695,11 +694,11 @@ bool NtpTimeManagerImpl::NeedToUpdateResult() {
   const int64_t before_ntp_us = last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed);
   if (before_ntp_us > 0) {
     const int64_t now_ntp_us = GetNtpTimestampFrom1970Internal();
-    const auto interval_s =
-        static_cast<uint32_t>(config::ConfigCenterImpl::GetInstance()
-                                  ->GetValueWithPriority(config::BaseCfg().ntp_sync_interval,
-                                                         base::Optional<uint64_t>(kDefaultSyncIntervalS))
-                                  .value_or(kDefaultSyncIntervalS));
+    const uint64_t default_s = config::BaseCfg().ntp_sync_interval.default_value;
+    const auto interval_s = static_cast<uint32_t>(
+        config::ConfigCenterImpl::GetInstance()
+            ->GetValueWithPriority(config::BaseCfg().ntp_sync_interval, base::Optional<uint64_t>(default_s))
+            .value_or(default_s));
     // More than `interval_s` whole seconds.
     const int64_t elapsed_us = WrappingSubtract(now_ntp_us, before_ntp_us);
     if (interval_s != 0 && elapsed_us >= (static_cast<int64_t>(interval_s) + 1) * kUsPerSecond) {

@@ -1,7 +1,9 @@
 // The seams of platform/, each spoken to the current simulated world.
 #include "platform/base/clock.h"
+#include "platform/base/environment.h"
 #include "platform/base/random.h"
 #include "platform/base/time.h"
+#include "platform/net/interface_index.h"
 #include "sim/world.h"
 
 namespace base {
@@ -26,6 +28,12 @@ int64_t GetSystemTimeOffsetFromSteady() {
   const int64_t offset_us = world.wall_us() - world.steady_ticks_us();
   world.NoteSeamCall(skorra::sim::SeamCall::kSystemOffset);
   return offset_us;
+}
+
+// The configuration may be read, and an address parsed, before there is a world.
+Optional<std::string> GetEnvironmentVariable(const char* name) {
+  const skorra::sim::World* const world = skorra::sim::World::Find();
+  return world == nullptr ? Optional<std::string>() : world->FindEnvironmentVariable(name);
 }
 
 uint64_t RandUint64() { return skorra::sim::World::Current().NextRandom(); }
@@ -76,6 +84,11 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
 }
 
 IPEndPoint DatagramSocket::local() const { return impl_->socket.local; }
+
+uint32_t GetInterfaceIndex(const std::string& name) {
+  const skorra::sim::World* const world = skorra::sim::World::Find();
+  return world == nullptr ? 0 : world->FindInterface(name);
+}
 
 ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
   return skorra::sim::World::Current().Resolve(host, port, timeout);

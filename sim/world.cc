@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "platform/base/int_math.h"
 
@@ -48,6 +49,26 @@ World& World::Current() {
     std::abort();
   }
   return *current_world;
+}
+
+World* World::Find() { return current_world; }
+
+void World::SetEnvironmentVariable(const std::string& name, base::Optional<std::string> value) {
+  if (value) {
+    environment_.insert_or_assign(name, *std::move(value));
+  } else {
+    environment_.erase(name);
+  }
+}
+
+base::Optional<std::string> World::FindEnvironmentVariable(const std::string& name) const {
+  const auto found = environment_.find(name);
+  return found == environment_.end() ? base::Optional<std::string>() : found->second;
+}
+
+uint32_t World::FindInterface(const std::string& name) const {
+  const auto found = interfaces_.find(name);
+  return found == interfaces_.end() ? 0 : found->second;
 }
 
 void World::StepWall(base::TimeDelta step) {

@@ -29,6 +29,7 @@
 #include "netmodel/random.h"
 #include "platform/base/callback.h"
 #include "platform/base/location.h"
+#include "platform/base/optional.h"
 #include "platform/base/time.h"
 #include "platform/core/task_queue.h"
 #include "platform/core/thread_manager.h"
@@ -82,6 +83,8 @@ class World {
 
   // The world that the seams speak to. Ends the process with a message when there is none.
   static World& Current();
+  // The same, or null when there is none.
+  static World* Find();
 
   // --- Clocks. All times in microseconds; wall clock and truth count from 1601-01-01 UTC. Events are due by
   // the steady clock, as a machine's timers are; so are the delays of links.
@@ -161,6 +164,15 @@ class World {
   // What a name means from now on. Names without an entry do not exist, except "localhost".
   void SetHost(const std::string& name, HostEntry entry) { hosts_[name] = std::move(entry); }
 
+  // --- The machine.
+
+  // Sets an environment variable, or removes it. The configuration reads the environment at its first use in
+  // the process and at `LoadEnvironment`. A world begins without variables.
+  void SetEnvironmentVariable(const std::string& name, base::Optional<std::string> value);
+  // What an interface name in a link-local address means from now on; 0 removes the interface. A world begins
+  // with "lo" as number 1.
+  void SetInterface(const std::string& name, uint32_t index) { interfaces_[name] = index; }
+
   // --- Chance.
 
   // The next 64 bits of the world's generator.
@@ -186,6 +198,8 @@ class World {
   net::SocketError AddSocket(Socket* socket);
   void RemoveSocket(Socket* socket);
   net::SocketError Send(Socket& socket, std::span<const uint8_t> bytes, uint32_t* send_id);
+  base::Optional<std::string> FindEnvironmentVariable(const std::string& name) const;
+  uint32_t FindInterface(const std::string& name) const;
   net::ResolveResult Resolve(const std::string& host, uint16_t port, base::TimeDelta timeout);
   void ResolveInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
                            std::function<void(net::ResolveResult)> done);
@@ -231,6 +245,8 @@ class World {
   uint16_t next_port_ = 49152;
 
   std::map<std::string, HostEntry> hosts_;
+  std::map<std::string, std::string> environment_;
+  std::map<std::string, uint32_t> interfaces_{{"lo", 1}};
 };
 
 // What the world knows of an open socket.

@@ -42,6 +42,9 @@ class SeamWorld {
   // ResolveHost for a name whose address holds for `ttl`, in whole seconds.
   net::ResolveResult ResolveNameWithTtl(base::TimeDelta ttl);
 
+  // Sets an environment variable, or removes it.
+  void SetEnvironmentVariable(const std::string& name, const std::optional<std::string>& value);
+
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

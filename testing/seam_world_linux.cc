@@ -1,3 +1,5 @@
+#include <stdlib.h>
+
 #include <map>
 
 #include "platform/base/time.h"
@@ -51,6 +53,14 @@ net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});
   return net::internal::LookUpHost("brief.example.", 123, base::TimeDelta::FromMilliseconds(kPatienceMs),
                                    server.address());
+}
+
+void SeamWorld::SetEnvironmentVariable(const std::string& name, const std::optional<std::string>& value) {
+  if (value) {
+    setenv(name.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name.c_str());
+  }
 }
 
 }  // namespace skorra

@@ -80,4 +80,8 @@ net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   return net::ResolveHost("brief.example.", 123, kPatience);
 }
 
+void SeamWorld::SetEnvironmentVariable(const std::string& name, const std::optional<std::string>& value) {
+  impl_->world.SetEnvironmentVariable(name, value);
+}
+
 }  // namespace skorra

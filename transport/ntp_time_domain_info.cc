@@ -14,13 +14,9 @@
 namespace skorra {
 namespace {
 
-constexpr uint64_t kDefaultResolveTimeoutMs = 2000;
-
 base::TimeDelta ResolveTimeout() {
-  const auto timeout_ms = config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
-      config::BaseCfg().ntp_resolve_timeout_ms, kDefaultResolveTimeoutMs);
   return base::TimeDelta::FromMilliseconds(
-      static_cast<int64_t>(timeout_ms.value_or(kDefaultResolveTimeoutMs)));
+      static_cast<int64_t>(config::GetNumber(config::BaseCfg().ntp_resolve_timeout_ms)));
 }
 
 void CountFailure(const std::string& reason) { base::KeyMetrics::Count("ntp.domain." + reason); }

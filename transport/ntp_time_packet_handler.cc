@@ -24,9 +24,7 @@ constexpr int64_t kNonceLifetimeUs = 3 * base::kUsPerSecond;
 constexpr int64_t kRememberUs = 10 * base::kUsPerSecond;
 constexpr size_t kMaxRequests = 4096;
 
-constexpr uint64_t kDefaultRequestsPerBurst = 20;
-constexpr uint64_t kDefaultMaxRootDistanceMs = 5000;
-constexpr uint64_t kDefaultMaxRoundTripMs = 1500;
+static_assert(config::kBaseConfig.ntp_requests_per_burst.max == kCallsPerBurst);
 
 void CountUnder(const char* group, const char* name) {
   base::KeyMetrics::Count(std::string("ntp.") + group + '.' + name);
@@ -36,22 +34,9 @@ void CountSendError(net::SocketError error) { CountUnder("send_error", net::Sock
 
 void CountReceiveError(net::SocketError error) { CountUnder("receive_error", net::SocketErrorName(error)); }
 
-const char* StampSourceName(net::StampSource source) {
-  switch (source) {
-    case net::StampSource::kKernel:
-      return "kernel";
-    case net::StampSource::kUser:
-      return "user";
-    case net::StampSource::kImplausible:
-      return "implausible";
-  }
-  return "unknown";
-}
-
-int64_t GetNumber(const config::NumberEntry& entry, uint64_t default_value) {
-  return static_cast<int64_t>(config::ConfigCenterImpl::GetInstance()
-                                  ->GetValueWithPriority(entry, default_value)
-                                  .value_or(default_value));
+// A configured limit in milliseconds.
+int64_t LimitUs(const config::NumberEntry& entry) {
+  return static_cast<int64_t>(config::GetNumber(entry)) * 1000;
 }
 
 // Spreads `limit` requests evenly over the burst's calls, the first one among them.
@@ -71,10 +56,9 @@ void NtpTimePacketHandler::PrepareForSendPackets() {
   is_prepared_ = true;
   is_first_packet_reported_ = false;
   const config::BaseConfig& entries = config::BaseCfg();
-  requests_per_burst_ =
-      static_cast<uint32_t>(GetNumber(entries.ntp_requests_per_burst, kDefaultRequestsPerBurst));
-  max_root_distance_us_ = GetNumber(entries.ntp_max_root_distance_ms, kDefaultMaxRootDistanceMs) * 1000;
-  max_round_trip_us_ = GetNumber(entries.ntp_max_round_trip_ms, kDefaultMaxRoundTripMs) * 1000;
+  requests_per_burst_ = static_cast<uint32_t>(config::GetNumber(entries.ntp_requests_per_burst));
+  max_root_distance_us_ = LimitUs(entries.ntp_max_root_distance_ms);
+  max_round_trip_us_ = LimitUs(entries.ntp_max_round_trip_ms);
 }
 
 void NtpTimePacketHandler::UpdateSystemTimeOffsetFromSteady(int64_t system_offset_from_steady_us) {
@@ -203,7 +187,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
   request->is_answered = true;
   base::KeyMetrics::Count("ntp.samples_received");
   CountUnder("send_stamp", request->has_kernel_stamp ? "kernel" : "user");
-  CountUnder("receive_stamp", StampSourceName(datagram.stamp_source));
+  CountUnder("receive_stamp", net::StampSourceName(datagram.stamp_source));
   if (!is_first_packet_reported_) {
     is_first_packet_reported_ = true;
     client_->OnFirstPacketReceived(sample.offset_us);

@@ -2,11 +2,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "apps/skorra-ntp/demo.h"
 #include "apps/skorra-ntp/report.h"
 #include "apps/skorra-ntp/serve.h"
 #include "apps/skorra-ntp/sync.h"
+#include "platform/base/environment.h"
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
 
@@ -19,9 +21,7 @@ constexpr const char* kFooter =
     "  skorra-ntp sync ntp.example.org\n"
     "  skorra-ntp demo\n"
     "  skorra-ntp serve --offset 1.5 --delay 40\n"
-    "Each command explains itself: skorra-ntp sync --help\n\n"
-    "Environment:\n"
-    "  SKORRA_NTP_CONFIG   a TOML configuration file, read at the start";
+    "Each command explains itself: skorra-ntp sync --help\n\n";
 
 constexpr const char* kSyncFooter =
     "Examples:\n"
@@ -32,10 +32,7 @@ constexpr const char* kSyncFooter =
     "  0   success\n"
     "  1   an offset was measured, but it may be inaccurate\n"
     "  2   no result, or the time allowed has passed\n"
-    "  64  wrong usage\n\n"
-    "Environment:\n"
-    "  SKORRA_NTP_CONFIG               a TOML configuration file, read at the start\n"
-    "  SKORRA_NTP_REQUESTS_PER_BURST   how many of a burst's 20 requests leave; set 8 for public servers";
+    "  64  wrong usage\n\n";
 
 constexpr const char* kServeFooter =
     "Examples:\n"
@@ -50,6 +47,24 @@ constexpr const char* kDemoFooter =
     "Example:\n"
     "  skorra-ntp demo\n\n"
     "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one";
+
+// The environment variables, with those of the configuration's table.
+std::string EnvironmentHelp() {
+  std::string text = std::string("Environment:\n  ") + kConfigVariable +
+                     "\n      a TOML configuration file, read at the start";
+  const auto add = [&text](const auto& entry, const std::string& values) {
+    text +=
+        std::string("\n  ") + entry.environment_variable + "\n      " + entry.meaning + " (" + values + ')';
+  };
+  for (const config::NumberEntry* entry : config::BaseCfg().numbers()) {
+    add(*entry, config::RangeText(*entry) + ", default " + std::to_string(entry->default_value));
+  }
+  for (const config::TextEntry* entry : config::BaseCfg().texts()) {
+    const std::string value = entry->default_value;
+    add(*entry, "default " + (value.empty() ? "none" : value));
+  }
+  return text;
+}
 
 // Accepts numbers from `min` to `max`, without `min` itself when `excludes_min`. Unlike the parser's own
 // range check it rejects "nan".
@@ -73,8 +88,8 @@ void LoadConfiguration() {
   base::SetLogThreshold(base::kLogNothing);
   auto* const center = config::ConfigCenterImpl::GetInstance();
   auto problems = center->LoadEnvironment();
-  if (const char* path = std::getenv(kConfigVariable); path != nullptr && *path != '\0') {
-    for (auto& problem : center->LoadFile(path)) {
+  if (const auto path = base::GetEnvironmentVariable(kConfigVariable); path && !path->empty()) {
+    for (auto& problem : center->LoadFile(*path)) {
       problems.push_back(std::move(problem));
     }
   }
@@ -97,7 +112,7 @@ void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
       ->add_option("--log-level", options.log_level,
                    "The library's log on standard error: 0 all lines, 1 failures, 2 nothing (default 2)")
       ->check(CLI::Range(0, 2));
-  command->footer(kSyncFooter);
+  command->footer(kSyncFooter + EnvironmentHelp());
 }
 
 void AddServe(CLI::App& app, skorra::ServeOptions& options) {
@@ -126,7 +141,7 @@ int main(int argc, char** argv) {
   CLI::App app{"Network time without touching the system clock", "skorra-ntp"};
   app.set_version_flag("--version", "skorra-ntp " SKORRA_VERSION);
   app.require_subcommand(1);
-  app.footer(kFooter);
+  app.footer(kFooter + EnvironmentHelp());
 
   skorra::SyncOptions sync;
   skorra::ServeOptions serve;

@@ -24,7 +24,6 @@
 namespace skorra {
 namespace {
 
-constexpr uint64_t kDefaultResolveTimeoutMs = 2000;
 constexpr int64_t kProgressIntervalUs = 100'000;
 
 // What the library tells about the attempt: the outcome through the observer, the rest through its log,
@@ -152,10 +151,7 @@ std::string JoinNames(const std::vector<std::string>& names) {
 
 // The servers that have an address. The library skips the others without a word, so they are told here.
 std::vector<std::string> KeepResolvable(const std::vector<std::string>& servers, int64_t deadline_ticks_us) {
-  const auto limit_ms = static_cast<int64_t>(
-      config::ConfigCenterImpl::GetInstance()
-          ->GetValueWithPriority(config::BaseCfg().ntp_resolve_timeout_ms, kDefaultResolveTimeoutMs)
-          .value_or(kDefaultResolveTimeoutMs));
+  const auto limit_ms = static_cast<int64_t>(config::GetNumber(config::BaseCfg().ntp_resolve_timeout_ms));
   std::vector<std::string> kept;
   for (const auto& server : servers) {
     const auto parsed = net::ParseHostPort(server, kNtpPort);

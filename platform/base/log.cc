@@ -19,7 +19,7 @@ constexpr size_t kMaxTextBytes = 4096;
 
 std::atomic<int> g_threshold{kLogFailure};
 
-// A line logged from inside the sink would wait for itself.
+// True while the thread runs the sink: a line logged from inside would wait for its own lock.
 thread_local bool t_is_in_sink = false;
 
 struct SinkHolder {
@@ -50,7 +50,7 @@ void LocalLog(int level, const char* file, int line, const char* format, ...) {
   va_start(arguments, format);
   const int length = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
   va_end(arguments);
-  // A text that cannot be formatted (a wide string without a multibyte form) shows its format instead.
+  // A wide string without a multibyte form cannot be formatted. Then the line shows the format itself.
   const LogLine log_line{level, file, line, length < 0 ? format : buffer.data()};
 
   if (t_is_in_sink) {
@@ -78,7 +78,7 @@ void SetLogSink(LogSink sink) {
     const AutoLock lock(holder.lock);
     std::swap(holder.sink, sink);
   }
-  // The old sink dies here, outside the lock, so that its destructor may log.
+  // The old sink is destroyed here, outside the lock, so that its destructor may log.
 }
 
 std::string FormatLogLine(const LogLine& line) {
@@ -91,7 +91,7 @@ std::string FormatLogLine(const LogLine& line) {
   text += std::to_string(line.line);
   text += ' ';
   for (const char c : line.text) {
-    // Texts quote names and files from outside; a line break in one must not forge another line.
+    // Texts quote names and files from outside. A line break in one must not forge another line.
     const auto byte = static_cast<unsigned char>(c);
     text += byte < 0x20 || byte == 0x7f ? '?' : c;
   }

@@ -5,7 +5,7 @@
 namespace base {
 inline namespace skorra_ntp {
 
-// The optional type of the facilities' interfaces.
+// The optional type in the interfaces of the facilities.
 template <class T>
 using Optional = std::optional<T>;
 

@@ -22,8 +22,8 @@ constexpr int64_t FloorDiv(int64_t value, int64_t divisor) {
   return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
 
-// The Gregorian calendar repeats every 400 years, and 1601 begins such a cycle: three centuries of 36524
-// days and a last one with a leap day more, centuries of 4-year groups, groups that end with a leap year.
+// The Gregorian calendar repeats every 400 years, and 1601 begins such a cycle. Three of its centuries have
+// 36524 days, the last has one more. A century consists of 4-year groups, and a group ends with a leap year.
 CivilDate CivilFromDaysSince1601(int64_t days) {
   constexpr int64_t kDaysPerCycle = 146097;
   constexpr int64_t kDaysPerCentury = 36524;
@@ -68,7 +68,7 @@ std::string TimeDelta::ToString() const {
   if (internal::IsInfinite(us_)) {
     return InfinityName(us_);
   }
-  // The infinities are gone, so the absolute value exists.
+  // A finite value is never the smallest number, so the absolute value exists.
   const int64_t absolute = us_ < 0 ? -us_ : us_;
   char text[48];
   std::snprintf(text, sizeof text, "%s%lld.%06lld s", us_ < 0 ? "-" : "",
@@ -82,7 +82,7 @@ std::string Time::ToString() const {
     return InfinityName(us_);
   }
   const int64_t days = FloorDiv(us_, kUsPerDay);
-  // Not from the product, which overflows for the smallest times.
+  // `days * kUsPerDay` would overflow for the smallest times.
   const int64_t us_of_day = us_ % kUsPerDay + (us_ % kUsPerDay < 0 ? kUsPerDay : 0);
   const int64_t second = us_of_day / kUsPerSecond;
   const CivilDate date = CivilFromDaysSince1601(days);

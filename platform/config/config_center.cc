@@ -1,9 +1,9 @@
 #include "platform/config/config_center.h"
 
 #include <charconv>
-#include <cstdlib>
 #include <utility>
 
+#include "platform/base/environment.h"
 #include "platform/base/log.h"
 
 namespace config {
@@ -13,9 +13,17 @@ namespace {
 
 constexpr char kLogFile[] = "platform/config/config_center";
 
-std::string RangeText(const NumberEntry& entry) {
-  return std::to_string(entry.min) + " to " + std::to_string(entry.max);
+// A table of rows in which a row does not stand at its slot does not compile.
+template <class Entries>
+constexpr bool AreInOrder(const Entries& entries) {
+  for (size_t i = 0; i < entries.size(); ++i) {
+    if (entries[i]->slot != i) {
+      return false;
+    }
+  }
+  return true;
 }
+static_assert(AreInOrder(kBaseConfig.numbers()) && AreInOrder(kBaseConfig.texts()));
 
 // The number in `text`, or nothing with `*error` set.
 base::Optional<uint64_t> ParseNumber(const NumberEntry& entry, std::string_view text, std::string* error) {
@@ -63,9 +71,9 @@ std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
   std::vector<std::string> messages;
   for (const NumberEntry* entry : entries.numbers()) {
     base::Optional<uint64_t> value;
-    if (const char* text = std::getenv(entry->environment_variable); text != nullptr) {
+    if (const auto text = base::GetEnvironmentVariable(entry->environment_variable)) {
       std::string error;
-      value = ParseNumber(*entry, text, &error);
+      value = ParseNumber(*entry, *text, &error);
       if (!value) {
         messages.push_back(std::move(error));
       }
@@ -73,9 +81,7 @@ std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
     SetNumber(*entry, Layer::kEnvironment, value);
   }
   for (const TextEntry* entry : entries.texts()) {
-    const char* text = std::getenv(entry->environment_variable);
-    SetText(*entry, Layer::kEnvironment,
-            text == nullptr ? base::Optional<std::string>() : base::Optional<std::string>(text));
+    SetText(*entry, Layer::kEnvironment, base::GetEnvironmentVariable(entry->environment_variable));
   }
   for (const std::string& message : messages) {
     base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "%s", message.c_str());
@@ -89,7 +95,7 @@ void ConfigCenterImpl::SetNumber(const NumberEntry& entry, Layer layer, base::Op
   slot.layers[static_cast<size_t>(layer)] = value;
   for (const auto& winner : slot.layers) {
     if (winner) {
-      // In this order, so that whoever sees `present` sees a value that was set.
+      // In this order, so that a reader that sees `present` sees a value that was set.
       slot.value.store(*winner, std::memory_order_relaxed);
       slot.present.store(true, std::memory_order_release);
       return;
@@ -101,6 +107,22 @@ void ConfigCenterImpl::SetNumber(const NumberEntry& entry, Layer layer, base::Op
 void ConfigCenterImpl::SetText(const TextEntry& entry, Layer layer, base::Optional<std::string> value) {
   const base::AutoLock lock(lock_);
   texts_[entry.slot][static_cast<size_t>(layer)] = std::move(value);
+}
+
+uint64_t GetNumber(const NumberEntry& entry) {
+  return ConfigCenterImpl::GetInstance()
+      ->GetValueWithPriority(entry, base::Optional<uint64_t>())
+      .value_or(entry.default_value);
+}
+
+std::string RangeText(const NumberEntry& entry) {
+  return std::to_string(entry.min) + " to " + std::to_string(entry.max);
+}
+
+std::string GetText(const TextEntry& entry) {
+  return ConfigCenterImpl::GetInstance()
+      ->GetValueWithPriority(entry, base::Optional<std::string>())
+      .value_or(entry.default_value);
 }
 
 }  // namespace skorra_ntp

@@ -1,18 +1,17 @@
 // Configuration values from three layers.
 //
-// For each entry the first of these that is there wins: the value set by the program (`Set`), the
-// environment variable, the configuration file, the default that the reader passes in.
+// The first layer that has a value for an entry wins: the program (`Set`), the environment variable, the
+// configuration file. When none has, the entry's default counts.
 //
-//   const auto seconds = config::ConfigCenterImpl::GetInstance()->GetValueWithPriority(
-//       config::BaseCfg().ntp_sync_interval, 3600);
+//   const uint64_t timeout_ms = config::GetNumber(config::BaseCfg().ntp_resolve_timeout_ms);
 //
-// Bad input never takes effect and never ends anything: a missing file, a malformed line, a value of the
-// wrong type or out of range yields a message that names the file and line (or the variable), logged at
-// level 1, and the layer is treated as unset.
+// Bad input never takes effect and never ends the process. A missing file, a malformed line, a value of the
+// wrong type or out of range yields a message that names the file and line (or the variable). The message is
+// logged at kLogFailure, and the layer has no value for that entry.
 //
 // Threads: everything may be called from any thread. Reading a number is lock-free, allocates nothing and
-// makes no system call. Environment variables are read once, at the first use of the centre, or again by
-// `LoadEnvironment`.
+// makes no system call. Environment variables are read once, at the first use of the configuration, and again
+// by `LoadEnvironment`.
 #pragma once
 
 #include <array>
@@ -43,7 +42,7 @@ class ConfigCenterImpl {
     return instance.get();
   }
 
-  // The value of `entry`, or `fallback` when no layer has one.
+  // The value of `entry`, or `fallback` when no layer has one. Most readers want `GetNumber`.
   base::Optional<uint64_t> GetValueWithPriority(const NumberEntry& entry,
                                                 base::Optional<uint64_t> fallback) const {
     const NumberSlot& slot = numbers_[entry.slot];
@@ -54,25 +53,25 @@ class ConfigCenterImpl {
   base::Optional<std::string> GetValueWithPriority(const TextEntry& entry,
                                                    base::Optional<std::string> fallback) const;
 
-  // Sets the program's layer; nullopt clears it. A number out of the entry's range is refused with a
-  // message, and the layer stays as it was. An empty string means success.
+  // Sets the program's layer; nullopt clears it. Returns an empty string. For a number out of the entry's
+  // range it returns a message, and the layer stays as it was.
   std::string Set(const NumberEntry& entry, base::Optional<uint64_t> value);
   void Set(const TextEntry& entry, base::Optional<std::string> value);
 
-  // Replaces the environment layer by what the environment holds now. Returns the messages of bad values.
-  // Not safe beside another thread's setenv.
+  // Replaces the environment layer by what the environment holds now. Returns a message for each bad value.
+  // Not safe while another thread changes the environment.
   std::vector<std::string> LoadEnvironment();
 
-  // Replaces the file layer by the TOML file's content. Returns the messages of everything that was not
-  // taken over (unknown keys among them); a file that cannot be read or is not TOML clears the layer.
+  // Replaces the file layer by the TOML file's content. Returns a message for each unknown key and each bad
+  // value. A file that cannot be read or is not TOML clears the layer.
   std::vector<std::string> LoadFile(const std::string& path);
-  // The same with the content at hand; `name` stands for the file in the messages.
+  // The same for content in memory; messages call the file `name`.
   std::vector<std::string> LoadText(std::string_view text, const std::string& name);
 
  private:
   friend class base::NoDestructor<ConfigCenterImpl>;
 
-  // The three layers of one number and, for readers, the value that wins.
+  // The three layers of one number, and the value of the first layer that has one.
   struct NumberSlot {
     std::array<base::Optional<uint64_t>, kLayerCount> layers;  // under lock_
     std::atomic<uint64_t> value{0};
@@ -84,12 +83,19 @@ class ConfigCenterImpl {
 
   void SetNumber(const NumberEntry& entry, Layer layer, base::Optional<uint64_t> value);
   void SetText(const TextEntry& entry, Layer layer, base::Optional<std::string> value);
-  std::vector<std::string> TakeOver(FileReader& reader);
+  std::vector<std::string> ApplyFileLayer(FileReader& reader);
 
   mutable base::Lock lock_;
   std::array<NumberSlot, kNumberEntryCount> numbers_;
   std::array<TextSlot, kTextEntryCount> texts_;
 };
+
+// The value of `entry`, or its default when no layer has one. Lock-free.
+uint64_t GetNumber(const NumberEntry& entry);
+// "1 to 60000".
+std::string RangeText(const NumberEntry& entry);
+// Takes a lock; not for the hot path.
+std::string GetText(const TextEntry& entry);
 
 }  // namespace skorra_ntp
 }  // namespace config

@@ -11,9 +11,7 @@ VorqEnvConfig* VorqEnvConfig::GetInstance() {
   return instance.get();
 }
 
-std::string VorqEnvConfig::GetDefaultNtpDomain() const {
-  return *ConfigCenterImpl::GetInstance()->GetValueWithPriority(BaseCfg().ntp_default_domain, std::string());
-}
+std::string VorqEnvConfig::GetDefaultNtpDomain() const { return GetText(BaseCfg().ntp_default_domain); }
 
 }  // namespace skorra_ntp
 }  // namespace config

@@ -1,4 +1,4 @@
-// What the environment of this installation provides by default.
+// What this installation provides by default.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@ class VorqEnvConfig {
   static VorqEnvConfig* GetInstance();
 
   // The environment's default NTP server domain, from the configuration entry `ntp_default_domain`; empty
-  // when it is unset. No public server is built in: those may only be preconfigured with their operators'
-  // leave. Any thread; takes a lock.
+  // when it is unset. No public server is built in, because a product may preconfigure one only with its
+  // operator's leave. Any thread; takes a lock.
   std::string GetDefaultNtpDomain() const;
 };
 

@@ -18,14 +18,14 @@ inline namespace skorra_ntp {
 
 namespace {
 
-constexpr char kLogFile[] = "platform/linux/config_file";
-// Far above any real file. A device given by mistake must not fill the memory, and a key of nothing but dots
-// must not exhaust the stack of whoever parses it.
+constexpr char kLogFile[] = "platform/files/config_file";
+// Far above any real file. A device given by mistake must not fill the memory, and a key of dots only must
+// not exhaust the parser's stack.
 constexpr size_t kMaxFileBytes = 16 * 1024;
 
 }  // namespace
 
-// What the file says, by slot, and the messages about what it says wrongly.
+// Reads a file into values by slot and messages about its mistakes.
 class FileReader {
  public:
   explicit FileReader(std::string path) : path_(std::move(path)) {}
@@ -38,17 +38,18 @@ class FileReader {
   std::vector<std::string> messages;
 
  private:
-  // Reads until the content is too large, if it is. False with a message when the file cannot be read.
+  // Reads the file, but no more than one block beyond kMaxFileBytes. Returns false and adds a message when
+  // the file cannot be read.
   bool ReadBytes(std::string* bytes);
   void ReadTable(const toml::table& table, const std::string& prefix);
   void ReadValue(const std::string& key, const toml::node& value);
   void ReadNumber(const NumberEntry& entry, const toml::node& value);
-  void Complain(const toml::source_region& place, const std::string& text);
+  void AddMessage(const toml::source_region& place, const std::string& text);
 
   const std::string path_;
 };
 
-void FileReader::Complain(const toml::source_region& place, const std::string& text) {
+void FileReader::AddMessage(const toml::source_region& place, const std::string& text) {
   messages.push_back(path_ + ':' + std::to_string(place.begin.line) + ": " + text);
 }
 
@@ -87,7 +88,7 @@ void FileReader::ReadText(std::string_view text) {
   try {
     ReadTable(toml::parse(text, path_), {});
   } catch (const toml::parse_error& error) {
-    Complain(error.source(), std::string(error.description()));
+    AddMessage(error.source(), std::string(error.description()));
   }
 }
 
@@ -130,26 +131,25 @@ void FileReader::ReadValue(const std::string& key, const toml::node& value) {
     if (key == entry->key) {
       texts[entry->slot] = value.value_exact<std::string>();
       if (!texts[entry->slot]) {
-        Complain(value.source(), key + ": must be a text in quotes");
+        AddMessage(value.source(), key + ": must be a text in quotes");
       }
       return;
     }
     known_keys += std::string(known_keys.empty() ? "" : ", ") + entry->key;
   }
-  Complain(value.source(), "unknown key '" + key + "'; the known keys are " + known_keys);
+  AddMessage(value.source(), "unknown key '" + key + "'; the known keys are " + known_keys);
 }
 
 void FileReader::ReadNumber(const NumberEntry& entry, const toml::node& value) {
   const auto number = value.value_exact<int64_t>();
   if (!number) {
-    Complain(value.source(), std::string(entry.key) + ": must be a whole number, without quotes");
+    AddMessage(value.source(), std::string(entry.key) + ": must be a whole number, without quotes");
     return;
   }
   if (*number < 0 || static_cast<uint64_t>(*number) < entry.min ||
       static_cast<uint64_t>(*number) > entry.max) {
-    Complain(value.source(), std::string(entry.key) + ": " + std::to_string(*number) +
-                                 " is not in the range " + std::to_string(entry.min) + " to " +
-                                 std::to_string(entry.max));
+    AddMessage(value.source(), std::string(entry.key) + ": " + std::to_string(*number) +
+                                   " is not in the range " + RangeText(entry));
     return;
   }
   numbers[entry.slot] = static_cast<uint64_t>(*number);
@@ -158,16 +158,16 @@ void FileReader::ReadNumber(const NumberEntry& entry, const toml::node& value) {
 std::vector<std::string> ConfigCenterImpl::LoadFile(const std::string& path) {
   FileReader reader(path);
   reader.ReadFile();
-  return TakeOver(reader);
+  return ApplyFileLayer(reader);
 }
 
 std::vector<std::string> ConfigCenterImpl::LoadText(std::string_view text, const std::string& name) {
   FileReader reader(name);
   reader.ReadText(text);
-  return TakeOver(reader);
+  return ApplyFileLayer(reader);
 }
 
-std::vector<std::string> ConfigCenterImpl::TakeOver(FileReader& reader) {
+std::vector<std::string> ConfigCenterImpl::ApplyFileLayer(FileReader& reader) {
   for (const NumberEntry* entry : BaseCfg().numbers()) {
     SetNumber(*entry, Layer::kFile, reader.numbers[entry->slot]);
   }

@@ -24,9 +24,9 @@ namespace {
 // The log's own lock lets one line through at a time.
 using FileSink = spdlog::sinks::rotating_file_sink_st;
 
-// Opens the file for appending. An empty string, or why that is impossible.
+// Opens the file for appending. Returns an empty string, or the reason why that failed.
 std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* sink) {
-  // Tried first: the sink repeats a failing open for a while, which would hold up the log.
+  // Try first: the sink repeats a failing open for a while, and all log lines would wait.
   const int fd = open(options.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   if (fd < 0) {
     return "cannot write the log file '" + options.path + "': " + std::system_category().message(errno);
@@ -41,8 +41,8 @@ std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* s
   }
 }
 
-// Writes lines to the file, and to standard error those that the file does not take. After a failure the
-// file is opened afresh, since a failed rotation leaves the old sink without a file.
+// Writes lines to the file. A line that cannot be written goes to standard error, and the next line opens the
+// file again, because a failed rotation leaves the old sink without a file.
 class FileWriter {
  public:
   FileWriter(LogFileOptions options, std::unique_ptr<FileSink> sink)

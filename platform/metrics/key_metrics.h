@@ -16,7 +16,7 @@ class KeyMetrics {
   // Adds `value` occurrences to the key metric `key`; a value below 1 adds nothing.
   static void CountPV(uint64_t key, int value);
 
-  // What has been counted under `key` so far, 0 for a key never counted.
+  // The sum for `key` so far; 0 for a key that was never counted.
   static uint64_t GetPV(uint64_t key);
   static std::map<uint64_t, uint64_t> GetAllPV();
 

@@ -39,6 +39,9 @@ enum class StampSource {
   kImplausible,  // the same, because the one that the kernel gave could not be
 };
 
+// A stable name for counters: "kernel", "user", "implausible".
+const char* StampSourceName(StampSource source);
+
 // What is read of one datagram: longer than any NTP packet in use, so that one with extension fields comes
 // whole.
 inline constexpr size_t kMaxDatagramBytes = 1024;

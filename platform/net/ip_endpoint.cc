@@ -1,10 +1,11 @@
 #include "platform/net/ip_endpoint.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 
 #include <algorithm>
 #include <charconv>
+
+#include "platform/net/interface_index.h"
 
 namespace net {
 inline namespace skorra_ntp {
@@ -34,7 +35,7 @@ HostPortResult Fail(std::string_view text, std::string_view reason) {
   return {std::nullopt, "'" + std::string(text) + "': " + std::string(reason)};
 }
 
-// An empty string when `host` may be looked up, otherwise why not.
+// An empty string when `host` can be looked up, otherwise the reason why not.
 std::string CheckHost(std::string_view host) {
   if (host.empty()) {
     return "the host is missing";
@@ -77,7 +78,7 @@ IPEndPoint IPEndPoint::FromIPv6(std::array<uint8_t, 16> address, uint16_t port, 
 }
 
 std::optional<IPEndPoint> IPEndPoint::FromLiteral(std::string_view address, uint16_t port) {
-  // A zero byte inside would hide what follows it from inet_pton.
+  // inet_pton would stop at a zero byte inside.
   if (address.find('\0') != std::string_view::npos) {
     return std::nullopt;
   }
@@ -89,13 +90,8 @@ std::optional<IPEndPoint> IPEndPoint::FromLiteral(std::string_view address, uint
   const size_t percent = address.find('%');
   if (percent != std::string_view::npos) {
     const std::string_view scope = address.substr(percent + 1);
-    // The system looks up an interface's name without what follows a colon: "%lo:123" would be taken for
-    // "%lo".
-    if (scope.find(':') != std::string_view::npos) {
-      return std::nullopt;
-    }
     const auto number = ParseWholeNumber<uint32_t>(scope);
-    scope_id = number ? *number : if_nametoindex(std::string(scope).c_str());
+    scope_id = number ? *number : GetInterfaceIndex(std::string(scope));
     if (scope_id == 0) {
       return std::nullopt;
     }
@@ -104,7 +100,7 @@ std::optional<IPEndPoint> IPEndPoint::FromLiteral(std::string_view address, uint
   if (inet_pton(AF_INET6, std::string(address.substr(0, percent)).c_str(), ipv6.data()) == 1) {
     const bool is_link_local = ipv6[0] == 0xfe && (ipv6[1] & 0xc0) == 0x80;
     if (scope_id != 0 && !is_link_local) {
-      return std::nullopt;  // the system would report the end point without the scope, and it would differ
+      return std::nullopt;  // the system drops such a scope, so the end point would not equal what it reports
     }
     return FromIPv6(ipv6, port, scope_id);
   }

@@ -1,4 +1,4 @@
-// An IP address with a port, and the texts that name a server. Pure values, any thread.
+// An IP address with a port, and the texts that name a server. Plain values, any thread.
 #pragma once
 
 #include <array>
@@ -21,13 +21,13 @@ class IPEndPoint {
   static IPEndPoint FromIPv4(std::array<uint8_t, 4> address, uint16_t port);
   // `scope_id` is the interface index of a link-local address, otherwise 0.
   static IPEndPoint FromIPv6(std::array<uint8_t, 16> address, uint16_t port, uint32_t scope_id = 0);
-  // From an address without port, "192.0.2.1", "2001:db8::1" or, of a link-local address, "fe80::1%2" or
-  // "fe80::1%eth0" with the number or name of an interface of this machine; nothing when it is neither.
+  // Reads an address without a port: "192.0.2.1", "2001:db8::1", or a link-local address with the number or
+  // name of an interface of this machine, "fe80::1%2" or "fe80::1%eth0". Returns nothing for anything else.
   static std::optional<IPEndPoint> FromLiteral(std::string_view address, uint16_t port);
 
   Family family() const { return family_; }
   bool address_empty() const { return family_ == Family::kNone; }
-  // Network order; of an IPv4 address the first four bytes, the others are zero.
+  // In network order. An IPv4 address takes the first four bytes; the others are zero.
   const std::array<uint8_t, 16>& bytes() const { return bytes_; }
   uint16_t port() const { return port_; }
   uint32_t scope_id() const { return scope_id_; }
@@ -56,8 +56,8 @@ struct HostPortResult {
 };
 
 // Reads "host", "host:port", "192.0.2.1", "192.0.2.1:port", "[IPv6]", "[IPv6]:port" or a bare IPv6 address.
-// Ports are 1 to 65535. Host names are checked for length (253) and characters (letters, digits, '-', '_',
-// '.'), not looked up; a name of digits and dots only must be a whole IPv4 address.
+// Ports are 1 to 65535. A host name has at most 253 characters, only letters, digits, '-', '_' and '.'; it is
+// not looked up. A name of digits and dots only must be an IPv4 address.
 HostPortResult ParseHostPort(std::string_view text, uint16_t default_port);
 
 }  // namespace skorra_ntp

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/config/base_cfg.h"
 #include "testing/child_process.h"
 #include "testing/loopback_udp.h"
 
@@ -116,6 +117,22 @@ TEST(ProgramTest, HelpTeachesWithExamples) {
     EXPECT_EQ(exit.status, 0);
     EXPECT_THAT(exit.out, HasSubstr(c.text));
     EXPECT_THAT(exit.err, IsEmpty());
+  }
+}
+
+TEST(ProgramTest, HelpExplainsEveryEntryOfTheConfiguration) {
+  for (const char* command : {"--help", "sync"}) {
+    const ChildExit exit = RunProgram({command, "--help"});
+    const auto expect_shown = [&exit](const auto& entry) {
+      EXPECT_THAT(exit.out,
+                  HasSubstr(std::string(entry.environment_variable) + "\n      " + entry.meaning + " ("));
+    };
+    for (const config::NumberEntry* entry : config::BaseCfg().numbers()) {
+      expect_shown(*entry);
+    }
+    for (const config::TextEntry* entry : config::BaseCfg().texts()) {
+      expect_shown(*entry);
+    }
   }
 }
 

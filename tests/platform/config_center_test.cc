@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <limits>
@@ -12,6 +11,7 @@
 
 #include "platform/base/log.h"
 #include "platform/config/vorq_env_config.h"
+#include "sim/world.h"
 
 namespace config {
 namespace {
@@ -37,18 +37,18 @@ class ConfigCenterTest : public ::testing::Test {
 
   void Clear() {
     for (const NumberEntry* entry : BaseCfg().numbers()) {
-      unsetenv(entry->environment_variable);
+      world_.SetEnvironmentVariable(entry->environment_variable, std::nullopt);
       center_.Set(*entry, std::nullopt);
     }
     for (const TextEntry* entry : BaseCfg().texts()) {
-      unsetenv(entry->environment_variable);
+      world_.SetEnvironmentVariable(entry->environment_variable, std::nullopt);
       center_.Set(*entry, std::nullopt);
     }
     center_.LoadEnvironment();
   }
 
   std::vector<std::string> LoadEnvironmentWith(const char* variable, const char* value) {
-    setenv(variable, value, 1);
+    world_.SetEnvironmentVariable(variable, value);
     return center_.LoadEnvironment();
   }
 
@@ -56,6 +56,7 @@ class ConfigCenterTest : public ::testing::Test {
     return center_.GetValueWithPriority(BaseCfg().ntp_sync_interval, std::nullopt);
   }
 
+  skorra::sim::World world_;
   ConfigCenterImpl& center_ = *ConfigCenterImpl::GetInstance();
   std::vector<base::LogLine> lines_;
 };
@@ -64,22 +65,37 @@ TEST_F(ConfigCenterTest, ThereIsOneCenter) {
   EXPECT_EQ(ConfigCenterImpl::GetInstance(), ConfigCenterImpl::GetInstance());
 }
 
-TEST_F(ConfigCenterTest, EveryEntryHasASlotOfItsOwn) {
-  size_t expected = 0;
-  for (const NumberEntry* entry : BaseCfg().numbers()) {
-    EXPECT_EQ(entry->slot, expected++) << entry->key;
-  }
-  expected = 0;
-  for (const TextEntry* entry : BaseCfg().texts()) {
-    EXPECT_EQ(entry->slot, expected++) << entry->key;
-  }
-}
-
 TEST_F(ConfigCenterTest, WithoutAnyValueTheFallbackCounts) {
   EXPECT_EQ(center_.GetValueWithPriority(BaseCfg().ntp_sync_interval, 3600), 3600u);
   EXPECT_EQ(Interval(), std::nullopt);
   EXPECT_EQ(center_.GetValueWithPriority(BaseCfg().ntp_default_domain, "fallback"), "fallback");
   EXPECT_EQ(center_.GetValueWithPriority(BaseCfg().ntp_default_domain, std::nullopt), std::nullopt);
+}
+
+TEST_F(ConfigCenterTest, ReadersGetTheValueOrElseTheDefaultOfTheRow) {
+  for (const NumberEntry* entry : BaseCfg().numbers()) {
+    EXPECT_EQ(GetNumber(*entry), entry->default_value) << entry->key;
+    EXPECT_EQ(center_.Set(*entry, entry->max), "") << entry->key;
+    EXPECT_EQ(GetNumber(*entry), entry->max) << entry->key;
+  }
+  const TextEntry& domain = BaseCfg().ntp_default_domain;
+  EXPECT_EQ(GetText(domain), "");
+  center_.Set(domain, "ntp.example.org");
+  EXPECT_EQ(GetText(domain), "ntp.example.org");
+}
+
+TEST_F(ConfigCenterTest, TheDefaultsAreThoseThatWerePromised) {
+  EXPECT_EQ(GetNumber(BaseCfg().ntp_sync_interval), 3600u);
+  EXPECT_EQ(GetNumber(BaseCfg().ntp_resolve_timeout_ms), 2000u);
+  EXPECT_EQ(GetNumber(BaseCfg().ntp_requests_per_burst), 20u);
+  EXPECT_EQ(GetNumber(BaseCfg().ntp_max_root_distance_ms), 5000u);
+  EXPECT_EQ(GetNumber(BaseCfg().ntp_max_round_trip_ms), 1500u);
+}
+
+TEST_F(ConfigCenterTest, EveryDefaultLiesInItsRange) {
+  for (const NumberEntry* entry : BaseCfg().numbers()) {
+    EXPECT_EQ(center_.Set(*entry, entry->default_value), "") << entry->key;
+  }
 }
 
 TEST_F(ConfigCenterTest, TheProgramWinsOverTheEnvironmentUntilItsValueIsCleared) {
@@ -145,7 +161,7 @@ TEST_F(ConfigCenterTest, ABadEnvironmentValueIsReportedWithItsVariableAndIgnored
     lines_.clear();
     EXPECT_THAT(LoadEnvironmentWith(c.variable, c.text), ElementsAre(HasSubstr(c.variable))) << c.what;
     ASSERT_EQ(lines_.size(), 1u) << c.what;
-    EXPECT_EQ(lines_[0].level, 1) << c.what;
+    EXPECT_EQ(lines_[0].level, base::kLogFailure) << c.what;
     EXPECT_THAT(lines_[0].text, HasSubstr(c.variable)) << c.what;
     EXPECT_EQ(Interval(), std::nullopt) << c.what;
     EXPECT_EQ(center_.GetValueWithPriority(BaseCfg().ntp_resolve_timeout_ms, 2000), 2000u) << c.what;
@@ -158,7 +174,7 @@ TEST_F(ConfigCenterTest, LoadingTheEnvironmentAgainForgetsWhatItHeld) {
   EXPECT_EQ(Interval(), std::nullopt);
 }
 
-TEST_F(ConfigCenterTest, ANumberOutOfRangeIsRefusedAndTheLayerStays) {
+TEST_F(ConfigCenterTest, ANumberOutOfRangeYieldsAMessageAndTheLayerStays) {
   const NumberEntry& entry = BaseCfg().ntp_resolve_timeout_ms;
   EXPECT_EQ(center_.Set(entry, 1), "");
   EXPECT_EQ(center_.Set(entry, 60000), "");

@@ -1,12 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <string>
 #include <vector>
 
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
+#include "testing/seam_world.h"
 #include "testing/temp_dir.h"
 
 namespace config {
@@ -39,6 +39,7 @@ class ConfigFileTest : public ::testing::Test {
     return center_.GetValueWithPriority(BaseCfg().ntp_default_domain, std::nullopt);
   }
 
+  skorra::SeamWorld world_;
   const skorra::TempDir directory_;
   const std::string path_;
   ConfigCenterImpl& center_ = *ConfigCenterImpl::GetInstance();
@@ -68,13 +69,13 @@ TEST_F(ConfigFileTest, AnEmptyFileSetsNothing) {
 
 TEST_F(ConfigFileTest, TheEnvironmentAndTheProgramWinOverTheFile) {
   Load("[ntp]\nsync_interval = 1\n");
-  setenv("SKORRA_NTP_SYNC_INTERVAL", "2", 1);
+  world_.SetEnvironmentVariable("SKORRA_NTP_SYNC_INTERVAL", "2");
   center_.LoadEnvironment();
   EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), 2u);
   center_.Set(BaseCfg().ntp_sync_interval, 3);
   EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), 3u);
   center_.Set(BaseCfg().ntp_sync_interval, std::nullopt);
-  unsetenv("SKORRA_NTP_SYNC_INTERVAL");
+  world_.SetEnvironmentVariable("SKORRA_NTP_SYNC_INTERVAL", std::nullopt);
   center_.LoadEnvironment();
   EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), 1u);
 }
@@ -102,7 +103,7 @@ TEST_F(ConfigFileTest, ABadLineIsReportedWithFileAndLineAndTheOthersCount) {
     const auto messages = Load("[ntp]\ndefault_domain = \"ntp.example.org\"\n" + std::string(c.line) + "\n");
     EXPECT_THAT(messages, ElementsAre(HasSubstr(path_ + ":3: " + c.message))) << c.what;
     ASSERT_THAT(lines_, SizeIs(1)) << c.what;
-    EXPECT_EQ(lines_[0].level, 1) << c.what;
+    EXPECT_EQ(lines_[0].level, base::kLogFailure) << c.what;
     EXPECT_EQ(lines_[0].text, messages[0]) << c.what;
     EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), std::nullopt) << c.what;
     EXPECT_EQ(Number(BaseCfg().ntp_resolve_timeout_ms), std::nullopt) << c.what;

@@ -5,6 +5,8 @@
 #include <set>
 #include <string>
 
+#include "sim/world.h"
+
 namespace net {
 namespace {
 
@@ -18,6 +20,7 @@ TEST(IPEndPointTest, AnEmptyEndPointHasNoAddressAndNoText) {
 }
 
 TEST(IPEndPointTest, LiteralsAreReadAndWritten) {
+  const skorra::sim::World world;
   struct Case {
     const char* literal;
     Family family;
@@ -44,7 +47,19 @@ TEST(IPEndPointTest, LiteralsAreReadAndWritten) {
   }
 }
 
-TEST(IPEndPointTest, WhatIsNoLiteralIsRefused) {
+TEST(IPEndPointTest, AnInterfaceIsNamedAsTheMachineNamesIt) {
+  skorra::sim::World world;
+  world.SetInterface("eth0", 7);
+  const auto endpoint = IPEndPoint::FromLiteral("fe80::1%eth0", 123);
+  ASSERT_TRUE(endpoint);
+  EXPECT_EQ(endpoint->scope_id(), 7u);
+  EXPECT_EQ(ParseHostPort("[fe80::1%eth0]:124", 123).value->host, "fe80::1%eth0");
+  world.SetInterface("eth0", 0);
+  EXPECT_FALSE(IPEndPoint::FromLiteral("fe80::1%eth0", 123)) << "the interface is gone";
+}
+
+TEST(IPEndPointTest, WhatIsNoLiteralIsNotRead) {
+  const skorra::sim::World world;
   using namespace std::string_view_literals;
   const std::string_view cases[] = {"",
                                     "localhost",

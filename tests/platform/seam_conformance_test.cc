@@ -1,4 +1,4 @@
-// The contracts of the four seams, held against the world that the program is linked with.
+// The contracts of the seams, held against the world that the program is linked with.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -13,11 +13,13 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "platform/base/environment.h"
 #include "platform/base/lock.h"
 #include "platform/base/random.h"
 #include "platform/core/thread_manager.h"
 #include "platform/net/datagram_socket.h"
 #include "platform/net/host_resolver.h"
+#include "platform/net/interface_index.h"
 #include "testing/seam_world.h"
 
 namespace skorra {
@@ -523,6 +525,30 @@ TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
     EXPECT_EQ(report.result.ttl, expected.ttl);
   }
   EXPECT_EQ(seen.size(), std::size(hosts) + 1);
+}
+
+// --- The machine
+
+using MachineSeamTest = SeamTest;
+
+TEST_F(MachineSeamTest, AnEnvironmentVariableHasTheValueThatItWasGivenLast) {
+  constexpr const char* kName = "SKORRA_SEAM_TEST";
+  EXPECT_EQ(base::GetEnvironmentVariable(kName), std::nullopt);
+  world_.SetEnvironmentVariable(kName, "first");
+  world_.SetEnvironmentVariable(kName, "two words");
+  EXPECT_EQ(base::GetEnvironmentVariable(kName), "two words");
+  world_.SetEnvironmentVariable(kName, "");
+  EXPECT_EQ(base::GetEnvironmentVariable(kName), "") << "an empty value is a value";
+  world_.SetEnvironmentVariable(kName, std::nullopt);
+  EXPECT_EQ(base::GetEnvironmentVariable(kName), std::nullopt);
+}
+
+TEST_F(MachineSeamTest, OnlyTheWholeNameOfAnInterfaceHasAnIndex) {
+  EXPECT_EQ(net::GetInterfaceIndex("lo"), 1u);
+  for (const char* name :
+       {"", "l", "lo:1", "lo ", "LO", "no-such-interface", "a name longer than any interface has"}) {
+    EXPECT_EQ(net::GetInterfaceIndex(name), 0u) << name;
+  }
 }
 
 }  // namespace
