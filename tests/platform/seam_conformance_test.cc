@@ -507,7 +507,7 @@ TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
     is_calling = false;
   }
   ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() == std::size(hosts); }));
-  // One look-up more, so that a second report of an earlier one would be seen.
+  // One more lookup, so that a second report of an earlier one would be seen.
   net::ResolveHostInBackground("192.0.2.3", 4123, Ms(5000), [&reports](const net::ResolveResult& result) {
     reports.Add({"192.0.2.3", false, result});
   });
@@ -517,7 +517,7 @@ TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
     SCOPED_TRACE(report.host);
     EXPECT_TRUE(seen.insert(report.host).second);
     EXPECT_FALSE(report.is_inside_call);
-    // It is what the look-up that blocks gives.
+    // It is what the blocking lookup returns.
     const net::ResolveResult expected = net::ResolveHost(report.host, 4123, Ms(5000));
     EXPECT_EQ(report.result.addresses, expected.addresses);
     EXPECT_EQ(report.result.error, expected.error);
