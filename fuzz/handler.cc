@@ -1,12 +1,12 @@
-// The packet handler as a state machine: the input is a program of sends, replies genuine and not, errors and
-// time, played in a simulated world and held, step by step, against the model in handler_model.h.
+// The packet handler as a state machine. The input is a program of sends, replies genuine and forged, errors
+// and pauses; it runs in a simulated world, and each step is compared with the model in handler_model.h.
 //
 // Input: steps. The high four bits of a step's first byte say what is done (`Step`), the low four how; some
 // steps take further bytes. With SKORRA_FUZZ_TRACE in the environment each step is printed.
 //
-// The ledger and the counters belong to the process. Each run uses addresses that no run before it has used,
-// at a time when everything earlier runs brought upon themselves is over, and looks at what the counters
-// gain: an input does the same wherever it stands in a row of runs.
+// The ledger and the counters belong to the process. Each run uses addresses that no earlier run has used, at
+// a time when every hold of earlier runs is over, and compares only what the counters gain. So an input does
+// the same wherever it stands in a row of runs.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -25,6 +25,7 @@
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
 #include "transport/ntp_time_packet_handler.h"
 
 namespace skorra::fuzz {
@@ -119,15 +120,12 @@ class Run : public NtpTimePacketHandler::Client {
         program_(program),
         world_(WorldOptions(process->steady_ticks_us)),
         servers_(MakeServers(process->runs++)),
-        model_(servers_, &process->counters) {
+        model_(servers_, sim::World::Options().seed, &process->counters) {
     world_.SetNetwork([this](const sim::SentDatagram& sent) { sent_ = sent; });
     NewHandler();
   }
   ~Run() override {
     handler_.reset();
-    for (const config::NumberEntry* entry : changed_entries_) {
-      config::ConfigCenterImpl::GetInstance()->Set(*entry, std::nullopt);
-    }
     // Four hours end every hold.
     process_->steady_ticks_us = world_.steady_ticks_us() + 5 * kHourUs;
   }
@@ -163,7 +161,7 @@ class Run : public NtpTimePacketHandler::Client {
   void NewHandler();
   void Send(size_t server);
   void SendMany(uint8_t how);
-  void CheckSent(size_t server, SocketError error);
+  void CheckSent(size_t server, uint64_t nonce, SocketError error);
   void SetSendError(uint8_t how);
   void ChangeSettings(uint8_t how);
   void ChangeClient(uint8_t how);
@@ -188,7 +186,7 @@ class Run : public NtpTimePacketHandler::Client {
   std::unique_ptr<NtpTimePacketHandler> handler_;
   int calls_ = 0;
   Limits limits_;
-  std::vector<const config::NumberEntry*> changed_entries_;
+  ConfigScope config_;
   std::array<SocketError, kServerCount> connect_errors_{};
   std::array<SocketError, kServerCount> send_errors_{};
   std::optional<sim::SentDatagram> sent_;
@@ -220,8 +218,8 @@ void Run::Play() {
           "other source",  "other socket", "other size", "kiss code", "pause",         "send stamp",
           "receive error", "send error",   "settings",   "client"};
       std::fprintf(stderr, "%12lld us: %s %d\n",
-                   static_cast<long long>(world_.steady_ticks_us() - world_.begin_ticks_us()),
-                   kNames[byte >> 4], byte & 15);
+                   static_cast<long long>(world_.steady_ticks_us() - world_.begin_ticks_us()), kNames[byte >> 4],
+                   byte & 15);
     }
     Do(static_cast<Step>(byte >> 4), byte & 15);
     process_->counters.CheckMoved();
@@ -294,29 +292,24 @@ void Run::SendMany(uint8_t how) {
 
 void Run::Send(size_t server) {
   ++calls_;
-  const auto verdict = model_.BeginSend(server, world_.steady_ticks_us());
-  const uint64_t thinned = base::KeyMetrics::GetCount("ntp.send_thinned");
+  const bool leaves = model_.Call(server, world_.steady_ticks_us());
   sent_.reset();
   AsTask([&] { handler_->SendPacket(servers_[server]); });
-  if (verdict != HandlerModel::SendVerdict::kMayLeave) {
+  if (!leaves) {
     SKORRA_FUZZ_CHECK(!sent_);
     return;
   }
-  if (base::KeyMetrics::GetCount("ntp.send_thinned") != thinned) {
-    model_.OnThinned(server);
-    SKORRA_FUZZ_CHECK(!sent_);
-    return;
-  }
-  model_.OnChosen(server);
+  uint64_t nonce = 0;
   SocketError error = model_.has_socket(server) ? SocketError::kNone : connect_errors_[server];
   if (error == SocketError::kNone) {
     model_.OnConnected(server);
+    nonce = model_.NextNonce();
     error = send_errors_[server];
   }
-  CheckSent(server, error);
+  CheckSent(server, nonce, error);
 }
 
-void Run::CheckSent(size_t server, SocketError error) {
+void Run::CheckSent(size_t server, uint64_t nonce, SocketError error) {
   SKORRA_FUZZ_CHECK(sent_.has_value() == (error == SocketError::kNone));
   if (error != SocketError::kNone) {
     model_.OnSendError(error);
@@ -327,7 +320,8 @@ void Run::CheckSent(size_t server, SocketError error) {
   SKORRA_FUZZ_CHECK(sent_->server == servers_[server] && bytes.size() == 48 && bytes[0] == 0x23);
   SKORRA_FUZZ_CHECK(
       std::all_of(bytes.begin() + 1, bytes.begin() + 40, [](uint8_t byte) { return byte == 0; }));
-  model_.OnLeft(server, sent_->client, NumberAt(bytes, 40, 8), world_.steady_ticks_us());
+  SKORRA_FUZZ_CHECK(NumberAt(bytes, 40, 8) == nonce);
+  model_.OnLeft(server, sent_->client, nonce, world_.steady_ticks_us());
 }
 
 void Run::SetSendError(uint8_t how) {
@@ -346,10 +340,6 @@ void Run::SetSendError(uint8_t how) {
 // The configuration, which the next attempt reads, and the offset of the clock, which counts at once.
 void Run::ChangeSettings(uint8_t how) {
   const config::BaseConfig& entries = config::BaseCfg();
-  const auto set = [&](const config::NumberEntry& entry, uint64_t value) {
-    config::ConfigCenterImpl::GetInstance()->Set(entry, value);
-    changed_entries_.push_back(&entry);
-  };
   if (how >= 8) {
     int64_t offset_us = world_.wall_us() - world_.steady_ticks_us() + kClockErrors[how - 8];
     if (how >= 14) {
@@ -360,12 +350,12 @@ void Run::ChangeSettings(uint8_t how) {
     model_.SetClockOffset(offset_us);
   } else if (how < 4) {
     limits_.requests_per_burst = 1 + program_.Byte() % 20;
-    set(entries.ntp_requests_per_burst, limits_.requests_per_burst);
+    config_.Set(entries.ntp_requests_per_burst, static_cast<uint64_t>(limits_.requests_per_burst));
   } else {
     const uint64_t limit_ms = 1 + program_.Number(2) % 60000;
     (how < 6 ? limits_.max_root_distance_us : limits_.max_round_trip_us) =
         static_cast<int64_t>(limit_ms) * 1000;
-    set(how < 6 ? entries.ntp_max_root_distance_ms : entries.ntp_max_round_trip_ms, limit_ms);
+    config_.Set(how < 6 ? entries.ntp_max_root_distance_ms : entries.ntp_max_round_trip_ms, limit_ms);
   }
 }
 
@@ -377,7 +367,7 @@ void Run::ChangeClient(uint8_t how) {
     waiting_us_ = kWaits[how - 8];
   } else {
     NewHandler();
-    model_.OnNewHandler();
+    model_.Clean();
     is_first_told_ = false;
   }
 }
@@ -387,10 +377,11 @@ void Run::StampSend(uint8_t how) {
   if (request == nullptr) {
     return;
   }
-  const int64_t stamp_us = std::min(request->sent_us + int64_t{how} * how * 37, world_.steady_ticks_us());
-  model_.OnSendStamp(*request, stamp_us);
-  world_.ReportSent(request->client, request->send_id, stamp_us);
-  world_.ReportSent(request->client, 1000000, stamp_us);  // no datagram of that number has left
+  const int64_t stamp_ticks_us =
+      std::min(request->send_ticks_us + int64_t{how} * how * 37, world_.steady_ticks_us());
+  model_.OnSendStamp(*request, stamp_ticks_us);
+  world_.ReportSent(request->client, request->send_id, stamp_ticks_us);
+  world_.ReportSent(request->client, 1000000, stamp_ticks_us);  // no datagram of that number has left
 }
 
 HandlerModel::Request* Run::NextRequest() {
@@ -403,12 +394,12 @@ HandlerModel::Request* Run::NextRequest() {
 // A reply that a server would send: `how` chooses its clock's error and how long it worked on the request.
 std::vector<uint8_t> Run::MakeReply(const HandlerModel::Request& request, uint8_t how) const {
   const int64_t clock_offset_us = world_.wall_us() - world_.steady_ticks_us();
-  const int64_t exchange_us = world_.steady_ticks_us() - request.sent_us;
+  const int64_t exchange_us = world_.steady_ticks_us() - request.send_ticks_us;
   const int64_t works[4] = {std::min<int64_t>(exchange_us, 100), exchange_us, exchange_us + 1,
                             exchange_us / 2};
   const int64_t work_us = works[how % 4];
   const int64_t receive_us =
-      request.sent_us + clock_offset_us + (exchange_us - work_us) / 2 + kServerErrors[how / 4];
+      request.send_ticks_us + clock_offset_us + (exchange_us - work_us) / 2 + kServerErrors[how / 4];
   std::vector<uint8_t> bytes(48);
   Put(bytes, 0, 0x240206ec, 4);
   Put(bytes, 4, 0x00000400, 4);
@@ -481,10 +472,10 @@ void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std:
   if (server) {
     // Only the system's own test of the source may be left out, not the handler's.
     const int64_t waiting_us = source == servers_[*server] ? waiting_us_ : 0;
-    const int64_t arrival_us = world_.steady_ticks_us() - waiting_us;
-    model_.OnDatagram(*server, source, bytes, arrival_us, world_.steady_ticks_us());
+    const int64_t arrival_ticks_us = world_.steady_ticks_us() - waiting_us;
+    model_.OnDatagram(*server, source, bytes, arrival_ticks_us, world_.steady_ticks_us());
     if (waiting_us != 0) {
-      world_.DeliverAt(source, client, bytes, arrival_us);
+      world_.DeliverAt(source, client, bytes, arrival_ticks_us);
     } else {
       world_.DeliverFromAnywhere(source, client, bytes, base::TimeDelta());
     }
@@ -494,7 +485,6 @@ void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std:
   world_.RunFor(base::TimeDelta());
   SKORRA_FUZZ_CHECK(model_.reports().empty());
   SKORRA_FUZZ_CHECK(!is_first_told_);
-  model_.LearnBackOff();
 }
 
 void Run::OnFirstPacketReceived(int64_t offset_us) {

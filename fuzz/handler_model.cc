@@ -12,8 +12,6 @@ namespace skorra::fuzz {
 namespace {
 
 constexpr int64_t kSecondUs = base::kUsPerSecond;
-constexpr int64_t kMinuteUs = 60 * kSecondUs;
-constexpr int64_t kHourUs = 60 * kMinuteUs;
 
 }  // namespace
 
@@ -51,60 +49,44 @@ void HandlerModel::Prepare(const Limits& limits) {
 void HandlerModel::Clean() {
   is_prepared_ = false;
   for (Peer& peer : peers_) {
-    peer = Peer{.burst = peer.burst};
+    peer = Peer();
   }
   for (Request& request : requests_) {
     request.is_forgotten = true;
   }
 }
 
-HandlerModel::SendVerdict HandlerModel::BeginSend(size_t server, int64_t now_us) {
+bool HandlerModel::Call(size_t server, int64_t now_ticks_us) {
   if (!is_prepared_) {
     counters_->Count("ntp.send_skipped");
-    return SendVerdict::kSkipped;
+    return false;
   }
   for (Request& request : requests_) {
-    request.is_forgotten = request.is_forgotten || now_us - request.sent_us > 10 * kSecondUs;
+    request.is_forgotten = request.is_forgotten || now_ticks_us - request.send_ticks_us > 10 * kSecondUs;
   }
-  std::optional<CallRow>& burst = peers_[server].burst;
-  Account& account = accounts_[server];
-  // A row of 20 calls, 190 ms long as a rule; what comes before the next row may begin is too much.
-  if (!burst || now_us - burst->begin_us >= (burst->calls < 20 ? kSecondUs : 195000)) {
-    burst =
-        CallRow{.begin_us = now_us, .limit = limits_.requests_per_burst, .refusal = Refusal(account, now_us)};
-    if (burst->refusal == SendRefusal::kNone) {
-      account.bursts.push_back({.begin_us = now_us});
-      burst->limit = account.was_limited ? std::min<uint32_t>(burst->limit, 8) : burst->limit;
-    }
+  const auto verdict = ledger_.Call(static_cast<int>(server), now_ticks_us, limits_.requests_per_burst);
+  if (verdict.refusal != SendRefusal::kNone) {
+    counters_->Count(std::string("ntp.send_withheld.") + SendRefusalName(verdict.refusal));
+  } else if (!verdict.leaves) {
+    counters_->Count("ntp.send_thinned");
   }
-  ++burst->calls;
-  if (burst->refusal != SendRefusal::kNone) {
-    ++account.counts.requests_refused;
-    counters_->Count(std::string("ntp.send_refused.") + SendRefusalName(burst->refusal));
-    return SendVerdict::kRefused;
-  }
-  return SendVerdict::kMayLeave;
+  return verdict.leaves;
 }
 
-// After every call as many were chosen as an even spread allows, to within one; after 20, exactly the limit.
-void HandlerModel::OnThinned(size_t server) {
-  counters_->Count("ntp.send_thinned");
-  const CallRow& burst = *peers_[server].burst;
-  SKORRA_FUZZ_CHECK(burst.chosen * 20 + 20 > std::min<uint32_t>(burst.calls, 20) * burst.limit);
-}
-
-void HandlerModel::OnChosen(size_t server) {
-  CallRow& burst = *peers_[server].burst;
-  ++burst.chosen;
-  SKORRA_FUZZ_CHECK(burst.chosen * 20 < burst.calls * burst.limit + 20);
-  SKORRA_FUZZ_CHECK(burst.calls <= 20 && burst.chosen <= burst.limit);
+uint64_t HandlerModel::NextNonce() {
+  uint64_t nonce = 0;
+  while (nonce == 0) {
+    nonce = random_.Next();
+  }
+  return nonce;
 }
 
 void HandlerModel::OnSendError(net::SocketError error) {
   counters_->Count(std::string("ntp.send_error.") + net::SocketErrorName(error));
 }
 
-void HandlerModel::OnLeft(size_t server, const net::IPEndPoint& client, uint64_t nonce, int64_t now_us) {
+void HandlerModel::OnLeft(size_t server, const net::IPEndPoint& client, uint64_t nonce,
+                          int64_t now_ticks_us) {
   Peer& peer = peers_[server];
   const bool is_port_known = std::any_of(requests_.begin(), requests_.end(),
                                          [&](const Request& request) { return request.client == client; });
@@ -113,21 +95,19 @@ void HandlerModel::OnLeft(size_t server, const net::IPEndPoint& client, uint64_t
     peer.client = client;
   }
   SKORRA_FUZZ_CHECK(peer.client == client);
-  SKORRA_FUZZ_CHECK(nonce != 0 && std::none_of(requests_.begin(), requests_.end(),
-                                               [&](const Request& r) { return r.nonce == nonce; }));
   requests_.push_back({.nonce = nonce,
                        .server = server,
                        .client = client,
                        .send_id = peer.send_count++,
-                       .sent_us = now_us,
-                       .send_stamp_us = now_us});
-  ++accounts_[server].counts.requests_sent;
+                       .send_ticks_us = now_ticks_us,
+                       .stamp_ticks_us = now_ticks_us});
+  ledger_.Sent(static_cast<int>(server));
   counters_->Count("ntp.requests_sent");
 }
 
 void HandlerModel::OnSendStamp(Request& request, int64_t send_ticks_us) {
   if (!request.is_forgotten) {
-    request.send_stamp_us = send_ticks_us;
+    request.stamp_ticks_us = send_ticks_us;
     request.has_kernel_stamp = true;
   }
 }
@@ -150,7 +130,7 @@ void HandlerModel::Reject(ReplyRejection rejection) {
 }
 
 ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& source,
-                                         std::span<const uint8_t> bytes, int64_t receive_us,
+                                         std::span<const uint8_t> bytes, int64_t receive_ticks_us,
                                          Request** request) {
   if (source != servers_[server]) {
     return ReplyRejection::kWrongSource;
@@ -183,7 +163,7 @@ ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& s
   if (found->is_used_up) {
     return ReplyRejection::kDuplicate;
   }
-  if (receive_us - found->send_stamp_us > 3 * kSecondUs) {
+  if (receive_ticks_us - found->stamp_ticks_us > 3 * kSecondUs) {
     return ReplyRejection::kExpired;
   }
   *request = &*found;
@@ -191,99 +171,40 @@ ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& s
 }
 
 void HandlerModel::OnDatagram(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
-                              int64_t receive_us, int64_t now_us) {
+                              int64_t receive_ticks_us, int64_t now_ticks_us) {
   Request* request = nullptr;
-  if (const auto rejection = FindRequest(server, source, bytes, receive_us, &request);
+  if (const auto rejection = FindRequest(server, source, bytes, receive_ticks_us, &request);
       rejection != ReplyRejection::kNone) {
     Reject(rejection);
     return;
   }
-  Account& account = accounts_[server];
-  ++account.counts.replies;
-  account.bursts.back().is_answered = true;
+  ledger_.Answered(static_cast<int>(server));
   if (const KissCode code = ExpectedKissCode(bytes); code != KissCode::kNone) {
-    OnKiss(code, *request, now_us);
+    OnKissCode(code, *request, now_ticks_us);
   } else if (const auto rejection = ExpectedReplyCheck(bytes, limits_.max_root_distance_us);
              rejection != ReplyRejection::kNone) {
     Reject(rejection);
   } else {
-    Measure(bytes, *request, receive_us);
+    Measure(bytes, *request, receive_ticks_us);
   }
 }
 
-void HandlerModel::OnKiss(KissCode code, Request& request, int64_t now_us) {
-  Account& account = accounts_[request.server];
+void HandlerModel::OnKissCode(KissCode code, Request& request, int64_t now_ticks_us) {
   const bool is_rate = code == KissCode::kRate;
   bool is_repeated = false;
   if (is_rate || code == KissCode::kDeny || code == KissCode::kRstr) {
-    ++account.counts.kisses;
     request.is_used_up = true;
-    is_repeated = !Hold(account, request.server, is_rate, now_us);
-    peers_[request.server].burst->refusal = account.held_for;
+    is_repeated = !ledger_.Refused(static_cast<int>(request.server), is_rate, now_ticks_us, random_.Next());
   }
   counters_->Count(std::string("ntp.kiss.") + (is_repeated ? "repeated" : KissCodeName(code)));
 }
 
-// False when the address was held already.
-bool HandlerModel::Hold(Account& account, size_t server, bool is_rate, int64_t now_us) {
-  if (now_us < account.held_until_us && (is_rate || account.held_for == SendRefusal::kParked)) {
-    return false;
-  }
-  if (!is_rate) {
-    account.bursts.back().is_denied = true;
-    account.held_for = SendRefusal::kParked;
-    account.held_until_us = now_us + 4 * kHourUs;
-    return true;
-  }
-  // Earlier bursts in a row that ended so; those that nobody answered say nothing.
-  int64_t length_us = 2 * kMinuteUs;
-  for (auto burst = account.bursts.rbegin() + 1; burst != account.bursts.rend(); ++burst) {
-    if (burst->is_limited) {
-      length_us *= 2;
-    } else if (burst->is_answered && !burst->is_denied) {
-      break;
-    }
-    if (length_us >= 2 * kHourUs) {
-      break;
-    }
-  }
-  account.was_limited = true;
-  account.bursts.back().is_limited = true;
-  account.held_for = SendRefusal::kBackOff;
-  const bool is_capped = length_us >= 2 * kHourUs;
-  new_back_off_ = NewBackOff{.server = server,
-                             .from_us = now_us,
-                             .shortest_us = is_capped ? 2 * kHourUs / 4 * 3 : length_us,
-                             .longest_us = is_capped ? 2 * kHourUs : length_us / 4 * 5};
-  return true;
-}
-
-void HandlerModel::LearnBackOff() {
-  if (!new_back_off_) {
-    return;
-  }
-  const NtpAddressLedger& ledger = *NtpAddressLedger::GetInstance();
-  const auto is_held = [&](int64_t at_us) {
-    return ledger.Check(servers_[new_back_off_->server], at_us) == SendRefusal::kBackOff;
-  };
-  // The first moment at which it is over.
-  int64_t held_us = new_back_off_->from_us + new_back_off_->shortest_us - 1;
-  int64_t over_us = new_back_off_->from_us + new_back_off_->longest_us;
-  SKORRA_FUZZ_CHECK(is_held(new_back_off_->from_us) && is_held(held_us) && !is_held(over_us));
-  while (over_us - held_us > 1) {
-    const int64_t middle_us = held_us + (over_us - held_us) / 2;
-    (is_held(middle_us) ? held_us : over_us) = middle_us;
-  }
-  accounts_[new_back_off_->server].held_until_us = over_us;
-  new_back_off_.reset();
-}
-
-void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int64_t receive_us) {
-  ExchangeTimes times{};
-  times.send_us = LocalUs(request.send_stamp_us);
-  times.receive_us = LocalUs(receive_us);
-  times.server_receive_us = ExpectedTimestampToUs(NumberAt(bytes, 32, 8), times.receive_us);
-  times.server_transmit_us = ExpectedTimestampToUs(NumberAt(bytes, 40, 8), times.server_receive_us);
+void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int64_t receive_ticks_us) {
+  ExchangeTimes times;
+  times.send_local_us = LocalUs(request.stamp_ticks_us);
+  times.receive_local_us = LocalUs(receive_ticks_us);
+  times.server_receive_ntp_us = ExpectedTimestampToUs(NumberAt(bytes, 32, 8), times.receive_local_us);
+  times.server_transmit_ntp_us = ExpectedTimestampToUs(NumberAt(bytes, 40, 8), times.server_receive_ntp_us);
   const NtpResultData data = ExpectedSample(times);
   if (data.rtt_us < 0) {
     Reject(ReplyRejection::kNegativeRoundTrip);
@@ -301,14 +222,6 @@ void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int
   is_first_reported_ = true;
 }
 
-SendRefusal HandlerModel::Refusal(const Account& account, int64_t now_us) const {
-  if (now_us < account.held_until_us) {
-    return account.held_for;
-  }
-  const bool is_close = !account.bursts.empty() && now_us < account.bursts.back().begin_us + 2 * kMinuteUs;
-  return account.was_limited && is_close ? SendRefusal::kSpacing : SendRefusal::kNone;
-}
-
 int64_t HandlerModel::LocalUs(int64_t ticks_us) const {
   return base::WrappingAdd(ticks_us, clock_offset_us_);
 }
@@ -318,11 +231,11 @@ void HandlerModel::CheckLedger() const {
   for (size_t server = 0; server < kServerCount; ++server) {
     const auto found = counts.find(servers_[server]);
     const auto real = found == counts.end() ? NtpAddressLedger::Counts() : found->second;
-    const auto& expected = accounts_[server].counts;
+    const auto expected = ledger_.Counts(static_cast<int>(server));
     SKORRA_FUZZ_CHECK(real.requests_sent == expected.requests_sent);
-    SKORRA_FUZZ_CHECK(real.requests_refused == expected.requests_refused);
+    SKORRA_FUZZ_CHECK(real.requests_withheld == expected.requests_withheld);
     SKORRA_FUZZ_CHECK(real.replies == expected.replies);
-    SKORRA_FUZZ_CHECK(real.kisses == expected.kisses);
+    SKORRA_FUZZ_CHECK(real.kiss_codes == expected.kiss_codes);
   }
 }
 

@@ -88,11 +88,11 @@ void CheckAll(std::span<const uint8_t> bytes) {
   CheckTimestampToUs(packet->receive_timestamp, pivot_us);
   CheckTimestampToUs(packet->transmit_timestamp, us);
   CheckTimestampFromUs(us, pivot_us);
-  ExchangeTimes times{};
-  times.send_us = input.Signed64();
-  times.server_receive_us = input.Signed64();
-  times.server_transmit_us = input.Signed64();
-  times.receive_us = input.Signed64();
+  ExchangeTimes times;
+  times.send_local_us = input.Signed64();
+  times.server_receive_ntp_us = input.Signed64();
+  times.server_transmit_ntp_us = input.Signed64();
+  times.receive_local_us = input.Signed64();
   CheckSample(times);
 }
 

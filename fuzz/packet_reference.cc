@@ -110,11 +110,11 @@ int64_t ExpectedTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {
 }
 
 NtpResultData ExpectedSample(const ExchangeTimes& times) {
-  const Wide outward = Clamp(Wide{times.server_receive_us} - times.send_us);
-  const Wide homeward = Clamp(Wide{times.server_transmit_us} - times.receive_us);
-  const Wide whole = Clamp(Wide{times.receive_us} - times.send_us);
-  const Wide at_server = Clamp(Wide{times.server_transmit_us} - times.server_receive_us);
-  return {Clamp(outward + homeward) / 2, Clamp(whole - at_server)};
+  const Wide t2_minus_t1 = Clamp(Wide{times.server_receive_ntp_us} - times.send_local_us);
+  const Wide t3_minus_t4 = Clamp(Wide{times.server_transmit_ntp_us} - times.receive_local_us);
+  const Wide t4_minus_t1 = Clamp(Wide{times.receive_local_us} - times.send_local_us);
+  const Wide t3_minus_t2 = Clamp(Wide{times.server_transmit_ntp_us} - times.server_receive_ntp_us);
+  return {Clamp(t2_minus_t1 + t3_minus_t4) / 2, Clamp(t4_minus_t1 - t3_minus_t2)};
 }
 
 }  // namespace skorra::fuzz

@@ -7,16 +7,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <string>
 
+#include "../transport/ntp_exchange.h"
 #include "platform/net/ip_endpoint.h"
 
 namespace skorra {
-
-// The offset that stands for "no offset is known".
-inline constexpr int64_t kNoOffsetUs = std::numeric_limits<int64_t>::max();
 
 // A domain with fewer samples has no result.
 inline constexpr size_t kMinSamples = 3;
@@ -40,14 +37,6 @@ inline std::string GetResultMessage(const NtpResult& result) {
   }
   return "unknown result";
 }
-
-// One sample: what one request and its reply measured.
-struct NtpResultData {
-  int64_t offset_us = 0;
-  int64_t rtt_us = 0;
-
-  friend bool operator==(const NtpResultData&, const NtpResultData&) = default;
-};
 
 // The outcome of the current sync attempt for one server domain. A fresh record holds no result and no
 // open request.

@@ -1,10 +1,21 @@
 #include "transport/ntp_address_ledger.h"
 
 #include <algorithm>
+#include <string>
+#include <tuple>
 
 #include "platform/base/no_destructor.h"
+#include "platform/metrics/key_metrics.h"
 
 namespace skorra {
+namespace {
+
+// Spreads `limit` requests evenly over the burst's calls, beginning with the first.
+bool IsSentWhenThinned(uint32_t call, uint32_t limit) {
+  return call < NtpAddressLedger::kCallsPerBurst && call * limit % NtpAddressLedger::kCallsPerBurst < limit;
+}
+
+}  // namespace
 
 const char* SendRefusalName(SendRefusal refusal) {
   switch (refusal) {
@@ -12,10 +23,10 @@ const char* SendRefusalName(SendRefusal refusal) {
       return "none";
     case SendRefusal::kBackOff:
       return "back_off";
-    case SendRefusal::kParked:
-      return "parked";
-    case SendRefusal::kSpacing:
-      return "spacing";
+    case SendRefusal::kDenied:
+      return "denied";
+    case SendRefusal::kTooSoon:
+      return "too_soon";
   }
   return "unknown";
 }
@@ -25,43 +36,40 @@ NtpAddressLedger* NtpAddressLedger::GetInstance() {
   return instance.get();
 }
 
-SendRefusal NtpAddressLedger::BeginBurst(const net::IPEndPoint& address, int64_t now_us,
-                                         uint32_t* request_count) {
-  const base::AutoLock lock(lock_);
-  Account& account = FindOrAdd(address, now_us);
-  if (const SendRefusal refusal = Refusal(account, now_us); refusal != SendRefusal::kNone) {
-    *request_count = 0;
-    return refusal;
+bool NtpAddressLedger::Admit(const net::IPEndPoint& address, int64_t now_ticks_us,
+                             uint32_t requests_per_burst) {
+  SendRefusal refusal = SendRefusal::kNone;
+  bool is_sent = false;
+  {
+    const base::AutoLock lock(lock_);
+    Account& account = FindOrAdd(address, now_ticks_us);
+    if (!IsUnderWay(account, now_ticks_us)) {
+      BeginBurst(account, now_ticks_us, requests_per_burst);
+    }
+    Burst& burst = *account.burst;
+    const uint32_t call = burst.call_count++;
+    refusal = burst.refusal;
+    is_sent = refusal == SendRefusal::kNone && IsSentWhenThinned(call, burst.request_limit);
+    account.counts.requests_withheld += refusal == SendRefusal::kNone ? 0 : 1;
   }
-  if (account.has_answered && !account.has_refused) {
-    account.rate_count = 0;  // the server was content with the burst before
+  if (refusal != SendRefusal::kNone) {
+    base::KeyMetrics::Count(std::string("ntp.send_withheld.") + SendRefusalName(refusal));
+  } else if (!is_sent) {
+    base::KeyMetrics::Count("ntp.send_thinned");
   }
-  if (account.was_limited) {
-    *request_count = std::min(*request_count, kLimitedBurst);
-  }
-  account.burst_us = now_us;
-  account.has_answered = false;
-  account.has_refused = false;
-  return SendRefusal::kNone;
+  return is_sent;
 }
 
-SendRefusal NtpAddressLedger::Check(const net::IPEndPoint& address, int64_t now_us) const {
+SendRefusal NtpAddressLedger::Check(const net::IPEndPoint& address, int64_t now_ticks_us) const {
   const base::AutoLock lock(lock_);
   const auto found = accounts_.find(address);
-  return found == accounts_.end() ? SendRefusal::kNone : Refusal(found->second, now_us);
+  return found == accounts_.end() ? SendRefusal::kNone : Refusal(found->second, now_ticks_us);
 }
 
 void NtpAddressLedger::OnRequestSent(const net::IPEndPoint& address) {
   const base::AutoLock lock(lock_);
   if (const auto found = accounts_.find(address); found != accounts_.end()) {
     ++found->second.counts.requests_sent;
-  }
-}
-
-void NtpAddressLedger::OnRequestRefused(const net::IPEndPoint& address) {
-  const base::AutoLock lock(lock_);
-  if (const auto found = accounts_.find(address); found != accounts_.end()) {
-    ++found->second.counts.requests_refused;
   }
 }
 
@@ -73,26 +81,27 @@ void NtpAddressLedger::OnReply(const net::IPEndPoint& address) {
   }
 }
 
-bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_us,
+bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_ticks_us,
                                  uint64_t random) {
   const base::AutoLock lock(lock_);
-  Account& account = FindOrAdd(address, now_us);
-  ++account.counts.kisses;
+  Account& account = FindOrAdd(address, now_ticks_us);
+  ++account.counts.kiss_codes;
   account.has_refused = true;
   const bool is_rate = code == KissCode::kRate;
-  const bool is_held = now_us < account.held_until_us;
-  if (is_held && (is_rate || account.held_for == SendRefusal::kParked)) {
-    return false;
+  const bool is_held = now_ticks_us < account.held_until_ticks_us;
+  const bool is_news = !is_held || (!is_rate && account.held_for != SendRefusal::kDenied);
+  if (is_news && is_rate) {
+    account.was_limited = true;
+    account.held_for = SendRefusal::kBackOff;
+    account.held_until_ticks_us = now_ticks_us + BackOffUs(account.rate_count++, random);
+  } else if (is_news) {
+    account.held_for = SendRefusal::kDenied;
+    account.held_until_ticks_us = now_ticks_us + kDeniedUs;
   }
-  if (!is_rate) {
-    account.held_for = SendRefusal::kParked;
-    account.held_until_us = now_us + kParkedUs;
-    return true;
+  if (account.burst) {
+    account.burst->refusal = account.held_for;
   }
-  account.was_limited = true;
-  account.held_for = SendRefusal::kBackOff;
-  account.held_until_us = now_us + BackOffUs(account.rate_count++, random);
-  return true;
+  return is_news;
 }
 
 bool NtpAddressLedger::HasAnswered(const net::IPEndPoint& address) const {
@@ -115,36 +124,67 @@ void NtpAddressLedger::Clear() {
   accounts_.clear();
 }
 
-SendRefusal NtpAddressLedger::Refusal(const Account& account, int64_t now_us) {
-  if (now_us < account.held_until_us) {
+bool NtpAddressLedger::IsUnderWay(const Account& account, int64_t now_ticks_us) {
+  return account.burst && now_ticks_us - account.burst->begin_ticks_us <
+                              (account.burst->call_count >= kCallsPerBurst ? kFullBurstUs : kIdleBurstUs);
+}
+
+SendRefusal NtpAddressLedger::Refusal(const Account& account, int64_t now_ticks_us) {
+  if (now_ticks_us < account.held_until_ticks_us) {
     return account.held_for;
   }
-  if (account.was_limited && account.burst_us && now_us - *account.burst_us < kBurstSpacingUs) {
-    return SendRefusal::kSpacing;
+  if (account.was_limited && account.asked_ticks_us &&
+      now_ticks_us - *account.asked_ticks_us < kBurstSpacingUs) {
+    return SendRefusal::kTooSoon;
   }
   return SendRefusal::kNone;
 }
 
-// At the cap the jitter is subtracted, so that the cap holds.
+void NtpAddressLedger::BeginBurst(Account& account, int64_t now_ticks_us, uint32_t request_limit) {
+  Burst& burst = account.burst.emplace();
+  burst.begin_ticks_us = now_ticks_us;
+  burst.request_limit = account.was_limited ? std::min(request_limit, kLimitedBurst) : request_limit;
+  burst.refusal = Refusal(account, now_ticks_us);
+  if (burst.refusal != SendRefusal::kNone) {
+    return;
+  }
+  if (account.has_answered && !account.has_refused) {
+    account.rate_count = 0;
+  }
+  account.asked_ticks_us = now_ticks_us;
+  account.has_answered = false;
+  account.has_refused = false;
+}
+
 int64_t NtpAddressLedger::BackOffUs(uint32_t earlier_rates, uint64_t random) {
   const int64_t plain_us = std::min(kFirstBackOffUs << std::min<uint32_t>(earlier_rates, 10), kMaxBackOffUs);
   const auto jitter_us = static_cast<int64_t>(random % static_cast<uint64_t>(plain_us / 4 + 1));
   return plain_us + jitter_us <= kMaxBackOffUs ? plain_us + jitter_us : kMaxBackOffUs - jitter_us;
 }
 
-NtpAddressLedger::Account& NtpAddressLedger::FindOrAdd(const net::IPEndPoint& address, int64_t now_us) {
+NtpAddressLedger::Account& NtpAddressLedger::FindOrAdd(const net::IPEndPoint& address, int64_t now_ticks_us) {
   if (const auto found = accounts_.find(address); found != accounts_.end()) {
     return found->second;
   }
-  if (accounts_.size() >= kMaxAddresses) {
-    const auto rank = [now_us](const auto& entry) {
-      const Account& account = entry.second;
-      return std::pair(Refusal(account, now_us) != SendRefusal::kNone, account.burst_us);
-    };
-    accounts_.erase(std::min_element(accounts_.begin(), accounts_.end(),
-                                     [&](const auto& a, const auto& b) { return rank(a) < rank(b); }));
-  }
+  MakeRoom(now_ticks_us);
   return accounts_[address];
+}
+
+void NtpAddressLedger::MakeRoom(int64_t now_ticks_us) {
+  const auto rank = [now_ticks_us](const auto& entry) {
+    const Account& account = entry.second;
+    const bool is_held = Refusal(account, now_ticks_us) != SendRefusal::kNone;
+    return std::tuple(is_held, IsUnderWay(account, now_ticks_us), account.asked_ticks_us);
+  };
+  while (accounts_.size() >= kMaxAddresses) {
+    const auto oldest = std::min_element(accounts_.begin(), accounts_.end(),
+                                         [&](const auto& a, const auto& b) { return rank(a) < rank(b); });
+    const auto [is_held, is_under_way, asked_ticks_us] = rank(*oldest);
+    if (is_under_way && !is_held) {
+      return;
+    }
+    accounts_.erase(oldest);
+  }
 }
 
 }  // namespace skorra

@@ -19,7 +19,7 @@ constexpr int64_t kWindowsToNtpEpochUs = kWindowsToNtpEpochSeconds * kUsPerSecon
 constexpr int64_t kEraUs = (int64_t{1} << 32) * kUsPerSecond;
 constexpr int64_t kLatestPivotUs = std::numeric_limits<int64_t>::max() - kEraUs;
 
-// Writes and reads numbers in network order, one after the other.
+// Write and read numbers in network order, one after the other.
 class Writer {
  public:
   explicit Writer(std::span<uint8_t, kNtpPacketSize> bytes) : bytes_(bytes) {}
@@ -115,7 +115,7 @@ std::optional<NtpPacket> DecodePacket(std::span<const uint8_t> bytes) {
 
 bool AreExtensionFields(std::span<const uint8_t> bytes) {
   constexpr size_t kMinFieldSize = 16;
-  constexpr size_t kMinLastFieldSize = 28;  // shorter, it could be taken for a MAC
+  constexpr size_t kMinLastFieldSize = 28;  // a shorter field could be taken for a MAC
   while (!bytes.empty()) {
     if (bytes.size() < kMinFieldSize) {
       return false;
@@ -233,7 +233,7 @@ ReplyRejection CheckHeader(const NtpPacket& reply) {
   if (reply.mode != kNtpModeServer) {
     return ReplyRejection::kMode;
   }
-  // Servers of version 3 answer a request of version 4 with their own number.
+  // A server of version 3 answers a request of version 4 with its own number.
   if (reply.version != kNtpVersion && reply.version != 3) {
     return ReplyRejection::kVersion;
   }
@@ -256,7 +256,7 @@ ReplyRejection CheckReply(const NtpPacket& reply, int64_t max_root_distance_us) 
   if (reply.transmit_timestamp == 0) {
     return ReplyRejection::kZeroTransmit;
   }
-  // Modulo 2^64, so that an exchange across the change of era is in order.
+  // Modulo 2^64, so that an exchange across the change of era passes.
   if (static_cast<int64_t>(reply.transmit_timestamp - reply.receive_timestamp) < 0) {
     return ReplyRejection::kTransmitBeforeReceive;
   }
@@ -272,26 +272,27 @@ int64_t RootDistanceUs(const NtpPacket& reply) {
   return (distance * kUsPerSecond) >> 17;
 }
 
-int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {
+int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_local_us) {
   // Within this range neither the position of the pivot since 1900 nor the result can overflow.
-  const int64_t pivot = std::clamp(pivot_us, kEarliestPivotUs, kLatestPivotUs);
+  const int64_t clamped_pivot_us = std::clamp(pivot_local_us, kEarliestPivotUs, kLatestPivotUs);
   const auto seconds = static_cast<int64_t>(timestamp >> 32);
   const uint64_t fraction = timestamp & 0xffffffff;
   const auto fraction_us =
       static_cast<int64_t>((fraction * kUsPerSecond + (uint64_t{1} << 31)) >> 32);  // may be a whole second
 
-  int64_t distance = seconds * kUsPerSecond + fraction_us - (pivot - kWindowsToNtpEpochUs) % kEraUs;
-  if (distance >= kEraUs / 2) {
-    distance -= kEraUs;
-  } else if (distance < -kEraUs / 2) {
-    distance += kEraUs;
+  int64_t distance_us =
+      seconds * kUsPerSecond + fraction_us - (clamped_pivot_us - kWindowsToNtpEpochUs) % kEraUs;
+  if (distance_us >= kEraUs / 2) {
+    distance_us -= kEraUs;
+  } else if (distance_us < -kEraUs / 2) {
+    distance_us += kEraUs;
   }
-  return pivot + distance;
+  return clamped_pivot_us + distance_us;
 }
 
-NtpTimestamp NtpTimestampFromUs(int64_t us) {
-  int64_t seconds = us / kUsPerSecond;
-  int64_t fraction_us = us % kUsPerSecond;
+NtpTimestamp NtpTimestampFromUs(int64_t ntp_us) {
+  int64_t seconds = ntp_us / kUsPerSecond;
+  int64_t fraction_us = ntp_us % kUsPerSecond;
   if (fraction_us < 0) {
     fraction_us += kUsPerSecond;
     --seconds;
@@ -302,11 +303,11 @@ NtpTimestamp NtpTimestampFromUs(int64_t us) {
 }
 
 NtpResultData ComputeSample(const ExchangeTimes& times) {
-  const int64_t outward = SaturatingSubtract(times.server_receive_us, times.send_us);
-  const int64_t homeward = SaturatingSubtract(times.server_transmit_us, times.receive_us);
-  const int64_t whole = SaturatingSubtract(times.receive_us, times.send_us);
-  const int64_t at_server = SaturatingSubtract(times.server_transmit_us, times.server_receive_us);
-  return {SaturatingAdd(outward, homeward) / 2, SaturatingSubtract(whole, at_server)};
+  const int64_t t2_minus_t1 = SaturatingSubtract(times.server_receive_ntp_us, times.send_local_us);
+  const int64_t t3_minus_t4 = SaturatingSubtract(times.server_transmit_ntp_us, times.receive_local_us);
+  const int64_t t4_minus_t1 = SaturatingSubtract(times.receive_local_us, times.send_local_us);
+  const int64_t t3_minus_t2 = SaturatingSubtract(times.server_transmit_ntp_us, times.server_receive_ntp_us);
+  return {SaturatingAdd(t2_minus_t1, t3_minus_t4) / 2, SaturatingSubtract(t4_minus_t1, t3_minus_t2)};
 }
 
 }  // namespace skorra

@@ -4,13 +4,13 @@
 //   ...
 //   const std::optional<NtpPacket> reply = DecodePacket(datagram);
 //   if (reply && CheckReply(*reply, max_root_distance_us) == ReplyRejection::kNone) {
-//     const int64_t t2_us = NtpTimestampToUs(reply->receive_timestamp, t4_us);
-//     const int64_t t3_us = NtpTimestampToUs(reply->transmit_timestamp, t2_us);
-//     const NtpResultData sample = ComputeSample({t1_us, t2_us, t3_us, t4_us});
+//     const int64_t t2_ntp_us = NtpTimestampToUs(reply->receive_timestamp, t4_local_us);
+//     const int64_t t3_ntp_us = NtpTimestampToUs(reply->transmit_timestamp, t2_ntp_us);
+//     const NtpResultData sample = ComputeSample({t1_local_us, t2_ntp_us, t3_ntp_us, t4_local_us});
 //   }
 //
-// Everything here is a pure function of its arguments: any thread, no clock, no random number, no lock. No
-// input, however hostile, is out of bounds.
+// Everything here is a pure function of its arguments: any thread, no clock, no random number, no lock. Every
+// input is allowed, however hostile.
 #pragma once
 
 #include <array>
@@ -19,11 +19,12 @@
 #include <optional>
 #include <span>
 
-#include "ntp/ntp_sync_records.h"
 #include "platform/base/time.h"
+#include "transport/ntp_exchange.h"
 
 namespace skorra {
 
+inline constexpr uint16_t kNtpPort = 123;     // RFC 5905, section 16
 inline constexpr size_t kNtpPacketSize = 48;  // the header; RFC 5905, section 7.3
 
 inline constexpr uint8_t kNtpVersion = 4;
@@ -32,12 +33,12 @@ inline constexpr uint8_t kNtpModeServer = 4;
 inline constexpr uint8_t kNtpLeapUnsynchronized = 3;
 inline constexpr uint8_t kNtpMaxStratum = 15;  // 16 and above: not synchronised; 0: a kiss code
 
-// Seconds in the high 32 bits, their binary fraction in the low ones, counted from the start of an era that
-// the number itself does not tell (RFC 5905, section 6). Era 0 began 1900-01-01, era 1 begins
+// The high 32 bits hold seconds, the low 32 bits their binary fraction. They count from the start of an era,
+// and the number does not tell which era (RFC 5905, section 6). Era 0 began 1900-01-01, era 1 begins
 // 2036-02-07T06:28:16Z. Zero means "not known". Differences are taken modulo 2^64.
 using NtpTimestamp = uint64_t;
 
-// The header's fields in the order of the wire. A value; a fresh one is all zero.
+// The header's fields in the order of the wire. A plain value; a fresh one is all zero.
 struct NtpPacket {
   uint8_t leap_indicator = 0;  // 2 bits
   uint8_t version = 0;         // 3 bits
@@ -56,31 +57,31 @@ struct NtpPacket {
   friend bool operator==(const NtpPacket&, const NtpPacket&) = default;
 };
 
-// Of the three fields that are narrower than their type, the bits that do not fit are cut off.
+// Cuts off the bits that do not fit of the three fields that are narrower than their type.
 std::array<uint8_t, kNtpPacketSize> EncodePacket(const NtpPacket& packet);
 
-// Nothing when there are fewer than 48 bytes. What follows them is not looked at.
+// Returns nothing when there are fewer than 48 bytes. Ignores all bytes after the 48th.
 std::optional<NtpPacket> DecodePacket(std::span<const uint8_t> bytes);
 
-// Whether `bytes`, what follows the header, is nothing or a row of well-formed extension fields (RFC 7822):
-// each says its own length, a multiple of 4 and at least 16 bytes, the last one at least 28, and the last one
-// ends where the datagram does. What they hold does not matter to a client that sent none. A MAC is no
-// extension field, and nobody asked for one.
+// Whether `bytes`, the bytes after the header, are none at all or a row of well-formed extension fields
+// (RFC 7822). Each field tells its own length, a multiple of 4 and at least 16 bytes; the last one has at
+// least 28 bytes and ends where the datagram ends. Their content does not matter to a client that sent none.
+// A MAC is not an extension field, and no request asks for one.
 bool AreExtensionFields(std::span<const uint8_t> bytes);
 
-// A request that tells nothing about the host: version 4, mode 3, and the nonce in the place of the transmit
-// time stamp, from where the server copies it into the origin time stamp of its reply.
+// A request that tells nothing about the host: version 4, mode 3, and the nonce as its transmit time stamp.
+// The server copies that into the origin time stamp of its reply.
 NtpPacket MakeRequest(NtpTimestamp nonce);
 
-// What a packet of stratum 0 says instead of the time (RFC 5905, section 7.4).
+// The message that a packet of stratum 0 carries instead of the time (RFC 5905, section 7.4).
 enum class KissCode {
-  kNone,     // the packet is of another stratum, or its reference identifier is no code
-  kRate,     // asked too often
+  kNone,     // the packet has another stratum, or its reference identifier is not a code
+  kRate,     // the client asks too often
   kDeny,     // access denied
   kRstr,     // access restricted
-  kInit,     // not synchronised yet: no refusal
-  kStep,     // its clock was set and is not synchronised again yet: no refusal
-  kUnknown,  // four printable letters, none of them a space, of another meaning
+  kInit,     // the server is not synchronised yet; not a refusal
+  kStep,     // its clock was stepped and is not synchronised again yet; not a refusal
+  kUnknown,  // four other printable letters, none of them a space
 };
 
 KissCode ReadKissCode(const NtpPacket& reply);
@@ -88,18 +89,18 @@ KissCode ReadKissCode(const NtpPacket& reply);
 // A stable name for counters: "rate", "deny", "rstr", "init", "step", "unknown".
 const char* KissCodeName(KissCode code);
 
-// Why a reply is dropped. In the order in which the checks are made, but that the server of a nonce is
-// compared when the nonce is known, before kDuplicate.
+// Why a reply is dropped, in the order of the checks. One check is made twice: kWrongSource again when the
+// nonce is known, before kDuplicate.
 enum class ReplyRejection {
   kNone,
-  kWrongSource,            // it came from, or its nonce was sent to, another server
+  kWrongSource,            // it came from another server, or its nonce was sent to another server
   kTruncated,              // longer than any reply
   kShort,                  // fewer than 48 bytes
-  kExtension,              // what follows the header are no well-formed extension fields
+  kExtension,              // the bytes after the header are not well-formed extension fields
   kMode,                   // not a server's answer to a client
   kVersion,                // neither 3 nor 4
   kZeroOrigin,             // it names no request
-  kUnknownNonce,           // the origin time stamp is not that of a request
+  kUnknownNonce,           // no request has this origin time stamp
   kDuplicate,              // that request has had its reply
   kExpired,                // that request is too old
   kStratumZero,            // stratum 0 without a kiss code
@@ -109,51 +110,53 @@ enum class ReplyRejection {
   kZeroTransmit,           // no transmit time stamp
   kTransmitBeforeReceive,  // answered before it was asked
   kRootDistance,           // the server is too far from its reference clock
-  kNegativeRoundTrip,      // it worked on the request for longer than the whole exchange took
+  kNegativeRoundTrip,      // the server worked on the request for longer than the whole exchange took
   kLongRoundTrip,          // the exchange took too long for its offset to mean much
 };
 
 // A stable name for counters, the enumerator in snake case: "short", "transmit_before_receive", ...
 const char* ReplyRejectionName(ReplyRejection rejection);
 
-// kMode or kVersion when the reply is none that a server sends to a client; kNone otherwise.
+// kMode or kVersion when the packet is not a server's reply to a client; kNone otherwise.
 ReplyRejection CheckHeader(const NtpPacket& reply);
 
-// The first failing check of what the server says about itself and its times, kStratumZero to kRootDistance;
-// kNone when the reply can be used. A kiss code is no failure of kStratumZero, so ask for it first.
+// The first check, from kStratumZero to kRootDistance, that the server's description of itself and of its
+// times fails; kNone when the reply can be used. Call `ReadKissCode` first: this function takes a kiss code
+// for kStratumZero.
 ReplyRejection CheckReply(const NtpPacket& reply, int64_t max_root_distance_us);
 
 // How far the server's clock may be from its reference clock: half the root delay plus the root dispersion,
-// in whole microseconds, rounded down (RFC 5905, section 11.2; without the terms that only grow between
+// in whole microseconds, rounded down (RFC 5905, section 11.2, without the terms that only grow between
 // polls).
 int64_t RootDistanceUs(const NtpPacket& reply);
 
-// The pivot is never older than this, 2026-01-01 UTC: a machine whose clock woke up in 1970 must still place
-// the server's time in the right era, and no server can genuinely tell a time before this code was written.
+// The oldest pivot in use, 2026-01-01 UTC. A machine whose clock starts in 1970 must still place the server's
+// time in the right era, and no server can genuinely tell a time before this code was written.
 inline constexpr int64_t kEarliestPivotUs =
     base::kWindowsToUnixEpochUs + int64_t{1767225600} * base::kUsPerSecond;
 
-// Microseconds since 1601 from a time stamp: of the times that it may stand for, one per era of 136 years,
-// the nearest to `pivot_us` (the local timestamp; of two as near the earlier), which is first brought into
-// the range from kEarliestPivotUs to one era before the largest number. Rounded to the nearest microsecond.
-int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us);
+// The time that a time stamp stands for, in microseconds since 1601, rounded to the nearest. There is one
+// such time in each era of 136 years; this returns the one nearest to `pivot_local_us`, a local timestamp,
+// and the earlier of two equally near. The pivot is clamped to the range from kEarliestPivotUs to one era
+// before the largest number.
+int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_local_us);
 
-// The time stamp of microseconds since 1601, without the era, rounded to the nearest unit of 2^-32 s.
-// `NtpTimestampToUs` with a pivot nearby gives the same microsecond back.
-NtpTimestamp NtpTimestampFromUs(int64_t us);
+// The time stamp of a time in microseconds since 1601, without the era, rounded to the nearest unit of 2^-32
+// s. `NtpTimestampToUs` with a pivot nearby gives the same microsecond back.
+NtpTimestamp NtpTimestampFromUs(int64_t ntp_us);
 
 // The four times of one exchange, microseconds since 1601 (RFC 5905, section 8): T1 and T4 by the local
 // clock, T2 and T3 by the server's.
 struct ExchangeTimes {
-  int64_t send_us;             // T1
-  int64_t server_receive_us;   // T2
-  int64_t server_transmit_us;  // T3
-  int64_t receive_us;          // T4
+  int64_t send_local_us = 0;           // T1
+  int64_t server_receive_ntp_us = 0;   // T2
+  int64_t server_transmit_ntp_us = 0;  // T3
+  int64_t receive_local_us = 0;        // T4
 };
 
 // offset = ((T2 - T1) + (T3 - T4)) / 2, truncated toward zero, and delay = (T4 - T1) - (T3 - T2). Every sum
-// and difference saturates; therefore the offset is never kNoOffsetUs. The delay is negative when the
-// server claims to have worked on the request for longer than the whole exchange took.
+// and difference saturates, so the offset is never kNoOffsetUs. The delay is negative when the server claims
+// to have worked on the request for longer than the whole exchange took.
 NtpResultData ComputeSample(const ExchangeTimes& times);
 
 }  // namespace skorra

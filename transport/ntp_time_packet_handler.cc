@@ -10,17 +10,14 @@
 #include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
-#include "transport/ntp_burst.h"
+#include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 namespace {
 
-// From a burst's first call until after its last, half a call later.
-constexpr int64_t kBurstUs = kCallsPerBurst * kCallSpacingUs - kCallSpacingUs / 2;
-constexpr int64_t kBurstGapUs = base::kUsPerSecond;
 // As long as the time manager waits for a burst.
 constexpr int64_t kNonceLifetimeUs = 3 * base::kUsPerSecond;
-// Until then a late or doubled reply is told from one that answers nothing.
+// Nonces are remembered this long, so that late and duplicate replies are not counted as unknown.
 constexpr int64_t kRememberUs = 10 * base::kUsPerSecond;
 constexpr size_t kMaxRequests = 4096;
 
@@ -37,11 +34,6 @@ void CountReceiveError(net::SocketError error) { CountUnder("receive_error", net
 // A configured limit in milliseconds.
 int64_t LimitUs(const config::NumberEntry& entry) {
   return static_cast<int64_t>(config::GetNumber(entry)) * 1000;
-}
-
-// Spreads `limit` requests evenly over the burst's calls, the first one among them.
-bool IsChosen(uint32_t call, uint32_t limit) {
-  return call < kCallsPerBurst && call * limit % kCallsPerBurst < limit;
 }
 
 }  // namespace
@@ -70,14 +62,15 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
     base::KeyMetrics::Count("ntp.send_skipped");
     return;
   }
-  const int64_t now_us = base::GetSteadyTimeTicks();
-  ForgetOldRequests(now_us);
-  Peer& peer = peers_[server];
-  if (!MayLeave(server, peer, now_us)) {
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  ForgetOldRequests(now_ticks_us);
+  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
+  if (!ledger->Admit(server, now_ticks_us, requests_per_burst_)) {
     return;
   }
   net::SocketError error = net::SocketError::kNone;
-  if (!OpenSocket(server, peer, &error)) {
+  net::DatagramSocket* const socket = FindOrOpenSocket(server, &error);
+  if (socket == nullptr) {
     CountSendError(error);
     return;
   }
@@ -88,71 +81,42 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   }
   const auto bytes = EncodePacket(MakeRequest(nonce));
   Request request{.server = server};
-  // Nothing may stand between this reading and the send: what does is measured as travel time, unless the
-  // kernel tells better.
+  // Read the clock immediately before sending: anything in between counts as network delay unless a kernel
+  // time stamp replaces it.
   request.send_ticks_us = base::GetSteadyTimeTicks();
-  error = peer.socket->Send(bytes, &request.send_id);
+  error = socket->Send(bytes, &request.send_id);
   if (error != net::SocketError::kNone) {
     CountSendError(error);
     return;
   }
   requests_.insert_or_assign(nonce, request);
-  by_age_.emplace_back(request.send_ticks_us, nonce);
-  NtpAddressLedger::GetInstance()->OnRequestSent(server);
+  send_order_.emplace_back(request.send_ticks_us, nonce);
+  ledger->OnRequestSent(server);
   base::KeyMetrics::Count("ntp.requests_sent");
 }
 
 void NtpTimePacketHandler::Clean() {
   is_prepared_ = false;
   requests_.clear();
-  by_age_.clear();
-  for (auto& [server, peer] : peers_) {
-    peer.socket = nullptr;
-  }
-  // A burst under way stays one burst, whatever attempts its calls belong to: begun anew, it would send more
-  // than it may.
-  const int64_t now_us = base::GetSteadyTimeTicks();
-  std::erase_if(peers_, [now_us](const auto& entry) {
-    return !entry.second.burst_us || now_us - *entry.second.burst_us >= kBurstGapUs;
-  });
+  send_order_.clear();
+  sockets_.clear();
 }
 
-bool NtpTimePacketHandler::MayLeave(const net::IPEndPoint& server, Peer& peer, int64_t now_us) {
-  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
-  const int64_t age_us = peer.burst_us ? now_us - *peer.burst_us : kBurstGapUs;
-  // However many domains and attempts call meanwhile, what one burst may take is shared among them.
-  if (age_us >= (peer.call_count >= kCallsPerBurst ? kBurstUs : kBurstGapUs)) {
-    peer.burst_us = now_us;
-    peer.call_count = 0;
-    peer.request_limit = requests_per_burst_;
-    peer.refusal = ledger->BeginBurst(server, now_us, &peer.request_limit);
-  }
-  const uint32_t call = peer.call_count++;
-  if (peer.refusal != SendRefusal::kNone) {
-    ledger->OnRequestRefused(server);
-    CountUnder("send_refused", SendRefusalName(peer.refusal));
-    return false;
-  }
-  if (!IsChosen(call, peer.request_limit)) {
-    base::KeyMetrics::Count("ntp.send_thinned");
-    return false;
-  }
-  return true;
-}
-
-bool NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server, Peer& peer, net::SocketError* error) {
-  if (peer.socket != nullptr) {
-    return true;
-  }
+net::DatagramSocket* NtpTimePacketHandler::FindOrOpenSocket(const net::IPEndPoint& server,
+                                                            net::SocketError* error) {
   // A failure is not kept, so that the next send tries again.
-  peer.socket = net::DatagramSocket::Connect(
-      server,
-      {.on_datagram = [this, server](const net::ReceivedDatagram& datagram) { OnDatagram(server, datagram); },
-       .on_error = CountReceiveError,
-       .on_sent = [this, server](uint32_t send_id,
-                                 int64_t send_ticks_us) { OnSent(server, send_id, send_ticks_us); }},
-      error);
-  return peer.socket != nullptr;
+  std::unique_ptr<net::DatagramSocket>& socket = sockets_[server];
+  if (socket == nullptr) {
+    socket = net::DatagramSocket::Connect(
+        server,
+        {.on_datagram = [this,
+                         server](const net::ReceivedDatagram& datagram) { OnDatagram(server, datagram); },
+         .on_error = CountReceiveError,
+         .on_sent = [this, server](uint32_t send_id,
+                                   int64_t send_ticks_us) { OnSent(server, send_id, send_ticks_us); }},
+        error);
+  }
+  return socket.get();
 }
 
 void NtpTimePacketHandler::OnSent(const net::IPEndPoint& server, uint32_t send_id, int64_t send_ticks_us) {
@@ -173,7 +137,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
   if (rejection == ReplyRejection::kNone) {
     NtpAddressLedger::GetInstance()->OnReply(server);
     if (const KissCode code = ReadKissCode(reply); code != KissCode::kNone) {
-      OnKiss(code, *request);
+      OnKissCode(code, *request);
       return;
     }
     rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
@@ -182,8 +146,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
     CountUnder("rejected", ReplyRejectionName(rejection));
     return;
   }
-  // The nonce is given up last: whoever guesses at it, or answers on behalf of another server, must not be
-  // able to make the genuine reply be taken for a duplicate.
+  // Mark it answered last: a forged reply must not turn the genuine one into a duplicate.
   request->is_answered = true;
   base::KeyMetrics::Count("ntp.samples_received");
   CountUnder("send_stamp", request->has_kernel_stamp ? "kernel" : "user");
@@ -195,7 +158,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
   client_->OnPacketReceived(sample, server);
 }
 
-// The source comes first: what another address sends is not even decoded.
+// Checks the source first: a datagram from another address is not even decoded.
 ReplyRejection NtpTimePacketHandler::FindRequest(const net::IPEndPoint& server,
                                                  const net::ReceivedDatagram& datagram, NtpPacket* reply,
                                                  Request** request) {
@@ -236,18 +199,15 @@ ReplyRejection NtpTimePacketHandler::FindRequest(const net::IPEndPoint& server,
   return ReplyRejection::kNone;
 }
 
-void NtpTimePacketHandler::OnKiss(KissCode code, Request& request) {
+void NtpTimePacketHandler::OnKissCode(KissCode code, Request& request) {
   if (code != KissCode::kRate && code != KissCode::kDeny && code != KissCode::kRstr) {
-    // No refusal: a genuine reply may still follow.
+    // Not a refusal: a genuine reply may still follow.
     CountUnder("kiss", KissCodeName(code));
     return;
   }
   request.is_answered = true;
-  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
-  const int64_t now_us = base::GetSteadyTimeTicks();
-  const bool is_news = ledger->OnRefusal(request.server, code, now_us, base::RandUint64());
-  // As the ledger has it: RATE behind DENY does not make the refusal a milder one.
-  peers_[request.server].refusal = ledger->Check(request.server, now_us);
+  const bool is_news = NtpAddressLedger::GetInstance()->OnRefusal(
+      request.server, code, base::GetSteadyTimeTicks(), base::RandUint64());
   CountUnder("kiss", is_news ? KissCodeName(code) : "repeated");
 }
 
@@ -257,26 +217,25 @@ ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Reque
       rejection != ReplyRejection::kNone) {
     return rejection;
   }
-  const int64_t receive_us = ToLocalTimestampUs(receive_ticks_us);
-  const int64_t server_receive_us = NtpTimestampToUs(reply.receive_timestamp, receive_us);
-  // The receive time stamp is the pivot of the transmit time stamp, so that both fall into the same era also
+  ExchangeTimes times;
+  times.send_local_us = ToLocalTimestampUs(request.send_ticks_us);
+  times.receive_local_us = ToLocalTimestampUs(receive_ticks_us);
+  times.server_receive_ntp_us = NtpTimestampToUs(reply.receive_timestamp, times.receive_local_us);
+  // The receive time stamp is the pivot of the transmit time stamp, so that both fall into the same era, also
   // for a server that is half an era away.
-  *sample =
-      ComputeSample({.send_us = ToLocalTimestampUs(request.send_ticks_us),
-                     .server_receive_us = server_receive_us,
-                     .server_transmit_us = NtpTimestampToUs(reply.transmit_timestamp, server_receive_us),
-                     .receive_us = receive_us});
+  times.server_transmit_ntp_us = NtpTimestampToUs(reply.transmit_timestamp, times.server_receive_ntp_us);
+  *sample = ComputeSample(times);
   if (sample->rtt_us < 0) {
     return ReplyRejection::kNegativeRoundTrip;
   }
   return sample->rtt_us > max_round_trip_us_ ? ReplyRejection::kLongRoundTrip : ReplyRejection::kNone;
 }
 
-void NtpTimePacketHandler::ForgetOldRequests(int64_t now_us) {
-  while (!by_age_.empty() &&
-         (now_us - by_age_.front().first > kRememberUs || by_age_.size() >= kMaxRequests)) {
-    requests_.erase(by_age_.front().second);
-    by_age_.pop_front();
+void NtpTimePacketHandler::ForgetOldRequests(int64_t now_ticks_us) {
+  while (!send_order_.empty() &&
+         (now_ticks_us - send_order_.front().first > kRememberUs || send_order_.size() >= kMaxRequests)) {
+    requests_.erase(send_order_.front().second);
+    send_order_.pop_front();
   }
 }
 

@@ -172,7 +172,7 @@ std::string ToJson(const SyncReport& report) {
   auto addresses = nlohmann::ordered_json::object();
   for (const auto& [address, counts] : report.addresses) {
     addresses[address] = {{"requests_sent", counts.requests_sent},
-                          {"requests_refused", counts.requests_refused},
+                          {"requests_withheld", counts.requests_withheld},
                           {"replies", counts.replies},
                           {"kiss_codes", counts.kiss_codes}};
   }

@@ -32,9 +32,9 @@ using ReasonCounts = std::map<std::string, uint64_t>;
 // What passed between this process and one server address.
 struct AddressReport {
   uint64_t requests_sent = 0;
-  uint64_t requests_refused = 0;  // not sent, because the server had asked us to wait
-  uint64_t replies = 0;           // to our requests, used or not
-  uint64_t kiss_codes = 0;        // replies among them that carried RATE, DENY or RSTR
+  uint64_t requests_withheld = 0;  // not sent, because the server had asked us to wait
+  uint64_t replies = 0;            // to our requests, used or not
+  uint64_t kiss_codes = 0;         // replies among them that carried RATE, DENY or RSTR
 };
 
 struct SyncReport {

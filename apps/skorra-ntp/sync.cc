@@ -189,7 +189,7 @@ void FillInCounters(SyncReport& report) {
   };
   collect("ntp.rejected.", report.rejected);
   collect("ntp.kiss.", report.kiss_codes);
-  collect("ntp.send_refused.", report.withheld);
+  collect("ntp.send_withheld.", report.withheld);
   if (const uint64_t thinned = count_of("ntp.send_thinned"); thinned > 0) {
     report.withheld["thinned"] = thinned;
   }
@@ -203,9 +203,9 @@ void FillInCounters(SyncReport& report) {
   collect("ntp.receive_error.", report.socket_errors);
   for (const auto& [address, account] : NtpAddressLedger::GetInstance()->GetCounts()) {
     report.addresses[address.ToString()] = {.requests_sent = account.requests_sent,
-                                            .requests_refused = account.requests_refused,
+                                            .requests_withheld = account.requests_withheld,
                                             .replies = account.replies,
-                                            .kiss_codes = account.kisses};
+                                            .kiss_codes = account.kiss_codes};
   }
 }
 

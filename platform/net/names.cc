@@ -36,6 +36,18 @@ const char* SocketErrorName(SocketError error) {
   return "unknown";
 }
 
+const char* StampSourceName(StampSource source) {
+  switch (source) {
+    case StampSource::kKernel:
+      return "kernel";
+    case StampSource::kUser:
+      return "user";
+    case StampSource::kImplausible:
+      return "implausible";
+  }
+  return "unknown";
+}
+
 const char* ResolveErrorName(ResolveError error) {
   switch (error) {
     case ResolveError::kNone:

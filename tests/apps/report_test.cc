@@ -90,7 +90,7 @@ TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
   report.send_stamps = {{"kernel", 18}};
   report.receive_stamps = {{"kernel", 17}, {"user", 1}};
   report.addresses = {
-      {"192.0.2.1:123", {.requests_sent = 20, .requests_refused = 3, .replies = 19, .kiss_codes = 1}}};
+      {"192.0.2.1:123", {.requests_sent = 20, .requests_withheld = 3, .replies = 19, .kiss_codes = 1}}};
   const auto expected = nlohmann::json::parse(R"({
     "result": 0, "message": "success", "offset_us": 2345678, "ntp_time_us": 1704067202345678,
     "server": "192.0.2.1:123", "requests_sent": 20, "samples_received": 18, "samples_used": 10,
@@ -98,7 +98,7 @@ TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
     "withheld": {"back_off": 3, "thinned": 12}, "socket_errors": {"refused": 2},
     "domain_errors": {"not_found": 1}, "send_stamps": {"kernel": 18},
     "receive_stamps": {"kernel": 17, "user": 1},
-    "addresses": {"192.0.2.1:123": {"requests_sent": 20, "requests_refused": 3, "replies": 19,
+    "addresses": {"192.0.2.1:123": {"requests_sent": 20, "requests_withheld": 3, "replies": 19,
                                     "kiss_codes": 1}}})");
   EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
 }

@@ -5,83 +5,99 @@
 namespace skorra::model {
 namespace {
 
-constexpr int64_t kS = base::kUsPerSecond;
-constexpr int64_t kMinute = 60 * kS;
-constexpr int64_t kHour = 60 * kMinute;
+constexpr int64_t kSecondUs = base::kUsPerSecond;
+constexpr int64_t kMinuteUs = 60 * kSecondUs;
+constexpr int64_t kHourUs = 60 * kMinuteUs;
 
-int64_t WaitAfterRate(int earlier, uint64_t bits) {
-  int64_t wait = 2 * kMinute;
-  for (int i = 0; i < earlier && wait < 2 * kHour; ++i) {
-    wait *= 2;
+int64_t WaitAfterRateUs(int earlier, uint64_t bits) {
+  int64_t wait_us = 2 * kMinuteUs;
+  for (int i = 0; i < earlier && wait_us < 2 * kHourUs; ++i) {
+    wait_us *= 2;
   }
-  if (wait > 2 * kHour) {
-    wait = 2 * kHour;
+  if (wait_us > 2 * kHourUs) {
+    wait_us = 2 * kHourUs;
   }
-  const auto jitter = static_cast<int64_t>(bits % (static_cast<uint64_t>(wait) / 4 + 1));
+  const auto jitter_us = static_cast<int64_t>(bits % (static_cast<uint64_t>(wait_us) / 4 + 1));
   // The longest wait is only ever shortened.
-  return wait + jitter > 2 * kHour ? 2 * kHour - jitter : wait + jitter;
+  return wait_us + jitter_us > 2 * kHourUs ? 2 * kHourUs - jitter_us : wait_us + jitter_us;
 }
 
 }  // namespace
 
-bool LedgerModel::IsHeld(int address, int64_t now_us) const {
-  const Account& account = accounts_[static_cast<size_t>(address)];
-  if (account.closed_until_us && now_us < *account.closed_until_us) {
-    return true;
+SendRefusal LedgerModel::Check(const Account& account, int64_t now_ticks_us) {
+  if (account.closed_until_ticks_us && now_ticks_us < *account.closed_until_ticks_us) {
+    return account.is_denied ? SendRefusal::kDenied : SendRefusal::kBackOff;
   }
-  return account.was_ever_too_fast && account.last_burst_us && now_us < *account.last_burst_us + 2 * kMinute;
+  const bool is_too_soon = account.was_ever_too_fast && account.last_asked_ticks_us &&
+                           now_ticks_us < *account.last_asked_ticks_us + 2 * kMinuteUs;
+  return is_too_soon ? SendRefusal::kTooSoon : SendRefusal::kNone;
 }
 
-bool LedgerModel::Call(int address, int64_t now_us) {
-  std::optional<Burst>& burst = bursts_[static_cast<size_t>(address)];
-  if (!burst || burst->begin_us + (burst->calls < 20 ? kS : 195000) <= now_us) {
-    burst = Burst{now_us};
-    if (IsHeld(address, now_us)) {
-      burst->size = 0;
-    } else {
-      Account& account = Of(address);
+SendRefusal LedgerModel::Check(int address, int64_t now_ticks_us) const {
+  const auto found = accounts_.find(address);
+  return found == accounts_.end() ? SendRefusal::kNone : Check(found->second, now_ticks_us);
+}
+
+bool LedgerModel::IsHeard(int address) const {
+  const auto found = accounts_.find(address);
+  return found != accounts_.end() && found->second.is_heard;
+}
+
+NtpAddressLedger::Counts LedgerModel::Counts(int address) const {
+  const auto found = accounts_.find(address);
+  return found == accounts_.end() ? NtpAddressLedger::Counts() : found->second.counts;
+}
+
+LedgerModel::Verdict LedgerModel::Call(int address, int64_t now_ticks_us, int requests_per_burst) {
+  Account& account = accounts_[address];
+  std::optional<Burst>& burst = account.burst;
+  if (!burst || burst->begin_ticks_us + (burst->calls < 20 ? kSecondUs : 195000) <= now_ticks_us) {
+    burst = Burst{now_ticks_us, 0, requests_per_burst, Check(account, now_ticks_us)};
+    if (account.was_ever_too_fast && burst->size > 8) {
+      burst->size = 8;
+    }
+    if (burst->refusal == SendRefusal::kNone) {
       if (account.is_heard && !account.is_refused) {
         account.too_fast_count = 0;
       }
-      if (account.was_ever_too_fast) {
-        burst->size = 8;
-      }
-      account.last_burst_us = now_us;
+      account.last_asked_ticks_us = now_ticks_us;
       account.is_heard = account.is_refused = false;
     }
   }
   const int call = burst->calls++;
-  // Evenly: request number n, counted from 0, leaves with the first call that has n/size of the burst behind
-  // it.
+  if (burst->refusal != SendRefusal::kNone) {
+    ++account.counts.requests_withheld;
+    return {false, burst->refusal};
+  }
+  // Evenly: request number n, counted from 0, leaves with the first call whose number is at least 20 n /
+  // size.
   const bool is_due = call == 0 || call * burst->size / 20 > (call - 1) * burst->size / 20;
-  if (burst->size == 0 || call >= 20 || !is_due) {
-    return false;
-  }
-  while (random_.Next() == 0) {
-  }
-  return true;
+  return {call < 20 && is_due, SendRefusal::kNone};
 }
 
-void LedgerModel::Refused(int address, ArrivalKind how, int64_t now_us) {
-  // The rest of the burst stays at home.
-  if (std::optional<Burst>& burst = bursts_[static_cast<size_t>(address)]) {
-    burst->size = 0;
-  }
-  const uint64_t bits = random_.Next();
-  Account& account = Of(address);
+void LedgerModel::Answered(int address) {
+  Account& account = accounts_[address];
+  ++account.counts.replies;
+  account.is_heard = true;
+}
+
+bool LedgerModel::Refused(int address, bool is_rate, int64_t now_ticks_us, uint64_t bits) {
+  Account& account = accounts_[address];
+  ++account.counts.kiss_codes;
   account.is_refused = true;
-  const bool is_closed = account.closed_until_us && now_us < *account.closed_until_us;
-  if (how == ArrivalKind::kRate) {
-    if (is_closed) {
-      return;
-    }
-    account.is_denied = false;
-    account.was_ever_too_fast = true;
-    account.closed_until_us = now_us + WaitAfterRate(account.too_fast_count++, bits);
-  } else if (!is_closed || !account.is_denied) {
-    account.is_denied = true;
-    account.closed_until_us = now_us + 4 * kHour;
+  const bool is_closed = account.closed_until_ticks_us && now_ticks_us < *account.closed_until_ticks_us;
+  const bool is_news = !is_closed || (!is_rate && !account.is_denied);
+  if (is_news) {
+    account.is_denied = !is_rate;
+    account.was_ever_too_fast = account.was_ever_too_fast || is_rate;
+    account.closed_until_ticks_us =
+        now_ticks_us + (is_rate ? WaitAfterRateUs(account.too_fast_count++, bits) : 4 * kHourUs);
   }
+  // The rest of the burst does not leave.
+  if (account.burst) {
+    account.burst->refusal = Check(account, now_ticks_us);
+  }
+  return is_news;
 }
 
 }  // namespace skorra::model

@@ -59,7 +59,7 @@ ManagerModel::ManagerModel(const Surroundings& surroundings, int64_t steady_us, 
     : now_us(steady_us),
       system_offset_from_steady_us(surroundings.wall_offset_us),
       surroundings_(surroundings),
-      ledger_(seed) {}
+      random_(seed) {}
 
 // --- Tasks and time.
 
@@ -325,7 +325,7 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
 // The first address, from a place on, that is not held; the end when all are.
 size_t ManagerModel::FirstFree(const Domain& domain, size_t from) const {
   while (from < domain.addresses.size() &&
-         ledger_.IsHeld(Surroundings::IndexOf(domain.addresses[from]), now_us)) {
+         ledger_.Check(Surroundings::IndexOf(domain.addresses[from]), now_us) != SendRefusal::kNone) {
     ++from;
   }
   return from;
@@ -387,7 +387,6 @@ void ManagerModel::ResetDomains() {
       domain.addresses = *std::exchange(domain.next_addresses, std::nullopt);
       domain.expires_us = domain.next_expires_us;
     }
-    Use(domain);
     domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
     domain.is_repeated = false;
     domain.samples.clear();
@@ -442,8 +441,10 @@ void ManagerModel::PrepareHandler() {
 
 void ManagerModel::RunSend(const net::IPEndPoint& address) {
   const int index = Surroundings::IndexOf(address);
-  if (!is_handler_prepared_ || !ledger_.Call(index, now_us)) {
+  if (!is_handler_prepared_ || !ledger_.Call(index, now_us).leaves) {
     return;
+  }
+  while (random_.Next() == 0) {  // the nonce
   }
   if (std::find(open_sockets.begin(), open_sockets.end(), address) == open_sockets.end()) {
     open_sockets.push_back(address);
@@ -467,7 +468,7 @@ void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arriva
   ledger_.Answered(request.address);
   if (kind == ArrivalKind::kRate || kind == ArrivalKind::kDeny) {
     request.is_open = false;
-    ledger_.Refused(request.address, kind, now_us);
+    ledger_.Refused(request.address, kind == ArrivalKind::kRate, now_us, random_.Next());
   }
   if (kind != ArrivalKind::kGenuine) {
     return;

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "netmodel/random.h"
 #include "ntp/ntp_sync_records.h"
 #include "platform/net/ip_endpoint.h"
 #include "tests/model/ledger_model.h"
@@ -172,6 +173,8 @@ class ManagerModel final : public Side {
   std::vector<Request> requests_;
   std::vector<std::pair<Domain*, Surroundings::Answer>> look_ups_;
   LedgerModel ledger_;
+  // Draws the numbers that the manager's side draws: a nonce for each request, a jitter for each refusal.
+  netmodel::Random random_;
   std::array<uint64_t, kAddressCount> request_counts_{};
   bool is_handler_prepared_ = false;
   bool is_first_packet_reported_ = false;

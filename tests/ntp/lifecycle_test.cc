@@ -294,6 +294,20 @@ TEST_F(LifecycleTest, AStopLetsANewStartInBeforeItWaitsForTheStatisticsLock) {
   stop.join();
 }
 
+// The lock must not be held while something is posted, also not the lookup of a name whose addresses expired.
+TEST_F(LifecycleTest, AStopPostsNothingAndLooksNoNameUp) {
+  world.SetHost("ntp.test", {{Address("192.0.2.1")}, 0, net::ResolveError::kNone, S(60)});
+  AddDomains({"ntp.test"});
+  world.RunFor(S(3600));
+  ASSERT_EQ(world.pending_count(), 0u);
+  manager().Stop();
+  const size_t posted = world.posted().size();
+  ASSERT_TRUE(world.RunOne());
+  EXPECT_EQ(CountLog(0, "Stop ntp queue"), 2u);
+  EXPECT_EQ(world.posted().size(), posted);
+  EXPECT_EQ(world.pending_count(), 0u);
+}
+
 TEST_F(LifecycleTest, TheLineOfTheTasksNamesTheirSource) {
   manager().Start();
   ASSERT_EQ(world.posted().size(), 1u);

@@ -34,8 +34,8 @@ class KissCodeTest : public testing::Test {
   // An attempt that gets nothing would wait for 3 s.
   static AttemptRunner::Attempt RunUntilAllAreRefused(AttemptRunner& runner) {
     const CountsSince counts;
-    const auto attempt = runner.Run([&] { return counts["ntp.send_refused.back_off"] == kBurst; });
-    EXPECT_EQ(counts["ntp.send_refused.back_off"], kBurst);
+    const auto attempt = runner.Run([&] { return counts["ntp.send_withheld.back_off"] == kBurst; });
+    EXPECT_EQ(counts["ntp.send_withheld.back_off"], kBurst);
     return attempt;
   }
 };
@@ -75,7 +75,7 @@ TEST_F(KissCodeTest, TheBurstEndsWithTheRefusal) {
   const uint64_t sent = counts["ntp.requests_sent"];
   EXPECT_LT(sent, kBurst);
   EXPECT_EQ(server.requests(), sent);
-  EXPECT_EQ(counts["ntp.send_refused.back_off"], kBurst - sent);
+  EXPECT_EQ(counts["ntp.send_withheld.back_off"], kBurst - sent);
   EXPECT_EQ(counts["ntp.samples_received"], 3u);
   EXPECT_EQ(counts["ntp.kiss.rate"], 1u);
   EXPECT_EQ(counts["ntp.kiss.rate"] + counts["ntp.kiss.repeated"], server.kisses());
@@ -137,20 +137,20 @@ TEST_P(RefusalTest, IsHeardOnceAndObeyed) {
   AttemptRunner runner({server.endpoint().ToString()});
   runner.Run([&] { return counts.SumOf("ntp.kiss.") > 0; });
   const CountsSince later;
-  runner.Run([&] { return later.SumOf("ntp.send_refused.") == kBurst; });
+  runner.Run([&] { return later.SumOf("ntp.send_withheld.") == kBurst; });
   EXPECT_EQ(server.requests(), 1u);
   EXPECT_EQ(counts["ntp.requests_sent"], 1u);
   EXPECT_EQ(counts[GetParam().counter], 1u);
   EXPECT_EQ(counts.SumOf("ntp.kiss."), 1u);
   EXPECT_EQ(later[GetParam().refused_counter], kBurst);
-  EXPECT_EQ(counts.SumOf("ntp.send_refused."), counts[GetParam().refused_counter]);
+  EXPECT_EQ(counts.SumOf("ntp.send_withheld."), counts[GetParam().refused_counter]);
   EXPECT_EQ(counts["ntp.samples_received"], 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codes, RefusalTest,
-                         testing::Values(Refusal{"RATE", "ntp.kiss.rate", "ntp.send_refused.back_off"},
-                                         Refusal{"DENY", "ntp.kiss.deny", "ntp.send_refused.parked"},
-                                         Refusal{"RSTR", "ntp.kiss.rstr", "ntp.send_refused.parked"}),
+                         testing::Values(Refusal{"RATE", "ntp.kiss.rate", "ntp.send_withheld.back_off"},
+                                         Refusal{"DENY", "ntp.kiss.deny", "ntp.send_withheld.denied"},
+                                         Refusal{"RSTR", "ntp.kiss.rstr", "ntp.send_withheld.denied"}),
                          [](const auto& row) { return std::string(row.param.kiss_code); });
 
 // A server that has just started is not refusing anybody.
@@ -164,7 +164,7 @@ TEST_F(KissCodeTest, AServerThatIsNotSynchronisedYetIsAskedAgain) {
     EXPECT_EQ(counts["ntp.kiss.init"], i);
   }
   EXPECT_EQ(server.requests(), 3u);
-  EXPECT_EQ(counts.SumOf("ntp.send_refused."), 0u);
+  EXPECT_EQ(counts.SumOf("ntp.send_withheld."), 0u);
 }
 
 }  // namespace

@@ -161,7 +161,7 @@ TEST_P(TenAttemptsTest, InOneProcess) {
   });
   // This server limits without a word, and silence is no reason to ask it less.
   EXPECT_EQ(counts.SumOf("ntp.kiss."), 0u);
-  EXPECT_EQ(counts.SumOf("ntp.send_refused."), 0u);
+  EXPECT_EQ(counts.SumOf("ntp.send_withheld."), 0u);
   config->Set(config::BaseCfg().ntp_requests_per_burst, std::nullopt);
 }
 

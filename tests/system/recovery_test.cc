@@ -206,7 +206,7 @@ TEST(RecoveryTest, AServerThatComesBackToItsPort) {
   EXPECT_EQ(failed.sent, kRequestsOfAFailedAttempt);
   EXPECT_EQ(failed.replies, 0u);
   EXPECT_GT(counts["ntp.receive_error.refused"], 0u);
-  EXPECT_EQ(counts.SumOf("ntp.send_refused."), 0u);
+  EXPECT_EQ(counts.SumOf("ntp.send_withheld."), 0u);
   EXPECT_EQ(NtpAddressLedger::GetInstance()->Check(server, base::GetSteadyTimeTicks()), SendRefusal::kNone);
 
   const auto opened = OpenServer(server);

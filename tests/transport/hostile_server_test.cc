@@ -255,7 +255,7 @@ TEST_P(RefusalAmongRepliesTest, EndsTheBurstAndLeavesTheGenuineRepliesAlone) {
   // Its own request has had its answer; the eleven before are answered as ever, and none follows.
   EXPECT_EQ(Counted("rejected."), (std::map<std::string, uint64_t>{{kDuplicate, 1}}));
   EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", 11}}));
-  EXPECT_EQ(Counted("send_refused."), (std::map<std::string, uint64_t>{{GetParam().withheld, 8}}));
+  EXPECT_EQ(Counted("send_withheld."), (std::map<std::string, uint64_t>{{GetParam().withheld, 8}}));
 }
 
 TEST_P(RefusalAmongRepliesTest, BehindTheGenuineReplyIsADuplicate) {
@@ -273,9 +273,9 @@ TEST_P(RefusalAmongRepliesTest, BehindTheGenuineReplyIsADuplicate) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, RefusalAmongRepliesTest,
-                         testing::Values(Refusal{"Rate", "RATE", "kiss.rate", "send_refused.back_off"},
-                                         Refusal{"Deny", "DENY", "kiss.deny", "send_refused.parked"},
-                                         Refusal{"Rstr", "RSTR", "kiss.rstr", "send_refused.parked"}),
+                         testing::Values(Refusal{"Rate", "RATE", "kiss.rate", "send_withheld.back_off"},
+                                         Refusal{"Deny", "DENY", "kiss.deny", "send_withheld.denied"},
+                                         Refusal{"Rstr", "RSTR", "kiss.rstr", "send_withheld.denied"}),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // Of every second request the genuine reply is lost, and only a bogus one comes.

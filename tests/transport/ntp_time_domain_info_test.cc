@@ -11,6 +11,7 @@
 #include "sim/world.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
+#include "transport/name_addresses.h"
 #include "transport/ntp_address_ledger.h"
 
 namespace skorra {
@@ -105,18 +106,18 @@ TEST_F(NtpTimeDomainInfoTest, TwoSecondsAreAllowedForANameUnlessConfigured) {
   EXPECT_FALSE(NtpTimeDomainInfo("slow.test").addresses().empty());
   EXPECT_EQ(Count("timed_out"), before);
 
-  const int64_t start_us = world_.steady_ticks_us();
+  const int64_t start_ticks_us = world_.steady_ticks_us();
   EXPECT_TRUE(NtpTimeDomainInfo("slower.test").addresses().empty());
-  EXPECT_EQ(world_.steady_ticks_us() - start_us, 2000000);
+  EXPECT_EQ(world_.steady_ticks_us() - start_ticks_us, 2000000);
   EXPECT_EQ(Count("timed_out"), before + 1);
 }
 
 TEST_F(NtpTimeDomainInfoTest, TheConfiguredLimitHoldsForTheNextName) {
   world_.SetHost("slow.test", {{EndPoint("192.0.2.1", 0)}, 150000});
   SetResolveTimeout(100);
-  const int64_t start_us = world_.steady_ticks_us();
+  const int64_t start_ticks_us = world_.steady_ticks_us();
   EXPECT_TRUE(NtpTimeDomainInfo("slow.test").addresses().empty());
-  EXPECT_EQ(world_.steady_ticks_us() - start_us, 100000);
+  EXPECT_EQ(world_.steady_ticks_us() - start_ticks_us, 100000);
   SetResolveTimeout(150);
   EXPECT_FALSE(NtpTimeDomainInfo("slow.test").addresses().empty());
 }
@@ -244,7 +245,7 @@ class RefreshTest : public NtpTimeDomainInfoTest {
     world_.SetHost("moving.test", entry);
   }
   void RunFor(int64_t duration_us) { world_.RunFor(base::TimeDelta::FromMicroseconds(duration_us)); }
-  // A look-up that has been started waits in the world as its only event.
+  // A lookup that has been started waits in the world as its only event.
   bool IsLookingUp() const { return world_.pending_count() > 0; }
 
   static constexpr base::TimeDelta kTtl = base::TimeDelta::FromSeconds(300);
@@ -273,18 +274,27 @@ TEST_F(RefreshTest, TheNewListComesWithTheResetAndNotBefore) {
   EXPECT_FALSE(IsLookingUp());
 }
 
-TEST_F(RefreshTest, AResetDoesNotWaitForTheLookUpItStarts) {
+TEST_F(RefreshTest, AUseDoesNotWaitForTheLookupThatItStarts) {
   NtpTimeDomainInfo info("moving.test");
   SetAddresses({"192.0.2.5"});
   RunFor(kTtlUs);
-  const int64_t before_us = world_.steady_ticks_us();
-  info.Reset();
-  EXPECT_EQ(world_.steady_ticks_us(), before_us);
-  EXPECT_TRUE(IsLookingUp());
+  const int64_t before_ticks_us = world_.steady_ticks_us();
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_EQ(world_.steady_ticks_us(), before_ticks_us);
+  EXPECT_TRUE(IsLookingUp());
   RunFor(kSecondUs);
   info.Reset();
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+}
+
+// The time manager resets its domains while it holds a lock.
+TEST_F(RefreshTest, AResetStartsNoLookup) {
+  NtpTimeDomainInfo info("moving.test");
+  RunFor(kTtlUs);
+  info.Reset();
+  EXPECT_FALSE(IsLookingUp());
+  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_TRUE(IsLookingUp());
 }
 
 TEST_F(RefreshTest, AFreshListThatWaitsForTheResetIsNotLookedUpAgainBeforeItExpires) {
@@ -350,7 +360,7 @@ TEST_F(RefreshTest, TheTimeToLiveCountsBetweenAMinuteAndADay) {
   }
 }
 
-TEST_F(RefreshTest, OneLookUpAtATimeHoweverOftenTheDomainIsUsed) {
+TEST_F(RefreshTest, OneLookupAtATimeHoweverOftenTheDomainIsUsed) {
   NtpTimeDomainInfo info("moving.test");
   SetAddresses({"192.0.2.5"}, base::TimeDelta(), 1500000);
   RunFor(kTtlUs);
@@ -362,7 +372,7 @@ TEST_F(RefreshTest, OneLookUpAtATimeHoweverOftenTheDomainIsUsed) {
   }
 }
 
-TEST_F(RefreshTest, AFailedLookUpKeepsTheListAndIsRepeatedAMinuteAfterItsBeginning) {
+TEST_F(RefreshTest, AFailedLookupKeepsTheListAndIsRepeatedAMinuteAfterItsBeginning) {
   const struct {
     const char* reason;
     sim::HostEntry entry;
@@ -384,7 +394,7 @@ TEST_F(RefreshTest, AFailedLookUpKeepsTheListAndIsRepeatedAMinuteAfterItsBeginni
       const uint64_t without_address_before = Count(row.reason);
       info.GetCurrentIPAddress();
       ASSERT_TRUE(IsLookingUp());
-      RunFor(NtpTimeDomainInfo::kMinRefreshUs - 1);
+      RunFor(NameAddresses::kMinRefreshUs - 1);
       EXPECT_EQ(Count("refresh_failed"), all_before + 1);
       EXPECT_EQ(Count(std::string("refresh_failed.") + row.reason), before + 1);
       EXPECT_EQ(Count(row.reason), without_address_before);
@@ -395,14 +405,14 @@ TEST_F(RefreshTest, AFailedLookUpKeepsTheListAndIsRepeatedAMinuteAfterItsBeginni
       RunFor(1);
     }
     SetAddresses({"192.0.2.5"});
-    info.Reset();
+    info.GetCurrentIPAddress();
     RunFor(kSecondUs);
     info.Reset();
     EXPECT_EQ(info.addresses(), std::vector{EndPoint("192.0.2.5", 123)});
   }
 }
 
-TEST_F(RefreshTest, ALookUpThatNeverReportsIsTakenForLostAfterTenMinutes) {
+TEST_F(RefreshTest, ALookupThatNeverReportsIsTakenForLostAfterTenMinutes) {
   NtpTimeDomainInfo info("moving.test");
   SetAddresses({"192.0.2.5"});
   RunFor(kTtlUs);
@@ -413,7 +423,7 @@ TEST_F(RefreshTest, ALookUpThatNeverReportsIsTakenForLostAfterTenMinutes) {
 
   const uint64_t before = Count("refresh_failed.lost");
   const uint64_t all_before = Count("refresh_failed");
-  RunFor(NtpTimeDomainInfo::kLostAfterUs - 1);
+  RunFor(NameAddresses::kLostAfterUs - 1);
   info.GetCurrentIPAddress();
   info.Reset();
   EXPECT_FALSE(IsLookingUp());
@@ -428,11 +438,11 @@ TEST_F(RefreshTest, ALookUpThatNeverReportsIsTakenForLostAfterTenMinutes) {
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
 }
 
-TEST_F(RefreshTest, ALookUpMayOutliveItsDomain) {
+TEST_F(RefreshTest, ALookupMayOutliveItsDomain) {
   SetAddresses({"192.0.2.1"}, base::TimeDelta());
   {
     const NtpTimeDomainInfo info("moving.test");
-    RunFor(NtpTimeDomainInfo::kMinRefreshUs);
+    RunFor(NameAddresses::kMinRefreshUs);
     info.GetCurrentIPAddress();
   }
   ASSERT_TRUE(IsLookingUp());
@@ -440,7 +450,7 @@ TEST_F(RefreshTest, ALookUpMayOutliveItsDomain) {
   EXPECT_FALSE(IsLookingUp());
 }
 
-TEST_F(RefreshTest, CopiesShareALookUpAndAdoptItEachInItsOwnReset) {
+TEST_F(RefreshTest, CopiesShareALookupAndAdoptItEachInItsOwnReset) {
   NtpTimeDomainInfo info("moving.test");
   NtpTimeDomainInfo copy(info);
   SetAddresses({"192.0.2.5"});
@@ -463,7 +473,7 @@ TEST_F(RefreshTest, WhatIsNoNameOrHasNoAddressIsNeverLookedUpAgain) {
     SCOPED_TRACE(domain);
     NtpTimeDomainInfo info(domain);
     const std::vector<net::IPEndPoint> list = info.addresses();
-    RunFor(3 * NtpTimeDomainInfo::kMaxRefreshUs);
+    RunFor(3 * NameAddresses::kMaxRefreshUs);
     info.GetCurrentIPAddress();
     info.Reset();
     EXPECT_FALSE(IsLookingUp());
@@ -485,9 +495,9 @@ class HeldAddressTest : public NtpTimeDomainInfoTest {
     ASSERT_NE(NtpAddressLedger::GetInstance()->Check(server, world_.steady_ticks_us()), SendRefusal::kNone);
   }
   void Ask(const net::IPEndPoint& server) {
-    uint32_t request_count = 20;
-    ASSERT_EQ(NtpAddressLedger::GetInstance()->BeginBurst(server, world_.steady_ticks_us(), &request_count),
-              SendRefusal::kNone);
+    // The burst before, whatever it was, is over.
+    world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kIdleBurstUs));
+    ASSERT_TRUE(NtpAddressLedger::GetInstance()->Admit(server, world_.steady_ticks_us(), 20));
   }
   void SetHost(const std::vector<const char*>& addresses) {
     sim::HostEntry entry;
@@ -519,7 +529,7 @@ TEST_F(HeldAddressTest, AHeldAddressIsPassedOver) {
   EXPECT_EQ(total_retry_count, 1u);
 
   // Four hours later all have been served.
-  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kParkedUs));
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kDeniedUs));
   info.Reset();
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
 }
@@ -549,7 +559,7 @@ TEST_F(HeldAddressTest, TheAddressInUseStaysAlsoWhenItComesToBeHeld) {
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
   // And when it is held no longer: the retry went on from there.
   Hold("198.51.100.12", KissCode::kDeny);
-  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kParkedUs));
+  world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kDeniedUs));
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
 }
 

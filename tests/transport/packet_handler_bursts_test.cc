@@ -164,15 +164,15 @@ TEST_F(PacketHandlerBurstsTest, AttemptsThatAreStartedAllTheTimeShareTheBursts) 
 TEST_F(PacketHandlerBurstsTest, RateEndsTheBurstAndHoldsTheAddressButNoOther) {
   Prepare();
   const uint64_t rate_before = Count("kiss.rate");
-  const uint64_t refused_before = Count("send_refused.back_off");
+  const uint64_t refused_before = Count("send_withheld.back_off");
   Kiss(kRate);
   EXPECT_EQ(Count("kiss.rate"), rate_before + 1);
   for (int i = 0; i < 19; ++i) {
     Send();
   }
   EXPECT_EQ(sent_.size(), 1u);
-  EXPECT_EQ(Count("send_refused.back_off"), refused_before + 19);
-  EXPECT_EQ(NtpAddressLedger::GetInstance()->GetCounts()[kServer].requests_refused, 19u);
+  EXPECT_EQ(Count("send_withheld.back_off"), refused_before + 19);
+  EXPECT_EQ(NtpAddressLedger::GetInstance()->GetCounts()[kServer].requests_withheld, 19u);
 
   Prepare();  // the next attempt
   EXPECT_TRUE(Burst().empty());
@@ -183,9 +183,9 @@ TEST_F(PacketHandlerBurstsTest, RateEndsTheBurstAndHoldsTheAddressButNoOther) {
   Prepare();
   EXPECT_EQ(Burst().size(), 8u);
   world_.RunFor(TimeDelta::FromSeconds(10));
-  const uint64_t spaced_before = Count("send_refused.spacing");
+  const uint64_t spaced_before = Count("send_withheld.too_soon");
   EXPECT_TRUE(Burst().empty());
-  EXPECT_EQ(Count("send_refused.spacing"), spaced_before + 20);
+  EXPECT_EQ(Count("send_withheld.too_soon"), spaced_before + 20);
 }
 
 TEST_F(PacketHandlerBurstsTest, RateForRequestsUnderWayIsCountedAsRepeated) {
@@ -218,7 +218,7 @@ TEST_F(PacketHandlerBurstsTest, DenialParksTheAddressForHours) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const uint64_t before = Count(std::string("kiss.") + row.name);
-    const uint64_t refused_before = Count("send_refused.parked");
+    const uint64_t refused_before = Count("send_withheld.denied");
     Prepare();
     Send(row.server);
     Deliver(sent_.back(), KissTo(sent_.back(), row.code));
@@ -227,7 +227,7 @@ TEST_F(PacketHandlerBurstsTest, DenialParksTheAddressForHours) {
     world_.RunFor(TimeDelta::FromSeconds(4 * 3600 - 1));
     Prepare();
     EXPECT_TRUE(Burst(row.server).empty());
-    EXPECT_EQ(Count("send_refused.parked"), refused_before + 20);
+    EXPECT_EQ(Count("send_withheld.denied"), refused_before + 20);
     world_.RunFor(TimeDelta::FromSeconds(1));
     EXPECT_EQ(Burst(row.server).size(), 20u);
   }
@@ -241,9 +241,9 @@ TEST_F(PacketHandlerBurstsTest, RateBehindADenialDoesNotMakeItMilder) {
   Deliver(sent_[0], KissTo(sent_[0], kDeny));
   Deliver(sent_[1], KissTo(sent_[1], kRate));
   world_.RunFor(TimeDelta::FromMilliseconds(100));
-  const uint64_t before = Count("send_refused.parked");
+  const uint64_t before = Count("send_withheld.denied");
   Send();
-  EXPECT_EQ(Count("send_refused.parked"), before + 1);
+  EXPECT_EQ(Count("send_withheld.denied"), before + 1);
 }
 
 TEST_F(PacketHandlerBurstsTest, AKissThatIsNoRefusalLeavesRequestAndAddressAlone) {
