@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The addresses that a server name stands for, and the lookups that keep them current.
 //
 // The list follows the name. Once its time to live has passed, `RefreshIfExpired` starts a lookup in the

@@ -12,7 +12,7 @@ namespace {
 
 // Spreads `limit` requests evenly over the burst's calls, beginning with the first.
 bool IsSentWhenThinned(uint32_t call, uint32_t limit) {
-  return call < NtpAddressLedger::kCallsPerBurst && call * limit % NtpAddressLedger::kCallsPerBurst < limit;
+  return call < kCallsPerBurst && call * limit % kCallsPerBurst < limit;
 }
 
 }  // namespace

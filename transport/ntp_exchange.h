@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One exchange with a server, as data: what one request and its reply measured.
 //
 // A public header, by way of ntp/ntp_sync_records.h: it compiles alone, as C++17 too.
