@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cmath>
-#include <limits>
 #include <utility>
 
+#include "ntp/kept_result.h"
+#include "ntp/offset_estimation.h"
+#include "ntp/request_stats.h"
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
 #include "platform/base/int_math.h"
@@ -32,53 +33,17 @@ using base::LocalLog;
 using base::Location;
 using base::TimeDelta;
 using base::WrappingAdd;
-using base::WrappingMagnitude;
-using base::WrappingMultiply;
 using base::WrappingSubtract;
 
 constexpr char kSourcePath[] = "ntp/ntp_time_manager_impl";
 
-// A domain is evaluated once it has more samples than this, or once its burst is older than the limit.
-constexpr size_t kEnoughSamples = 5;
-constexpr int64_t kRequestTimeLimitUs = 2999999;
+// A domain is evaluated once it has this many samples, or once its burst is this old.
+constexpr size_t kEnoughSamples = 6;
+constexpr int64_t kRequestTimeLimitUs = 3000000;
 constexpr TimeDelta kCheckInterval = TimeDelta::FromMicroseconds(200000);
 constexpr TimeDelta kStopDelay = TimeDelta::FromMicroseconds(30000000);
 
-// Evaluation: larger spreads make a result unreliable. The limit on the deviation of round-trip times grows
-// with their mean, since long paths vary more.
-constexpr int64_t kMaxOffsetSpreadUs = 30000;
-constexpr double kShortPathMs = 100.0;
-constexpr double kMediumPathMs = 200.0;
-constexpr double kShortPathDeviationMs = 15.0;
-constexpr double kMediumPathDeviationMs = 20.0;
-constexpr double kLongPathDeviationMs = 30.0;
-
-// A kept result younger than this is announced again instead of asking anew, and reads do not re-check it.
-constexpr int64_t kQuietPeriodMs = 600000;
-
-constexpr uint32_t kToleratedDeviationMs = 4;
-constexpr uint32_t kLargeDeviationMs = 500;
-
-// Kinds of request in the statistics beyond the two NtpDomainCodes.
-constexpr int kWholeAttempt = 2;
-
-// Key metrics: requests finished and requests succeeded, by kind of domain.
-constexpr uint64_t kDefaultDomainSucceeded = 37003;
-constexpr uint64_t kDefaultDomainFinished = 37004;
-constexpr uint64_t kOtherDomainSucceeded = 37005;
-constexpr uint64_t kOtherDomainFinished = 37006;
-
 int64_t NowLocalMs() { return base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds(); }
-
-// Milliseconds from one local timestamp to another; truncated, and cut to what 32 bits hold.
-uint32_t CostMs(int64_t start_us, int64_t now_us) {
-  const double cost_ms = static_cast<double>(WrappingSubtract(now_us, start_us)) / 1000.0;
-  if (cost_ms <= 0.0) {
-    return 0;
-  }
-  constexpr auto kMax = std::numeric_limits<uint32_t>::max();
-  return cost_ms >= static_cast<double>(kMax) ? kMax : static_cast<uint32_t>(cost_ms);
-}
 
 }  // namespace
 
@@ -117,8 +82,9 @@ int NtpTimeManagerImpl::Start() {
   }
   const int64_t last_ms = last_sync_local_time_ms_.load(std::memory_order_relaxed);
   const int64_t now_ms = NowLocalMs();
-  const bool is_fresh = last_ms != 0 && last_ms < now_ms && !NeedToUpdateResult() &&
-                        WrappingSubtract(now_ms, last_ms) < kQuietPeriodMs && CheckElapsedTimeDeviation();
+  // In this order, each asked only when all before it let the kept result stand: the drift check demotes it.
+  const bool is_fresh = IsAfterSuccess(last_ms, now_ms) && !NeedToUpdateResult() &&
+                        IsWithinQuietPeriod(last_ms, now_ms) && CheckElapsedTimeDeviation();
   if (!is_fresh) {
     return StartInNtpQueue();
   }
@@ -152,7 +118,8 @@ void NtpTimeManagerImpl::DelayStopNtpQueueIfNeeded() {
   if (!is_sync_finished_ || queue == nullptr) {
     return;
   }
-  // Nothing takes this stop back: a start within the delay is cut off by it.
+  // Nothing takes this stop back, and it asks nothing when it runs: an attempt that begins within the delay
+  // is cut off by it. This is intended; LifecycleTest (tests/ntp/lifecycle_test.cc) holds it.
   queue->PostDelayedTask(Location::CreateFromHere(kSourcePath, __LINE__),
                          base::BindOnce(&NtpTimeManagerImpl::StopNtpQueue, base::Unretained(this)),
                          kStopDelay);
@@ -175,32 +142,13 @@ void NtpTimeManagerImpl::Clean() {
 
 // --- Observers.
 
-// The entry of `observer`, or the end. Erases an expired entry that it meets and then passes over the two
-// entries that followed it, neither compared nor pruned. Runs under observer_lock_.
-NtpTimeManagerImpl::ObserverList::iterator NtpTimeManagerImpl::FindObserver(const Observer* observer) {
-  size_t position = 0;
-  while (position < observers_.size()) {
-    const auto entry = observers_.begin() + static_cast<ObserverList::difference_type>(position);
-    const std::shared_ptr<Observer> alive = entry->lock();
-    if (alive == nullptr) {
-      observers_.erase(entry);
-      position += 2;
-    } else if (alive.get() == observer) {
-      return entry;
-    } else {
-      ++position;
-    }
-  }
-  return observers_.end();
-}
-
 void NtpTimeManagerImpl::AddObserver(std::weak_ptr<Observer> observer) {
   const std::shared_ptr<Observer> alive = observer.lock();
   if (alive == nullptr) {
     return;
   }
   const base::AutoLock lock(observer_lock_);
-  if (const auto entry = FindObserver(alive.get()); entry == observers_.end()) {
+  if (const auto entry = FindObserver(observers_, alive.get()); entry == observers_.end()) {
     observers_.push_back(observer);
   }
 }
@@ -211,7 +159,7 @@ void NtpTimeManagerImpl::RemoveObserver(std::weak_ptr<Observer> observer) {
     return;
   }
   const base::AutoLock lock(observer_lock_);
-  if (const auto entry = FindObserver(alive.get()); entry != observers_.end()) {
+  if (const auto entry = FindObserver(observers_, alive.get()); entry != observers_.end()) {
     observers_.erase(entry);
   }
 }
@@ -290,14 +238,12 @@ void NtpTimeManagerImpl::ResetServerDomainList() {
   total_retry_count_ = 0;
 }
 
-// A plain comparison of codes, not a ranking: only a candidate with a larger code replaces the current
-// domain, and a current success stays.
 std::shared_ptr<NtpTimeDomainInfo> NtpTimeManagerImpl::SelectBetterDomainInfo(
     std::shared_ptr<NtpTimeDomainInfo> candidate) {
   const NtpDomainResult* const current_record = QueryDomainResult(current_domain_info_->domain());
   const NtpDomainResult* const candidate_record = QueryDomainResult(candidate->domain());
   if (current_record == nullptr || candidate_record == nullptr ||
-      current_record->result == NtpResult::kSuccess || current_record->result >= candidate_record->result) {
+      !TakesOverAsReported(candidate_record->result, current_record->result)) {
     return current_domain_info_;
   }
   return candidate;
@@ -313,7 +259,6 @@ void NtpTimeManagerImpl::PreparePacketHandler() {
   packet_handler_->PrepareForSendPackets();
 }
 
-// Fills the empty list with the environment's default domain; false when that has no address.
 bool NtpTimeManagerImpl::AddDefaultDomain() {
   const NtpTimeDomainInfo info(config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain());
   if (info.addresses().empty()) {
@@ -360,6 +305,8 @@ void NtpTimeManagerImpl::StartRequest(std::vector<std::shared_ptr<NtpTimeDomainI
 void NtpTimeManagerImpl::SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> domain) {
   CheckOnQueue();
   if (domain->GetCurrentIPAddress().address_empty()) {
+    // No check is armed either, so the request stays open until another domain succeeds or a stop comes.
+    // This is intended; SyncAttemptTest (tests/ntp/sync_attempt_test.cc) holds it.
     return;
   }
   if (NtpDomainResult* const record = QueryDomainResult(domain->domain()); record != nullptr) {
@@ -450,8 +397,8 @@ void NtpTimeManagerImpl::CheckServerResult(int64_t start_time_us, std::shared_pt
     return;
   }
   const int64_t now_us = GetNowSystemTimestampUs();
-  const bool is_time_up = WrappingAdd(start_time_us, kRequestTimeLimitUs) < now_us;
-  if (!is_time_up && domain->samples().size() <= kEnoughSamples) {
+  const bool is_time_up = WrappingAdd(start_time_us, kRequestTimeLimitUs) <= now_us;
+  if (!is_time_up && domain->samples().size() < kEnoughSamples) {
     GetNtpQueue()->PostDelayedTask(
         Location::CreateFromHere(kSourcePath, __LINE__),
         base::BindOnce(&NtpTimeManagerImpl::CheckServerResult, base::Unretained(this), start_time_us, domain),
@@ -469,47 +416,20 @@ void NtpTimeManagerImpl::HandleServerNtpResult(std::shared_ptr<NtpTimeDomainInfo
   }
 }
 
-void NtpTimeManagerImpl::SortAndSplitResultData(std::vector<NtpResultData>& data) {
-  std::sort(data.begin(), data.end(),
-            [](const NtpResultData& a, const NtpResultData& b) { return a.offset_us < b.offset_us; });
-  const auto quarter = static_cast<std::vector<NtpResultData>::difference_type>(data.size() / 4);
-  data.erase(data.begin(), data.begin() + quarter);
-  data.erase(data.end() - quarter, data.end());
-}
+void NtpTimeManagerImpl::SortAndSplitResultData(std::vector<NtpResultData>& data) { SortAndTrim(data); }
 
 int64_t NtpTimeManagerImpl::CalculateResultReliableAndGetOffset(std::vector<NtpResultData>& data,
                                                                 bool& is_rtt_reliable, bool& is_reliable) {
-  const auto count = static_cast<int64_t>(data.size());
-  int64_t offset_sum_us = 0;
-  double rtt_sum_ms = 0.0;
-  for (const NtpResultData& sample : data) {
-    offset_sum_us = WrappingAdd(offset_sum_us, sample.offset_us);
-    rtt_sum_ms += static_cast<double>(sample.rtt_us) / 1000.0;
-  }
-  const int64_t mean_offset_us = offset_sum_us / count;
-  const double mean_rtt_ms = rtt_sum_ms / static_cast<double>(count);
-
-  int64_t max_deviation_us = 0;
-  double square_sum = 0.0;
-  for (const NtpResultData& sample : data) {
-    const int64_t deviation_us = WrappingMagnitude(WrappingSubtract(sample.offset_us, mean_offset_us));
-    max_deviation_us = std::max(max_deviation_us, deviation_us);
-    const double difference_ms = static_cast<double>(sample.rtt_us) / 1000.0 - mean_rtt_ms;
-    square_sum += difference_ms * difference_ms;
-  }
-  const double rtt_stdev_ms = std::sqrt(square_sum / static_cast<double>(count));
-
-  const double limit_ms = mean_rtt_ms < kShortPathMs    ? kShortPathDeviationMs
-                          : mean_rtt_ms < kMediumPathMs ? kMediumPathDeviationMs
-                                                        : kLongPathDeviationMs;
-  is_rtt_reliable = rtt_stdev_ms < limit_ms;
-  is_reliable = max_deviation_us < kMaxOffsetSpreadUs;
+  const OffsetEstimate estimate = EstimateOffset(data);
+  is_rtt_reliable = estimate.is_rtt_reliable;
+  is_reliable = estimate.is_reliable;
   if (!is_rtt_reliable || !is_reliable) {
     LocalLog(kLogProgress, kSourcePath, __LINE__,
-             "Not reliable rtt stdev:%f, avg:%f, offset max_dev:%lld, avg:%lld", rtt_stdev_ms, mean_rtt_ms,
-             static_cast<long long>(max_deviation_us), static_cast<long long>(mean_offset_us));
+             "Not reliable rtt stdev:%f, avg:%f, offset max_dev:%lld, avg:%lld", estimate.rtt_stdev_ms,
+             estimate.mean_rtt_ms, static_cast<long long>(estimate.max_deviation_us),
+             static_cast<long long>(estimate.mean_offset_us));
   }
-  return mean_offset_us;
+  return estimate.mean_offset_us;
 }
 
 NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomainInfo> domain) {
@@ -530,11 +450,7 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
     record->is_rtt_reliable = is_rtt_reliable;
     record->is_reliable = is_reliable;
     record->sample_count = static_cast<uint32_t>(samples.size());
-    if (record->offset_us == kNoOffsetUs) {
-      record->result = NtpResult::kNoResult;
-    } else {
-      record->result = is_rtt_reliable && is_reliable ? NtpResult::kSuccess : NtpResult::kMaybeInaccurate;
-    }
+    record->result = GradeOffset(record->offset_us, is_rtt_reliable, is_reliable);
   }
   samples.clear();
   return record->result;
@@ -545,7 +461,7 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
 void NtpTimeManagerImpl::UpdateNtpResultIfBetter(NtpDomainResult* result,
                                                  int64_t system_offset_from_steady_us) {
   const NtpResult last = last_result_.load(std::memory_order_relaxed);
-  if (result->result != NtpResult::kSuccess && (last == NtpResult::kSuccess || result->result < last)) {
+  if (!ReplacesKeptResult(result->result, last)) {
     LocalLog(kLogProgress, kSourcePath, __LINE__,
              "Use last sync result:%d, offset:%lld, reliable:%d, rtt reliable:%d", static_cast<int>(last),
              static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)),
@@ -590,16 +506,15 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
     return;
   }
   UpdateNtpResultIfBetter(record, packet_handler_->GetSystemTimeOffsetFromSteady());
-  NtpResult code = last_result_.load(std::memory_order_relaxed);
-  if (code == NtpResult::kSuccess) {
-    code = NtpResult::kMaybeInaccurate;  // this attempt did not succeed, whatever an earlier one left
-  }
+  const NtpResult code = AnnouncedWithoutSuccess(last_result_.load(std::memory_order_relaxed));
   const std::string& name = current_domain_info_->domain();
   const std::string address = current_domain_info_->GetCurrentIPAddress().ToString();
   if (code == NtpResult::kNoResult) {
     LocalLog(kLogProgress, kSourcePath, __LINE__, "NTP time sync failed:%s, use sample count:%zu, IP:%s",
              name.c_str(), static_cast<size_t>(record->sample_count), address.c_str());
   } else {
+    // The domain's name stands where a code's text might be expected. This is intended; SyncOutcomeTest
+    // (tests/ntp/sync_outcome_test.cc) holds it.
     LocalLog(kLogProgress, kSourcePath, __LINE__,
              "NTP time sync finished, but result maybe inaccurate, final offset:%lld, result:%s, "
              "use sample count:%zu, IP:%s, offset:%lld, ntp time:%s",
@@ -609,7 +524,7 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
              NtpTimestampToTime(GetNtpTimestampFrom1970Internal()).ToString().c_str());
   }
   is_sync_finished_ = true;
-  CalculateStatsResult(code != NtpResult::kNoResult, record->cost_ms, kWholeAttempt);
+  CalculateStatsResult(IsCountedAsSuccess(code), record->cost_ms, kWholeAttempt);
   Notify(code, record->endpoint);
   ResetServerDomainList();
 }
@@ -618,8 +533,8 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
 
 // One statement for each reading: they are taken in this order, which arguments of one call would leave open.
 int64_t NtpTimeManagerImpl::GetNowSystemTimestampUs() {
-  const int64_t ticks_us = base::GetSteadyTimeTicks();
-  return WrappingAdd(ticks_us, system_offset_from_steady_us_.load(std::memory_order_relaxed));
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  return WrappingAdd(now_ticks_us, system_offset_from_steady_us_.load(std::memory_order_relaxed));
 }
 
 int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970Internal() {
@@ -632,14 +547,13 @@ base::Time NtpTimeManagerImpl::NtpTimestampToTime(int64_t ntp_us) {
   return base::Time::UnixEpoch() + TimeDelta::FromMicroseconds(ntp_us);
 }
 
-// The hot path. What follows a clock reading delays the next one, so limits are multiplied up beforehand
-// instead of dividing the reading, and the checks of a read that is due stand in a function of their own.
+// The hot path. What follows a clock reading delays the next one, so the limit is multiplied up beforehand
+// instead of dividing the reading (ReadCheckTime says where that differs from the rule), and the checks of a
+// read that is due stand in a function of their own.
 int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
   const base::Time now = base::Time::Now();
   const int64_t last_check_ms = last_check_local_time_ms_.load(std::memory_order_relaxed);
-  const base::Time due_time = base::Time::FromDeltaSinceWindowsEpoch(
-      TimeDelta::FromMicroseconds(WrappingMultiply(WrappingAdd(last_check_ms, kQuietPeriodMs), 1000)));
-  const bool is_due = last_check_ms == 0 || now >= due_time;
+  const bool is_due = last_check_ms == 0 || now >= ReadCheckTime(last_check_ms);
   const bool has_result = ntp_offset_us_.load(std::memory_order_relaxed) != kNoOffsetUs;
   if (is_due) {
     return CheckAndReadNtpTimestamp(now, has_result);
@@ -647,7 +561,8 @@ int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
   return has_result ? GetNtpTimestampFrom1970Internal() : 0;
 }
 
-// Checks that pass do not begin a new quiet period; only a started sync does.
+// Checks that pass do not begin a new quiet period, so every later read makes them again; only a sync that is
+// started does. This is intended; NtpClockTest (tests/ntp/ntp_clock_test.cc) holds it.
 int64_t NtpTimeManagerImpl::CheckAndReadNtpTimestamp(base::Time now, bool has_result) {
   if (!has_result || NeedToUpdateResult() || !CheckElapsedTimeDeviation()) {
     last_check_local_time_ms_.store(now.ToDeltaSinceWindowsEpoch().InMilliseconds(),
@@ -662,13 +577,12 @@ bool NtpTimeManagerImpl::CheckElapsedTimeDeviation() {
   if (before_ntp_us == 0) {
     return false;
   }
+  // The NTP clock is read before the wall clock.
   const int64_t now_ntp_us = GetNtpTimestampFrom1970Internal();
   const int64_t before_local_ms = last_sync_local_time_ms_.load(std::memory_order_relaxed);
   const int64_t now_local_ms = NowLocalMs();
-  const int64_t difference_ms = WrappingSubtract(WrappingSubtract(now_local_ms, before_local_ms),
-                                                 WrappingSubtract(now_ntp_us, before_ntp_us) / 1000);
-  // Only the low 32 bits of the magnitude count.
-  const auto deviation_ms = static_cast<uint32_t>(WrappingMagnitude(difference_ms));
+  const uint32_t deviation_ms = DeviationMs({.ntp_us = before_ntp_us, .local_ms = before_local_ms},
+                                            {.ntp_us = now_ntp_us, .local_ms = now_local_ms});
   if (deviation_ms <= kToleratedDeviationMs) {
     return true;
   }
@@ -699,22 +613,19 @@ bool NtpTimeManagerImpl::NeedToUpdateResult() {
         config::ConfigCenterImpl::GetInstance()
             ->GetValueWithPriority(config::BaseCfg().ntp_sync_interval, base::Optional<uint64_t>(default_s))
             .value_or(default_s));
-    // More than `interval_s` whole seconds.
-    const int64_t elapsed_us = WrappingSubtract(now_ntp_us, before_ntp_us);
-    if (interval_s != 0 && elapsed_us >= (static_cast<int64_t>(interval_s) + 1) * kUsPerSecond) {
+    const int64_t elapsed_s = WrappingSubtract(now_ntp_us, before_ntp_us) / kUsPerSecond;
+    if (IsPeriodicSyncDue(elapsed_s, interval_s)) {
       LocalLog(kLogProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
-               static_cast<long long>(elapsed_us / kUsPerSecond),
-               NtpTimestampToTime(now_ntp_us).ToString().c_str(),
+               static_cast<long long>(elapsed_s), NtpTimestampToTime(now_ntp_us).ToString().c_str(),
                NtpTimestampToTime(before_ntp_us).ToString().c_str());
       return true;
     }
   }
-  // A kept result that was never good enough. A cost of 0 ms wraps around and fails the same test as one of
-  // 800 ms and more.
-  return last_result_.load(std::memory_order_relaxed) != NtpResult::kSuccess ||
-         ntp_offset_us_.load(std::memory_order_relaxed) == kNoOffsetUs ||
-         last_request_cost_ms_.load(std::memory_order_relaxed) - 1 > 798 ||
-         !is_rtt_reliable_.load(std::memory_order_relaxed) || !is_reliable_.load(std::memory_order_relaxed);
+  return !IsGoodEnough({.result = last_result_.load(std::memory_order_relaxed),
+                        .offset_us = ntp_offset_us_.load(std::memory_order_relaxed),
+                        .last_request_cost_ms = last_request_cost_ms_.load(std::memory_order_relaxed),
+                        .is_rtt_reliable = is_rtt_reliable_.load(std::memory_order_relaxed),
+                        .is_reliable = is_reliable_.load(std::memory_order_relaxed)});
 }
 
 // --- Statistics.
@@ -730,42 +641,30 @@ void NtpTimeManagerImpl::FinishAndUpdateRequestStats(NtpResult result,
   record->cost_ms = CostMs(record->request_start_time_us, now_us);
   record->last_request_cost_ms = CostMs(record->last_request_start_time_us, now_us);
   if (record->cost_ms == 0) {
-    return;  // a request that took no measurable time is not counted
+    // A request that ended within its first millisecond is not counted anywhere. This is intended;
+    // QualityReportTest (tests/ntp/quality_report_test.cc) holds it.
+    return;
   }
   const bool is_default = domain->domain() == config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain();
   const NtpDomainCode code = is_default ? NtpDomainCode::kDefault : NtpDomainCode::kOther;
-  const bool success = result != NtpResult::kNoResult;
+  const bool success = IsCountedAsSuccess(result);
   CalculateStatsResult(success, record->cost_ms, static_cast<int>(code));
   ReportDomainToKeyMetrics(success, code);
 }
 
 void NtpTimeManagerImpl::CalculateStatsResult(bool success, uint32_t cost_ms, int function_type) {
   const base::AutoLock lock(stats_lock_);
-  NtpFunctionRequestStats& stats = function_request_stats_[function_type];
-  stats.total_cost_ms += cost_ms;
-  stats.request_count += 1;
-  stats.success_count += success ? 1 : 0;
-  stats.failure_count += success ? 0 : 1;
-  stats.max_cost_ms = std::max(stats.max_cost_ms, cost_ms);
-  // The count wraps; only then is it 0.
-  stats.average_cost_ms = stats.request_count == 0 ? 0 : stats.total_cost_ms / stats.request_count;
-  stats.function_type = function_type;
+  AddRequest(function_request_stats_[function_type], success, cost_ms, function_type);
 }
 
 void NtpTimeManagerImpl::ReportDomainToKeyMetrics(bool success, NtpDomainCode code) {
-  switch (code) {
-    case NtpDomainCode::kDefault:
-      base::KeyMetrics::CountPV(kDefaultDomainFinished, 1);
-      if (success) {
-        base::KeyMetrics::CountPV(kDefaultDomainSucceeded, 1);
-      }
-      break;
-    case NtpDomainCode::kOther:
-      base::KeyMetrics::CountPV(kOtherDomainFinished, 1);
-      if (success) {
-        base::KeyMetrics::CountPV(kOtherDomainSucceeded, 1);
-      }
-      break;
+  const DomainMetricKeys* const keys = MetricKeysOf(code);
+  if (keys == nullptr) {
+    return;
+  }
+  base::KeyMetrics::CountPV(keys->finished, 1);
+  if (success) {
+    base::KeyMetrics::CountPV(keys->succeeded, 1);
   }
 }
 
@@ -775,10 +674,8 @@ NtpTimeSyncStats NtpTimeManagerImpl::GetAndResetNtpQualityStats() {
     const base::AutoLock lock(stats_lock_);
     report.function_request_stats.swap(function_request_stats_);
   }
-  // Armed at 1 and reported less one: the first report counts one start fewer, every later one exactly the
-  // starts since the one before.
-  const uint32_t starts = start_count_.exchange(1, std::memory_order_relaxed);
-  report.start_count = starts == 0 ? 0 : starts - 1;
+  report.start_count =
+      ReportedStartCount(start_count_.exchange(kStartCountAfterReport, std::memory_order_relaxed));
   report.deviation_found = deviation_found_.exchange(false, std::memory_order_relaxed);
   return report;
 }

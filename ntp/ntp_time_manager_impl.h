@@ -15,6 +15,7 @@
 
 #include "ntp/ntp_sync_records.h"
 #include "ntp/ntp_time_manager.h"
+#include "ntp/observer_list.h"
 #include "platform/base/lock.h"
 #include "platform/base/no_destructor.h"
 #include "platform/base/time.h"
@@ -46,61 +47,126 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   friend class base::NoDestructor<NtpTimeManagerImpl>;
   friend class NtpTimeManagerPeer;  // the tests' and benchmarks' view
 
-  using ObserverList = std::vector<std::weak_ptr<NtpTimeManager::Observer>>;
+  // [queue] runs on the manager's queue, [any] on any thread. A debug build stops at a [queue] function that
+  // runs elsewhere.
 
   NtpTimeManagerImpl();
 
-  // Queue and lifecycle.
+  // --- Queue and lifecycle.
+
+  // [any] The queue of the manager's business, asked for on every use; null when there is none.
   std::shared_ptr<core::TaskQueue> GetNtpQueue();
+  // [any] Sets is_started_ and posts DoStartSyncTime. Returns 0, or -1 with nothing changed when is_started_
+  // is set already. Two threads at once may both get 0: their attempts then run one after the other.
   int StartInNtpQueue();
+  // [queue] Posts StopNtpQueue for 30 s later, unless an attempt is in flight or there is no queue.
   void DelayStopNtpQueueIfNeeded();
+  // [queue] Clears is_started_, then cleans under stats_lock_. It leaves is_sync_finished_ and the kept
+  // result.
   void StopNtpQueue();
+  // [queue] Closes the handler's sockets, where a handler exists, and resets the domains.
   void Clean();
+  // [any] The debug build's check.
   void CheckOnQueue();
 
-  // Observers.
-  ObserverList::iterator FindObserver(const Observer* observer);
+  // --- Observers.
+
+  // [queue] Clears is_started_, tells each live observer the code, its text and the server, without a lock,
+  // and posts DelayStopNtpQueueIfNeeded.
   void Notify(NtpResult result, const net::IPEndPoint& server);
 
-  // Domains.
+  // --- Domains.
+
+  // [queue] Appends the names that are new and have an address, each with a fresh record. Then, while
+  // is_started_ is set, starts every domain that is not being asked; otherwise schedules the stop.
   void DoUpdateNtpTimeDomain(const std::vector<std::string>& domains);
+  // [queue] The record of the name, or null, which is logged. Valid as long as the manager; never makes one.
   NtpDomainResult* QueryDomainResult(const std::string& domain);
+  // [queue] Every domain as before any request, every record fresh, no retries. The list stays, and so does
+  // current_domain_info_.
   void ResetServerDomainList();
+  // [queue] The candidate, or current_domain_info_, which must not be null: that one also stays where a
+  // record is missing. Changes nothing.
   std::shared_ptr<NtpTimeDomainInfo> SelectBetterDomainInfo(std::shared_ptr<NtpTimeDomainInfo> candidate);
 
-  // Attempt and requests.
+  // --- Attempt and requests.
+
+  // [queue] Makes packet_handler_ when there is none, and lets it begin an attempt.
   void PreparePacketHandler();
+  // [queue] Appends the environment's default domain, for a list that is empty. False, with nothing changed,
+  // when that domain has no address.
   bool AddDefaultDomain();
+  // [queue] Begins an attempt: clears is_sync_finished_ and starts every domain. Without any usable domain it
+  // stops the queue, and no observer hears of it.
   void DoStartSyncTime();
+  // [queue] Opens the request of every domain whose request is not open, and sends its first burst.
   void StartRequest(std::vector<std::shared_ptr<NtpTimeDomainInfo>>& domains);
+  // [queue] Posts one burst to the domain's current address and makes the burst's first check at once.
+  // Without an address it does nothing.
   void SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] True when no domain's request is open. A domain without a record counts as finished.
   bool IsAllDomainRequestsFinished();
+  // [queue] True when the domain had no result, a retry was granted and its burst is under way.
   bool RetryDomainRequestIfNeeded(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] Retries the domain or closes its request. True when it was the last one open: the attempt has
+  // ended without a success. Sets current_domain_info_ when that is null. Without is_started_: false, and
+  // nothing happens.
   bool CheckAndRetryDomainRequestIfPending(std::shared_ptr<NtpTimeDomainInfo> domain);
 
-  // Samples and outcome.
+  // --- Samples and outcome.
+
+  // [queue] Hands the domain to its evaluation once it has enough samples or its burst, begun at
+  // `start_time_us` by GetNowSystemTimestampUs, is old enough; posts itself again until then. Without
+  // is_started_ it ends.
   void CheckServerResult(int64_t start_time_us, std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] Evaluates the domain. A success ends the attempt, whatever the other domains do.
   void HandleServerNtpResult(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [any] SortAndTrim (offset_estimation.h), in place.
   void SortAndSplitResultData(std::vector<NtpResultData>& data);
+  // [any] The mean offset of `data`, which must not be empty. Writes both flags, and logs the measures when
+  // one of them is false.
   int64_t CalculateResultReliableAndGetOffset(std::vector<NtpResultData>& data, bool& is_rtt_reliable,
                                               bool& is_reliable);
+  // [queue] Writes offset, code, flags and sample count into the domain's record, empties its samples and
+  // returns the code. Too few samples leave flags and count; a missing record leaves everything.
   NtpResult CalculateServerResult(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] Ends the attempt with the domain's result: keeps it, stamps both clocks, counts, tells observers,
+  // resets the domains. Without the domain's record the attempt stays open.
   void HandleServerNtpSuccessResult(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] Ends the attempt with the better of `domain` and current_domain_info_. It announces the code of
+  // what is kept then, but never success, and stamps no clock. Without the record the attempt stays open.
   void HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [queue] Keeps `result`, with the offset between the clocks that its samples were measured against, or
+  // logs that the kept one stays.
   void UpdateNtpResultIfBetter(NtpDomainResult* result, int64_t system_offset_from_steady_us);
 
-  // Clock.
-  // Not inlined: the hot path would save registers for it.
+  // --- Clock.
+
+  // [any] A read that is due: checks the kept result, if there is one, and starts a sync when it should be
+  // renewed. Returns what the read gives. Not inlined: the hot path would save registers for it.
   [[gnu::noinline]] int64_t CheckAndReadNtpTimestamp(base::Time now, bool has_result);
+  // [any] NTP time in microseconds since 1970; without meaning while there is no offset.
   int64_t GetNtpTimestampFrom1970Internal();
+  // [any] The local timestamp in microseconds since 1601. It follows the steady clock.
   int64_t GetNowSystemTimestampUs();
+  // [any] For log lines: saturates at the ends of base::Time.
   base::Time NtpTimestampToTime(int64_t ntp_us);
+  // [any] True when both clocks have advanced alike since the last success. False without a success, and when
+  // they have not: then it logs, clears is_rtt_reliable_, makes a kept success "may be inaccurate", and sets
+  // deviation_found_ when the difference is large.
   bool CheckElapsedTimeDeviation();
+  // [any] True when the kept result should be renewed: its period is over, which is logged, or it is not good
+  // enough. False while is_started_ is set. Writes nothing.
   bool NeedToUpdateResult();
 
-  // Statistics.
+  // --- Statistics.
+
+  // [queue] Closes the domain's request: clears is_requesting, writes both costs, and counts the request
+  // unless it cost 0 ms. Without a record nothing happens.
   void FinishAndUpdateRequestStats(NtpResult result, std::shared_ptr<NtpTimeDomainInfo> domain);
+  // [any] Adds one request to the record of its kind, under stats_lock_.
   void CalculateStatsResult(bool success, uint32_t cost_ms, int function_type);
+  // [any] Counts one request to a domain of this kind; a code of no kind counts nothing.
   void ReportDomainToKeyMetrics(bool success, NtpDomainCode code);
 
   // The order of the members is that of their construction and, reversed, of their release. Each names who

@@ -25,18 +25,16 @@ SWAPS = [
      "last_sync_ntp_timestamp_us_.store(GetNtpTimestampFrom1970Internal(), std::memory_order_relaxed);"),
     ("HandleServerNtpErrorResult", "Notify(code, record->endpoint);", "ResetServerDomainList();"),
     ("HandleServerNtpErrorResult",
-     "CalculateStatsResult(code != NtpResult::kNoResult, record->cost_ms, kWholeAttempt);",
+     "CalculateStatsResult(IsCountedAsSuccess(code), record->cost_ms, kWholeAttempt);",
      "ResetServerDomainList();"),
     ("HandleServerNtpErrorResult", "is_sync_finished_ = true;", "Notify(code, record->endpoint);"),
     ("HandleServerNtpErrorResult",
      "UpdateNtpResultIfBetter(record, packet_handler_->GetSystemTimeOffsetFromSteady());",
-     "NtpResult code = last_result_.load(std::memory_order_relaxed);"),
+     "const NtpResult code = AnnouncedWithoutSuccess(last_result_.load(std::memory_order_relaxed));"),
     ("CalculateServerResult", "record->sample_count = static_cast<uint32_t>(samples.size());",
      "SortAndSplitResultData(samples);"),
     ("FinishAndUpdateRequestStats", "record->cost_ms = CostMs(record->request_start_time_us, now_us);",
      "const int64_t now_us = GetNowSystemTimestampUs();"),
-    ("SortAndSplitResultData", "data.erase(data.begin(), data.begin() + quarter);",
-     "data.erase(data.end() - quarter, data.end());"),
 ]
 
 
