@@ -9,9 +9,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 
+#include "../platform/net/ip_endpoint.h"
 #include "../transport/ntp_exchange.h"
-#include "platform/net/ip_endpoint.h"
 
 namespace skorra {
 
@@ -54,7 +55,15 @@ struct NtpDomainResult {
   bool is_requesting = false;  // the request is open; samples are only taken while it is
   net::IPEndPoint endpoint;    // the server address that answered last
 
-  friend bool operator==(const NtpDomainResult&, const NtpDomainResult&) = default;
+  friend bool operator==(const NtpDomainResult& a, const NtpDomainResult& b) {
+    const auto members = [](const NtpDomainResult& r) {
+      return std::tie(r.offset_us, r.result, r.is_rtt_reliable, r.is_reliable, r.sample_count, r.cost_ms,
+                      r.last_request_cost_ms, r.request_start_time_us, r.last_request_start_time_us,
+                      r.is_requesting, r.endpoint);
+    };
+    return members(a) == members(b);
+  }
+  friend bool operator!=(const NtpDomainResult& a, const NtpDomainResult& b) { return !(a == b); }
 };
 
 // Statistics of one kind of request. Sums and counts wrap at 2^32.
@@ -69,7 +78,16 @@ struct NtpFunctionRequestStats {
   uint32_t failure_count = 0;
   uint32_t total_cost_ms = 0;
 
-  friend bool operator==(const NtpFunctionRequestStats&, const NtpFunctionRequestStats&) = default;
+  friend bool operator==(const NtpFunctionRequestStats& a, const NtpFunctionRequestStats& b) {
+    const auto members = [](const NtpFunctionRequestStats& s) {
+      return std::tie(s.average_cost_ms, s.max_cost_ms, s.request_count, s.success_count, s.function_type,
+                      s.failure_count, s.total_cost_ms);
+    };
+    return members(a) == members(b);
+  }
+  friend bool operator!=(const NtpFunctionRequestStats& a, const NtpFunctionRequestStats& b) {
+    return !(a == b);
+  }
 };
 
 // The quality report: what happened since the previous report.

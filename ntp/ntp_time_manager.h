@@ -27,8 +27,9 @@
 #include <string>
 #include <vector>
 
-#include "ntp/ntp_sync_records.h"
-#include "platform/net/ip_endpoint.h"
+#include "../platform/base/export.h"
+#include "../platform/net/ip_endpoint.h"
+#include "ntp_sync_records.h"
 
 namespace skorra {
 
@@ -47,7 +48,7 @@ class NtpTimeManager {
   };
 
   // The one manager, never null.
-  static NtpTimeManager* GetInstance();
+  SKORRA_EXPORT static NtpTimeManager* GetInstance();
 
   // Registers an observer, by its object's address; one that is already gone is not registered. Keep the
   // object alive: an observer whose owner has released it is skipped.

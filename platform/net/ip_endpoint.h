@@ -2,16 +2,18 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+
+#include "../base/export.h"
 
 namespace net {
 inline namespace skorra_ntp {
 
-class IPEndPoint {
+class SKORRA_EXPORT IPEndPoint {
  public:
   enum class Family : uint8_t { kNone, kIPv4, kIPv6 };
 
@@ -35,9 +37,17 @@ class IPEndPoint {
   // "192.0.2.1:123", "[2001:db8::1]:123", "[fe80::1%2]:123"; the empty end point gives an empty string.
   std::string ToString() const;
 
-  friend auto operator<=>(const IPEndPoint&, const IPEndPoint&) = default;
+  // By family, address, scope and port.
+  friend bool operator==(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() == b.AsTuple(); }
+  friend bool operator!=(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() != b.AsTuple(); }
+  friend bool operator<(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() < b.AsTuple(); }
 
  private:
+  std::tuple<const Family&, const std::array<uint8_t, 16>&, const uint32_t&, const uint16_t&> AsTuple()
+      const {
+    return {family_, bytes_, scope_id_, port_};
+  }
+
   Family family_ = Family::kNone;
   std::array<uint8_t, 16> bytes_{};
   uint32_t scope_id_ = 0;
@@ -58,7 +68,7 @@ struct HostPortResult {
 // Reads "host", "host:port", "192.0.2.1", "192.0.2.1:port", "[IPv6]", "[IPv6]:port" or a bare IPv6 address.
 // Ports are 1 to 65535. A host name has at most 253 characters, only letters, digits, '-', '_' and '.'; it is
 // not looked up. A name of digits and dots only must be an IPv4 address.
-HostPortResult ParseHostPort(std::string_view text, uint16_t default_port);
+SKORRA_EXPORT HostPortResult ParseHostPort(std::string_view text, uint16_t default_port);
 
 }  // namespace skorra_ntp
 }  // namespace net
