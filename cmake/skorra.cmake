@@ -6,7 +6,6 @@ set(SKORRA_SANITIZE
     CACHE STRING "Sanitizers, as given to -fsanitize=")
 
 add_library(skorra_build INTERFACE)
-target_include_directories(skorra_build INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_features(skorra_build INTERFACE cxx_std_20)
 target_compile_options(
   skorra_build
@@ -42,6 +41,8 @@ endif()
 
 # Every target of the project goes through this.
 function(skorra_target name)
+  # First in the path: a host may look for headers in folders of its own, which hold files of the same names.
+  target_include_directories(${name} BEFORE PRIVATE ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE skorra_build)
   set_target_properties(
     ${name}
@@ -58,13 +59,21 @@ function(skorra_objects name)
   skorra_target(${name})
 endfunction()
 
-# skorra_library(NAME OBJECTS...): makes the library NAME of the objects of rooms.
-function(skorra_library name)
+# skorra_library(NAME LEVEL OBJECTS...): makes the library NAME of the objects of rooms. Its users need the language
+# level LEVEL, the include folder and the threads, and get nothing else.
+function(skorra_library name level)
   skorra_target(${name})
   target_link_libraries(${name} PRIVATE ${ARGN})
   target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
-  target_compile_features(${name} INTERFACE cxx_std_20)
+  target_compile_features(${name} INTERFACE ${level})
   target_link_libraries(${name} PUBLIC Threads::Threads)
+  get_target_property(type ${name} TYPE)
+  if(type STREQUAL SHARED_LIBRARY)
+    # The templates of the standard library and of others' headers are visible in objects of ours.
+    set(exported ${PROJECT_SOURCE_DIR}/cmake/exported.map)
+    target_link_options(${name} PRIVATE LINKER:--version-script=${exported})
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS ${exported} VERSION ${PROJECT_VERSION} SOVERSION 0)
+  endif()
 endfunction()
 
 # skorra_program(NAME WORLD SOURCES...): an executable on one of the two worlds behind the seams, linux or sim.

@@ -27,9 +27,9 @@
 #include <string>
 #include <vector>
 
+#include "../ntp/ntp_sync_records.h"
 #include "../platform/base/export.h"
 #include "../platform/net/ip_endpoint.h"
-#include "ntp_sync_records.h"
 
 namespace skorra {
 

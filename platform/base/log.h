@@ -11,6 +11,8 @@
 #include <functional>
 #include <string>
 
+#include "../base/export.h"
+
 namespace base {
 inline namespace skorra_ntp {
 
@@ -29,19 +31,19 @@ struct LogLine {
 using LogSink = std::function<void(const LogLine&)>;
 
 // Writes one line when `level` is at or above the threshold. Texts are cut at 4096 bytes.
-void LocalLog(int level, const char* file, int line, const char* format, ...)
+SKORRA_EXPORT void LocalLog(int level, const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
 // From now on lines below `level` are dropped: kLogProgress shows everything, kLogNothing silences the
 // library.
-void SetLogThreshold(int level);
-int GetLogThreshold();
+SKORRA_EXPORT void SetLogThreshold(int level);
+SKORRA_EXPORT int GetLogThreshold();
 
 // Replaces the sink; an empty function restores standard error. On return the old sink is no longer called.
-void SetLogSink(LogSink sink);
+SKORRA_EXPORT void SetLogSink(LogSink sink);
 
 // The line as standard error and the log file show it: "<ISO time> <level> <file>:<line> <text>".
-std::string FormatLogLine(const LogLine& line);
+SKORRA_EXPORT std::string FormatLogLine(const LogLine& line);
 
 }  // namespace skorra_ntp
 }  // namespace base

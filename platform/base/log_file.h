@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "../base/export.h"
+
 namespace base {
 inline namespace skorra_ntp {
 
@@ -19,7 +21,7 @@ struct LogFileOptions {
 // Sends the log to a file. Returns an empty string, or the reason why the file cannot be written; then the
 // sink stays as it was: correct the path or its permissions and call again. When a later write fails, the
 // line goes to standard error, and the next line tries the file again. Any thread.
-std::string LogToFile(const LogFileOptions& options);
+SKORRA_EXPORT std::string LogToFile(const LogFileOptions& options);
 
 }  // namespace skorra_ntp
 }  // namespace base

@@ -40,6 +40,11 @@ base::Optional<uint64_t> ParseNumber(const NumberEntry& entry, std::string_view 
 
 }  // namespace
 
+ConfigCenterImpl* ConfigCenterImpl::GetInstance() {
+  static base::NoDestructor<ConfigCenterImpl> instance;
+  return instance.get();
+}
+
 ConfigCenterImpl::ConfigCenterImpl() { LoadEnvironment(); }
 
 base::Optional<std::string> ConfigCenterImpl::GetValueWithPriority(

@@ -21,10 +21,11 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/base/lock.h"
-#include "platform/base/no_destructor.h"
-#include "platform/base/optional.h"
-#include "platform/config/base_cfg.h"
+#include "../base/export.h"
+#include "../base/lock.h"
+#include "../base/no_destructor.h"
+#include "../base/optional.h"
+#include "../config/base_cfg.h"
 
 namespace config {
 inline namespace skorra_ntp {
@@ -37,10 +38,7 @@ class FileReader;
 class ConfigCenterImpl {
  public:
   // Never null, never destroyed.
-  static ConfigCenterImpl* GetInstance() {
-    static base::NoDestructor<ConfigCenterImpl> instance;
-    return instance.get();
-  }
+  SKORRA_EXPORT static ConfigCenterImpl* GetInstance();
 
   // The value of `entry`, or `fallback` when no layer has one. Most readers want `GetNumber`.
   base::Optional<uint64_t> GetValueWithPriority(const NumberEntry& entry,
@@ -50,23 +48,23 @@ class ConfigCenterImpl {
                                                         : fallback;
   }
   // Takes a lock; not for the hot path.
-  base::Optional<std::string> GetValueWithPriority(const TextEntry& entry,
-                                                   base::Optional<std::string> fallback) const;
+  SKORRA_EXPORT base::Optional<std::string> GetValueWithPriority(const TextEntry& entry,
+                                                                 base::Optional<std::string> fallback) const;
 
   // Sets the program's layer; nullopt clears it. Returns an empty string. For a number out of the entry's
   // range it returns a message, and the layer stays as it was.
-  std::string Set(const NumberEntry& entry, base::Optional<uint64_t> value);
-  void Set(const TextEntry& entry, base::Optional<std::string> value);
+  SKORRA_EXPORT std::string Set(const NumberEntry& entry, base::Optional<uint64_t> value);
+  SKORRA_EXPORT void Set(const TextEntry& entry, base::Optional<std::string> value);
 
   // Replaces the environment layer by what the environment holds now. Returns a message for each bad value.
   // Not safe while another thread changes the environment.
-  std::vector<std::string> LoadEnvironment();
+  SKORRA_EXPORT std::vector<std::string> LoadEnvironment();
 
   // Replaces the file layer by the TOML file's content. Returns a message for each unknown key and each bad
   // value. A file that cannot be read or is not TOML clears the layer.
-  std::vector<std::string> LoadFile(const std::string& path);
+  SKORRA_EXPORT std::vector<std::string> LoadFile(const std::string& path);
   // The same for content in memory; messages call the file `name`.
-  std::vector<std::string> LoadText(std::string_view text, const std::string& name);
+  SKORRA_EXPORT std::vector<std::string> LoadText(std::string_view text, const std::string& name);
 
  private:
   friend class base::NoDestructor<ConfigCenterImpl>;

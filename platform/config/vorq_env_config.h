@@ -3,10 +3,12 @@
 
 #include <string>
 
+#include "../base/export.h"
+
 namespace config {
 inline namespace skorra_ntp {
 
-class VorqEnvConfig {
+class SKORRA_EXPORT VorqEnvConfig {
  public:
   // Never null, never destroyed.
   static VorqEnvConfig* GetInstance();

@@ -1,8 +1,8 @@
 // Hands out the process's task queues.
 //
-// The threads of the queues run until the process ends. A plugin that links this library into itself therefore
-// stays in memory from the first call on: dlclose succeeds and unloads nothing, and a later dlopen finds the
-// plugin as it was, with its threads and its state.
+// The threads of the queues run until the process ends. A plugin that links this library into itself
+// therefore stays in memory from the first call on: dlclose succeeds and unloads nothing, and a later dlopen
+// finds the plugin as it was, with its threads and its state.
 #pragma once
 
 #include <cstdint>

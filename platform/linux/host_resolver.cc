@@ -134,11 +134,23 @@ class Channel {
   void Run(const std::string& host, int64_t deadline_us, Lookup* lookup);
 
  private:
+  // The library's report of what it waits for on one of its sockets; nothing means that it closes it.
+  static void OnSocketState(void* channel, ares_socket_t socket, int is_reading, int is_writing);
   // False when the system does not let it wait.
   bool WaitAndProcess(int64_t wait_us);
 
   ares_channel channel_ = nullptr;
+  std::vector<pollfd> sockets_;  // what to wait for
 };
+
+void Channel::OnSocketState(void* channel, ares_socket_t socket, int is_reading, int is_writing) {
+  std::vector<pollfd>& sockets = static_cast<Channel*>(channel)->sockets_;
+  std::erase_if(sockets, [socket](const pollfd& entry) { return entry.fd == socket; });
+  const auto events = static_cast<short>((is_reading != 0 ? POLLIN : 0) | (is_writing != 0 ? POLLOUT : 0));
+  if (events != 0) {
+    sockets.push_back({socket, events, 0});
+  }
+}
 
 int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   static const int library_status = ares_library_init(ARES_LIB_INIT_ALL);
@@ -157,8 +169,11 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   char configuration[] = "/etc/resolv.conf";
   char empty[] = "/dev/null";
   options.resolvconf_path = IsText(configuration) ? configuration : empty;
+  options.sock_state_cb = &Channel::OnSocketState;
+  options.sock_state_cb_data = this;
   const int status = ares_init_options(
-      &channel_, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS | ARES_OPT_RESOLVCONF);
+      &channel_, &options,
+      ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS | ARES_OPT_RESOLVCONF | ARES_OPT_SOCK_STATE_CB);
   if (status != ARES_SUCCESS) {
     channel_ = nullptr;
     return status;
@@ -191,33 +206,22 @@ void Channel::Run(const std::string& host, int64_t deadline_us, Lookup* lookup) 
 }
 
 bool Channel::WaitAndProcess(int64_t wait_us) {
-  std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets;
-  const int bits = ares_getsock(channel_, sockets.data(), static_cast<int>(sockets.size()));
-  std::array<pollfd, ARES_GETSOCK_MAXNUM> entries;
-  nfds_t count = 0;
-  for (size_t i = 0; i < sockets.size(); ++i) {
-    const bool is_readable = ARES_GETSOCK_READABLE(bits, i) != 0;
-    const bool is_writable = ARES_GETSOCK_WRITABLE(bits, i) != 0;
-    if (is_readable || is_writable) {
-      const auto events = static_cast<short>((is_readable ? POLLIN : 0) | (is_writable ? POLLOUT : 0));
-      entries[count++] = {sockets[i], events, 0};
-    }
-  }
+  std::vector<pollfd> entries = sockets_;  // a copy: the library changes the list while it processes
   {
     const core::internal::HandlerPause pause;
-    if (poll(entries.data(), count, static_cast<int>((wait_us + 999) / 1000)) < 0) {
+    if (poll(entries.data(), entries.size(), static_cast<int>((wait_us + 999) / 1000)) < 0) {
       if (errno != EINTR) {
         return false;
       }
-      count = 0;
+      entries.clear();
     }
   }
-  for (nfds_t i = 0; i < count; ++i) {
-    const bool is_failed = (entries[i].revents & (POLLERR | POLLHUP)) != 0;
-    const bool is_readable = is_failed || (entries[i].revents & POLLIN) != 0;
-    const bool is_writable = (entries[i].revents & POLLOUT) != 0;
-    ares_process_fd(channel_, is_readable ? entries[i].fd : ARES_SOCKET_BAD,
-                    is_writable ? entries[i].fd : ARES_SOCKET_BAD);
+  for (const pollfd& entry : entries) {
+    const bool is_failed = (entry.revents & (POLLERR | POLLHUP)) != 0;
+    const bool is_readable = is_failed || (entry.revents & POLLIN) != 0;
+    const bool is_writable = (entry.revents & POLLOUT) != 0;
+    ares_process_fd(channel_, is_readable ? entry.fd : ARES_SOCKET_BAD,
+                    is_writable ? entry.fd : ARES_SOCKET_BAD);
   }
   ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // time-outs
   return true;

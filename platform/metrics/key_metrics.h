@@ -8,10 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "../base/export.h"
+
 namespace base {
 inline namespace skorra_ntp {
 
-class KeyMetrics {
+class SKORRA_EXPORT KeyMetrics {
  public:
   // Adds `value` occurrences to the key metric `key`; a value below 1 adds nothing.
   static void CountPV(uint64_t key, int value);

@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Takes the code blocks out of the documents, builds them as a fresh consumer would, and runs them.
+
+    cmake   is a part of the consumer's CMakeLists.txt
+    cpp     is the next source file that an add_executable of the document's cmake blocks names; it is compiled,
+            linked and run, on an empty network that holds one NTP server
+    toml    is a configuration file, which the program must read without a warning
+    sh      is run line by line, except for the commands of NOT_RUN
+    text    is left alone
+
+Every other language fails, so that no block goes unread.
+
+usage: code_blocks.py SKORRA_NTP_PROGRAM WORK_FOLDER [-DOPTION=VALUE...]
+"""
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+DOCUMENTS = ["README.md", "CONTRIBUTING.md"] + sorted(str(p.relative_to(SOURCE)) for p in SOURCE.glob("docs/*.md"))
+
+# Commands that are not run here, each with its reason.
+NOT_RUN = {
+    "./dev demo": "part of the CI run, right before the tests",
+    "./dev lint": "part of the CI run, right before the tests",
+    "./dev test": "runs this test",
+}
+
+# The server that the README's program names; it answers in a network namespace of its own.
+SERVER = "192.0.2.1"
+ON_EMPTY_NETWORK = f"""
+set -e
+ip link set lo up
+ip address add {SERVER}/32 dev lo
+"$1" serve --listen {SERVER}:123 >server.log &
+server=$!
+trap 'kill "$server"; wait "$server"' EXIT
+until grep -q listening server.log; do kill -0 "$server"; done
+shift
+"$@"
+"""
+
+
+class Block:
+    def __init__(self, document, line, language, text, before):
+        self.place, self.language, self.text = f"{document}:{line}", language, text
+        self.before = before  # the paragraph above it
+
+
+def fail(text):
+    sys.exit(f"code_blocks: {text}")
+
+
+def run(*command, folder, **more):
+    done = subprocess.run([str(word) for word in command], cwd=folder, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, timeout=400, check=False, **more)
+    if done.returncode != 0:
+        fail(f"{command} ended with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
+def blocks_of(document):
+    lines = (SOURCE / document).read_text().splitlines()
+    found, begin = [], None
+    for number, line in enumerate(lines):
+        if not line.startswith("```"):
+            continue
+        if begin is None:
+            begin = number
+            continue
+        before = " ".join(lines[max(0, begin - 4):begin])
+        text = "\n".join(lines[begin + 1:number]) + "\n"
+        found.append(Block(document, begin + 1, lines[begin][3:].strip(), text, before))
+        begin = None
+    if begin is not None:
+        fail(f"{document}:{begin + 1}: the block has no end")
+    return found
+
+
+def commands(block):
+    """The block's commands without their comments."""
+    for line in block.text.splitlines():
+        command = re.sub(r"(^|\s)#.*", "", line).strip()
+        if command:
+            yield command
+
+
+def write_consumer(blocks_by_document, consumer):
+    """Writes the consumer's files. Returns the names of its programs."""
+    consumer.mkdir(parents=True)
+    (consumer / "skorra-ntp").symlink_to(SOURCE)
+    cmake = ["cmake_minimum_required(VERSION 3.25)", "project(consumer LANGUAGES CXX)"]
+    programs = []
+    for document, blocks in blocks_by_document.items():
+        parts = [block.text for block in blocks if block.language == "cmake"]
+        executables = re.findall(r"add_executable\((\S+) (\S+)\)", "".join(parts))
+        sources = [block for block in blocks if block.language == "cpp"]
+        if len(sources) != len(executables):
+            fail(f"{document}: {len(sources)} C++ blocks for {len(executables)} programs: {executables}")
+        for block, (program, name) in zip(sources, executables):
+            if (consumer / name).exists():
+                fail(f"{block.place}: there is a file {name} already")
+            (consumer / name).write_text(block.text)
+            programs.append(program)
+            expect_same_as_file(block)
+        cmake += parts
+    (consumer / "CMakeLists.txt").write_text("\n".join(cmake))
+    return programs
+
+
+def expect_same_as_file(block):
+    """A block that says it is a file of the repository is that file."""
+    named = re.search(r"This is `([^`]+)`", block.before)
+    if not named:
+        return
+    text = re.sub(r"^// SPDX-License-Identifier: .*\n", "", (SOURCE / named[1]).read_text())
+    if text.strip() != block.text.strip():
+        fail(f"{block.place}: the block is not {named[1]}")
+
+
+def has_empty_networks():
+    probe = subprocess.run(["unshare", "--map-root-user", "--net", "ip", "link", "set", "lo", "up"], check=False,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return probe.returncode == 0
+
+
+def run_consumer(programs, skorra_ntp, build):
+    if not has_empty_networks():
+        print("this machine makes no network namespaces: the programs of the documents are built, but not run")
+        return
+    for program in programs:
+        output = run("unshare", "--map-root-user", "--net", "sh", "-c", ON_EMPTY_NETWORK, "sh", skorra_ntp,
+                     build / program, folder=build)
+        if re.search(r"^0$", output, re.MULTILINE):
+            fail(f"{program} found no time:\n{output}")
+        print(f"{program}: {output.splitlines()[-1] if output else 'no output'}")
+
+
+def main():
+    if len(sys.argv) < 3:
+        fail(__doc__)
+    skorra_ntp, work = pathlib.Path(sys.argv[1]).resolve(), pathlib.Path(sys.argv[2]).resolve()
+    shutil.rmtree(work, ignore_errors=True)
+    blocks_by_document = {document: blocks_of(document) for document in DOCUMENTS}
+    programs = write_consumer(blocks_by_document, work / "consumer")
+    count = 0
+    for block in sum(blocks_by_document.values(), []):
+        count += 1
+        if block.language == "toml":
+            (work / "config.toml").write_text(block.text)
+            message = run(skorra_ntp, "demo", folder=work,
+                          env={**os.environ, "SKORRA_NTP_CONFIG": str(work / "config.toml")})
+            if "warning" in message:
+                fail(f"{block.place}: {message}")
+        elif block.language == "sh":
+            for command in commands(block):
+                if command not in NOT_RUN:
+                    run("sh", "-ec", command, folder=SOURCE,
+                        env={**os.environ, "PATH": f"{skorra_ntp.parent}:{os.environ['PATH']}"})
+                print(f"{block.place}: {command}: " + NOT_RUN.get(command, "ran"))
+        elif block.language not in ("cmake", "cpp", "text"):
+            fail(f"{block.place}: nothing is known of the language '{block.language}'")
+    if not programs:
+        fail("the documents hold no program")
+    build = work / "consumer/build"
+    run("cmake", "-G", "Ninja", "-S", work / "consumer", "-B", build, *sys.argv[3:], folder=work)
+    output = run("cmake", "--build", build, "--parallel", "2", folder=work)
+    if "warning:" in output:
+        fail(f"the documents' programs are compiled with warnings:\n{output}")
+    run_consumer(programs, skorra_ntp, build)
+    print(f"{count} blocks of {len(DOCUMENTS)} documents, {len(programs)} programs")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,146 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Builds the projects of examples/ from nothing, as a host would, and runs them against a server on loopback.
+
+usage: consumers.py EXAMPLE SKORRA_NTP_PROGRAM WORK_FOLDER [-DOPTION=VALUE...]
+"""
+import difflib
+import json
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+CLOCK_ERROR_S = 1000  # the server is ahead by this much
+TOLERANCE_S = 1
+MAX_STEPS = 35
+
+
+def fail(text):
+    sys.exit(f"consumers: {text}")
+
+
+def run(*command, timeout=300):
+    done = subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, timeout=timeout, check=False)
+    if done.returncode != 0:
+        fail(f"{command} ended with {done.returncode}:\n{done.stdout}")
+    return done.stdout
+
+
+class Server:
+    """`skorra-ntp serve` on a free port of this machine."""
+
+    def __init__(self, program):
+        self.process = subprocess.Popen([program, "serve", "--offset", str(CLOCK_ERROR_S)],
+                                        stdout=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        found = re.fullmatch(r"listening on (\S+)\n", line)
+        if not found:
+            fail(f"the server said {line!r}")
+        self.address = found[1]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.communicate(timeout=10)
+
+
+def configure_and_build(example, build, options):
+    shutil.rmtree(build, ignore_errors=True)
+    run("cmake", "-G", "Ninja", "-S", SOURCE / "examples" / example, "-B", build, "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
+        *options)
+    output = run("cmake", "--build", build, "--parallel", "2")
+    if "warning:" in output:
+        fail(f"the build warns:\n{output}")
+    steps = max(int(number) for number in re.findall(r"^\[\d+/(\d+)\]", output, re.MULTILINE))
+    print(f"{example}: {steps} steps")
+    return steps
+
+
+def expect_offset(output):
+    found = re.search(r"^offset (-?\d+) us$", output, re.MULTILINE)
+    if not found or abs(int(found[1]) - CLOCK_ERROR_S * 1000000) > TOLERANCE_S * 1000000:
+        fail(f"not the server's clock error of {CLOCK_ERROR_S} s:\n{output}")
+
+
+def compile_flags(build, source):
+    """The flags that a file of the host is compiled with, without its own name and output."""
+    for entry in json.loads((build / "compile_commands.json").read_text()):
+        if pathlib.Path(entry["file"]) == source:
+            words = entry["command"].split()
+            words = [word for word in words if word != "ccache"]
+            return words[1:words.index("-o")]
+    return fail(f"{source} is not compiled")
+
+
+def test_names(build):
+    return re.findall(r"^  Test +#\d+: (\S+)$", run("ctest", "--test-dir", build, "-N"), re.MULTILINE)
+
+
+def exported_symbols(library):
+    """The demangled names of what a library defines for others."""
+    lines = run("nm", "-DC", "--defined-only", library).splitlines()
+    return sorted({line.split(maxsplit=2)[2] for line in lines})
+
+
+def expect_listed_symbols(library):
+    expected = (pathlib.Path(__file__).parent / "exported_symbols.txt").read_text().splitlines()
+    actual = exported_symbols(library)
+    if actual != expected:
+        fail("exported_symbols.txt lists something else than the library exports:\n" +
+             "\n".join(difflib.unified_diff(expected, actual, "listed", "exported", lineterm="", n=0)))
+    print(f"{library.name} exports {len(actual)} symbols")
+
+
+def clock_reader(build, server):
+    expect_listed_symbols(build / "skorra-ntp/libskorra_ntp.so")
+    expect_offset(run(build / "clock_reader", server))
+    run("ctest", "--test-dir", build, "--output-on-failure", "--no-tests=error")
+
+
+def crowded_host(build, server):
+    output = run(build / "crowded_host", server)
+    expect_offset(output)
+    if "host time 42, host end point here\n" not in output or not re.search(r"^requests sent [1-8]$", output, re.MULTILINE):
+        fail(f"the host's or our facilities went wrong:\n{output}")
+    if test_names(build) != ["host_facilities"]:
+        fail(f"the host's tests are {test_names(build)}")
+    run("ctest", "--test-dir", build, "--output-on-failure")
+    own = SOURCE / "examples/crowded_host"
+    flags = compile_flags(build, own / "main.cc")
+    # The level is g++'s default, which CMake leaves out.
+    if flags not in ([f"-I{own}", f"-I{SOURCE}"], [f"-I{own}", f"-I{SOURCE}", "-std=gnu++17"]):
+        fail(f"the host's own file is compiled with {flags}")
+    print("crowded_host: main.cc is compiled with", *flags)
+
+
+def plugin(build, server):
+    expect_offset(run(build / "plugin_host", build / "time_plugin.so", server))
+    names = exported_symbols(build / "time_plugin.so")
+    ours = [name for name in names if re.search(r"\b(skorra\w*|asio|spdlog|fmt|toml)::", name)]
+    if ours or "plugin_now_us" not in names:
+        fail("of the library the plugin exports\n" + "\n".join(ours))
+
+
+EXAMPLES = {"clock_reader": clock_reader, "crowded_host": crowded_host, "plugin": plugin}
+
+
+def main():
+    if len(sys.argv) < 4 or sys.argv[1] not in EXAMPLES:
+        fail(__doc__)
+    example, program, work = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3])
+    build = work / example
+    steps = configure_and_build(example, build, sys.argv[4:])
+    if example == "crowded_host" and steps > MAX_STEPS:
+        fail(f"{steps} steps; a host builds at most {MAX_STEPS}")
+    with Server(program) as server:
+        EXAMPLES[example](build, server.address)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Compiles each header that a host program includes, alone and in every way that a host may compile it.
+
+A host has a folder of its own first in its include path, with a platform/net/ip_endpoint.h that stops the
+compiler: our headers must find each other without the include path.
+
+usage: public_headers.py SOURCE_FOLDER WORK_FOLDER
+"""
+import concurrent.futures
+import itertools
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+COMPILERS = ("g++", "clang++")
+STANDARDS = ("c++17", "c++20")
+FLAGS = ("-fsyntax-only -fno-exceptions -fno-rtti -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror").split()
+
+
+def included_files(source, header, seen):
+    """The header and what it includes of ours, found relative to each including file."""
+    path = os.path.normpath(header)
+    if path in seen:
+        return
+    seen.add(path)
+    for name in re.findall(r'^#include "([^"]+)"', (source / path).read_text(), re.MULTILINE):
+        included_files(source, os.path.join(os.path.dirname(path), name), seen)
+
+
+def compile_alone(compiler, standard, header, source, host):
+    done = subprocess.run([compiler, f"-std={standard}", *FLAGS, f"-I{host}", f"-I{source}", str(host / "host.cc")],
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    return "" if done.returncode == 0 else f"{header} with {compiler} -std={standard}:\n{done.stdout}"
+
+
+def main():
+    source, host = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+    shutil.rmtree(host, ignore_errors=True)
+    listed = (pathlib.Path(__file__).parent / "public_headers.txt").read_text().split()
+    headers = set()
+    for header in listed:
+        included_files(source, header, headers)
+    # The host's folder has a file of the same name for each header but the one that is included.
+    compilers = [compiler for compiler in COMPILERS if shutil.which(compiler)]
+    if not compilers or not headers:
+        sys.exit("public_headers: there is nothing to compile, or nothing to compile it with")
+    for header in sorted(headers):
+        other = host / header.replace("/", "_")
+        for name in headers - {header}:
+            (other / name).parent.mkdir(parents=True, exist_ok=True)
+            (other / name).write_text("#error this is the host's own header\n")
+        (other / "host.cc").write_text(f'#include "{header}"\n#include "{header}"\n')
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        jobs = [pool.submit(compile_alone, compiler, standard, header, source, host / header.replace("/", "_"))
+                for compiler, standard, header in itertools.product(compilers, STANDARDS, sorted(headers))]
+        errors = [job.result() for job in jobs if job.result()]
+    if errors:
+        sys.exit("\n".join(errors))
+    print(f"{len(headers)} headers, {len(listed)} of them listed; {' '.join(compilers)}; {' '.join(STANDARDS)}")
+
+
+if __name__ == "__main__":
+    main()
