@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Marks what a host program may link of the library when it is built as a shared one.
 //
 //   class SKORRA_EXPORT KeyMetrics { ... };
