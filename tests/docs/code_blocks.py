@@ -113,11 +113,11 @@ def write_consumer(blocks_by_document, consumer):
 
 
 def expect_same_as_file(block):
-    """A block that says it is a file of the repository is that file."""
+    """A block that says it is a file of the repository is that file, without the comment at its top."""
     named = re.search(r"This is `([^`]+)`", block.before)
     if not named:
         return
-    text = re.sub(r"^// SPDX-License-Identifier: .*\n", "", (SOURCE / named[1]).read_text())
+    text = re.sub(r"\A(//.*\n)*", "", (SOURCE / named[1]).read_text())
     if text.strip() != block.text.strip():
         fail(f"{block.place}: the block is not {named[1]}")
 
@@ -140,6 +140,17 @@ def run_consumer(programs, skorra_ntp, build):
         print(f"{program}: {output.splitlines()[-1] if output else 'no output'}")
 
 
+def expect_good_configuration(skorra_ntp, block, work):
+    """The program reads the file before it asks a server; there is none, so it ends without a result."""
+    (work / "config.toml").write_text(block.text)
+    done = subprocess.run([str(skorra_ntp), "sync", "--timeout", "0.01", "127.0.0.1:9"], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, timeout=60, check=False,
+                          env={**os.environ, "SKORRA_NTP_CONFIG": str(work / "config.toml")})
+    if "warning" in done.stdout or not done.stdout:
+        fail(f"{block.place}: {done.stdout}")
+    print(f"{block.place}: read without a warning")
+
+
 def main():
     if len(sys.argv) < 3:
         fail(__doc__)
@@ -151,11 +162,7 @@ def main():
     for block in sum(blocks_by_document.values(), []):
         count += 1
         if block.language == "toml":
-            (work / "config.toml").write_text(block.text)
-            message = run(skorra_ntp, "demo", folder=work,
-                          env={**os.environ, "SKORRA_NTP_CONFIG": str(work / "config.toml")})
-            if "warning" in message:
-                fail(f"{block.place}: {message}")
+            expect_good_configuration(skorra_ntp, block, work)
         elif block.language == "sh":
             for command in commands(block):
                 if command not in NOT_RUN:
