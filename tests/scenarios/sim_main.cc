@@ -71,7 +71,13 @@ int Main(int argc, char** argv) {
   const CLI::Option* const walks_option =
       app.add_option("--walks", walks, "instead take this many random walks of the manager beside its model")
           ->check(CLI::PositiveNumber);
+  uint64_t walk_seed = 0;
+  const CLI::Option* const walk_option =
+      app.add_option("--walk", walk_seed, "instead take the one walk with this seed, as a failure names it");
   CLI11_PARSE(app, argc, argv);
+  if (walk_option->count() > 0) {
+    return RunOneWalk(walk_seed);
+  }
   if (walks_option->count() > 0) {
     return RunWalks(walks, seed_option->count() > 0 ? seed : FreshWalkSeed());
   }
