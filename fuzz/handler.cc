@@ -218,8 +218,8 @@ void Run::Play() {
           "other source",  "other socket", "other size", "kiss code", "pause",         "send stamp",
           "receive error", "send error",   "settings",   "client"};
       std::fprintf(stderr, "%12lld us: %s %d\n",
-                   static_cast<long long>(world_.steady_ticks_us() - world_.begin_ticks_us()), kNames[byte >> 4],
-                   byte & 15);
+                   static_cast<long long>(world_.steady_ticks_us() - world_.begin_ticks_us()),
+                   kNames[byte >> 4], byte & 15);
     }
     Do(static_cast<Step>(byte >> 4), byte & 15);
     process_->counters.CheckMoved();

@@ -89,11 +89,11 @@ class ConfigCenterImpl {
 };
 
 // The value of `entry`, or its default when no layer has one. Lock-free.
-uint64_t GetNumber(const NumberEntry& entry);
+SKORRA_EXPORT uint64_t GetNumber(const NumberEntry& entry);
 // "1 to 60000".
 std::string RangeText(const NumberEntry& entry);
 // Takes a lock; not for the hot path.
-std::string GetText(const TextEntry& entry);
+SKORRA_EXPORT std::string GetText(const TextEntry& entry);
 
 }  // namespace skorra_ntp
 }  // namespace config
