@@ -62,17 +62,5 @@ const char* ResolveErrorName(ResolveError error) {
   return "unknown";
 }
 
-const char* StampSourceName(StampSource source) {
-  switch (source) {
-    case StampSource::kKernel:
-      return "kernel";
-    case StampSource::kUser:
-      return "user";
-    case StampSource::kImplausible:
-      return "implausible";
-  }
-  return "unknown";
-}
-
 }  // namespace skorra_ntp
 }  // namespace net
