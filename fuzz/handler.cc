@@ -24,6 +24,7 @@
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
 #include "transport/ntp_time_packet_handler.h"
 
 namespace skorra::fuzz {
@@ -128,9 +129,6 @@ class Run : public NtpTimePacketHandler::Client {
   }
   ~Run() override {
     handler_.reset();
-    for (const config::NumberEntry* entry : changed_entries_) {
-      config::ConfigCenterImpl::GetInstance()->Set(*entry, std::nullopt);
-    }
     // Four hours end every hold.
     process_->steady_ticks_us = world_.steady_ticks_us() + 5 * kHourUs;
   }
@@ -191,7 +189,7 @@ class Run : public NtpTimePacketHandler::Client {
   std::unique_ptr<NtpTimePacketHandler> handler_;
   int calls_ = 0;
   Limits limits_;
-  std::vector<const config::NumberEntry*> changed_entries_;
+  ConfigScope config_;
   std::array<SocketError, kServerCount> connect_errors_{};
   std::array<SocketError, kServerCount> send_errors_{};
   std::optional<sim::SentDatagram> sent_;
@@ -349,10 +347,6 @@ void Run::SetSendError(uint8_t how) {
 // The configuration, which the next attempt reads, and the offset of the clock, which counts at once.
 void Run::ChangeSettings(uint8_t how) {
   const config::BaseConfig& entries = config::BaseCfg();
-  const auto set = [&](const config::NumberEntry& entry, uint64_t value) {
-    config::ConfigCenterImpl::GetInstance()->Set(entry, value);
-    changed_entries_.push_back(&entry);
-  };
   if (how >= 8) {
     int64_t offset_us = world_.wall_us() - world_.steady_ticks_us() + kClockErrors[how - 8];
     if (how >= 14) {
@@ -363,12 +357,12 @@ void Run::ChangeSettings(uint8_t how) {
     model_.SetClockOffset(offset_us);
   } else if (how < 4) {
     limits_.requests_per_burst = 1 + program_.Byte() % 20;
-    set(entries.ntp_requests_per_burst, limits_.requests_per_burst);
+    config_.Set(entries.ntp_requests_per_burst, limits_.requests_per_burst);
   } else {
     const uint64_t limit_ms = 1 + program_.Number(2) % 60000;
     (how < 6 ? limits_.max_root_distance_us : limits_.max_round_trip_us) =
         static_cast<int64_t>(limit_ms) * 1000;
-    set(how < 6 ? entries.ntp_max_root_distance_ms : entries.ntp_max_round_trip_ms, limit_ms);
+    config_.Set(how < 6 ? entries.ntp_max_root_distance_ms : entries.ntp_max_round_trip_ms, limit_ms);
   }
 }
 

@@ -11,11 +11,11 @@
 #include "gtest/gtest.h"
 #include "platform/base/log.h"
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "sim/network.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
+#include "testing/fresh_ledger.h"
 #include "testing/ntp_time_manager_peer.h"
-#include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 
@@ -57,19 +57,13 @@ class ManagerTest : public ::testing::Test {
   }
 
   ManagerTest() {
-    NtpAddressLedger::GetInstance()->Clear();
     base::SetLogThreshold(0);
     base::SetLogSink([this](const base::LogLine& line) {
       EXPECT_STREQ(line.file, "ntp/ntp_time_manager_impl");
       log.push_back({line.level, line.text});
     });
   }
-  ~ManagerTest() override {
-    base::SetLogSink(nullptr);
-    auto* const config = config::ConfigCenterImpl::GetInstance();
-    config->Set(config::BaseCfg().ntp_sync_interval, std::nullopt);
-    config->Set(config::BaseCfg().ntp_default_domain, std::nullopt);
-  }
+  ~ManagerTest() override { base::SetLogSink(nullptr); }
 
   NtpTimeManager& manager() { return peer.manager(); }
 
@@ -79,10 +73,10 @@ class ManagerTest : public ::testing::Test {
   }
 
   void SetDefaultDomain(const std::string& domain) {
-    config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, domain);
+    config.Set(config::BaseCfg().ntp_default_domain, domain);
   }
-  void SetSyncInterval(uint64_t seconds) {
-    config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, seconds);
+  void SetSyncInterval(base::Optional<uint64_t> seconds) {
+    config.Set(config::BaseCfg().ntp_sync_interval, seconds);
   }
 
   // Adds domains through the public operation and lets the update run (no attempt is started).
@@ -159,6 +153,8 @@ class ManagerTest : public ::testing::Test {
     return found;
   }
 
+  const FreshLedger fresh_ledger;
+  ConfigScope config;
   sim::World world;
   sim::Network network{world};
   std::vector<Line> log;

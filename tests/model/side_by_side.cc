@@ -6,7 +6,6 @@
 
 #include "platform/base/log.h"
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "transport/ntp_address_ledger.h"
 #include "transport/ntp_packet.h"
@@ -29,8 +28,6 @@ uint32_t KissCodeOf(ArrivalKind kind) {
       return 0;
   }
 }
-
-config::ConfigCenterImpl& Config() { return *config::ConfigCenterImpl::GetInstance(); }
 
 std::string Text(bool value) { return value ? "true" : "false"; }
 std::string Text(int value) { return std::to_string(value); }
@@ -159,7 +156,6 @@ SideBySide::SideBySide(uint64_t seed)
     : world({.seed = seed}),
       surroundings(seed, world.wall_us() - world.steady_ticks_us()),
       model(surroundings, world.steady_ticks_us(), seed) {
-  NtpAddressLedger::GetInstance()->Clear();
   base::SetLogThreshold(0);
   base::SetLogSink([this](const base::LogLine& line) {
     const bool is_ours = std::string_view(line.file) == "ntp/ntp_time_manager_impl" && line.line > 0;
@@ -176,11 +172,7 @@ SideBySide::SideBySide(uint64_t seed)
   }
 }
 
-SideBySide::~SideBySide() {
-  base::SetLogSink(nullptr);
-  Config().Set(config::BaseCfg().ntp_sync_interval, std::nullopt);
-  Config().Set(config::BaseCfg().ntp_default_domain, std::nullopt);
-}
+SideBySide::~SideBySide() { base::SetLogSink(nullptr); }
 
 bool SideBySide::Both(const std::function<int64_t(Side&)>& operation) {
   for (Side* side : {static_cast<Side*>(&model), static_cast<Side*>(&real)}) {
@@ -238,12 +230,12 @@ void SideBySide::SetQueueAvailable(bool is_available) {
 
 void SideBySide::SetSyncInterval(std::optional<uint64_t> seconds) {
   surroundings.sync_interval_s = seconds;
-  Config().Set(config::BaseCfg().ntp_sync_interval, seconds);
+  config_.Set(config::BaseCfg().ntp_sync_interval, seconds);
 }
 
 void SideBySide::SetDefaultDomain(const std::string& name) {
   surroundings.default_domain = name;
-  Config().Set(config::BaseCfg().ntp_default_domain, name.empty() ? std::nullopt : std::optional(name));
+  config_.Set(config::BaseCfg().ntp_default_domain, name.empty() ? std::nullopt : std::optional(name));
 }
 
 void SideBySide::SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us) {

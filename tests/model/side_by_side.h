@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "sim/world.h"
+#include "testing/config_scope.h"
+#include "testing/fresh_ledger.h"
 #include "testing/ntp_time_manager_peer.h"
 #include "tests/model/manager_model.h"
 #include "tests/model/side.h"
@@ -77,6 +79,7 @@ class SideBySide {
   const std::string& difference() const { return difference_; }
   uint64_t step_count() const { return step_count_; }
 
+  const FreshLedger fresh_ledger;
   sim::World world;
   Surroundings surroundings;
   ManagerSide real;
@@ -92,6 +95,7 @@ class SideBySide {
   template <class T>
   void Check(const char* what, const T& manager, const T& expected);
 
+  ConfigScope config_;
   std::array<uint64_t, kAddressCount> request_counts_{};
   std::array<uint64_t, 4> key_metrics_before_{};
   size_t posted_seen_ = 0;

@@ -320,7 +320,7 @@ TEST_F(DriftDetectionTest, APeriodIsOverWhenMoreWholeSecondsThanTheIntervalHaveP
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, c.interval_s);
+    SetSyncInterval(c.interval_s);
     KeepGoodResult(4600000000000000);  // far ahead, so that every age lies after 1970
     SetAdvance(0, c.elapsed_us);
     log.clear();

@@ -8,7 +8,6 @@
 
 #include "platform/base/log.h"
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "transport/ntp_address_ledger.h"
 
 namespace skorra {
@@ -128,7 +127,6 @@ class Run::Listener : public NtpTimeManager::Observer {
 
 Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::string&)> event_log)
     : world({.seed = seed, .wall_us = scenario.begin_us}), listener_(std::make_shared<Listener>(world)) {
-  NtpAddressLedger::GetInstance()->Clear();
   const bool is_logged = static_cast<bool>(event_log);
   world.SetEventLog(std::move(event_log));
   base::SetLogThreshold(is_logged ? 0 : 2);
@@ -139,10 +137,6 @@ Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::
 Run::~Run() {
   base::SetLogSink(nullptr);
   base::SetLogThreshold(1);
-  auto* const config = config::ConfigCenterImpl::GetInstance();
-  config->Set(config::BaseCfg().ntp_default_domain, std::nullopt);
-  config->Set(config::BaseCfg().ntp_sync_interval, std::nullopt);
-  config->Set(config::BaseCfg().ntp_requests_per_burst, std::nullopt);
 }
 
 void Run::SetHost(const std::string& name, const std::vector<std::string>& addresses) {
@@ -154,15 +148,13 @@ void Run::SetHost(const std::string& name, const std::vector<std::string>& addre
 }
 
 void Run::SetDefaultDomain(const std::string& domain) {
-  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, domain);
+  config_.Set(config::BaseCfg().ntp_default_domain, domain);
 }
 
-void Run::SetSyncInterval(uint64_t seconds) {
-  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, seconds);
-}
+void Run::SetSyncInterval(uint64_t seconds) { config_.Set(config::BaseCfg().ntp_sync_interval, seconds); }
 
 void Run::SetRequestsPerBurst(uint64_t count) {
-  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_requests_per_burst, count);
+  config_.Set(config::BaseCfg().ntp_requests_per_burst, count);
 }
 
 NtpTimeManagerPeer& Run::peer() {

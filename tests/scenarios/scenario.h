@@ -14,6 +14,8 @@
 #include "sim/attacker.h"
 #include "sim/network.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
+#include "testing/fresh_ledger.h"
 #include "testing/ntp_time_manager_peer.h"
 
 namespace skorra {
@@ -56,6 +58,7 @@ class Run {
 
   // --- The world: before and during the story.
 
+  const FreshLedger fresh_ledger;
   sim::World world;
   sim::Network network{world};
 
@@ -107,6 +110,7 @@ class Run {
   NtpTimeManagerPeer& peer();
   void Measure();
 
+  ConfigScope config_;
   std::optional<NtpTimeManagerPeer> peer_;
   std::shared_ptr<Listener> listener_;
   std::vector<std::unique_ptr<sim::Attacker>> attackers_;

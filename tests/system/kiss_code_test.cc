@@ -6,9 +6,9 @@
 #include <string>
 
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "platform/net/host_resolver.h"
 #include "testing/attempt_runner.h"
+#include "testing/config_scope.h"
 #include "testing/loopback_ntp_server.h"
 #include "testing/wait_until.h"
 
@@ -24,12 +24,7 @@ constexpr netmodel::RateLimit LimitOf(int64_t burst) {
 
 class KissCodeTest : public testing::Test {
  protected:
-  ~KissCodeTest() override { SetRequestsPerBurst(std::nullopt); }
-
-  static void SetRequestsPerBurst(base::Optional<uint64_t> count) {
-    EXPECT_EQ(config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_requests_per_burst, count),
-              "");
-  }
+  void SetRequestsPerBurst(uint64_t count) { config_.Set(config::BaseCfg().ntp_requests_per_burst, count); }
 
   // An attempt that gets nothing would wait for 3 s.
   static AttemptRunner::Attempt RunUntilAllAreRefused(AttemptRunner& runner) {
@@ -38,6 +33,8 @@ class KissCodeTest : public testing::Test {
     EXPECT_EQ(counts["ntp.send_refused.back_off"], kBurst);
     return attempt;
   }
+
+  ConfigScope config_;
 };
 
 // The ninth request of nine is the one that the server refuses, so that none is under way when it is.

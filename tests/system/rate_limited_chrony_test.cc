@@ -15,10 +15,10 @@
 
 #include "platform/base/clock.h"
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "testing/attempt_runner.h"
 #include "testing/child_process.h"
 #include "testing/chronyd.h"
+#include "testing/config_scope.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -150,8 +150,8 @@ TEST_P(TenAttemptsTest, ByOneProcessAfterAnother) {
 TEST_P(TenAttemptsTest, InOneProcess) {
   const Chronyd server(Chronyd::Family::kIPv4, {kDefaultLimit});
   ASSERT_TRUE(server.IsUp());
-  auto* const config = config::ConfigCenterImpl::GetInstance();
-  ASSERT_EQ(config->Set(config::BaseCfg().ntp_requests_per_burst, GetParam()), "");
+  ConfigScope config;
+  config.Set(config::BaseCfg().ntp_requests_per_burst, GetParam());
   const CountsSince counts;
   AttemptRunner runner({server.endpoint().ToString()});
   RunTenAttempts(GetParam(), [&](int limit_ms) {
@@ -162,7 +162,6 @@ TEST_P(TenAttemptsTest, InOneProcess) {
   // This server limits without a word, and silence is no reason to ask it less.
   EXPECT_EQ(counts.SumOf("ntp.kiss."), 0u);
   EXPECT_EQ(counts.SumOf("ntp.send_refused."), 0u);
-  config->Set(config::BaseCfg().ntp_requests_per_burst, std::nullopt);
 }
 
 INSTANTIATE_TEST_SUITE_P(RequestsPerBurst, TenAttemptsTest, testing::Values(kBurst, uint64_t{8}),

@@ -14,8 +14,8 @@
 #include "platform/base/random.h"
 #include "platform/base/time.h"
 #include "platform/config/base_cfg.h"
-#include "platform/config/config_center.h"
 #include "platform/core/thread_manager.h"
+#include "testing/config_scope.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -140,7 +140,8 @@ TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
       {.listen = *net::IPEndPoint::FromLiteral("127.0.0.1", 0), .clock_error_us = kClockErrorUs}, &error);
   ASSERT_NE(second, nullptr) << error;
   // A result is old after more than a second, so that attempts follow each other.
-  config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);
+  ConfigScope config;
+  config.Set(config::BaseCfg().ntp_sync_interval, 1);
 
   NtpTimeManager* const manager = NtpTimeManager::GetInstance();
   const auto counter = std::make_shared<Counter>();

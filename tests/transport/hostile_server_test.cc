@@ -120,7 +120,6 @@ std::vector<Hostility> Hostilities() {
 class HostileServerTest : public ManagerTest {
  protected:
   HostileServerTest() {
-    NtpAddressLedger::GetInstance()->Clear();
     world.SetHost("ntp.test", {{Address("192.0.2.10")}});
     counts_before_ = base::KeyMetrics::GetAllCounts();
   }
