@@ -73,8 +73,8 @@ class Exchanges {
  private:
   struct Request {
     uint32_t send_id = 0;
-    int64_t user_send_us = 0;
-    std::optional<int64_t> kernel_send_us;
+    int64_t user_send_ticks_us = 0;
+    std::optional<int64_t> kernel_send_ticks_us;
   };
 
   void Connect() {
@@ -101,7 +101,7 @@ class Exchanges {
     const uint64_t nonce = base::RandUint64();
     const auto bytes = skorra::EncodePacket(skorra::MakeRequest(nonce));
     Request request;
-    request.user_send_us = base::GetSteadyTimeTicks();
+    request.user_send_ticks_us = base::GetSteadyTimeTicks();
     if (socket_->Send(bytes, &request.send_id) == net::SocketError::kNone) {
       requests_.emplace(nonce, request);
     }
@@ -113,13 +113,13 @@ class Exchanges {
   void OnSent(uint32_t send_id, int64_t send_ticks_us) {
     for (auto& [nonce, request] : requests_) {
       if (request.send_id == send_id) {
-        request.kernel_send_us = send_ticks_us;
+        request.kernel_send_ticks_us = send_ticks_us;
       }
     }
   }
 
   void OnDatagram(const net::ReceivedDatagram& datagram) {
-    const int64_t user_receive_us = base::GetSteadyTimeTicks();
+    const int64_t user_receive_ticks_us = base::GetSteadyTimeTicks();
     const std::optional<skorra::NtpPacket> reply = skorra::DecodePacket(datagram.bytes);
     const auto found = reply ? requests_.find(reply->origin_timestamp) : requests_.end();
     if (found == requests_.end()) {
@@ -127,11 +127,11 @@ class Exchanges {
     }
     const Request request = found->second;
     requests_.erase(found);
-    kernel_sends += request.kernel_send_us ? 1 : 0;
+    kernel_sends += request.kernel_send_ticks_us ? 1 : 0;
     kernel_receives += datagram.stamp_source == net::StampSource::kKernel ? 1 : 0;
-    samples.push_back(
-        {OffsetUs(*reply, request.kernel_send_us.value_or(request.user_send_us), datagram.receive_ticks_us),
-         OffsetUs(*reply, request.user_send_us, user_receive_us)});
+    samples.push_back({OffsetUs(*reply, request.kernel_send_ticks_us.value_or(request.user_send_ticks_us),
+                                datagram.receive_ticks_us),
+                       OffsetUs(*reply, request.user_send_ticks_us, user_receive_ticks_us)});
   }
 
   int64_t OffsetUs(const skorra::NtpPacket& reply, int64_t send_ticks_us, int64_t receive_ticks_us) const {

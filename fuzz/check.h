@@ -21,7 +21,7 @@
 
 namespace skorra::fuzz {
 
-// The input from front to back. Behind its end all bytes are zero.
+// The input from front to back. After its end all bytes are zero.
 class Input {
  public:
   explicit Input(std::span<const uint8_t> bytes) : bytes_(bytes) {}

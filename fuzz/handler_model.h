@@ -1,5 +1,5 @@
 // The packet handler and the address ledger once more, written from their headers alone: what must be
-// counted, reported and refused. It is slow and keeps everything; the fuzz target walks it beside the real
+// counted, reported and refused. It is slow and keeps everything; the fuzz target walks it alongside the real
 // ones.
 //
 // Three things are left to the real ones, and only held within their bounds: which of a burst's calls are

@@ -21,7 +21,7 @@ bool ReplayFile(const std::filesystem::path& path) {
     std::fprintf(stderr, "%s cannot be read\n", path.c_str());
     return false;
   }
-  // A block of exactly this size, so that the address sanitizer sees the first byte read behind it.
+  // A block of exactly this size, so that the address sanitizer sees the first byte read past it.
   const std::vector<uint8_t> bytes(content.begin(), content.end());
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   return true;

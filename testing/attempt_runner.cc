@@ -2,12 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 
 #include "platform/base/no_destructor.h"
-#include "platform/core/thread_manager.h"
 #include "platform/metrics/key_metrics.h"
+#include "testing/ntp_queue.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -22,16 +21,6 @@ constexpr int64_t kLastCheckMs = 250;
 NtpTimeManagerPeer& MakeManager() {
   static base::NoDestructor<std::vector<std::unique_ptr<NtpTimeManagerPeer>>> managers;
   return *managers->emplace_back(std::make_unique<NtpTimeManagerPeer>());
-}
-
-// Returns when everything that is due on the manager's queue within `delay_ms` has run.
-void Drain(int64_t delay_ms) {
-  const auto is_over = std::make_shared<std::atomic<bool>>(false);
-  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
-  queue->PostDelayedTask(base::Location::CreateFromHere("tests/attempt_runner", __LINE__),
-                         base::BindOnce([is_over] { is_over->store(true); }),
-                         base::TimeDelta::FromMilliseconds(delay_ms));
-  EXPECT_TRUE(WaitUntil([&] { return is_over->load(); }));
 }
 
 }  // namespace
@@ -78,7 +67,7 @@ AttemptRunner::AttemptRunner(const std::vector<std::string>& domains)
     : peer_(MakeManager()), recorder_(std::make_shared<Recorder>()) {
   peer_.manager().AddObserver(recorder_);
   peer_.manager().UpdateNtpTimeDomain(domains);
-  Drain(0);
+  EXPECT_TRUE(DrainNtpQueue());
 }
 
 AttemptRunner::~AttemptRunner() { CutOff(); }
@@ -101,7 +90,7 @@ AttemptRunner::Attempt AttemptRunner::Run(const std::function<bool()>& is_enough
 
 void AttemptRunner::CutOff() {
   peer_.manager().Stop();
-  Drain(kLastCheckMs);
+  EXPECT_TRUE(DrainNtpQueue(kLastCheckMs));
 }
 
 }  // namespace skorra

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,14 +11,16 @@
 #include <cstdlib>
 
 #include "platform/base/clock.h"
+#include "testing/fork.h"
 
 namespace skorra {
 namespace {
 
-int64_t DeadlineUs(int timeout_ms) { return base::GetSteadyTimeTicks() + int64_t{timeout_ms} * 1000; }
+int64_t DeadlineTicksUs(int timeout_ms) { return base::GetSteadyTimeTicks() + int64_t{timeout_ms} * 1000; }
 
-int RemainingMs(int64_t deadline_us) {
-  return static_cast<int>(std::max<int64_t>((deadline_us - base::GetSteadyTimeTicks() + 999) / 1000, 0));
+int RemainingMs(int64_t deadline_ticks_us) {
+  return static_cast<int>(
+      std::max<int64_t>((deadline_ticks_us - base::GetSteadyTimeTicks() + 999) / 1000, 0));
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
@@ -59,14 +60,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& command,
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     std::abort();
   }
-  const pid_t parent = getpid();
-  pid_ = fork();
+  pid_ = ForkBoundToParent();
   if (pid_ == 0) {
-    // Only system calls from here on: the parent may have other threads.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-      _exit(126);
-    }
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     execve(argv[0], argv.data(), envp.data());
@@ -92,9 +87,9 @@ void ChildProcess::Signal(int signal_number) const {
 }
 
 // Takes over what the child has written; false when both streams have ended or the time is up.
-bool ChildProcess::Pump(int64_t deadline_us) {
+bool ChildProcess::Pump(int64_t deadline_ticks_us) {
   std::array<pollfd, 2> fds{{{out_fd_, POLLIN, 0}, {err_fd_, POLLIN, 0}}};
-  if ((out_fd_ < 0 && err_fd_ < 0) || poll(fds.data(), fds.size(), RemainingMs(deadline_us)) <= 0) {
+  if ((out_fd_ < 0 && err_fd_ < 0) || poll(fds.data(), fds.size(), RemainingMs(deadline_ticks_us)) <= 0) {
     return false;
   }
   if (fds[0].revents != 0) {
@@ -107,9 +102,9 @@ bool ChildProcess::Pump(int64_t deadline_us) {
 }
 
 std::optional<std::string> ChildProcess::ReadLine(int timeout_ms) {
-  const int64_t deadline_us = DeadlineUs(timeout_ms);
+  const int64_t deadline_ticks_us = DeadlineTicksUs(timeout_ms);
   size_t end = out_.find('\n');
-  while (end == std::string::npos && Pump(deadline_us)) {
+  while (end == std::string::npos && Pump(deadline_ticks_us)) {
     end = out_.find('\n');
   }
   if (end == std::string::npos) {
@@ -121,17 +116,13 @@ std::optional<std::string> ChildProcess::ReadLine(int timeout_ms) {
 }
 
 ChildExit ChildProcess::Wait(int timeout_ms) {
-  const int64_t deadline_us = DeadlineUs(timeout_ms);
-  while (Pump(deadline_us)) {
+  const int64_t deadline_ticks_us = DeadlineTicksUs(timeout_ms);
+  while (Pump(deadline_ticks_us)) {
   }
   int status = 0;
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    if (RemainingMs(deadline_us) == 0) {
-      Signal(SIGKILL);
-      waitpid(pid_, &status, 0);
-      break;
-    }
-    poll(nullptr, 0, 1);
+  if (!WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) != 0; }, RemainingMs(deadline_ticks_us))) {
+    Signal(SIGKILL);
+    waitpid(pid_, &status, 0);
   }
   pid_ = -1;
   for (int* fd : {&out_fd_, &err_fd_}) {

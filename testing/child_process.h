@@ -39,7 +39,7 @@ class ChildProcess {
   void Signal(int signal_number) const;
 
  private:
-  bool Pump(int64_t deadline_us);
+  bool Pump(int64_t deadline_ticks_us);
 
   pid_t pid_ = -1;
   int out_fd_ = -1;

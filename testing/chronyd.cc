@@ -2,13 +2,11 @@
 
 #include <pwd.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
-#include <system_error>
 
+#include "testing/addresses.h"
 #include "testing/loopback_udp.h"
 #include "testing/wait_until.h"
 
@@ -17,20 +15,15 @@ namespace {
 
 constexpr const char* kProgram = "/usr/sbin/chronyd";
 
-std::string MakeTemporaryFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "skorra-chrony-XXXXXX").string();
-  return mkdtemp(name.data()) == nullptr ? "" : name;
-}
-
-std::vector<std::string> Command(const std::string& folder, const net::IPEndPoint& endpoint,
+std::vector<std::string> Command(const TempDir& folder, const net::IPEndPoint& endpoint,
                                  const std::vector<std::string>& extra_lines) {
-  const std::string config = folder + "/chrony.conf";
+  const std::string config = folder / "chrony.conf";
   std::ofstream lines(config);
   // Nothing of the system's own chrony is touched: no clock, no command socket, no file outside.
   lines << "port " << endpoint.port() << "\n"
         << "bindaddress " << (endpoint.family() == Chronyd::Family::kIPv6 ? "::1" : "127.0.0.1")
-        << "\nallow all\nlocal stratum 8\ncmdport 0\nbindcmdaddress /\npidfile " << folder
-        << "/chronyd.pid\n";
+        << "\nallow all\nlocal stratum 8\ncmdport 0\nbindcmdaddress /\npidfile " << folder / "chronyd.pid"
+        << "\n";
   for (const std::string& line : extra_lines) {
     lines << line << "\n";
   }
@@ -48,20 +41,15 @@ std::string Chronyd::WhyNotHere(Family family) {
 }
 
 Chronyd::Chronyd(Family family, const std::vector<std::string>& extra_lines)
-    : folder_(MakeTemporaryFolder()),
-      endpoint_(UnusedEndPoint(family)),
-      child_(Command(folder_, endpoint_, extra_lines)) {}
+    : endpoint_(UnusedEndPoint(family)), child_(Command(folder_, endpoint_, extra_lines)) {}
 
 Chronyd::~Chronyd() {
   child_.Signal(SIGTERM);
   child_.Wait();
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 bool Chronyd::IsUp() const {
-  const LoopbackUdp client(
-      *net::IPEndPoint::FromLiteral(endpoint_.family() == Family::kIPv6 ? "::1" : "127.0.0.2", 0));
+  const LoopbackUdp client(Address(endpoint_.family() == Family::kIPv6 ? "::1" : "127.0.0.2", 0));
   std::vector<uint8_t> request(48);
   request[0] = 4 << 3 | 3;
   return WaitUntil([&] {

@@ -13,6 +13,7 @@
 
 #include "platform/net/ip_endpoint.h"
 #include "testing/child_process.h"
+#include "testing/temp_dir.h"
 
 namespace skorra {
 
@@ -37,7 +38,7 @@ class Chronyd {
   bool IsUp() const;
 
  private:
-  const std::string folder_;
+  const TempDir folder_;
   const net::IPEndPoint endpoint_;
   ChildProcess child_;
 };

@@ -1,14 +1,14 @@
 #include "testing/forked_child.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
+
+#include "testing/fork.h"
 
 namespace skorra {
 
@@ -17,13 +17,8 @@ ForkedChild::ForkedChild(const std::function<std::string()>& body) {
   if (pipe2(fds, O_CLOEXEC) != 0) {
     std::abort();
   }
-  const pid_t parent = getpid();
-  pid_ = fork();
+  pid_ = ForkBoundToParent();
   if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-      _exit(126);
-    }
     const std::string report = body();
     const bool is_written =
         write(fds[1], report.data(), report.size()) == static_cast<ssize_t>(report.size());
@@ -46,12 +41,8 @@ std::string ForkedChild::Report(int timeout_ms) {
     return "it could not be forked";
   }
   int status = 0;
-  const int64_t deadline_us = base::GetSteadyTimeTicks() + int64_t{timeout_ms} * 1000;
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    if (base::GetSteadyTimeTicks() > deadline_us) {
-      return "it hung";  // the destructor kills it
-    }
-    poll(nullptr, 0, 1);
+  if (!WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) != 0; }, timeout_ms)) {
+    return "it hung";  // the destructor kills it
   }
   pid_ = -1;
   if (WIFSIGNALED(status)) {

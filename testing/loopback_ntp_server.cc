@@ -24,7 +24,7 @@ LoopbackNtpServer::~LoopbackNtpServer() {
 }
 
 void LoopbackNtpServer::Run() {
-  const int64_t begin_us = base::GetSteadyTimeTicks();
+  const int64_t begin_ticks_us = base::GetSteadyTimeTicks();
   netmodel::Random random(1);
   pollfd sources[] = {{end_fd_, POLLIN, 0}, {socket_.fd(), POLLIN, 0}};
   while (poll(sources, 2, -1) >= 0 && sources[0].revents == 0) {
@@ -36,7 +36,7 @@ void LoopbackNtpServer::Run() {
     ++requests_;
     const auto reply =
         server_.Answer(*request, client, base::Time::Now().ToDeltaSinceWindowsEpoch().InMicroseconds(),
-                       base::GetSteadyTimeTicks() - begin_us, random);
+                       base::GetSteadyTimeTicks() - begin_ticks_us, random);
     if (reply) {
       kisses_ += reply->bytes[1] == 0 ? 1 : 0;  // the stratum
       socket_.SendTo(client, reply->bytes);

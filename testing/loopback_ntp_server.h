@@ -13,6 +13,7 @@
 
 #include "netmodel/server.h"
 #include "platform/net/ip_endpoint.h"
+#include "testing/addresses.h"
 #include "testing/loopback_udp.h"
 
 namespace skorra {
@@ -21,7 +22,7 @@ class LoopbackNtpServer {
  public:
   // Port 0 takes a free one.
   explicit LoopbackNtpServer(netmodel::ServerOptions options,
-                             const net::IPEndPoint& listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0));
+                             const net::IPEndPoint& listen = AnyLoopbackPort());
   ~LoopbackNtpServer();
   LoopbackNtpServer(const LoopbackNtpServer&) = delete;
   LoopbackNtpServer& operator=(const LoopbackNtpServer&) = delete;

@@ -10,12 +10,14 @@
 #include <array>
 #include <cstring>
 
+#include "testing/addresses.h"
+
 namespace skorra {
 namespace {
 
 using Family = net::IPEndPoint::Family;
 
-struct Address {
+struct SocketAddress {
   sockaddr_storage storage{};
   socklen_t size = 0;
 
@@ -23,8 +25,8 @@ struct Address {
   sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
 };
 
-Address ToAddress(const net::IPEndPoint& endpoint) {
-  Address address;
+SocketAddress ToAddress(const net::IPEndPoint& endpoint) {
+  SocketAddress address;
   if (endpoint.family() == Family::kIPv6) {
     sockaddr_in6 in6{};
     in6.sin6_family = AF_INET6;
@@ -43,7 +45,7 @@ Address ToAddress(const net::IPEndPoint& endpoint) {
   return address;
 }
 
-net::IPEndPoint ToEndPoint(const Address& address) {
+net::IPEndPoint ToEndPoint(const SocketAddress& address) {
   if (address.storage.ss_family == AF_INET6) {
     sockaddr_in6 in6{};
     std::memcpy(&in6, &address.storage, sizeof in6);
@@ -59,23 +61,19 @@ net::IPEndPoint ToEndPoint(const Address& address) {
 }
 
 net::IPEndPoint BoundEndPoint(int fd) {
-  Address address;
+  SocketAddress address;
   address.size = sizeof address.storage;
   getsockname(fd, address.get(), &address.size);
   return ToEndPoint(address);
 }
 
-net::IPEndPoint Loopback(Family family, uint16_t port) {
-  return *net::IPEndPoint::FromLiteral(family == Family::kIPv6 ? "::1" : "127.0.0.1", port);
-}
-
 }  // namespace
 
-LoopbackUdp::LoopbackUdp(Family family) : LoopbackUdp(Loopback(family, 0)) {}
+LoopbackUdp::LoopbackUdp(Family family) : LoopbackUdp(AnyLoopbackPort(family)) {}
 
 LoopbackUdp::LoopbackUdp(const net::IPEndPoint& address)
     : fd_(socket(address.family() == Family::kIPv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-  const Address wanted = ToAddress(address);
+  const SocketAddress wanted = ToAddress(address);
   if (fd_ >= 0 && bind(fd_, wanted.get(), wanted.size) != 0) {
     close(fd_);
     fd_ = -1;
@@ -92,7 +90,7 @@ LoopbackUdp::~LoopbackUdp() {
 }
 
 bool LoopbackUdp::SendTo(const net::IPEndPoint& to, std::span<const uint8_t> bytes) const {
-  const Address address = ToAddress(to);
+  const SocketAddress address = ToAddress(to);
   return sendto(fd_, bytes.data(), bytes.size(), 0, address.get(), address.size) ==
          static_cast<ssize_t>(bytes.size());
 }
@@ -103,7 +101,7 @@ std::optional<std::vector<uint8_t>> LoopbackUdp::Receive(int timeout_ms, net::IP
     return std::nullopt;
   }
   std::vector<uint8_t> bytes(2048);
-  Address sender;
+  SocketAddress sender;
   sender.size = sizeof sender.storage;
   const ssize_t size = recvfrom(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT, sender.get(), &sender.size);
   if (size < 0) {

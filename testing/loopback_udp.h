@@ -26,7 +26,7 @@ class LoopbackUdp {
   int fd() const { return fd_; }  // for poll
 
   bool SendTo(const net::IPEndPoint& to, std::span<const uint8_t> bytes) const;
-  // The next datagram, whoever sent it, which `*source` then names; nothing when none comes in time.
+  // The next datagram from any sender, which `*source` then names; nothing when none comes in time.
   std::optional<std::vector<uint8_t>> Receive(int timeout_ms, net::IPEndPoint* source = nullptr) const;
 
  private:

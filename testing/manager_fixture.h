@@ -13,6 +13,7 @@
 #include "platform/config/base_cfg.h"
 #include "sim/network.h"
 #include "sim/world.h"
+#include "testing/addresses.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
 #include "testing/ntp_time_manager_peer.h"
@@ -51,10 +52,6 @@ class ManagerTest : public ::testing::Test {
   static constexpr base::TimeDelta Us(int64_t us) { return base::TimeDelta::FromMicroseconds(us); }
   static constexpr base::TimeDelta Ms(int64_t ms) { return base::TimeDelta::FromMilliseconds(ms); }
   static constexpr base::TimeDelta S(int64_t s) { return base::TimeDelta::FromSeconds(s); }
-
-  static net::IPEndPoint Address(const std::string& text, uint16_t port = 123) {
-    return *net::IPEndPoint::FromLiteral(text, port);
-  }
 
   ManagerTest() {
     base::SetLogThreshold(0);

@@ -15,6 +15,7 @@
 #include "platform/core/thread_manager.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "testing/addresses.h"
 #include "testing/fresh_ledger.h"
 #include "transport/ntp_packet.h"
 #include "transport/ntp_time_packet_handler.h"
@@ -23,8 +24,8 @@ namespace skorra {
 
 using base::TimeDelta;
 
-inline const net::IPEndPoint kServer = net::IPEndPoint::FromLiteral("192.0.2.10", 123).value();
-inline const net::IPEndPoint kOtherServer = net::IPEndPoint::FromLiteral("2001:db8::10", 11123).value();
+inline const net::IPEndPoint kServer = Address("192.0.2.10");
+inline const net::IPEndPoint kOtherServer = Address("2001:db8::10", 11123);
 
 inline uint64_t Count(const std::string& name) { return base::KeyMetrics::GetCount("ntp." + name); }
 
@@ -133,7 +134,7 @@ class NtpTimePacketHandlerTest : public testing::Test {
   void Answer(const sim::SentDatagram& sent) { Deliver(sent, ReplyTo(sent)); }
 
   // `deliver` sends a bogus reply on its way. It is counted under `reason` and nothing else comes of it; the
-  // genuine reply to the first request, sent right behind, is taken.
+  // genuine reply to the first request, sent right after it, is accepted.
   void ExpectDroppedAndThenTheGenuineOneTaken(const std::string& reason, const std::function<void()>& deliver,
                                               const NtpPacket& genuine) {
     const std::string counter = "rejected." + reason;

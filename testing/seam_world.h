@@ -24,7 +24,7 @@ class SeamWorld {
   SeamWorld& operator=(const SeamWorld&) = delete;
 
   // Lets events happen until `done` holds; false when it does not within a generous time. `done` may run
-  // beside tasks: what both touch must be atomic or locked.
+  // alongside tasks: what both touch must be atomic or locked.
   bool WaitUntil(const std::function<bool()>& done);
 
   // A new server end point.

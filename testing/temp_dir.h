@@ -1,7 +1,6 @@
 // A directory that lives as long as the test.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -15,7 +14,7 @@ namespace skorra {
 class TempDir {
  public:
   TempDir() {
-    std::string pattern = testing::TempDir() + "skorra-XXXXXX";
+    std::string pattern = (std::filesystem::temp_directory_path() / "skorra-XXXXXX").string();
     path_ = mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
   }
   ~TempDir() {

@@ -1,7 +1,6 @@
 #include "apps/skorra-ntp/demo_server.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -10,6 +9,8 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "testing/clock_reading.h"
+#include "testing/loopback_demo_server.h"
 #include "testing/loopback_udp.h"
 #include "testing/wait_until.h"
 
@@ -19,18 +20,6 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kPacketSize = 48;
-
-net::IPEndPoint AnyPort() { return net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0); }
-
-std::unique_ptr<DemoServer> OpenServer(DemoServerOptions options) {
-  std::string error;
-  if (options.listen.address_empty()) {
-    options.listen = AnyPort();
-  }
-  auto server = DemoServer::Open(options, &error);
-  EXPECT_NE(server, nullptr) << error;
-  return server;
-}
 
 // A request of `version` and `mode` whose transmit time stamp is the bytes 1 to 8.
 Bytes Request(int version = 4, int mode = 3) {
@@ -54,19 +43,13 @@ int64_t ReadTimeSince1970Us(const Bytes& bytes, size_t at) {
          (static_cast<int64_t>(ReadUint32(bytes, at + 4)) * 1'000'000 >> 32);
 }
 
-int64_t NowSince1970Us() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
-}
-
 TEST(DemoServerTest, TheReplyIsThatOfAPrimaryServerToThisRequest) {
-  const auto server = OpenServer({.clock_error_us = 2'345'678});
+  const auto server = OpenDemoServer({.clock_error_us = 2'345'678});
   const LoopbackUdp client;
-  const int64_t before_us = NowSince1970Us();
+  const int64_t before_us = SystemTimeFrom1970Us();
   ASSERT_TRUE(client.SendTo(server->local(), Request()));
   const auto reply = client.Receive(kPatienceMs);
-  const int64_t after_us = NowSince1970Us();
+  const int64_t after_us = SystemTimeFrom1970Us();
 
   ASSERT_TRUE(reply);
   ASSERT_EQ(reply->size(), kPacketSize);
@@ -84,18 +67,18 @@ TEST(DemoServerTest, TheReplyIsThatOfAPrimaryServerToThisRequest) {
 }
 
 TEST(DemoServerTest, ANegativeErrorPutsTheClockBehind) {
-  const auto server = OpenServer({.clock_error_us = -3'600'500'000});
+  const auto server = OpenDemoServer({.clock_error_us = -3'600'500'000});
   const LoopbackUdp client;
   ASSERT_TRUE(client.SendTo(server->local(), Request()));
   const auto reply = client.Receive(kPatienceMs);
   ASSERT_TRUE(reply);
-  const int64_t behind_us = NowSince1970Us() - ReadTimeSince1970Us(*reply, 40);
+  const int64_t behind_us = SystemTimeFrom1970Us() - ReadTimeSince1970Us(*reply, 40);
   EXPECT_GE(behind_us, 3'600'500'000);
   EXPECT_LE(behind_us, 3'600'500'000 + int64_t{kPatienceMs} * 1000);
 }
 
 TEST(DemoServerTest, RequestsOfVersionThreeAndFourAreAnsweredInTheirVersion) {
-  const auto server = OpenServer({});
+  const auto server = OpenDemoServer({});
   const LoopbackUdp client;
   for (const int version : {3, 4}) {
     ASSERT_TRUE(client.SendTo(server->local(), Request(version)));
@@ -105,8 +88,8 @@ TEST(DemoServerTest, RequestsOfVersionThreeAndFourAreAnsweredInTheirVersion) {
   }
 }
 
-TEST(DemoServerTest, WhatIsNoRequestGetsNoAnswer) {
-  const auto server = OpenServer({});
+TEST(DemoServerTest, ADatagramThatIsNoRequestGetsNoAnswer) {
+  const auto server = OpenDemoServer({});
   const LoopbackUdp client;
   uint64_t sent = 0;
   for (int version = 0; version < 8; ++version) {
@@ -133,7 +116,7 @@ TEST(DemoServerTest, WhatIsNoRequestGetsNoAnswer) {
 }
 
 TEST(DemoServerTest, ALongerRequestGetsTheHeaderOnly) {
-  const auto server = OpenServer({});
+  const auto server = OpenDemoServer({});
   const LoopbackUdp client;
   Bytes request = Request();
   request.resize(68);
@@ -144,7 +127,7 @@ TEST(DemoServerTest, ALongerRequestGetsTheHeaderOnly) {
 }
 
 TEST(DemoServerTest, AServerThatLosesEverythingAnswersNothing) {
-  const auto server = OpenServer({.loss = 1});
+  const auto server = OpenDemoServer({.loss = 1});
   const LoopbackUdp client;
   for (int i = 0; i < 10; ++i) {
     ASSERT_TRUE(client.SendTo(server->local(), Request()));
@@ -157,7 +140,7 @@ TEST(DemoServerTest, AServerThatLosesEverythingAnswersNothing) {
 
 TEST(DemoServerTest, ASeedLosesTheSameRequestsAgain) {
   const auto answered = [](uint64_t seed) {
-    const auto server = OpenServer({.loss = 0.5, .seed = seed});
+    const auto server = OpenDemoServer({.loss = 0.5, .seed = seed});
     const LoopbackUdp client;
     std::vector<uint64_t> answered_so_far;
     for (uint64_t sent = 1; sent <= 40; ++sent) {
@@ -176,12 +159,12 @@ TEST(DemoServerTest, ASeedLosesTheSameRequestsAgain) {
 
 TEST(DemoServerTest, HalfOfTheDelayPassesInEachDirection) {
   constexpr int64_t kDelayUs = 40'000;
-  const auto server = OpenServer({.delay_us = kDelayUs});
+  const auto server = OpenDemoServer({.delay_us = kDelayUs});
   const LoopbackUdp client;
-  const int64_t before_us = NowSince1970Us();
+  const int64_t before_us = SystemTimeFrom1970Us();
   ASSERT_TRUE(client.SendTo(server->local(), Request()));
   const auto reply = client.Receive(kPatienceMs);
-  const int64_t after_us = NowSince1970Us();
+  const int64_t after_us = SystemTimeFrom1970Us();
   ASSERT_TRUE(reply);
   EXPECT_GE(ReadTimeSince1970Us(*reply, 32) - before_us, kDelayUs / 2 - 1);
   EXPECT_GE(after_us - ReadTimeSince1970Us(*reply, 40), kDelayUs / 2 - 1);
@@ -189,15 +172,15 @@ TEST(DemoServerTest, HalfOfTheDelayPassesInEachDirection) {
 
 TEST(DemoServerTest, JitterMakesRoundTripsDiffer) {
   constexpr int64_t kJitterUs = 20'000;
-  const auto server = OpenServer({.jitter_us = kJitterUs});
+  const auto server = OpenDemoServer({.jitter_us = kJitterUs});
   const LoopbackUdp client;
   int64_t least_us = INT64_MAX;
   int64_t most_us = 0;
   for (int i = 0; i < 20; ++i) {
-    const int64_t before_us = base::GetSteadyTimeTicks();
+    const int64_t before_ticks_us = base::GetSteadyTimeTicks();
     ASSERT_TRUE(client.SendTo(server->local(), Request()));
     ASSERT_TRUE(client.Receive(kPatienceMs));
-    const int64_t took_us = base::GetSteadyTimeTicks() - before_us;
+    const int64_t took_us = base::GetSteadyTimeTicks() - before_ticks_us;
     least_us = std::min(least_us, took_us);
     most_us = std::max(most_us, took_us);
   }
@@ -205,11 +188,11 @@ TEST(DemoServerTest, JitterMakesRoundTripsDiffer) {
   EXPECT_GT(most_us, kJitterUs / 2);
 }
 
-TEST(DemoServerTest, ServesOverIPv6) {
+TEST(DemoServerTest, ARequestOverIPv6IsAnswered) {
   if (!LoopbackUdp(net::IPEndPoint::Family::kIPv6).is_open()) {
     GTEST_SKIP() << "this machine has no ::1";
   }
-  const auto server = OpenServer({.listen = *net::IPEndPoint::FromLiteral("::1", 0)});
+  const auto server = OpenDemoServer({.listen = Address("::1", 0)});
   const LoopbackUdp client(net::IPEndPoint::Family::kIPv6);
   ASSERT_TRUE(client.SendTo(server->local(), Request()));
   EXPECT_TRUE(client.Receive(kPatienceMs));
@@ -222,8 +205,8 @@ TEST(DemoServerTest, APortInUseIsRefusedWithTheReason) {
   EXPECT_EQ(error, "Address already in use");
 }
 
-TEST(DemoServerTest, EndsWithRepliesStillUnderWay) {
-  const auto server = OpenServer({.delay_us = 600'000'000});
+TEST(DemoServerTest, AServerEndsWithRepliesStillUnderWay) {
+  const auto server = OpenDemoServer({.delay_us = 600'000'000});
   const LoopbackUdp client;
   ASSERT_TRUE(client.SendTo(server->local(), Request()));
   ASSERT_TRUE(WaitUntil([&] { return server->counts().received == 1; }));

@@ -158,7 +158,7 @@ TEST(ProgramTest, AnswersThatDifferTooMuchEndWithStatus1) {
   EXPECT_TRUE(json["offset_us"].is_number());
 }
 
-TEST(ProgramTest, SyncsOverIPv6) {
+TEST(ProgramTest, TheProgramSyncsOverIPv6) {
   if (!LoopbackUdp(net::IPEndPoint::Family::kIPv6).is_open()) {
     GTEST_SKIP() << "this machine has no ::1";
   }

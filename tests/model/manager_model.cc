@@ -55,8 +55,8 @@ long long Wide(int64_t value) { return value; }
 
 }  // namespace
 
-ManagerModel::ManagerModel(const Surroundings& surroundings, int64_t steady_us, uint64_t seed)
-    : now_us(steady_us),
+ManagerModel::ManagerModel(const Surroundings& surroundings, int64_t start_ticks_us, uint64_t seed)
+    : now_ticks_us(start_ticks_us),
       system_offset_from_steady_us(surroundings.wall_offset_us),
       surroundings_(surroundings),
       ledger_(seed) {}
@@ -74,7 +74,7 @@ void ManagerModel::Log(int level, const char* format, ...) {
 
 void ManagerModel::Add(Kind kind, int64_t delay_us, int64_t number, int index,
                        const net::IPEndPoint& address) {
-  pending_.push({now_us + delay_us, next_sequence_++, kind, number, index, address});
+  pending_.push({now_ticks_us + delay_us, next_sequence_++, kind, number, index, address});
 }
 
 void ManagerModel::Post(Kind kind, int64_t delay_us, int64_t number, int index,
@@ -114,9 +114,9 @@ void ManagerModel::RunNext() {
   }
 }
 
-int64_t ManagerModel::WallUs() const { return now_us + surroundings_.wall_offset_us; }
+int64_t ManagerModel::WallUs() const { return now_ticks_us + surroundings_.wall_offset_us; }
 int64_t ManagerModel::WallMs() const { return WallUs() / 1000; }
-int64_t ManagerModel::LocalNow() const { return Plus(now_us, system_offset_from_steady_us); }
+int64_t ManagerModel::LocalNow() const { return Plus(now_ticks_us, system_offset_from_steady_us); }
 int64_t ManagerModel::NtpNow() const { return Minus(Plus(LocalNow(), ntp_offset_us), kUnixEpochUs); }
 
 Glimpse ManagerModel::Look() const {
@@ -304,7 +304,7 @@ void ManagerModel::RunStartSync() {
 // Looks the name up, which may take time.
 bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   Surroundings::Answer answer = surroundings_.LookUp(name);
-  now_us += answer.delay_us;
+  now_ticks_us += answer.delay_us;
   if (answer.addresses.empty()) {
     return false;
   }
@@ -315,7 +315,7 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   domain.name = name;
   domain.addresses = EachOnce(answer.addresses);
   if (answer.ttl_us) {
-    domain.expires_us = now_us + Believed(*answer.ttl_us);
+    domain.expires_us = now_ticks_us + Believed(*answer.ttl_us);
   }
   domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
   domains.push_back(std::move(domain));
@@ -325,24 +325,24 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
 // The first address, from a place on, that is not held; the end when all are.
 size_t ManagerModel::FirstFree(const Domain& domain, size_t from) const {
   while (from < domain.addresses.size() &&
-         ledger_.IsHeld(Surroundings::IndexOf(domain.addresses[from]), now_us)) {
+         ledger_.IsHeld(Surroundings::IndexOf(domain.addresses[from]), now_ticks_us)) {
     ++from;
   }
   return from;
 }
 
-// A minute lies between two look-ups; one that does not end counts as lost after ten.
+// A minute lies between two lookups; one that does not end counts as lost after ten.
 void ManagerModel::Use(Domain& domain) {
   const int64_t newest_expires_us = domain.next_addresses ? domain.next_expires_us : domain.expires_us;
-  if (now_us < domain.expires_us || now_us < newest_expires_us) {
+  if (now_ticks_us < domain.expires_us || now_ticks_us < newest_expires_us) {
     return;
   }
   const int64_t pause_us = domain.begun_count == domain.ended_count ? kMinuteUs : 10 * kMinuteUs;
-  if (domain.begun_count > 0 && now_us < domain.begun_us + pause_us) {
+  if (domain.begun_count > 0 && now_ticks_us < domain.begun_us + pause_us) {
     return;
   }
   ++domain.begun_count;
-  domain.begun_us = now_us;
+  domain.begun_us = now_ticks_us;
   if (surroundings_.is_queue_available) {
     look_ups_.emplace_back(&domain, surroundings_.LookUp(domain.name));
     Add(Kind::kLookUp, look_ups_.back().second.delay_us, domain.begun_count,
@@ -358,7 +358,7 @@ void ManagerModel::RunLookUp(size_t which, int number) {
   domain->ended_count = number;
   if (!answer.addresses.empty()) {
     domain->next_addresses = EachOnce(answer.addresses);
-    domain->next_expires_us = now_us + Believed(*answer.ttl_us);
+    domain->next_expires_us = now_ticks_us + Believed(*answer.ttl_us);
   }
 }
 
@@ -442,15 +442,15 @@ void ManagerModel::PrepareHandler() {
 
 void ManagerModel::RunSend(const net::IPEndPoint& address) {
   const int index = Surroundings::IndexOf(address);
-  if (!is_handler_prepared_ || !ledger_.Call(index, now_us)) {
+  if (!is_handler_prepared_ || !ledger_.Call(index, now_ticks_us)) {
     return;
   }
   if (std::find(open_sockets.begin(), open_sockets.end(), address) == open_sockets.end()) {
     open_sockets.push_back(address);
   }
   const Fate fate = surroundings_.FateOf(index, request_counts_[static_cast<size_t>(index)]++);
-  trace.sent.push_back({address, now_us});
-  requests_.push_back({index, now_us, fate, generation_});
+  trace.sent.push_back({address, now_ticks_us});
+  requests_.push_back({index, now_ticks_us, fate, generation_});
   for (size_t i = 0; i < fate.arrival_count; ++i) {
     Add(Kind::kArrival, fate.arrivals[i].delay_us, static_cast<int64_t>(fate.arrivals[i].kind),
         static_cast<int>(requests_.size()) - 1, {});
@@ -467,7 +467,7 @@ void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arriva
   ledger_.Answered(request.address);
   if (kind == ArrivalKind::kRate || kind == ArrivalKind::kDeny) {
     request.is_open = false;
-    ledger_.Refused(request.address, kind, now_us);
+    ledger_.Refused(request.address, kind, now_ticks_us);
   }
   if (kind != ArrivalKind::kGenuine) {
     return;

@@ -34,7 +34,7 @@ class ManagerModel final : public Side {
     bool is_repeated = false;  // the only address was asked a second time
     std::vector<NtpResultData> samples;
     NtpDomainResult record;
-    // The look-ups after the first.
+    // The lookups after the first.
     int64_t expires_us = kNever;  // `addresses`; never: they are no name's
     int begun_count = 0;
     int ended_count = 0;  // the number of the last one that ended
@@ -43,7 +43,7 @@ class ManagerModel final : public Side {
     int64_t next_expires_us = 0;
   };
 
-  ManagerModel(const Surroundings& surroundings, int64_t steady_us, uint64_t seed);
+  ManagerModel(const Surroundings& surroundings, int64_t start_ticks_us, uint64_t seed);
 
   // Public operations.
   void AddObserver(int observer) override;
@@ -59,7 +59,7 @@ class ManagerModel final : public Side {
   void FirstPacket(int64_t offset_us);
   void Packet(NtpResultData sample, const net::IPEndPoint& server);
 
-  // Using a domain's address begins a look-up once the list is too old.
+  // Using a domain's address begins a lookup once the list is too old.
   void Use(Domain& domain);
 
   // Time.
@@ -67,7 +67,7 @@ class ManagerModel final : public Side {
   bool IsNextADelayedStopDecision() const;
   void RunNext();
   size_t pending_count() const { return pending_.size(); }
-  void WaitUntil(int64_t ticks_us) { now_us = ticks_us > now_us ? ticks_us : now_us; }
+  void WaitUntil(int64_t ticks_us) { now_ticks_us = ticks_us > now_ticks_us ? ticks_us : now_ticks_us; }
 
   bool IsAlive(int observer) const;
   Glimpse Look() const;
@@ -76,7 +76,7 @@ class ManagerModel final : public Side {
   // The sort left it open which samples were trimmed: from here on the model can tell nothing.
   bool is_ambiguous() const { return is_ambiguous_; }
 
-  int64_t now_us;  // steady ticks
+  int64_t now_ticks_us;
 
   // The manager's state.
   std::deque<Domain> domains;
@@ -110,8 +110,8 @@ class ManagerModel final : public Side {
     int64_t due_us;
     uint64_t sequence;
     Kind kind;
-    int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind; look-up: its number
-    int index = 0;       // update: which list; check: which domain; arrival: which request; look-up: which
+    int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind; lookup: its number
+    int index = 0;       // update: which list; check: which domain; arrival: which request; lookup: which
     net::IPEndPoint address;
 
     friend bool operator>(const Pending& a, const Pending& b) {

@@ -1,4 +1,5 @@
-// The manager beside its model: a slice of random walks, and proof that the comparison sees a wrong step.
+// The manager and its model side by side: a slice of random walks, and proof that the comparison sees a wrong
+// step.
 //
 // SKORRA_SEED replays the slice with a given seed; without it each run draws a fresh one and prints it.
 #include <cstdint>

@@ -294,7 +294,7 @@ bool SideBySide::Compare() {
   return difference_.empty();
 }
 
-// Looking at a domain's address is using it, which may begin a look-up of its name: on both sides, then.
+// Looking at a domain's address is using it, which may begin a lookup of its name: on both sides, then.
 void SideBySide::UseAddresses() {
   for (const auto& info : real.peer.domain_infos()) {
     info->GetCurrentIPAddress();
@@ -320,7 +320,7 @@ void SideBySide::CompareTraces() {
 
 void SideBySide::CompareMembers() {
   NtpTimeManagerPeer& peer = real.peer;
-  Check("steady ticks", world.steady_ticks_us(), model.now_us);
+  Check("steady ticks", world.steady_ticks_us(), model.now_ticks_us);
   Check("pending tasks and arrivals", world.pending_count(), model.pending_count());
   Check("next due", world.NextEventTicks().value_or(ManagerModel::kNever), model.NextDue());
   Check("is_started", peer.is_started().load(), model.is_started);

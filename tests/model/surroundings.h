@@ -70,7 +70,8 @@ class Surroundings {
   struct Answer {
     std::vector<net::IPEndPoint> addresses;
     int64_t delay_us = 0;
-    std::optional<int64_t> ttl_us = std::nullopt;  // nothing: the name is an address, and for ever
+    std::optional<int64_t> ttl_us =
+        std::nullopt;  // nothing: the name is an address, whose list never expires
   };
 
   Surroundings(uint64_t seed, int64_t offset_from_steady_us);
@@ -80,7 +81,7 @@ class Surroundings {
   static const std::string& Name(int index);
 
   Fate FateOf(int address, uint64_t request) const;
-  // What the manager finds behind one of the names; the look-up takes `delay_us`.
+  // What one of the names resolves to; the lookup takes `delay_us`.
   Answer LookUp(const std::string& name) const;
 
   void SetHost(int host, uint64_t choice, int64_t delay_us, int64_t ttl_us);

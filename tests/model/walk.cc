@@ -23,7 +23,7 @@ constexpr std::array<int64_t, 17> kWallSteps = {
     -501 * kMs, 2 * kS, -2 * kS, 3600 * kS, -3600 * kS, 600 * kS, 4294967296000, -4294967296000};
 constexpr std::array<int64_t, 12> kDeviations = {0,    4,   -4,   5,          -5,         500,
                                                  -500, 501, -501, 4294967300, 4294967301, 60000};
-// The slow ones reach to both sides of the limits for a request's duration and for a look-up's.
+// The slow ones reach to both sides of the limits for a request's duration and for a lookup's.
 constexpr std::array<int64_t, 8> kHostDelays = {0, 0, 0, 0, 799 * kMs, 800 * kMs, 200 * kMs, 2500 * kMs};
 // The time to live is also tried below and above the limits of what is believed of it.
 constexpr std::array<int64_t, 4> kTimesToLive = {0, 300 * kS, 3600 * kS, 200000 * kS};
@@ -183,7 +183,7 @@ class Walker {
   struct Observer {
     int slot;
     Reaction reaction;
-    // Each side's own count: two observers that start anew at each call would never come to an end.
+    // Each side's own count: two observers that start again at each call would never come to an end.
     std::array<int, 2> reactions_left = {2, 2};
   };
 
@@ -284,7 +284,7 @@ bool Walker::StepWithoutQueue() {
 
 bool Walker::PassToLimit(int64_t limit, int64_t variant) {
   ManagerModel& model = sides_.model;
-  const int64_t wall_us = model.now_us + sides_.surroundings.wall_offset_us;
+  const int64_t wall_us = model.now_ticks_us + sides_.surroundings.wall_offset_us;
   int64_t wait_us = 0;
   switch (limit) {
     case 0:
@@ -300,7 +300,7 @@ bool Walker::PassToLimit(int64_t limit, int64_t variant) {
     }
   }
   wait_us -= variant % 2;
-  if (wait_us > 0 && wait_us < 7200 * kS && !sides_.PassUntil(model.now_us + wait_us)) {
+  if (wait_us > 0 && wait_us < 7200 * kS && !sides_.PassUntil(model.now_ticks_us + wait_us)) {
     return false;
   }
   return variant / 2 == 0 ? Read() : Start();
@@ -332,8 +332,8 @@ bool Walker::Measure(int64_t whose, int64_t which) {
   // Six samples are evaluated at the next check, fewer at the end of the time limit.
   const int64_t wait_us = MakeSamples(static_cast<uint64_t>(which)).size() > 5 ? 200 * kMs : 3000 * kMs;
   const ManagerModel& model = sides_.model;
-  const bool is_same = Start() && sides_.PassUntil(model.now_us) && Receive(whose, which) &&
-                       sides_.PassUntil(model.now_us + wait_us);
+  const bool is_same = Start() && sides_.PassUntil(model.now_ticks_us) && Receive(whose, which) &&
+                       sides_.PassUntil(model.now_ticks_us + wait_us);
   sides_.surroundings.servers = servers;
   return is_same;
 }
@@ -396,7 +396,7 @@ bool Walker::Run(const Event& event) {
     case EventKind::kStepWithoutQueue:
       return StepWithoutQueue();
     case EventKind::kPass:
-      return sides_.PassUntil(sides_.model.now_us + event.a);
+      return sides_.PassUntil(sides_.model.now_ticks_us + event.a);
     case EventKind::kPassToLimit:
       return PassToLimit(event.a, event.b);
     case EventKind::kStepWall:

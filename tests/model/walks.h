@@ -1,4 +1,4 @@
-// Many random walks of the manager beside its model.
+// Many random walks of the manager and its model side by side.
 #pragma once
 
 #include <cstdint>

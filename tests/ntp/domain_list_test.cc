@@ -114,7 +114,7 @@ TEST_F(DomainListTest, AnUpdateOnlyPostsOnTheCallersThread) {
   EXPECT_TRUE(log.empty());
 }
 
-TEST_F(DomainListTest, AnUnknownNameYieldsNullAndOneLinePerLookUp) {
+TEST_F(DomainListTest, AnUnknownNameYieldsNullAndALogLineEachTime) {
   OnQueue([&] {
     EXPECT_EQ(peer.QueryDomainResult("x.test"), nullptr);
     EXPECT_EQ(peer.QueryDomainResult("x.test"), nullptr);

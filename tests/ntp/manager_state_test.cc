@@ -68,7 +68,7 @@ TEST_F(ManagerTest, ACallThroughTheClientBaseReachesTheSameObject) {
   EXPECT_EQ(manager().GetNtpTimestampFrom1970(), world.wall_us() + 4321 - base::kWindowsToUnixEpochUs);
 }
 
-TEST(SyncRecords, AFreshDomainRecordHoldsNoResultAndNoOpenRequest) {
+TEST(SyncRecordsTest, AFreshDomainRecordHoldsNoResultAndNoOpenRequest) {
   const NtpDomainResult record;
   EXPECT_EQ(record.offset_us, INT64_MAX);
   EXPECT_EQ(record.result, NtpResult::kNoResult);
@@ -83,7 +83,7 @@ TEST(SyncRecords, AFreshDomainRecordHoldsNoResultAndNoOpenRequest) {
   EXPECT_TRUE(record.endpoint.address_empty());
 }
 
-TEST(SyncRecords, FreshRequestStatisticsAreOfTypeOneAndOtherwiseZero) {
+TEST(SyncRecordsTest, FreshRequestStatisticsAreOfTypeOneAndOtherwiseZero) {
   const NtpFunctionRequestStats stats;
   EXPECT_EQ(stats.function_type, 1);
   EXPECT_EQ(stats.average_cost_ms, 0u);
@@ -94,7 +94,7 @@ TEST(SyncRecords, FreshRequestStatisticsAreOfTypeOneAndOtherwiseZero) {
   EXPECT_EQ(stats.total_cost_ms, 0u);
 }
 
-TEST(SyncRecords, ResultCodesAreMinusOneZeroAndOneWithATextEach) {
+TEST(SyncRecordsTest, ResultCodesAreMinusOneZeroAndOneWithATextEach) {
   static_assert(std::is_same_v<std::underlying_type_t<NtpResult>, int32_t>);
   EXPECT_EQ(static_cast<int>(NtpResult::kNoResult), -1);
   EXPECT_EQ(static_cast<int>(NtpResult::kSuccess), 0);

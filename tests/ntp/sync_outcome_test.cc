@@ -290,7 +290,7 @@ TEST_F(SyncOutcomeTest, ASuccessWithoutARecordLeavesTheAttemptOpen) {
   });
   OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
   EXPECT_THAT(best_domains, ::testing::ElementsAre(nullptr, Domain(0)))
-      << "the look-up for the statistics comes before the domain is taken, its own after that";
+      << "the lookup for the statistics comes before the domain is taken, its own after that";
   EXPECT_EQ(peer.current_domain_info(), Domain(0));
   EXPECT_EQ(kept(), before);
   EXPECT_EQ(peer.last_sync_local_time_ms(), 0);
@@ -569,7 +569,7 @@ TEST_F(SyncOutcomeTest, AnErrorWithoutARecordOfTheBestDomainLeavesTheAttemptOpen
   OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(1)); });
   EXPECT_THAT(log, ::testing::ElementsAre(Line{1, "Not query domain:192.0.2.11"},
                                           Line{1, "Not query domain:192.0.2.11"}))
-      << "one look-up for the choice, one of its own";
+      << "one lookup for the choice, one of its own";
   EXPECT_EQ(peer.current_domain_info(), Domain(0));
   EXPECT_EQ(kept(), before);
   EXPECT_FALSE(peer.is_sync_finished());

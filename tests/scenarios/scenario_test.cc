@@ -32,14 +32,14 @@ std::string EventLogOf(const std::string& name, uint64_t seed) {
 
 class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
 
-TEST_P(ScenarioTest, StaysWithinItsLimits) {
+TEST_P(ScenarioTest, AScenarioStaysWithinItsLimits) {
   EXPECT_THAT(PlayScenario(GetParam(), 1).failures, ::testing::IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ScenarioTest, ::testing::ValuesIn(AllScenarios()),
                          [](const auto& row) { return row.param.name; });
 
-TEST(ScenarioTableTest, HasNamesThatAreUniqueAndASentenceForEach) {
+TEST(ScenarioTableTest, EachScenarioHasANameOfItsOwnAndASentence) {
   std::set<std::string> names;
   for (const Scenario& scenario : AllScenarios()) {
     EXPECT_TRUE(names.insert(scenario.name).second) << scenario.name;

@@ -14,16 +14,14 @@
 #include "platform/core/thread_manager.h"
 #include "testing/child_process.h"
 #include "testing/chronyd.h"
+#include "testing/clock_reading.h"
+#include "testing/ntp_queue.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
 namespace {
 
 using Family = net::IPEndPoint::Family;
-
-std::shared_ptr<core::TaskQueue> NtpQueue() {
-  return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
-}
 
 struct Outcome {
   NtpResult result;
@@ -49,22 +47,13 @@ class Recorder : public NtpTimeManager::Observer {
   std::vector<Outcome> outcomes_;
 };
 
-// Returns when everything that is on the queue now has run.
-bool DrainNtpQueue() {
-  const auto done = std::make_shared<std::atomic<bool>>(false);
-  NtpQueue()->PostTask(base::Location::CreateFromHere("tests/chrony_test", __LINE__),
-                       base::BindOnce([done] { done->store(true); }));
-  return WaitUntil([&] { return done->load(); });
-}
-
 // Between NTP time and the system clock. Of several pairs of readings the closest, since the thread may be
 // put aside between the two.
-int64_t SmallestDifferenceUs(NtpTimeManager& manager) {
+int64_t SmallestDifferenceUs() {
   int64_t smallest_us = std::numeric_limits<int64_t>::max();
   for (int i = 0; i < 10; ++i) {
-    const int64_t ntp_us = manager.GetNtpTimestampFrom1970();
-    const int64_t system_us = (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds();
-    smallest_us = std::min<int64_t>(smallest_us, std::llabs(ntp_us - system_us));
+    const ClockReading reading;
+    smallest_us = std::min<int64_t>(smallest_us, std::llabs(reading.ntp_us - reading.wall_after_us));
   }
   return smallest_us;
 }
@@ -98,7 +87,7 @@ TEST_P(ChronyTest, TheManagerSyncsAndTellsItsObserverOnce) {
   EXPECT_TRUE(outcomes[0].was_on_queue);
   EXPECT_FALSE(NtpQueue()->IsCurrent());
 
-  const int64_t difference_us = SmallestDifferenceUs(*manager);
+  const int64_t difference_us = SmallestDifferenceUs();
   EXPECT_LT(difference_us, 5000);
   RecordProperty("offset_us", std::to_string(difference_us));
 }

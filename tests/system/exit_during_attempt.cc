@@ -12,10 +12,11 @@
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/log.h"
 #include "platform/base/no_destructor.h"
-#include "platform/core/thread_manager.h"
 #include "platform/linux/name_lookup.h"
 #include "platform/metrics/key_metrics.h"
+#include "testing/counting_observer.h"
 #include "testing/loopback_udp.h"
+#include "testing/ntp_queue.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -60,23 +61,7 @@ class BlockingObserver : public NtpTimeManager::Observer {
   std::atomic<bool> is_called_{false};
 };
 
-class NotingObserver : public NtpTimeManager::Observer {
- public:
-  void OnNtpResult(NtpResult, const std::string&, const net::IPEndPoint&) override { is_called_.store(true); }
-  bool is_called() const { return is_called_.load(); }
-
- private:
-  std::atomic<bool> is_called_{false};
-};
-
 std::atomic<bool> was_begun{false};
-std::atomic<bool> was_closing_posted{false};
-
-core::TaskQueue& Queue() {
-  static base::NoDestructor<std::shared_ptr<core::TaskQueue>> queue(
-      core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt));
-  return **queue;
-}
 
 void Start(const std::string& server) {
   NtpTimeManager::GetInstance()->UpdateNtpTimeDomain({server});
@@ -126,24 +111,22 @@ bool InTheObserver(const std::string& server, const std::string& way) {
 // The outcome has been delivered, and the closing of the queue's work is due in 30 s.
 bool WindDown(const std::string& server, const std::string&) {
   // Owned by this function, as by a program that cleans up before it ends.
-  const auto observer = std::make_shared<NotingObserver>();
+  const auto observer = std::make_shared<CountingObserver>();
   NtpTimeManager::GetInstance()->AddObserver(observer);
   Start(server);
-  if (!WaitUntil([&] { return observer->is_called(); })) {
+  if (!WaitUntil([&] { return observer->all() > 0; })) {
     return false;
   }
-  Queue().PostTask(base::Location::CreateFromHere("tests/exit_during_attempt", __LINE__),
-                   base::BindOnce([] { was_closing_posted.store(true); }));
-  return WaitUntil([] { return was_closing_posted.load(); });
+  return DrainNtpQueue();
 }
 
-// The queue's thread waits for a name server that never answers, and the attempt waits behind it.
+// The queue's thread waits for a name server that never answers, and the attempt waits for that.
 bool Resolving(const std::string& server, const std::string&) {
   static base::NoDestructor<LoopbackUdp> name_server;
-  Queue().PostTask(base::Location::CreateFromHere("tests/exit_during_attempt", __LINE__), base::BindOnce([] {
-                     net::internal::LookUpHost("silent.example", 123, base::TimeDelta::FromSeconds(60),
-                                               name_server->local().ToString());
-                   }));
+  NtpQueue()->PostTask(kTestLocation, base::BindOnce([] {
+                         net::internal::LookUpHost("silent.example", 123, base::TimeDelta::FromSeconds(60),
+                                                   name_server->local().ToString());
+                       }));
   Start(server);
   return name_server->Receive(kPatienceMs).has_value();
 }

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "apps/skorra-ntp/demo_server.h"
 #include "testing/child_process.h"
+#include "testing/loopback_demo_server.h"
 #include "testing/loopback_udp.h"
 
 namespace skorra {
@@ -25,11 +25,9 @@ class ExitTest : public testing::TestWithParam<const char*> {
   }
 };
 
-TEST_P(ExitTest, AtEveryMomentOfAnAttemptThatIsAnswered) {
-  std::string error;
-  const auto server =
-      DemoServer::Open({.listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0), .delay_us = 5000}, &error);
-  ASSERT_NE(server, nullptr) << error;
+TEST_P(ExitTest, AProcessMayEndAtEveryMomentOfAnAnsweredAttempt) {
+  const auto server = OpenDemoServer({.delay_us = 5000});
+  ASSERT_NE(server, nullptr);
   const std::string name = server->local().ToString();
   for (const char* moment : {"after_start", "before_first_packet", "mid_burst", "after_first_read",
                              "in_observer", "wind_down", "after_stop"}) {
@@ -37,7 +35,7 @@ TEST_P(ExitTest, AtEveryMomentOfAnAttemptThatIsAnswered) {
   }
 }
 
-TEST_P(ExitTest, WhileASilentServerIsAsked) {
+TEST_P(ExitTest, AProcessMayEndWhileASilentServerIsAsked) {
   const LoopbackUdp silent;
   for (const char* moment :
        {"after_start", "before_first_packet", "mid_burst", "after_first_read", "after_stop"}) {
@@ -45,11 +43,11 @@ TEST_P(ExitTest, WhileASilentServerIsAsked) {
   }
 }
 
-TEST_P(ExitTest, WhileAClosedPortIsAsked) {
+TEST_P(ExitTest, AProcessMayEndWhileAClosedPortIsAsked) {
   ExpectCleanExits("mid_burst", UnusedEndPoint().ToString(), kRepetitions);
 }
 
-TEST_P(ExitTest, WhileANameIsLookedUp) {
+TEST_P(ExitTest, AProcessMayEndWhileANameIsLookedUp) {
   ExpectCleanExits("resolving", UnusedEndPoint().ToString(), kRepetitions);
 }
 

@@ -151,7 +151,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, ImpairedChronyTest, testing::ValuesIn(kRows),
 using ImpairedProgramTest = ImpairedChronyTest;
 
 // The burst may end before the last copies have come, so only what has come is counted here.
-TEST_F(ImpairedProgramTest, ItsReportShowsTheDuplicates) {
+TEST_F(ImpairedProgramTest, TheReportShowsTheDuplicates) {
   const Chronyd server;
   ASSERT_TRUE(server.IsUp());
   const ImpairingRelay relay(server.endpoint(),

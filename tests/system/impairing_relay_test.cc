@@ -78,7 +78,7 @@ TEST(ImpairingRelayTest, TheSeedAloneDecidesWhatIsLostAndWhatIsDoubled) {
   EXPECT_NE(WhatArrives({.delay_us = 0}, 7), once);
 }
 
-TEST(ImpairingRelayTest, WhatIsHeldBackIsOvertaken) {
+TEST(ImpairingRelayTest, ADatagramThatIsHeldBackIsOvertaken) {
   const Bytes arrived = WhatArrives({.delay_us = 0, .reorder_permille = 300, .reorder_us = 20000}, 7);
   EXPECT_EQ(arrived.size(), kCount);
   EXPECT_FALSE(std::is_sorted(arrived.begin(), arrived.end()));
@@ -89,15 +89,15 @@ TEST(ImpairingRelayTest, EachDirectionHasItsOwnDelayAndNothingComesBeforeIt) {
   const LoopbackUdp client;
   const ImpairingRelay relay(server.local(),
                              {.to_server = {.delay_us = 3000}, .to_client = {.delay_us = 30000}});
-  const int64_t begin_us = base::GetSteadyTimeTicks();
+  const int64_t begin_ticks_us = base::GetSteadyTimeTicks();
   client.SendTo(relay.endpoint(), Bytes{1});
   net::IPEndPoint source;
   ASSERT_TRUE(server.Receive(kPatienceMs, &source));
-  const int64_t at_server_us = base::GetSteadyTimeTicks();
-  EXPECT_GE(at_server_us - begin_us, 3000);
+  const int64_t at_server_ticks_us = base::GetSteadyTimeTicks();
+  EXPECT_GE(at_server_ticks_us - begin_ticks_us, 3000);
   server.SendTo(source, Bytes{2});
   ASSERT_TRUE(client.Receive(kPatienceMs));
-  EXPECT_GE(base::GetSteadyTimeTicks() - at_server_us, 30000);
+  EXPECT_GE(base::GetSteadyTimeTicks() - at_server_ticks_us, 30000);
 }
 
 TEST(ImpairingRelayTest, ALinkThatLosesEverythingCarriesNothing) {

@@ -7,6 +7,7 @@
 
 #include "platform/config/base_cfg.h"
 #include "platform/net/host_resolver.h"
+#include "testing/addresses.h"
 #include "testing/attempt_runner.h"
 #include "testing/config_scope.h"
 #include "testing/loopback_ntp_server.h"
@@ -84,21 +85,21 @@ TEST_F(KissCodeTest, TheOtherAddressOfTheDomainKeepsBeingAsked) {
   ASSERT_GE(addresses.size(), 2u);
   const auto on_port = [&](size_t i, uint16_t port) {
     const bool is_v6 = addresses[i].family() == net::IPEndPoint::Family::kIPv6;
-    return *net::IPEndPoint::FromLiteral(is_v6 ? "::1" : "127.0.0.1", port);
+    return Address(is_v6 ? "::1" : "127.0.0.1", port);
   };
   // Both on one port, which must be free in both families.
   std::unique_ptr<LoopbackNtpServer> refusing;
-  std::unique_ptr<LoopbackNtpServer> willing;
-  for (int tries = 0; tries < 20 && (willing == nullptr || !willing->is_open()); ++tries) {
+  std::unique_ptr<LoopbackNtpServer> answering;
+  for (int tries = 0; tries < 20 && (answering == nullptr || !answering->is_open()); ++tries) {
     refusing =
         std::make_unique<LoopbackNtpServer>(netmodel::ServerOptions{.kiss_code = "RATE"}, on_port(0, 0));
     if (!refusing->is_open()) {
       GTEST_SKIP() << "this machine has only one of the two loopback addresses";
     }
-    willing = std::make_unique<LoopbackNtpServer>(netmodel::ServerOptions{},
-                                                  on_port(1, refusing->endpoint().port()));
+    answering = std::make_unique<LoopbackNtpServer>(netmodel::ServerOptions{},
+                                                    on_port(1, refusing->endpoint().port()));
   }
-  if (!willing->is_open()) {
+  if (!answering->is_open()) {
     GTEST_SKIP() << "this machine has only one of the two loopback addresses";
   }
 
@@ -110,8 +111,8 @@ TEST_F(KissCodeTest, TheOtherAddressOfTheDomainKeepsBeingAsked) {
   for (int i = 1; i <= 3; ++i) {
     const auto attempt = runner.Run();
     EXPECT_EQ(attempt.result, NtpResult::kSuccess);
-    EXPECT_EQ(attempt.server, willing->endpoint());
-    EXPECT_EQ(willing->requests(), kBurst * static_cast<uint64_t>(i));
+    EXPECT_EQ(attempt.server, answering->endpoint());
+    EXPECT_EQ(answering->requests(), kBurst * static_cast<uint64_t>(i));
   }
   EXPECT_EQ(refusing->requests(), 1u);
   EXPECT_EQ(counts["ntp.kiss.rate"], 1u);
@@ -127,7 +128,7 @@ void PrintTo(const Refusal& row, std::ostream* out) { *out << row.kiss_code; }
 
 class RefusalTest : public KissCodeTest, public testing::WithParamInterface<Refusal> {};
 
-TEST_P(RefusalTest, IsHeardOnceAndObeyed) {
+TEST_P(RefusalTest, ARefusalIsHeardOnceAndObeyed) {
   const LoopbackNtpServer server({.kiss_code = GetParam().kiss_code});
   SetRequestsPerBurst(1);
   const CountsSince counts;

@@ -16,9 +16,11 @@
 
 #include "apps/skorra-ntp/demo_server.h"
 #include "platform/net/ip_endpoint.h"
+#include "testing/addresses.h"
 #include "testing/attempt_runner.h"
 #include "testing/child_process.h"
 #include "testing/forked_child.h"
+#include "testing/namespaces.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -50,22 +52,6 @@ std::string Ip(const std::vector<std::string>& commands) {
   return "";
 }
 
-// Moves this process, which has one thread, into a network namespace of its own.
-std::string EnterNamespace() {
-  const uid_t uid = getuid();
-  const gid_t gid = getgid();
-  if (unshare(CLONE_NEWNET) == 0) {
-    return "";
-  }
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-    return "no network namespace can be made here";
-  }
-  std::ofstream("/proc/self/setgroups") << "deny";
-  std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-  std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
-  return "";
-}
-
 // A process with a server at the other end of the cable, which it waits for.
 class OtherEnd {
  public:
@@ -90,7 +76,7 @@ class OtherEnd {
 
  private:
   std::string Serve() {
-    Write(from_[1], EnterNamespace() + '\n');
+    Write(from_[1], EnterNamespaces(CLONE_NEWNET) + '\n');
     char ready = 0;
     if (read(to_[0], &ready, 1) != 1) {
       return "the cable never came";
@@ -99,10 +85,9 @@ class OtherEnd {
         Ip({std::string("address add ") + kServerAddress + "/24 dev skorra1", "link set skorra1 up"});
     std::unique_ptr<DemoServer> server;
     if (line.empty()) {
-      server = DemoServer::Open({.listen = *net::IPEndPoint::FromLiteral(kServerAddress, 0),
-                                 .clock_error_us = kClockErrorUs,
-                                 .delay_us = kDelayUs},
-                                &line);
+      server = DemoServer::Open(
+          {.listen = Address(kServerAddress, 0), .clock_error_us = kClockErrorUs, .delay_us = kDelayUs},
+          &line);
     }
     Write(from_[1], (server == nullptr ? line : server->local().ToString()) + '\n');
     // Until the end of the other side, which holds the pipe's other end.
@@ -189,7 +174,7 @@ bool HasUdpSocketAt(const std::string& address) {
 }
 
 std::string PlayOutage() {
-  if (std::string error = EnterNamespace(); !error.empty()) {
+  if (std::string error = EnterNamespaces(CLONE_NEWNET); !error.empty()) {
     return kSkip + error;
   }
   if (std::string error = Ip("link add skorra0 type veth peer name skorra1"); !error.empty()) {

@@ -84,7 +84,7 @@ void PrintTo(const FirstAttempt& row, std::ostream* out) { *out << row.name; }
 
 class FirstAttemptTest : public RateLimitedChronyTest, public testing::WithParamInterface<FirstAttempt> {};
 
-TEST_P(FirstAttemptTest, Succeeds) {
+TEST_P(FirstAttemptTest, TheFirstAttemptSucceeds) {
   const FirstAttempt& row = GetParam();
   const Chronyd server(Chronyd::Family::kIPv4, {row.limit});
   ASSERT_TRUE(server.IsUp());
@@ -141,13 +141,13 @@ void RunTenAttempts(uint64_t requests_per_burst, const std::function<Figures(int
 
 class TenAttemptsTest : public RateLimitedChronyTest, public testing::WithParamInterface<uint64_t> {};
 
-TEST_P(TenAttemptsTest, ByOneProcessAfterAnother) {
+TEST_P(TenAttemptsTest, TenProcessesInARowGetWhatTheLimitAllows) {
   const Chronyd server(Chronyd::Family::kIPv4, {kDefaultLimit});
   ASSERT_TRUE(server.IsUp());
   RunTenAttempts(GetParam(), [&](int limit_ms) { return RunOnce(server, GetParam(), limit_ms); });
 }
 
-TEST_P(TenAttemptsTest, InOneProcess) {
+TEST_P(TenAttemptsTest, OneProcessGetsWhatTheLimitAllowsInTenAttempts) {
   const Chronyd server(Chronyd::Family::kIPv4, {kDefaultLimit});
   ASSERT_TRUE(server.IsUp());
   ConfigScope config;

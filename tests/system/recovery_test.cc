@@ -1,4 +1,4 @@
-// Whatever the system refuses is counted under its name and is over as soon as the system is willing again.
+// A failure of the system is counted under its name, and the next attempt after it succeeds.
 //
 // A failed attempt takes 6 s of real time, and each failure needs a process of its own.
 #include <errno.h>
@@ -9,18 +9,17 @@
 #include <unistd.h>
 
 #include <array>
-#include <future>
 #include <memory>
 #include <string>
 #include <utility>
 
-#include "apps/skorra-ntp/demo_server.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/clock.h"
-#include "platform/core/thread_manager.h"
 #include "testing/attempt_runner.h"
 #include "testing/forked_child.h"
+#include "testing/loopback_demo_server.h"
 #include "testing/loopback_udp.h"
+#include "testing/ntp_queue.h"
 #include "testing/refuse_system_call.h"
 #include "testing/wait_until.h"
 #include "transport/ntp_address_ledger.h"
@@ -39,24 +38,6 @@ constexpr std::array kSendingCalls = {
     SYS_send,
 #endif
 };
-
-std::unique_ptr<DemoServer> OpenServer(
-    const net::IPEndPoint& listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0)) {
-  std::string error;
-  return DemoServer::Open({.listen = listen}, &error);
-}
-
-// Runs `function` as a task of the manager's queue and waits for its end.
-template <class Function>
-void RunAsTask(Function function) {
-  std::promise<void> done;
-  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})
-      ->PostTask(base::Location::CreateFromHere("tests/recovery_test", __LINE__), base::BindOnce([&] {
-                   function();
-                   done.set_value();
-                 }));
-  done.get_future().wait();
-}
 
 // An attempt that fails because each of its sends does, and is counted under this name. What was different.
 std::string ExpectFailure(AttemptRunner& runner, const std::string& name) {
@@ -99,14 +80,14 @@ const char* WhyDescriptorsAreNeeded() {
 #endif
 }
 
-TEST(RecoveryTest, ExhaustedDescriptors) {
+TEST(RecoveryTest, AnAttemptSucceedsOnceThereAreDescriptorsAgain) {
   if (WhyDescriptorsAreNeeded() != nullptr) {
     GTEST_SKIP() << WhyDescriptorsAreNeeded();
   }
   EXPECT_EQ(RunInChild([]() -> std::string {
-              const auto server = OpenServer();
+              const auto server = OpenDemoServer();
               AttemptRunner runner({server->local().ToString()});
-              RunAsTask([] {});
+              DrainNtpQueue();
               rlimit limit{};
               getrlimit(RLIMIT_NOFILE, &limit);
               const rlim_t usual = std::exchange(limit.rlim_cur, static_cast<rlim_t>(NextDescriptor()));
@@ -124,15 +105,15 @@ TEST(RecoveryTest, ExhaustedDescriptors) {
             "");
 }
 
-// The queue itself cannot be had at first. Nobody asks for it again: a start says that one is running
-// already.
-TEST(RecoveryTest, DescriptorsExhaustedFromTheStart) {
+// Here the queue itself cannot start. No call starts it later: a second Start says that an attempt is
+// running.
+TEST(RecoveryTest, AProcessThatStartsWithoutDescriptorsSyncsOnceThereAreSome) {
   if (WhyDescriptorsAreNeeded() != nullptr) {
     GTEST_SKIP() << WhyDescriptorsAreNeeded();
   }
   EXPECT_EQ(
       RunInChild([]() -> std::string {
-        const auto server = OpenServer();
+        const auto server = OpenDemoServer();
         rlimit limit{};
         getrlimit(RLIMIT_NOFILE, &limit);
         const rlim_t usual = std::exchange(limit.rlim_cur, static_cast<rlim_t>(NextDescriptor()));
@@ -152,13 +133,13 @@ TEST(RecoveryTest, DescriptorsExhaustedFromTheStart) {
 // The system calls that send fail on one descriptor, the one that the first attempt's sockets get. A lower
 // one is free when the second attempt opens its own.
 std::string FailOnOneDescriptor(int error, const std::string& name) {
-  const auto server = OpenServer();
+  const auto server = OpenDemoServer();
   AttemptRunner runner({server->local().ToString()});
-  RunAsTask([] {});
+  DrainNtpQueue();
   const int reserved = open("/dev/null", O_RDONLY | O_CLOEXEC);
   const int fd = NextDescriptor();
   bool is_refused = true;
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     for (const int number : kSendingCalls) {
       is_refused = is_refused && RefuseSystemCallOnThisThread(number, error, fd);
     }
@@ -197,7 +178,7 @@ TEST(RecoveryTest, EveryErrorOfASendIsCountedAndOver) {
 }
 
 // Anybody can send an ICMP error: it never keeps the manager from asking the address again.
-TEST(RecoveryTest, AServerThatComesBackToItsPort) {
+TEST(RecoveryTest, AServerThatComesBackToItsPortIsAskedAgain) {
   const net::IPEndPoint server = UnusedEndPoint();
   AttemptRunner runner({server.ToString()});
   const CountsSince counts;
@@ -209,7 +190,7 @@ TEST(RecoveryTest, AServerThatComesBackToItsPort) {
   EXPECT_EQ(counts.SumOf("ntp.send_refused."), 0u);
   EXPECT_EQ(NtpAddressLedger::GetInstance()->Check(server, base::GetSteadyTimeTicks()), SendRefusal::kNone);
 
-  const auto opened = OpenServer(server);
+  const auto opened = OpenDemoServer({.listen = server});
   ASSERT_NE(opened, nullptr) << "somebody else took the port";
   EXPECT_EQ(ExpectSuccess(runner, server), "");
 }

@@ -9,41 +9,25 @@
 #include <mutex>
 #include <thread>
 
-#include "apps/skorra-ntp/demo_server.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/random.h"
-#include "platform/base/time.h"
 #include "platform/config/base_cfg.h"
-#include "platform/core/thread_manager.h"
+#include "testing/clock_reading.h"
 #include "testing/config_scope.h"
-#include "testing/wait_until.h"
+#include "testing/counting_observer.h"
+#include "testing/loopback_demo_server.h"
+#include "testing/ntp_queue.h"
 
 namespace skorra {
 namespace {
 
 constexpr int64_t kClockErrorUs = 7000000;
-// Offsets measured on a busy loopback differ by less than the evaluation's own limit on their spread.
-constexpr int64_t kToleranceUs = 30000;
 constexpr int kWholeAttempt = 2;
 
 int StressSeconds() {
   const char* const text = std::getenv("SKORRA_STRESS_SECONDS");
   return text == nullptr ? 3 : std::atoi(text);
 }
-
-int64_t SystemNowUs() { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); }
-
-// Counts the outcomes of attempts. A kept result that is announced again is a success without a server.
-class Counter : public NtpTimeManager::Observer {
- public:
-  void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
-    const bool is_repeated = result == NtpResult::kSuccess && server.address_empty();
-    (is_repeated ? repeated : finished).fetch_add(1);
-  }
-
-  std::atomic<uint32_t> finished{0};
-  std::atomic<uint32_t> repeated{0};
-};
 
 // Leaves and joins the list from inside its callback.
 class Rejoiner : public NtpTimeManager::Observer, public std::enable_shared_from_this<Rejoiner> {
@@ -132,19 +116,14 @@ struct Totals {
 };
 
 TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
-  std::string error;
-  const auto first = DemoServer::Open(
-      {.listen = *net::IPEndPoint::FromLiteral("127.0.0.1", 0), .clock_error_us = kClockErrorUs}, &error);
-  ASSERT_NE(first, nullptr) << error;
-  const auto second = DemoServer::Open(
-      {.listen = *net::IPEndPoint::FromLiteral("127.0.0.1", 0), .clock_error_us = kClockErrorUs}, &error);
-  ASSERT_NE(second, nullptr) << error;
+  const auto first = OpenDemoServer({.clock_error_us = kClockErrorUs});
+  const auto second = OpenDemoServer({.clock_error_us = kClockErrorUs});
   // A result is old after more than a second, so that attempts follow each other.
   ConfigScope config;
   config.Set(config::BaseCfg().ntp_sync_interval, 1);
 
   NtpTimeManager* const manager = NtpTimeManager::GetInstance();
-  const auto counter = std::make_shared<Counter>();
+  const auto counter = std::make_shared<CountingObserver>();
   manager->AddObserver(counter);
   std::vector<std::shared_ptr<Rejoiner>> rejoiners{std::make_shared<Rejoiner>(),
                                                    std::make_shared<Rejoiner>()};
@@ -161,15 +140,10 @@ TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
   manager->Start();
 
   Run(8, 0, [&] {
-    const int64_t before_us = SystemNowUs();
-    const int64_t ntp_us = manager->GetNtpTimestampFrom1970();
-    const int64_t after_us = SystemNowUs();
-    if (ntp_us == 0) {
-      return;
+    const ClockReading reading;
+    if (reading.has_result()) {
+      (reading.Shows(kClockErrorUs) ? good_reads : wrong_reads).fetch_add(1, std::memory_order_relaxed);
     }
-    const bool is_good = ntp_us >= before_us + kClockErrorUs - kToleranceUs &&
-                         ntp_us <= after_us + kClockErrorUs + kToleranceUs;
-    (is_good ? good_reads : wrong_reads).fetch_add(1, std::memory_order_relaxed);
   });
   Run(2, 100, [&] {
     manager->Start();
@@ -185,21 +159,17 @@ TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
 
   // What is still under way comes to its end: an attempt is cut off, an outcome is delivered.
   manager->Stop();
-  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
-  std::atomic<bool> is_drained{false};
-  queue->PostTask(base::Location::CreateFromHere("tests/thread_stress_test", __LINE__),
-                  base::BindOnce([&] { is_drained = true; }));
-  ASSERT_TRUE(WaitUntil([&] { return is_drained.load(); }));
+  ASSERT_TRUE(DrainNtpQueue());
   totals.Add(manager->GetAndResetNtpQualityStats());
 
   EXPECT_EQ(wrong_reads, 0u);
   EXPECT_GT(good_reads, 0u);
   EXPECT_GT(totals.attempts, 0u);
-  EXPECT_EQ(totals.attempts, counter->finished);
+  EXPECT_EQ(totals.attempts, counter->finished());
   EXPECT_EQ(totals.starts + 1, start_calls);  // the first report counts one start fewer
   std::printf("%llu reads, %u starts, %u attempts finished, %u results announced again\n",
-              static_cast<unsigned long long>(good_reads.load()), start_calls.load(),
-              counter->finished.load(), counter->repeated.load());
+              static_cast<unsigned long long>(good_reads.load()), start_calls.load(), counter->finished(),
+              counter->repeats.load());
 }
 
 }  // namespace
