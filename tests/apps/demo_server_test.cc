@@ -32,6 +32,25 @@ Bytes Request(int version = 4, int mode = 3) {
   return request;
 }
 
+// What a request to `server` brings, and the wall clock before and after it. No reply fails the test.
+struct Exchange {
+  int64_t before_us = 0;
+  Bytes reply;
+  int64_t after_us = 0;
+};
+
+Exchange Ask(const DemoServer& server, const Bytes& request = Request()) {
+  const LoopbackUdp client;
+  Exchange exchange;
+  exchange.before_us = SystemTimeFrom1970Us();
+  EXPECT_TRUE(client.SendTo(server.local(), request));
+  const auto reply = client.Receive(kPatienceMs);
+  exchange.after_us = SystemTimeFrom1970Us();
+  EXPECT_TRUE(reply);
+  exchange.reply = reply.value_or(Bytes(kPacketSize));
+  return exchange;
+}
+
 uint32_t ReadUint32(const Bytes& bytes, size_t at) {
   return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 |
          bytes[at + 3];
@@ -45,20 +64,14 @@ int64_t ReadTimeSince1970Us(const Bytes& bytes, size_t at) {
 
 TEST(DemoServerTest, TheReplyIsThatOfAPrimaryServerToThisRequest) {
   const auto server = OpenDemoServer({.clock_error_us = 2'345'678});
-  const LoopbackUdp client;
-  const int64_t before_us = SystemTimeFrom1970Us();
-  ASSERT_TRUE(client.SendTo(server->local(), Request()));
-  const auto reply = client.Receive(kPatienceMs);
-  const int64_t after_us = SystemTimeFrom1970Us();
-
-  ASSERT_TRUE(reply);
-  ASSERT_EQ(reply->size(), kPacketSize);
-  const Bytes head(reply->begin(), reply->begin() + 16);
+  const auto [before_us, reply, after_us] = Ask(*server);
+  ASSERT_EQ(reply.size(), kPacketSize);
+  const Bytes head(reply.begin(), reply.begin() + 16);
   EXPECT_EQ(head, (Bytes{0x24, 1, 6, 0xec, 0, 0, 0, 0x10, 0, 0, 0, 0x20, 'L', 'O', 'C', 'L'}));
-  EXPECT_EQ(Bytes(reply->begin() + 24, reply->begin() + 32), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-  const int64_t reference_us = ReadTimeSince1970Us(*reply, 16);
-  const int64_t receive_us = ReadTimeSince1970Us(*reply, 32);
-  const int64_t transmit_us = ReadTimeSince1970Us(*reply, 40);
+  EXPECT_EQ(Bytes(reply.begin() + 24, reply.begin() + 32), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+  const int64_t reference_us = ReadTimeSince1970Us(reply, 16);
+  const int64_t receive_us = ReadTimeSince1970Us(reply, 32);
+  const int64_t transmit_us = ReadTimeSince1970Us(reply, 40);
   EXPECT_LT(reference_us, receive_us);
   // One microsecond for the rounding of the fraction.
   EXPECT_GE(receive_us, before_us + 2'345'678 - 1);
@@ -68,11 +81,8 @@ TEST(DemoServerTest, TheReplyIsThatOfAPrimaryServerToThisRequest) {
 
 TEST(DemoServerTest, ANegativeErrorPutsTheClockBehind) {
   const auto server = OpenDemoServer({.clock_error_us = -3'600'500'000});
-  const LoopbackUdp client;
-  ASSERT_TRUE(client.SendTo(server->local(), Request()));
-  const auto reply = client.Receive(kPatienceMs);
-  ASSERT_TRUE(reply);
-  const int64_t behind_us = SystemTimeFrom1970Us() - ReadTimeSince1970Us(*reply, 40);
+  const Bytes reply = Ask(*server).reply;
+  const int64_t behind_us = SystemTimeFrom1970Us() - ReadTimeSince1970Us(reply, 40);
   EXPECT_GE(behind_us, 3'600'500'000);
   EXPECT_LE(behind_us, 3'600'500'000 + int64_t{kPatienceMs} * 1000);
 }
@@ -117,13 +127,10 @@ TEST(DemoServerTest, ADatagramThatIsNoRequestGetsNoAnswer) {
 
 TEST(DemoServerTest, ALongerRequestGetsTheHeaderOnly) {
   const auto server = OpenDemoServer({});
-  const LoopbackUdp client;
   Bytes request = Request();
   request.resize(68);
-  ASSERT_TRUE(client.SendTo(server->local(), request));
-  const auto reply = client.Receive(kPatienceMs);
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->size(), kPacketSize);
+  const Bytes reply = Ask(*server, request).reply;
+  EXPECT_EQ(reply.size(), kPacketSize);
 }
 
 TEST(DemoServerTest, AServerThatLosesEverythingAnswersNothing) {
@@ -160,14 +167,9 @@ TEST(DemoServerTest, ASeedLosesTheSameRequestsAgain) {
 TEST(DemoServerTest, HalfOfTheDelayPassesInEachDirection) {
   constexpr int64_t kDelayUs = 40'000;
   const auto server = OpenDemoServer({.delay_us = kDelayUs});
-  const LoopbackUdp client;
-  const int64_t before_us = SystemTimeFrom1970Us();
-  ASSERT_TRUE(client.SendTo(server->local(), Request()));
-  const auto reply = client.Receive(kPatienceMs);
-  const int64_t after_us = SystemTimeFrom1970Us();
-  ASSERT_TRUE(reply);
-  EXPECT_GE(ReadTimeSince1970Us(*reply, 32) - before_us, kDelayUs / 2 - 1);
-  EXPECT_GE(after_us - ReadTimeSince1970Us(*reply, 40), kDelayUs / 2 - 1);
+  const auto [before_us, reply, after_us] = Ask(*server);
+  EXPECT_GE(ReadTimeSince1970Us(reply, 32) - before_us, kDelayUs / 2 - 1);
+  EXPECT_GE(after_us - ReadTimeSince1970Us(reply, 40), kDelayUs / 2 - 1);
 }
 
 TEST(DemoServerTest, JitterMakesRoundTripsDiffer) {

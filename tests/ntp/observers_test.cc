@@ -1,4 +1,6 @@
 // The observer list, its scan, and the delivery of outcomes.
+#include <array>
+
 #include "testing/manager_fixture.h"
 
 namespace skorra {
@@ -15,6 +17,14 @@ class ObserversTest : public ManagerTest {
     for (const ObserverPtr& entry : list) {
       manager().AddObserver(entry);
     }
+  }
+
+  // Registers four, the first of which is gone by then.
+  std::array<ObserverPtr, 4> RegisterFourWhoseFirstExpires() {
+    std::array<ObserverPtr, 4> list{Make(), Make(), Make(), Make()};
+    Register({list.begin(), list.end()});
+    list[0].reset();
+    return list;
   }
 
   // The registered observers in order; expired entries show as null.
@@ -59,23 +69,13 @@ TEST_F(ObserversTest, AddingTheEntryRightBehindAnExpiredOneListsItTwice) {
 }
 
 TEST_F(ObserversTest, AddingTheSecondEntryBehindAnExpiredOneListsItTwice) {
-  ObserverPtr w = Make();
-  const ObserverPtr x = Make();
-  const ObserverPtr y = Make();
-  const ObserverPtr z = Make();
-  Register({w, x, y, z});
-  w.reset();
+  const auto [w, x, y, z] = RegisterFourWhoseFirstExpires();
   manager().AddObserver(y);
   EXPECT_EQ(Listed(), (List{x.get(), y.get(), z.get(), y.get()}));
 }
 
 TEST_F(ObserversTest, AddingTheThirdEntryBehindAnExpiredOneFindsIt) {
-  ObserverPtr w = Make();
-  const ObserverPtr x = Make();
-  const ObserverPtr y = Make();
-  const ObserverPtr z = Make();
-  Register({w, x, y, z});
-  w.reset();
+  const auto [w, x, y, z] = RegisterFourWhoseFirstExpires();
   manager().AddObserver(z);
   EXPECT_EQ(Listed(), (List{x.get(), y.get(), z.get()}));
 }
