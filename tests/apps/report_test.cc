@@ -5,6 +5,7 @@
 
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 namespace skorra {
 namespace {
@@ -141,22 +142,27 @@ TEST(ReportTest, TheTextSaysWhichClockIsAhead) {
   }
 }
 
-TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
-  struct Case {
-    const char* what;
-    SyncReport report;
-    int status;
-    const char* message;
-    const char* advice;
-  };
-  const auto with = [](SyncReport report, auto change) {
-    change(report);
-    return report;
-  };
-  const Case cases[] = {
+// How an attempt may end.
+struct End {
+  const char* what;
+  SyncReport report;
+  int status;
+  const char* message;
+  const char* advice;
+};
+
+// `report` with a change.
+template <class Change>
+SyncReport With(SyncReport report, Change change) {
+  change(report);
+  return report;
+}
+
+std::vector<End> EndsByTheNetwork() {
+  return {
       {"a success", Success(), 0, "success", ""},
       {"an offset from answers that differ",
-       with(Success(),
+       With(Success(),
             [](auto& r) {
               r.result = NtpResult::kMaybeInaccurate;
               r.outcome_text = "the result may be inaccurate";
@@ -165,14 +171,14 @@ TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
       {"a server that keeps silent", NoResult(), 2, "no usable result",
        "No answer came from 192.0.2.1. Check the host, its port (NTP is 123/udp) and the firewalls"},
       {"a port on which nobody listens",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.socket_errors = {{"refused", 19}};
             }),
        2, "no usable result",
        "192.0.2.1 has no NTP server on that port: it is closed. Check the host and the port"},
       {"a server that denies service",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.kiss_codes = {{"deny", 1}};
               r.addresses = {{"192.0.2.1:123", {.requests_sent = 1, .replies = 1, .kiss_codes = 1}}};
@@ -180,44 +186,55 @@ TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
        2, "no usable result",
        "192.0.2.1 does not serve this machine now (kiss codes: deny 1). Wait at least two minutes"},
       {"no route",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.socket_errors = {{"network_unreachable", 20}};
             }),
        2, "no usable result",
        "No request reached 192.0.2.1 (network_unreachable 20). Check this machine's network"},
+  };
+}
+
+std::vector<End> EndsByTheAnswers() {
+  return {
       {"only answers that fail a check",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.rejected = {{"kiss", 20}};
             }),
        2, "no usable result", "no answer was usable (kiss 20). Choose another server"},
-      {"fewer answers than an evaluation needs", with(NoResult(), [](auto& r) { r.samples_received = 2; }), 2,
+      {"fewer answers than an evaluation needs", With(NoResult(), [](auto& r) { r.samples_received = 2; }), 2,
        "no usable result", "Only 2 usable answers came from 192.0.2.1, and 3 are needed"},
-      {"enough answers, but spread over bursts", with(NoResult(), [](auto& r) { r.samples_received = 4; }), 2,
+      {"enough answers, but spread over bursts", With(NoResult(), [](auto& r) { r.samples_received = 4; }), 2,
        "no usable result", "Too few usable answers came in one burst"},
       {"a time limit that passed in silence",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.end = SyncEnd::kTimedOut;
               r.timeout_s = 0.5;
             }),
        2, "no outcome within 0.5 s", "longer than 0.5 s and no answer came. No answer came from 192.0.2.1"},
       {"a time limit that cut a lively exchange off",
-       with(NoResult(),
+       With(NoResult(),
             [](auto& r) {
               r.end = SyncEnd::kTimedOut;
               r.samples_received = 4;
             }),
        2, "no outcome within 15 s", "Allow more with --timeout"},
-      {"names without an address", with(NoResult(), [](auto& r) { r.end = SyncEnd::kNotResolved; }), 2,
+      {"names without an address", With(NoResult(), [](auto& r) { r.end = SyncEnd::kNotResolved; }), 2,
        "no server name could be resolved", "Check the spelling"},
-      {"names that lost their address", with(NoResult(), [](auto& r) { r.end = SyncEnd::kNoServer; }), 2,
+      {"names that lost their address", With(NoResult(), [](auto& r) { r.end = SyncEnd::kNoServer; }), 2,
        "no usable server", "had no address when the attempt began"},
-      {"an attempt that the library closed", with(NoResult(), [](auto& r) { r.end = SyncEnd::kStopped; }), 2,
+      {"an attempt that the library closed", With(NoResult(), [](auto& r) { r.end = SyncEnd::kStopped; }), 2,
        "the attempt was stopped before it had an outcome", "Ask fewer"},
   };
-  for (const Case& c : cases) {
+}
+
+TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
+  std::vector<End> ends = EndsByTheNetwork();
+  const std::vector<End> others = EndsByTheAnswers();
+  ends.insert(ends.end(), others.begin(), others.end());
+  for (const End& c : ends) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(ExitStatus(c.report), c.status);
     EXPECT_EQ(Message(c.report), c.message);

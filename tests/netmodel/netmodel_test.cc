@@ -88,7 +88,7 @@ std::vector<int64_t> ArrivalsOf(Link& link, Random& random, int64_t now_ticks_us
   return times;
 }
 
-TEST(LinkTest, WithoutFaultsTakesItsDelayAndNoRandomNumber) {
+TEST(LinkTest, ALinkWithoutFaultsTakesItsDelayAndNoRandomNumber) {
   Link link({.delay_us = 700}, 0);
   Random random(1);
   LinkFate fate = LinkFate::kLost;
@@ -190,7 +190,7 @@ class ServerTest : public ::testing::Test {
   Random random_{1};
 };
 
-TEST_F(ServerTest, TellsWhatItsOptionsSay) {
+TEST_F(ServerTest, AServerTellsWhatItsOptionsSay) {
   Server server({.clock_error_us = 1500,
                  .stratum = 7,
                  .leap_indicator = 2,
@@ -209,13 +209,13 @@ TEST_F(ServerTest, TellsWhatItsOptionsSay) {
   EXPECT_EQ(NtpTimestampToUs(reply->transmit_timestamp, kNow), kNow + 1540);
 }
 
-TEST_F(ServerTest, DriftsFromTheBeginning) {
+TEST_F(ServerTest, AServerDriftsFromTheBeginning) {
   Server server({.clock_error_us = 10, .drift_ppb = 100000});
   const auto reply = Ask(server, kDay);
   EXPECT_EQ(NtpTimestampToUs(reply->receive_timestamp, kNow), kNow + kDay + 10 + 8640000);
 }
 
-TEST_F(ServerTest, ScattersToEitherSide) {
+TEST_F(ServerTest, AServersTimesScatterToEitherSide) {
   Server server({.noise = Distribution::kConstant, .noise_us = 50});
   std::array<int, 2> sides{};
   for (int i = 0; i < 100; ++i) {
@@ -226,7 +226,7 @@ TEST_F(ServerTest, ScattersToEitherSide) {
   EXPECT_GT(std::min(sides[0], sides[1]), 30);
 }
 
-TEST_F(ServerTest, AnswersOnlyRequests) {
+TEST_F(ServerTest, AServerAnswersOnlyRequests) {
   Server server({});
   NtpPacket other = MakeRequest(1);
   other.mode = kNtpModeServer;

@@ -124,7 +124,7 @@ TEST_F(ConfigFileTest, AnUnknownKeyNamesTheKnownOnes) {
                           HasSubstr("unknown key 'server'")));
 }
 
-TEST_F(ConfigFileTest, WhatIsNoTomlIsReportedWithItsLineAndClearsTheLayer) {
+TEST_F(ConfigFileTest, ATextThatIsNoTomlIsReportedWithItsLineAndClearsTheLayer) {
   const char* const cases[] = {
       "[ntp]\nsync_interval = \n",        "[ntp]\nsync_interval 60\n",
       "[ntp]\ndefault_domain = \"open\n", "[ntp]\nsync_interval = 9223372036854775808\n",

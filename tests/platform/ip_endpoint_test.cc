@@ -58,7 +58,7 @@ TEST(IPEndPointTest, AnInterfaceIsNamedAsTheMachineNamesIt) {
   EXPECT_FALSE(IPEndPoint::FromLiteral("fe80::1%eth0", 123)) << "the interface is gone";
 }
 
-TEST(IPEndPointTest, WhatIsNoLiteralIsNotRead) {
+TEST(IPEndPointTest, ATextThatIsNoLiteralIsNotRead) {
   const skorra::sim::World world;
   using namespace std::string_view_literals;
   const std::string_view cases[] = {"",

@@ -221,7 +221,7 @@ TEST_F(NtpAddressLedgerTest, ABurstWithoutRateBringsTheFirstBackOffBack) {
   EXPECT_EQ(Check(kNow + 3 * kHour + 2 * kMinute), SendRefusal::kNone);
 }
 
-TEST_F(NtpAddressLedgerTest, ABurstWithoutAnyReplyDoesNot) {
+TEST_F(NtpAddressLedgerTest, ABurstWithoutAnyReplyKeepsTheLongBackOff) {
   Burst(kNow);
   Rate(kNow);
   Burst(kNow + kHour);  // nothing comes back

@@ -295,7 +295,7 @@ TEST(NtpPacketTest, OnlyWellFormedExtensionFieldsMayFollowTheHeader) {
       {"A last field that a MAC could be mistaken for.", {24}, 24, false},
       {"Not even a field's own header.", {}, 3, false},
       {"Less than the shortest field.", {12}, 12, false},
-      {"A field that says 0 would be walked for ever.", {0}, 28, false},
+      {"A field that says 0 would be walked forever.", {0}, 28, false},
       {"A length that is no multiple of four.", {30}, 30, false},
       {"A field longer than the datagram.", {32}, 28, false},
       {"A field of the smallest length before the last one.", {16, 28}, 44, true},
@@ -415,7 +415,7 @@ struct Conversion {
 
 const Conversion kConversions[] = {
     {"A time stamp of the pivot's own instant.", 0xed00378000000000, kStartOf2026, kStartOf2026},
-    {"Zero is the start of era 1 for whoever lives nearer to 2036 than to 1900.", 0, kStartOf2026, kEra1},
+    {"Zero is the start of era 1 for a pivot nearer to 2036 than to 1900.", 0, kStartOf2026, kEra1},
     {"The last unit of era 0 rounds up to the start of era 1.", ~uint64_t{0}, kStartOf2026, kEra1},
     {"One microsecond before the end of era 0.", 0xffffffffffffef39, kStartOf2026, kEra1 - 1},
     {"One microsecond into era 1, seen from era 0.", 0x00000000000010c7, kEra1 - 1, kEra1 + 1},

@@ -468,7 +468,7 @@ TEST_F(RefreshTest, CopiesShareALookupAndAdoptItEachInItsOwnReset) {
   EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
 }
 
-TEST_F(RefreshTest, WhatIsNoNameOrHasNoAddressIsNeverLookedUpAgain) {
+TEST_F(RefreshTest, ALiteralOrANameWithoutAddressIsNeverLookedUpAgain) {
   for (const char* const domain : {"192.0.2.1", "[2001:db8::1]:99", "nobody.test", "bad name", ""}) {
     SCOPED_TRACE(domain);
     NtpTimeDomainInfo info(domain);

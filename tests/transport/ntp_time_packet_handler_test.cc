@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <limits>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -470,8 +471,9 @@ TEST_F(WokenIn1970Test, TheMachineIsSetRightInEitherEra) {
 }
 
 struct EraChange {
-  const char* what;
+  const char* name;  // where the change of era falls
   Link link;
+  friend void PrintTo(const EraChange& row, std::ostream* out) { *out << row.name; }
 };
 
 // The request leaves 3 ms before the change of era.
@@ -483,7 +485,6 @@ class EraChangeTest : public NtpTimePacketHandlerTest, public testing::WithParam
 };
 
 TEST_P(EraChangeTest, AnExchangeAcrossTheChangeIsLikeAnyOther) {
-  SCOPED_TRACE(GetParam().what);
   link_ = GetParam().link;
   Prepare();
   Send();
@@ -494,13 +495,13 @@ TEST_P(EraChangeTest, AnExchangeAcrossTheChangeIsLikeAnyOther) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, EraChangeTest,
-                         testing::Values(EraChange{"It falls on the way out.", {5000, 1000, 0, 100}},
-                                         EraChange{"It falls into the server's work.", {1000, 1000, 0, 5000}},
-                                         EraChange{"It falls on the way home.", {1000, 5000, 0, 100}},
-                                         EraChange{"The server is ahead and across it.",
-                                                   {100, 100, 10000000, 10}},
-                                         EraChange{"The local clock is across it before the server.",
-                                                   {5000, 5000, -10000000, 10}}));
+                         testing::Values(EraChange{"OnTheWayOut", {5000, 1000, 0, 100}},
+                                         EraChange{"IntoTheServersWork", {1000, 1000, 0, 5000}},
+                                         EraChange{"OnTheWayHome", {1000, 5000, 0, 100}},
+                                         EraChange{"BetweenAServerAheadOfItAndUs", {100, 100, 10000000, 10}},
+                                         EraChange{"BetweenUsAheadOfItAndTheServer",
+                                                   {5000, 5000, -10000000, 10}}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // Half an era after the first day of 2026, where the time stamps of one reply stand on either side of the
 // farthest point from a clock that is too old.

@@ -91,7 +91,7 @@ TEST_F(PacketHandlerBurstsTest, TheNumberIsThatOfTheAttemptsBeginning) {
 }
 
 // Domains that are added while the first attempt is on its way to the queue begin its bursts before it does.
-TEST_F(PacketHandlerBurstsTest, ABurstThatAnAttemptPreparesForAnewIsStillOneBurst) {
+TEST_F(PacketHandlerBurstsTest, ABurstUnderWayStaysOneBurstWhenTheNextAttemptPrepares) {
   Configure(config::BaseCfg().ntp_requests_per_burst, 8);
   const uint64_t before = RequestsTo(kServer);
   Prepare();

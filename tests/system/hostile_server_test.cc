@@ -175,7 +175,7 @@ class HostileServerTest : public ManagerTest {
 class EveryHostilityTest : public HostileServerTest,
                            public testing::WithParamInterface<std::tuple<Hostility, Moment>> {};
 
-TEST_P(EveryHostilityTest, IsCountedForWhatItIsAndMovesNothing) {
+TEST_P(EveryHostilityTest, AHostileReplyIsCountedForWhatItIsAndMovesNothing) {
   const auto& [hostility, moment] = GetParam();
   AddServer();
   // Replies come 10 ms apart, and 20 ms behind their requests.
@@ -226,8 +226,8 @@ TEST_F(HostileServerTest, TheGenuineReplyDoubledCountsOnce) {
   EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", kRequests}}));
 }
 
-// A refusal that names a request, from whoever reads them: it is obeyed, and what was measured stays as it
-// is.
+// A refusal that names a request, from anybody who reads our requests: it is obeyed, and the samples measured
+// so far stay.
 struct Refusal {
   const char* name;
   const char* code;
@@ -237,7 +237,7 @@ struct Refusal {
 
 class RefusalAmongRepliesTest : public HostileServerTest, public testing::WithParamInterface<Refusal> {};
 
-TEST_P(RefusalAmongRepliesTest, EndsTheBurstAndLeavesTheGenuineRepliesAlone) {
+TEST_P(RefusalAmongRepliesTest, ARefusalEndsTheBurstAndLeavesTheGenuineRepliesAlone) {
   AddServer();
   uint64_t request = 0;
   network.AddListener([&](const sim::SentDatagram& sent) {
@@ -257,7 +257,7 @@ TEST_P(RefusalAmongRepliesTest, EndsTheBurstAndLeavesTheGenuineRepliesAlone) {
   EXPECT_EQ(Counted("send_withheld."), (std::map<std::string, uint64_t>{{GetParam().withheld, 8}}));
 }
 
-TEST_P(RefusalAmongRepliesTest, BehindTheGenuineReplyIsADuplicate) {
+TEST_P(RefusalAmongRepliesTest, ARefusalAfterTheGenuineReplyIsADuplicate) {
   AddServer();
   network.AddListener([&](const sim::SentDatagram& sent) {
     NtpPacket kiss = LyingReply(world, sent);
@@ -287,7 +287,7 @@ struct Late {
 
 class LateReplyTest : public HostileServerTest, public testing::WithParamInterface<Late> {};
 
-TEST_P(LateReplyTest, IsCountedForWhatItIsAndMovesNothing) {
+TEST_P(LateReplyTest, ALateReplyIsCountedForWhatItIsAndMovesNothing) {
   const Late& late = GetParam();
   AddServer([](netmodel::Exchange& exchange) { exchange.is_answered = exchange.index % 2 == 0; });
   uint64_t request = 0;
