@@ -12,8 +12,8 @@ static_assert(sizeof(time_t) == 8, "build with _TIME_BITS=64: a 32-bit time_t en
 namespace {
 
 // clock_gettime cannot fail with a clock that the kernel knows, and all kernels since 2.6.39 know both.
-// This is most of what a read of the network clock does beside the system's own work: the epoch is added to
-// the seconds, which are ready before the division is, and a 32-bit unsigned division is the shortest.
+// Most of the cost of reading the network clock is here. Add the epoch to the seconds so that it overlaps the
+// division; 32-bit unsigned division is the fastest.
 int64_t ReadMicroseconds(clockid_t clock, int64_t epoch_us) {
   timespec now;
   clock_gettime(clock, &now);
@@ -28,18 +28,18 @@ Time Time::Now() { return Time(ReadMicroseconds(CLOCK_REALTIME, kWindowsToUnixEp
 int64_t GetSteadyTimeTicks() { return ReadMicroseconds(CLOCK_BOOTTIME, 0); }
 
 int64_t GetSystemTimeOffsetFromSteady() {
-  // Each wall reading is bracketed by two steady ones; whatever delays the thread in between widens the
-  // bracket, so the tightest of a few is the best.
+  // Two steady readings bracket each wall reading. A delay of the thread widens the bracket, so the tightest
+  // of a few is the best.
   constexpr int kTries = 4;
   int64_t tightest_us = std::numeric_limits<int64_t>::max();
   int64_t offset_us = 0;
   for (int i = 0; i < kTries; ++i) {
-    const int64_t before_us = GetSteadyTimeTicks();
+    const int64_t before_ticks_us = GetSteadyTimeTicks();
     const int64_t wall_us = ReadMicroseconds(CLOCK_REALTIME, kWindowsToUnixEpochUs);
-    const int64_t bracket_us = GetSteadyTimeTicks() - before_us;
+    const int64_t bracket_us = GetSteadyTimeTicks() - before_ticks_us;
     if (bracket_us < tightest_us) {
       tightest_us = bracket_us;
-      offset_us = wall_us - (before_us + bracket_us / 2);
+      offset_us = wall_us - (before_ticks_us + bracket_us / 2);
     }
   }
   return offset_us;

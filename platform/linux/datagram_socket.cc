@@ -26,13 +26,14 @@ inline namespace skorra_ntp {
 
 namespace {
 
-// After this many datagrams in a row the queue's tasks get their turn.
+// After this many datagrams in a row, the queue's tasks run first.
 constexpr int kMaxDatagramsPerWakeUp = 64;
-// A read that fails this often in a row fails for good, and the socket would keep the queue busy with it.
+// After this many consecutive failed reads, stop until the next send: a permanent error would keep the loop
+// spinning.
 constexpr int kMaxFailedReads = 16;
-// So often a send is tried again after a signal.
+// How often to retry a send interrupted by a signal.
 constexpr int kMaxSignalsPerSend = 8;
-// Sends that wait for their time stamps, of which some never come. More than an attempt has.
+// The most sends that wait for their time stamps, of which some never come; more than an attempt makes.
 constexpr size_t kMaxUnstampedSends = 64;
 
 SocketError ErrorFromErrno(int error) {
@@ -111,27 +112,27 @@ IPEndPoint FromSockaddr(const sockaddr_storage& storage) {
 
 }  // namespace
 
-// Shared with the event loop's handlers, of which one may still be on its way when the socket is destroyed.
+// Shared with the event loop's handlers: one may still be pending when the socket is destroyed.
 struct DatagramSocket::Impl {
   struct State : std::enable_shared_from_this<State> {
     State(asio::io_context& loop, Callbacks functions)
         : context(loop), descriptor(loop), callbacks(std::move(functions)) {}
 
-    // An error number, or 0.
+    // Returns an error number, or 0.
     int Open(const IPEndPoint& remote);
     void WaitForDatagrams();
     void ReadDatagrams();
-    // Delivers the send stamps that are there, then one datagram or error; false when nothing is left.
+    // Delivers all send stamps, then one datagram or error. Returns false when nothing is left.
     bool ReadOne();
-    // Delivers what was read; `error` is an error number when nothing was.
+    // Delivers the datagram that was read, or `error` unless it is 0.
     void Deliver(int error, std::span<const uint8_t> bytes, const sockaddr_storage& source, msghdr& message,
-                 int64_t read_us);
-    // Takes the stamps from the error queue. An error number; 0 when there may be more.
+                 int64_t read_ticks_us);
+    // Takes the stamps from the error queue. Returns an error number, or 0 when there may be more.
     int TakeSendStamps(std::vector<internal::SendStamp>* stamps);
     void ReportSent(const internal::SendStamp& stamp);
     void ReportError(SocketError error);
     void ReportErrorLater(SocketError error);
-    // Sends, again after a signal. An error number, or 0.
+    // Sends, and again after a signal. Returns an error number, or 0.
     int TrySend(std::span<const uint8_t> bytes);
 
     asio::io_context& context;
@@ -142,14 +143,14 @@ struct DatagramSocket::Impl {
     int failed_reads = 0;               // in a row
     bool has_given_up_reading = false;  // until the next send
     uint32_t next_send_id = 0;
-    // The kernel's numbers of the datagrams are our own. A send that fails may use up a number or not; from
-    // then on no send is stamped, rather than stamped with the time of another.
+    // While true, the kernel numbers the datagrams as we do. A failed send may use up a number or not: after
+    // one, no send is stamped, rather than stamped with the time of another.
     bool has_send_numbers = false;
-    std::map<uint32_t, int64_t> unstamped_sends;  // when each was about to be sent, steady ticks
-    // In a child of the process that opened it the socket is the parent's: nothing is sent or read there, and
-    // the event loop is not told of its end.
+    std::map<uint32_t, int64_t> unstamped_send_ticks_us;  // by number; read immediately before each send
+    // In a forked child the socket remains its parent's: the child sends and reads nothing through it, and
+    // closes it without telling the event loop.
     const uint32_t fork_count = core::internal::ForkCount();
-    std::shared_ptr<State> itself;  // set to keep it for ever
+    std::shared_ptr<State> itself;  // set to keep it forever
   };
 
   std::shared_ptr<State> state;
@@ -167,7 +168,7 @@ int DatagramSocket::Impl::State::Open(const IPEndPoint& remote) {
     close(fd);
     return error.value();
   }
-  // From here on the descriptor closes it. Without the kernel's time stamps our own must do.
+  // The descriptor owns the socket now. Where the kernel gives no time stamps, we use our own.
   internal::RequestReceiveStamps(fd);
   has_send_numbers = callbacks.on_sent && internal::RequestSendStamps(fd);
   sockaddr_storage address;
@@ -176,7 +177,7 @@ int DatagramSocket::Impl::State::Open(const IPEndPoint& remote) {
 }
 
 void DatagramSocket::Impl::State::WaitForDatagrams() {
-  // This also ends when there is something in the error queue.
+  // A message in the error queue ends this wait, too.
   descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                         [self = shared_from_this()](const std::error_code& error) {
                           if (self->is_closed) {
@@ -186,7 +187,7 @@ void DatagramSocket::Impl::State::WaitForDatagrams() {
                             self->ReadDatagrams();
                             return;
                           }
-                          // The loop does not watch the socket. Nobody but the next send would notice.
+                          // Waiting failed; the next send starts it again.
                           self->has_given_up_reading = true;
                           self->ReportError(SocketError::kOther);
                         });
@@ -219,25 +220,25 @@ bool DatagramSocket::Impl::State::ReadOne() {
   message.msg_controllen = control.size();
   const ssize_t size = recvmsg(descriptor.native_handle(), &message, 0);
   const int error = size < 0 ? errno : 0;
-  const int64_t read_us = base::GetSteadyTimeTicks();
+  const int64_t read_ticks_us = base::GetSteadyTimeTicks();
 
-  // After the datagram: the stamp of a request is there when its answer is.
+  // Read after the datagram: the stamp of a request is there when its reply is.
   std::vector<internal::SendStamp> send_stamps;
   const int stamps_error = TakeSendStamps(&send_stamps);
-  stamp_clock.Look(internal::ReadClocks());
+  stamp_clock.Observe(internal::ReadClocks());
   for (const internal::SendStamp& stamp : send_stamps) {
     ReportSent(stamp);
   }
   if (error != EAGAIN) {
     Deliver(error, std::span(buffer).first(static_cast<size_t>(std::max<ssize_t>(size, 0))), source, message,
-            read_us);
+            read_ticks_us);
   }
   if (stamps_error != 0 && stamps_error != EAGAIN) {
     ReportError(ErrorFromErrno(stamps_error));
   }
   const bool is_empty = error == EAGAIN && stamps_error == EAGAIN;
   if (is_empty) {
-    stamp_clock.ForgetSettings();
+    stamp_clock.OnQueueDrained();
   }
   failed_reads = error == 0 || is_empty || !send_stamps.empty() ? 0 : failed_reads + 1;
   return !is_empty;
@@ -260,24 +261,25 @@ int DatagramSocket::Impl::State::TakeSendStamps(std::vector<internal::SendStamp>
 }
 
 void DatagramSocket::Impl::State::ReportSent(const internal::SendStamp& stamp) {
-  const auto send = unstamped_sends.find(stamp.number);
-  if (send == unstamped_sends.end()) {
+  const auto send = unstamped_send_ticks_us.find(stamp.number);
+  if (send == unstamped_send_ticks_us.end()) {
     return;
   }
   const std::optional<int64_t> send_ticks_us = stamp_clock.ToSteady(stamp.wall_us, send->second);
-  unstamped_sends.erase(send);
+  unstamped_send_ticks_us.erase(send);
   if (send_ticks_us) {
     core::internal::RunHandler([&] { callbacks.on_sent(stamp.number, *send_ticks_us); });
   }
 }
 
 void DatagramSocket::Impl::State::Deliver(int error, std::span<const uint8_t> bytes,
-                                          const sockaddr_storage& source, msghdr& message, int64_t read_us) {
+                                          const sockaddr_storage& source, msghdr& message,
+                                          int64_t read_ticks_us) {
   if (error != 0) {
     ReportError(ErrorFromErrno(error));
     return;
   }
-  const internal::Arrival arrival = stamp_clock.ToArrival(internal::ReceiveStamp(message), read_us);
+  const internal::Arrival arrival = stamp_clock.ToArrival(internal::ReceiveStamp(message), read_ticks_us);
   const ReceivedDatagram datagram{.bytes = bytes,
                                   .source = FromSockaddr(source),
                                   .receive_ticks_us = arrival.ticks_us,
@@ -304,12 +306,12 @@ void DatagramSocket::Impl::State::ReportErrorLater(SocketError error) {
 
 int DatagramSocket::Impl::State::TrySend(std::span<const uint8_t> bytes) {
   for (int signals = 0;; ++signals) {
-    const int64_t before_us = base::GetSteadyTimeTicks();
+    const int64_t before_ticks_us = base::GetSteadyTimeTicks();
     if (send(descriptor.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) {
       if (has_send_numbers) {
-        unstamped_sends.emplace(next_send_id, before_us);
-        if (unstamped_sends.size() > kMaxUnstampedSends) {
-          unstamped_sends.erase(unstamped_sends.begin());
+        unstamped_send_ticks_us.emplace(next_send_id, before_ticks_us);
+        if (unstamped_send_ticks_us.size() > kMaxUnstampedSends) {
+          unstamped_send_ticks_us.erase(unstamped_send_ticks_us.begin());
         }
       }
       return 0;
@@ -345,13 +347,13 @@ DatagramSocket::DatagramSocket(std::unique_ptr<Impl> impl) : impl_(std::move(imp
 DatagramSocket::~DatagramSocket() {
   Impl::State& state = *impl_->state;
   state.is_closed = true;
-  // The loop forgets it here and not by its closing: a child that was forked meanwhile keeps it open.
+  // Unregister before closing: while a forked child holds the socket open, closing alone would leave it in
+  // the event loop.
   const bool is_own = state.fork_count == core::internal::ForkCount();
   close(is_own ? state.descriptor.release() : state.descriptor.native_handle());
   if (!is_own) {
-    // Never to be destroyed: asio's descriptor would unregister the socket from the loop that the parent
-    // runs, and close a number again that may be another file's by then. A handler that waits would keep it
-    // alive, but there may be none.
+    // Never destroy it: asio's descriptor would unregister the socket from the parent's loop, and would close
+    // the number again, which may belong to another file by then.
     state.itself = impl_->state;
   }
 }
@@ -366,7 +368,8 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   }
   int error = state.TrySend(bytes);
   if (error != 0 && error != EINTR) {
-    // It may be the fate of an earlier datagram, told instead of sending this one. Its own would come again.
+    // A pending ICMP error is returned by the next send and cleared, and nothing is sent. Send again; an
+    // error of this send would repeat.
     const int first_error = std::exchange(error, state.TrySend(bytes));
     if (error != first_error) {
       state.ReportErrorLater(ErrorFromErrno(first_error));

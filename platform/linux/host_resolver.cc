@@ -29,11 +29,11 @@ inline namespace skorra_ntp {
 
 namespace {
 
-// How often the library's own time-outs are looked after. It could be asked when the next one is due, but
-// only in a `timeval`, whose layout on 32-bit Arm is not the one that the installed library was built with.
+// How often to let c-ares check its own time-outs. It tells when the next one is due only in a `timeval`,
+// whose layout on 32-bit Arm differs from the one that the installed library was built with.
 constexpr int64_t kPollSliceUs = 20000;
 
-// A lost request is repeated after this fraction of the time allowed, then after twice and four times that.
+// A lost request is repeated after 1/8 of the time allowed, then after twice and four times that.
 constexpr int64_t kTriesPerTimeout = 8;
 constexpr int kTries = 3;
 
@@ -63,8 +63,8 @@ std::optional<IPEndPoint> FromNode(const ares_addrinfo_node& node, uint16_t port
   return std::nullopt;
 }
 
-// The shortest time to live of the addresses and of the aliases that lead to them. One with the highest bit
-// set is taken for 0 (RFC 2181, section 8).
+// The shortest time to live of the addresses and of the aliases that lead to them. A value with the highest
+// bit set counts as 0 (RFC 2181, section 8).
 base::TimeDelta ShortestTtl(const ares_addrinfo& info) {
   int ttl_s = std::numeric_limits<int>::max();
   for (const ares_addrinfo_node* node = info.nodes; node != nullptr; node = node->ai_next) {
@@ -94,8 +94,8 @@ void OnLookupDone(void* argument, int status, int /*timeouts*/, ares_addrinfo* i
   ares_freeaddrinfo(info);
 }
 
-// Whether the library may read this file. It reads before the beginning of its buffer when a line begins with
-// a zero byte, and it would wait for the writer of a pipe.
+// Whether c-ares may read this file: it reads out of bounds on a line that starts with a NUL byte, and blocks
+// on a FIFO.
 bool IsText(const char* path) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
@@ -116,7 +116,7 @@ bool IsText(const char* path) {
   return is_text;
 }
 
-// One exchange with the name servers; it ends with the object.
+// One exchange with the name servers; destroying the object ends it.
 class Channel {
  public:
   Channel() = default;
@@ -128,15 +128,15 @@ class Channel {
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
-  // An ARES_ status.
+  // Returns an ARES_ status.
   int Open(base::TimeDelta timeout, const std::string& name_servers);
   // Runs `lookup` until it is done or the steady clock reaches the deadline.
-  void Run(const std::string& host, int64_t deadline_us, Lookup* lookup);
+  void Run(const std::string& host, int64_t deadline_ticks_us, Lookup* lookup);
 
  private:
-  // The library's report of what it waits for on one of its sockets; nothing means that it closes it.
+  // c-ares reports what it waits for on one of its sockets; nothing means that it closes the socket.
   static void OnSocketState(void* channel, ares_socket_t socket, int is_reading, int is_writing);
-  // False when the system does not let it wait.
+  // Returns false if waiting failed.
   bool WaitAndProcess(int64_t wait_us);
 
   ares_channel channel_ = nullptr;
@@ -165,7 +165,7 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   char both[] = "fb";
   char name_servers_only[] = "b";
   options.lookups = IsText("/etc/hosts") ? both : name_servers_only;
-  // One that cannot be read counts as empty: the name server is then the one of this machine, if it has one.
+  // An unreadable file counts as empty: c-ares then asks a name server on this machine.
   char configuration[] = "/etc/resolv.conf";
   char empty[] = "/dev/null";
   options.resolvconf_path = IsText(configuration) ? configuration : empty;
@@ -181,25 +181,25 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   return name_servers.empty() ? ARES_SUCCESS : ares_set_servers_ports_csv(channel_, name_servers.c_str());
 }
 
-void Channel::Run(const std::string& host, int64_t deadline_us, Lookup* lookup) {
+void Channel::Run(const std::string& host, int64_t deadline_ticks_us, Lookup* lookup) {
   ares_addrinfo_hints hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_DGRAM;
   ares_getaddrinfo(channel_, host.c_str(), nullptr, &hints, OnLookupDone, lookup);
   if (lookup->is_done) {
-    // Only the hosts file answers at once. The library gives its answers a time to live of 0, but they hold
-    // until somebody edits the file.
+    // Only the hosts file answers at once. c-ares gives its addresses a time to live of 0, but they hold
+    // until the file is edited.
     lookup->ttl = base::TimeDelta::Max();
   }
   while (!lookup->is_done) {
-    const int64_t left_us = deadline_us - base::GetSteadyTimeTicks();
+    const int64_t left_us = deadline_ticks_us - base::GetSteadyTimeTicks();
     if (left_us <= 0) {
       ares_cancel(channel_);
       return;
     }
     if (!WaitAndProcess(std::min(left_us, kPollSliceUs))) {
       ares_cancel(channel_);
-      lookup->status = ARES_ENOMEM;  // which is why a wait for valid sockets fails
+      lookup->status = ARES_ENOMEM;  // the only reason for which waiting for valid sockets fails
       return;
     }
   }
@@ -227,7 +227,7 @@ bool Channel::WaitAndProcess(int64_t wait_us) {
   return true;
 }
 
-// Names that never exist (RFC 6761, section 6.4): asking anybody would only tell what was misconfigured.
+// Names that never exist (RFC 6761, section 6.4): a query would only leak what was misconfigured.
 bool IsInvalid(std::string_view host) {
   constexpr std::string_view kTopLevel = "invalid";
   if (host.ends_with('.')) {
@@ -251,7 +251,7 @@ ResolveResult Fail(ResolveError error, std::string detail) {
 ResolveResult Explain(const std::string& host, int status, base::TimeDelta timeout) {
   const std::string name = '\'' + host + '\'';
   switch (status) {
-    case ARES_SUCCESS:  // without a usable address
+    case ARES_SUCCESS:  // found, but no usable address
     case ARES_ENODATA:
     case ARES_ENOTFOUND:
     case ARES_EBADNAME:
@@ -278,20 +278,20 @@ ResolveResult internal::LookUpHost(const std::string& host, uint16_t port, base:
     return {.addresses = {*literal}};
   }
   if (IsLocalhost(host)) {
-    // Without asking anybody (RFC 6761, section 6.3): not every system has it in its hosts file.
+    // Never asked of a name server (RFC 6761, section 6.3): not every hosts file has it.
     return {.addresses = {IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}};
   }
   if (host.empty() || IsInvalid(host)) {
-    // To a name server the empty name would be the root of all names.
+    // A name server would take the empty name for the root of all names.
     return Explain(host, ARES_EBADNAME, timeout);
   }
-  const auto now = base::TimeDelta::FromMicroseconds(base::GetSteadyTimeTicks());
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   Lookup lookup{.port = port};
   Channel channel;
   if (const int status = channel.Open(timeout, name_servers); status != ARES_SUCCESS) {
     return Explain(host, status, timeout);
   }
-  channel.Run(host, (now + timeout).InMicroseconds(), &lookup);
+  channel.Run(host, (base::TimeDelta::FromMicroseconds(start_ticks_us) + timeout).InMicroseconds(), &lookup);
   if (lookup.addresses.empty()) {
     return Explain(host, lookup.status, timeout);
   }

@@ -17,11 +17,11 @@ namespace internal {
 
 namespace {
 
-// The wall clock has been set when it moved further than this against the steady one since the last look. The
-// kernel runs both at one rate, so below it lies only the uncertainty of reading them, also where they are
-// emulated.
+// The wall clock was stepped if it moved further than this against the steady one since the last reading. The
+// kernel runs both at one rate: smaller differences are the uncertainty of reading them, emulated clocks
+// included.
 constexpr int64_t kWallStepUs = 1000;
-// How far a good stamp may seem to lie outside its limits: both clocks are cut to microseconds, and their
+// How far outside its limits a good stamp may appear: both clocks are cut to microseconds, and their
 // difference is known to half the time that the tightest pair of readings took.
 constexpr int64_t kReadingErrorUs = 100;
 
@@ -30,7 +30,7 @@ static_assert(SO_TIMESTAMPNS == SO_TIMESTAMPNS_NEW && SO_TIMESTAMPING == SO_TIME
               "build with _TIME_BITS=64: the older options stamp with 32-bit seconds, which end in 2038");
 #endif
 
-// What the kernel writes: both numbers have 64 bits on every machine, whatever `timespec` is there.
+// The kernel writes two 64-bit numbers on every machine, whatever the size of `timespec`.
 struct KernelTime {
   int64_t seconds;
   int64_t nanoseconds;
@@ -61,7 +61,7 @@ bool RequestReceiveStamps(int fd) {
 }
 
 bool RequestSendStamps(int fd) {
-  // The stamp comes alone: without a copy of its datagram no privilege is needed.
+  // OPT_TSONLY: a stamp without a copy of its datagram needs no privilege.
   const unsigned flags = SOF_TIMESTAMPING_TX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE | SOF_TIMESTAMPING_OPT_ID |
                          SOF_TIMESTAMPING_OPT_TSONLY;
   return setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPING, &flags, sizeof flags) == 0;
@@ -81,7 +81,7 @@ std::optional<SendStamp> SendStampOf(msghdr& message) {
   std::optional<uint32_t> number;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
     if (IsStamp(*header, SCM_TIMESTAMPING)) {
-      // The first of three is the software's.
+      // Three stamps; the first is the software's.
       wall_us = ToWallUs(*header);
     } else if (IsExtendedError(*header)) {
       sock_extended_err kind;
@@ -102,20 +102,20 @@ ClockReading ReadClocks() {
   return {base::GetSteadyTimeTicks(), wall_minus_steady_us};
 }
 
-void StampClock::Look(const ClockReading& now) {
-  was_set_in_last_look_ = std::abs(now.wall_minus_steady_us - last_.wall_minus_steady_us) > kWallStepUs;
-  is_in_doubt_ = is_in_doubt_ || was_set_in_last_look_;
+void StampClock::Observe(const ClockReading& now) {
+  stepped_at_last_reading_ = std::abs(now.wall_minus_steady_us - last_.wall_minus_steady_us) > kWallStepUs;
+  may_predate_step_ = may_predate_step_ || stepped_at_last_reading_;
   last_ = now;
 }
 
-std::optional<int64_t> StampClock::ToSteady(int64_t wall_us, int64_t not_before_us) const {
-  const int64_t earliest_us = std::max(opened_us_, not_before_us);
+std::optional<int64_t> StampClock::ToSteady(int64_t wall_us, int64_t not_before_ticks_us) const {
+  const int64_t earliest_ticks_us = std::max(opened_ticks_us_, not_before_ticks_us);
   const int64_t ticks_us = wall_us - last_.wall_minus_steady_us;
-  if (is_in_doubt_ || ticks_us < earliest_us - kReadingErrorUs ||
-      ticks_us > last_.steady_us + kReadingErrorUs) {
+  if (may_predate_step_ || ticks_us < earliest_ticks_us - kReadingErrorUs ||
+      ticks_us > last_.ticks_us + kReadingErrorUs) {
     return std::nullopt;
   }
-  return std::clamp(ticks_us, earliest_us, std::max(earliest_us, last_.steady_us));
+  return std::clamp(ticks_us, earliest_ticks_us, std::max(earliest_ticks_us, last_.ticks_us));
 }
 
 Arrival StampClock::ToArrival(std::optional<int64_t> wall_us, int64_t read_ticks_us) const {
@@ -127,9 +127,9 @@ Arrival StampClock::ToArrival(std::optional<int64_t> wall_us, int64_t read_ticks
                   : Arrival{read_ticks_us, StampSource::kImplausible};
 }
 
-void StampClock::ForgetSettings() {
-  // A setting that the last look was the first to see may be later than the last stamp that was read.
-  is_in_doubt_ = was_set_in_last_look_;
+void StampClock::OnQueueDrained() {
+  // A step first seen at the last reading may be later than stamps that arrived after the last one was read.
+  may_predate_step_ = stepped_at_last_reading_;
 }
 
 }  // namespace internal

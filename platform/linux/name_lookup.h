@@ -1,5 +1,4 @@
-// The look-up behind ResolveHost with the name servers given, so that it can be tried against ones that
-// misbehave.
+// The lookup behind ResolveHost with given name servers, so that tests can use ones that misbehave.
 #pragma once
 
 #include <string>

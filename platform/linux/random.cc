@@ -30,7 +30,7 @@ bool Fill(std::span<unsigned char> bytes, ReadSome read_some) {
   return true;
 }
 
-// Not blocking: early after the machine's start the call could wait for entropy without a limit.
+// GRND_NONBLOCK: soon after the machine starts, the call could otherwise wait for entropy without a limit.
 bool FillFromKernel(std::span<unsigned char> bytes) {
   return Fill(bytes, [](unsigned char* data, size_t size) { return getrandom(data, size, GRND_NONBLOCK); });
 }
@@ -45,8 +45,8 @@ bool FillFromDevice(std::span<unsigned char> bytes) {
   return is_filled;
 }
 
-// The last resort in a sandbox that has neither: distinct values that are hard to guess from outside, though
-// not for an attacker who knows the machine's clocks. (The mixing is that of the SplitMix64 generator.)
+// The last resort in a sandbox that has neither: distinct values that are hard to guess from outside, except
+// for an attacker who knows the machine's clocks. (The mixing is that of the SplitMix64 generator.)
 uint64_t MixClocks() {
   static std::atomic<uint64_t> count{0};
   uint64_t value = static_cast<uint64_t>(GetSteadyTimeTicks()) ^

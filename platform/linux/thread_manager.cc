@@ -420,9 +420,8 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
     status = queue->StartIfNeeded(name);
   }
   if (status != 0 && RetryInBackground(queue, name)) {
-    base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
-                   "the system refuses the thread '%s', its tasks wait: %s", name.c_str(),
-                   std::system_category().message(status).c_str());
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "cannot start thread '%s'; its tasks wait: %s",
+                   name.c_str(), std::system_category().message(status).c_str());
   }
   return queue;
 }

@@ -35,45 +35,43 @@ const char* SocketErrorName(SocketError error);
 // Where a time stamp comes from.
 enum class StampSource {
   kKernel,
-  kUser,         // taken beside the system call: the kernel gave none
-  kImplausible,  // the same, because the one that the kernel gave could not be
+  kUser,         // read by us next to the system call: the kernel gave none
+  kImplausible,  // the same, because the kernel's stamp was rejected
 };
 
 // A stable name for counters: "kernel", "user", "implausible".
 const char* StampSourceName(StampSource source);
 
-// What is read of one datagram: longer than any NTP packet in use, so that one with extension fields comes
-// whole.
+// At most this much of a datagram is read: longer than any NTP packet in use, extension fields included.
 inline constexpr size_t kMaxDatagramBytes = 1024;
 
 struct ReceivedDatagram {
   std::span<const uint8_t> bytes;  // valid during the callback only
   IPEndPoint source;
-  // Steady ticks (base/clock.h, microseconds) when the datagram arrived: the kernel's receive time stamp
-  // mapped to the steady clock where it is there and plausible, otherwise the moment it was read.
+  // Steady ticks (base/clock.h) of the arrival: the kernel's receive time stamp mapped to the steady clock,
+  // or the time of reading where that is missing or implausible.
   int64_t receive_ticks_us = 0;
   StampSource stamp_source = StampSource::kUser;
   bool is_truncated = false;  // it was longer than kMaxDatagramBytes; `bytes` is its beginning
 };
 
-// A socket on a fresh ephemeral port, connected to one end point, so that the system itself drops what
-// comes from elsewhere. It belongs to the task queue on which it was connected: all calls are made there
-// and the callbacks run there. Destroying it closes it, and no callback runs after that; it may not be
-// destroyed inside its own callbacks.
+// A socket on a fresh ephemeral port, connected to one end point, so that the system itself drops datagrams
+// from elsewhere. It belongs to the task queue on which it was connected: all calls are made there and the
+// callbacks run there. Destroying it closes it, and no callback runs after that; its own callbacks must not
+// destroy it. In a forked child, a socket of the parent sends nothing (kOther) and reads nothing.
 class DatagramSocket {
  public:
   struct Callbacks {
     std::function<void(const ReceivedDatagram&)> on_datagram = nullptr;
     // An error that the system reported between sends (for example kRefused after an ICMP message).
     std::function<void(SocketError)> on_error = nullptr;
-    // The moment at which an earlier datagram left, by the kernel's time stamp mapped to the steady clock. It
-    // comes where the kernel gives a plausible one, never inside `Send`, and before any later datagram is
-    // delivered.
+    // The departure of an earlier datagram: the kernel's time stamp mapped to the steady clock. Called where
+    // the kernel gives a plausible one, never inside `Send`, and before any later datagram is delivered.
     std::function<void(uint32_t send_id, int64_t send_ticks_us)> on_sent = nullptr;
   };
 
-  // Null with `*error` set when no socket can be had. `remote` must not be empty and the caller must run on
-  // a task queue; kOther otherwise.
+  // Returns null and sets `*error` if no socket can be opened. `remote` must not be empty and the caller must
+  // run on a task queue; kOther otherwise.
   static std::unique_ptr<DatagramSocket> Connect(const IPEndPoint& remote, Callbacks callbacks,
                                                  SocketError* error);
   ~DatagramSocket();

@@ -40,7 +40,7 @@ ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelt
 // possibly while the caller still runs: return quickly and lock shared data. That one thread makes the
 // lookups one after the other, and the `timeout` of each runs from its own beginning, so a lookup waits for
 // those before it when name servers are silent. If the thread cannot start, lookups wait until a later call
-// can start it.
+// can start it. In a forked child, the parent's unfinished lookups never report.
 void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
                              std::function<void(ResolveResult)> done);
 

@@ -174,20 +174,20 @@ void ExpectTimeOfArrival(int64_t busy_us) {
   // The kernel begins to stamp datagrams a moment after the first socket asks for it.
   int number = 0;
   ASSERT_TRUE(skorra::WaitUntil([&] {
-    int64_t before_us = 0;
-    int64_t after_us = 0;
-    int64_t read_us = 0;
+    int64_t before_ticks_us = 0;
+    int64_t after_ticks_us = 0;
+    int64_t read_ticks_us = 0;
     RunAsTask([&] {
-      before_us = base::GetSteadyTimeTicks();
+      before_ticks_us = base::GetSteadyTimeTicks();
       EXPECT_TRUE(peer.SendTo(client.local, Bytes(48)));
-      after_us = base::GetSteadyTimeTicks();
-      EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > after_us + busy_us; }));
-      read_us = base::GetSteadyTimeTicks();
+      after_ticks_us = base::GetSteadyTimeTicks();
+      EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > after_ticks_us + busy_us; }));
+      read_ticks_us = base::GetSteadyTimeTicks();
     });
     EXPECT_TRUE(client.WaitForDatagrams(++number));
-    const int64_t receive_us = client.received.back().receive_ticks_us;
-    EXPECT_GE(receive_us, before_us - 100);
-    return receive_us <= after_us + 100 && receive_us < read_us - busy_us / 2;
+    const int64_t receive_ticks_us = client.received.back().receive_ticks_us;
+    EXPECT_GE(receive_ticks_us, before_ticks_us - 100);
+    return receive_ticks_us <= after_ticks_us + 100 && receive_ticks_us < read_ticks_us - busy_us / 2;
   }));
 }
 
@@ -216,27 +216,27 @@ TEST(DatagramSocketTest, EachSendIsNumberedAndReportedWithTheMomentAtWhichItLeft
   const LoopbackUdp peer;
   Client client(peer.local());
   struct Limits {
-    int64_t before_us;
-    int64_t after_us;
+    int64_t before_ticks_us;
+    int64_t after_ticks_us;
   };
   std::vector<Limits> limits;
   RunAsTask([&] {
     for (uint32_t i = 0; i < 5; ++i) {
       uint32_t id = 99;
-      const int64_t before_us = base::GetSteadyTimeTicks();
+      const int64_t before_ticks_us = base::GetSteadyTimeTicks();
       EXPECT_EQ(client.Send(Bytes(48), &id), SocketError::kNone);
-      const int64_t after_us = base::GetSteadyTimeTicks();
+      const int64_t after_ticks_us = base::GetSteadyTimeTicks();
       EXPECT_EQ(id, i);
-      limits.push_back({before_us, after_us});
+      limits.push_back({before_ticks_us, after_ticks_us});
       // Far enough apart for none to be taken for another.
-      EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > after_us + 1000; }));
+      EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > after_ticks_us + 1000; }));
     }
   });
   ASSERT_TRUE(client.WaitForSent(5));
   for (uint32_t i = 0; i < 5; ++i) {
     EXPECT_EQ(client.sent[i].id, i);
-    EXPECT_GE(client.sent[i].ticks_us, limits[i].before_us) << i;
-    EXPECT_LE(client.sent[i].ticks_us, limits[i].after_us + 100) << i;
+    EXPECT_GE(client.sent[i].ticks_us, limits[i].before_ticks_us) << i;
+    EXPECT_LE(client.sent[i].ticks_us, limits[i].after_ticks_us + 100) << i;
   }
 }
 
@@ -265,9 +265,9 @@ void ExpectIdle(Client& client) {
     client.Run([&] { clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used); });
     return int64_t{used.tv_sec} * 1000000 + used.tv_nsec / 1000;
   };
-  const int64_t start_us = base::GetSteadyTimeTicks();
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const int64_t used_before_us = used_us();
-  EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > start_us + 200000; }));
+  EXPECT_TRUE(skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > start_ticks_us + 200000; }));
   EXPECT_LT(used_us() - used_before_us, 10000);
 }
 
@@ -441,9 +441,9 @@ TEST(DatagramSocketTest, WithoutTheKernelsStampsThereAreOurOwn) {
         thread);
     Client client(peer.local(), thread);
     ASSERT_TRUE(client.is_open()) << c.what;
-    int64_t before_us = 0;
+    int64_t before_ticks_us = 0;
     client.Run([&] {
-      before_us = base::GetSteadyTimeTicks();
+      before_ticks_us = base::GetSteadyTimeTicks();
       EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone);
       EXPECT_TRUE(peer.Receive(skorra::kPatienceMs));
       EXPECT_TRUE(peer.SendTo(client.local, Bytes(48)));
@@ -451,7 +451,7 @@ TEST(DatagramSocketTest, WithoutTheKernelsStampsThereAreOurOwn) {
     ASSERT_TRUE(client.WaitForDatagrams(1)) << c.what;
     EXPECT_EQ(client.received[0].stamp_source, c.source) << c.what;
     EXPECT_EQ(client.received[0].sent_before, c.sent) << c.what;
-    EXPECT_GE(client.received[0].receive_ticks_us, before_us) << c.what;
+    EXPECT_GE(client.received[0].receive_ticks_us, before_ticks_us) << c.what;
     EXPECT_LE(client.received[0].receive_ticks_us, base::GetSteadyTimeTicks()) << c.what;
     EXPECT_EQ(client.error_count, 0) << c.what;
   }

@@ -35,7 +35,7 @@ const std::vector<uint8_t> kFirst = {192, 0, 2, 1};
 const std::vector<uint8_t> kSecond = {192, 0, 2, 2};
 const std::vector<uint8_t> kSixth = {0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 6};
 
-// The trailing dot keeps the look-up from trying the machine's search domains.
+// The trailing dot keeps the lookup from trying the machine's search domains.
 constexpr char kName[] = "ntp.example.";
 
 const auto kLong = base::TimeDelta::FromMilliseconds(skorra::kPatienceMs);
@@ -138,21 +138,21 @@ TEST(HostResolverTest, ANameServerThatRefusesIsAFailure) {
 }
 
 TEST(HostResolverTest, AClosedPortEndsInTimeAndPointsToTheConfiguration) {
-  const int64_t start_us = base::GetSteadyTimeTicks();
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const ResolveResult result = internal::LookUpHost(kName, 123, base::TimeDelta::FromMilliseconds(400),
                                                     skorra::UnusedEndPoint().ToString());
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_TRUE(result.error == ResolveError::kFailed || result.error == ResolveError::kTimedOut);
   EXPECT_THAT(result.detail, HasSubstr("/etc/resolv.conf"));
-  EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 2000000);
+  EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 2000000);
 }
 
 TEST(HostResolverTest, ASilentNameServerEndsAtTheDeadline) {
   const FakeNameServer server({{true, 0, {}}, {true, 0, {}}, 0});
-  const int64_t start_us = base::GetSteadyTimeTicks();
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const ResolveResult result =
       internal::LookUpHost(kName, 123, base::TimeDelta::FromMilliseconds(200), server.address());
-  const int64_t taken_us = base::GetSteadyTimeTicks() - start_us;
+  const int64_t taken_us = base::GetSteadyTimeTicks() - start_ticks_us;
   EXPECT_EQ(result.error, ResolveError::kTimedOut);
   EXPECT_THAT(result.detail, HasSubstr("at most 200 ms"));
   EXPECT_GE(taken_us, 150000);
@@ -167,7 +167,7 @@ TEST(HostResolverTest, AnAnswerForOneFamilyCountsWhenTheOtherNeverComes) {
   EXPECT_THAT(Texts(result), ElementsAre("192.0.2.1:123")) << result.detail;
 }
 
-TEST(HostResolverTest, LocalhostIsTheLoopbackAddressWithoutAnyLookUp) {
+TEST(HostResolverTest, LocalhostIsTheLoopbackAddressWithoutALookup) {
   const FakeNameServer server({{false, 0, {kFirst}}, {false, 0, {kSixth}}, 0});
   for (const char* name : {"localhost", "LocalHost", "localhost."}) {
     const ResolveResult result = internal::LookUpHost(name, 123, base::TimeDelta(), server.address());
@@ -225,7 +225,7 @@ TEST(HostResolverTest, TheShortestTimeToLiveCounts) {
   }
 }
 
-TEST(HostResolverTest, WhereTheSystemRefusesTheThreadALookUpInTheBackgroundWaitsForALaterOne) {
+TEST(HostResolverTest, ALookupInTheBackgroundWhoseThreadCannotStartWaitsForALaterOne) {
   base::Lock lock;
   std::vector<std::string> reported;
   const auto look_up = [&](const std::string& literal) {
@@ -252,16 +252,16 @@ TEST(HostResolverTest, WhereTheSystemRefusesTheThreadALookUpInTheBackgroundWaits
   EXPECT_THAT(reported, ElementsAre("192.0.2.1:123", "192.0.2.2:123"));
 }
 
-TEST(HostResolverTest, WhereTheSystemDoesNotLetItWaitALookUpFailsAtOnce) {
+TEST(HostResolverTest, ALookupThatCannotWaitFailsAtOnce) {
   const skorra::LoopbackUdp silent;
   ResolveResult result;
-  const int64_t before_us = base::GetSteadyTimeTicks();
+  const int64_t before_ticks_us = base::GetSteadyTimeTicks();
   std::thread([&] {
     ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_poll, ENOMEM));
     result = internal::LookUpHost(kName, 123, kLong, silent.local().ToString());
   }).join();
   EXPECT_EQ(result.error, ResolveError::kFailed) << result.detail;
-  EXPECT_LT(base::GetSteadyTimeTicks() - before_us, kLong.InMicroseconds() / 2);
+  EXPECT_LT(base::GetSteadyTimeTicks() - before_ticks_us, kLong.InMicroseconds() / 2);
 }
 
 TEST(HostResolverTest, ATimeoutOfZeroAsksNobodyForLong) {

@@ -168,9 +168,9 @@ TEST_P(ResolverConfigurationTest, NamesFailInTimeAndWhatNeedsNoNameServerWorks) 
   RunIsolated([] {
     GetParam().prepare();
     const auto timeout = base::TimeDelta::FromMilliseconds(400);
-    const int64_t start_us = base::GetSteadyTimeTicks();
+    const int64_t start_ticks_us = base::GetSteadyTimeTicks();
     const ResolveResult failed = ResolveHost("ntp.example.", 123, timeout);
-    EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 5000000);
+    EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 5000000);
     EXPECT_THAT(failed.addresses, IsEmpty());
     EXPECT_TRUE(failed.error == ResolveError::kFailed || failed.error == ResolveError::kTimedOut);
     EXPECT_THAT(failed.detail, HasSubstr(kConfiguration));
@@ -184,7 +184,7 @@ TEST_P(ResolverConfigurationTest, NamesFailInTimeAndWhatNeedsNoNameServerWorks) 
   });
 }
 
-TEST_P(ResolverConfigurationTest, ALaterLookUpFindsTheConfigurationMended) {
+TEST_P(ResolverConfigurationTest, ALaterLookupUsesTheMendedConfiguration) {
   RunIsolated([] {
     GetParam().prepare();
     EXPECT_NE(ResolveHost("ntp.example.", 123, base::TimeDelta::FromMilliseconds(100)).error,
@@ -204,7 +204,7 @@ TEST_P(ResolverConfigurationTest, ALaterLookUpFindsTheConfigurationMended) {
 INSTANTIATE_TEST_SUITE_P(Configurations, ResolverConfigurationTest, testing::ValuesIn(Rows()),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(HostsFileTest, OneThatIsNoTextIsPassedOver) {
+TEST(HostsFileTest, AFileThatIsNoTextIsPassedOver) {
   RunIsolated([] {
     const auto timeout = base::TimeDelta::FromMilliseconds(400);
     const std::string entry = "192.0.2.77 here.example\n";
@@ -218,19 +218,19 @@ TEST(HostsFileTest, OneThatIsNoTextIsPassedOver) {
   });
 }
 
-TEST(BackgroundLookUpTest, BehindASilentNameServerEachBackgroundLookUpHasItsOwnTime) {
+TEST(BackgroundLookupTest, EachLookupInTheBackgroundHasItsOwnTimeout) {
   RunIsolated([] {
     struct Report {
       std::string host;
       ResolveError error;
-      int64_t at_us;
+      int64_t at_ticks_us;
     };
     base::Lock lock;
     std::vector<Report> reports;
     const FakeNameServer server(
         {.ipv4 = {.is_silent = true}, .ipv6 = {.is_silent = true}, .port = kNameServerPort});
     WriteFile(kConfiguration, "nameserver 127.0.0.1\n");
-    const int64_t start_us = base::GetSteadyTimeTicks();
+    const int64_t start_ticks_us = base::GetSteadyTimeTicks();
     for (const char* host : {"one.example.", "two.example.", "three.example.", "192.0.2.1"}) {
       ResolveHostInBackground(host, 123, base::TimeDelta::FromMilliseconds(200),
                               [&, host](const ResolveResult& result) {
@@ -243,14 +243,14 @@ TEST(BackgroundLookUpTest, BehindASilentNameServerEachBackgroundLookUpHasItsOwnT
       return reports.size() == 4;
     }));
     const base::AutoLock guard(lock);
-    int64_t previous_us = start_us;
+    int64_t previous_ticks_us = start_ticks_us;
     for (const Report& report : reports) {
       SCOPED_TRACE(report.host);
       const bool is_name = report.host != "192.0.2.1";
       EXPECT_EQ(report.error, is_name ? ResolveError::kTimedOut : ResolveError::kNone);
-      EXPECT_GE(report.at_us - previous_us, is_name ? 150000 : 0);
-      EXPECT_LT(report.at_us - previous_us, 5000000);
-      previous_us = report.at_us;
+      EXPECT_GE(report.at_ticks_us - previous_ticks_us, is_name ? 150000 : 0);
+      EXPECT_LT(report.at_ticks_us - previous_ticks_us, 5000000);
+      previous_ticks_us = report.at_ticks_us;
     }
     EXPECT_GE(server.question_count(), 6);
   });

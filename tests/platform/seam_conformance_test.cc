@@ -81,32 +81,33 @@ class SeamTest : public ::testing::Test {
 using ClockSeamTest = SeamTest;
 
 TEST_F(ClockSeamTest, SteadyTicksNeverGoBack) {
-  int64_t last_us = base::GetSteadyTimeTicks();
-  EXPECT_GT(last_us, 0);
+  int64_t last_ticks_us = base::GetSteadyTimeTicks();
+  EXPECT_GT(last_ticks_us, 0);
   for (int i = 0; i < 100000; ++i) {
-    const int64_t now_us = base::GetSteadyTimeTicks();
-    ASSERT_GE(now_us, last_us);
-    last_us = now_us;
+    const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+    ASSERT_GE(now_ticks_us, last_ticks_us);
+    last_ticks_us = now_ticks_us;
   }
 }
 
 TEST_F(ClockSeamTest, SteadyTicksGoOnWithTime) {
-  const int64_t start_us = base::GetSteadyTimeTicks();
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   std::atomic<bool> has_run{false};
   Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run = true; }), Ms(2));
   EXPECT_TRUE(world_.WaitUntil([&] { return has_run.load(); }));
-  EXPECT_GE(base::GetSteadyTimeTicks(), start_us + 2000);
+  EXPECT_GE(base::GetSteadyTimeTicks(), start_ticks_us + 2000);
 }
 
 TEST_F(ClockSeamTest, TheWallClockIsSteadyTicksPlusTheOffset) {
   // A thread may be delayed between two readings, so the best of a few counts.
-  int64_t best_us = std::numeric_limits<int64_t>::max();
+  int64_t smallest_error_us = std::numeric_limits<int64_t>::max();
   for (int i = 0; i < 100; ++i) {
-    const int64_t offset_us = base::GetSystemTimeOffsetFromSteady();
+    const int64_t wall_minus_steady_us = base::GetSystemTimeOffsetFromSteady();
     const int64_t wall_us = base::Time::Now().ToDeltaSinceWindowsEpoch().InMicroseconds();
-    best_us = std::min(best_us, std::abs(wall_us - (base::GetSteadyTimeTicks() + offset_us)));
+    smallest_error_us =
+        std::min(smallest_error_us, std::abs(wall_us - (base::GetSteadyTimeTicks() + wall_minus_steady_us)));
   }
-  EXPECT_LE(best_us, 1000);
+  EXPECT_LE(smallest_error_us, 1000);
 }
 
 TEST_F(ClockSeamTest, TheWallClockShowsACivilDateOfTheseDecades) {
@@ -190,10 +191,10 @@ TEST_F(QueueSeamTest, DelayedTasksRunInTheOrderOfTheirDeadlinesAndNeverEarly) {
   const int64_t delays_ms[] = {20, 5, 15, 1, 10};
   RunAsTask([&] {
     for (const int64_t delay_ms : delays_ms) {
-      const int64_t posted_us = base::GetSteadyTimeTicks();
+      const int64_t posted_ticks_us = base::GetSteadyTimeTicks();
       Queue()->PostDelayedTask(
-          kHere, base::BindOnce([&notes, delay_ms, posted_us] {
-            notes.Add({delay_ms, base::GetSteadyTimeTicks() - posted_us - delay_ms * 1000});
+          kHere, base::BindOnce([&notes, delay_ms, posted_ticks_us] {
+            notes.Add({delay_ms, base::GetSteadyTimeTicks() - posted_ticks_us - delay_ms * 1000});
           }),
           Ms(delay_ms));
     }
@@ -212,9 +213,9 @@ TEST_F(QueueSeamTest, ManyShortDelaysAreNeverCutShort) {
   RunAsTask([&] {
     for (int i = 0; i < 200; ++i) {
       const int64_t delay_us = 1 + i * 37;
-      const int64_t posted_us = base::GetSteadyTimeTicks();
-      Queue()->PostDelayedTask(kHere, base::BindOnce([&late_us, delay_us, posted_us] {
-                                 late_us.Add(base::GetSteadyTimeTicks() - posted_us - delay_us);
+      const int64_t posted_ticks_us = base::GetSteadyTimeTicks();
+      Queue()->PostDelayedTask(kHere, base::BindOnce([&late_us, delay_us, posted_ticks_us] {
+                                 late_us.Add(base::GetSteadyTimeTicks() - posted_ticks_us - delay_us);
                                }),
                                base::TimeDelta::FromMicroseconds(delay_us));
     }
@@ -337,7 +338,7 @@ TEST_F(DatagramSeamTest, ADatagramReachesTheServerAndItsReplyComesBackOnTheQueue
   Connect(server);
   EXPECT_FALSE(local_.address_empty());
   EXPECT_NE(local_.port(), 0);
-  const int64_t start_us = base::GetSteadyTimeTicks();
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   Send({1, 2, 3});
   EXPECT_EQ(world_.ReceiveAt(server), (Bytes{1, 2, 3}));
   world_.SendFrom(server, local_, {4, 5});
@@ -345,9 +346,9 @@ TEST_F(DatagramSeamTest, ADatagramReachesTheServerAndItsReplyComesBackOnTheQueue
   EXPECT_THAT(received_.All(), ElementsAre(Bytes{4, 5}));
   EXPECT_THAT(source_.All(), ElementsAre(server));
   EXPECT_EQ(on_queue_count_, 1);
-  const int64_t receive_us = receive_ticks_us_.All()[0];
-  EXPECT_GE(receive_us, start_us - 1000);
-  EXPECT_LE(receive_us, base::GetSteadyTimeTicks());
+  const int64_t receive_ticks_us = receive_ticks_us_.All()[0];
+  EXPECT_GE(receive_ticks_us, start_ticks_us - 1000);
+  EXPECT_LE(receive_ticks_us, base::GetSteadyTimeTicks());
 }
 
 TEST_F(DatagramSeamTest, DatagramsFromElsewhereAreNotHeard) {
@@ -467,13 +468,13 @@ TEST_F(NameSeamTest, AnUnknownNameIsNotFoundWithTheReasonInWords) {
   EXPECT_NE(result.detail.find("unknown.example."), std::string::npos) << result.detail;
 }
 
-TEST_F(NameSeamTest, ASilentNameServerEndsTheLookUpAtTheDeadline) {
-  const int64_t start_us = base::GetSteadyTimeTicks();
+TEST_F(NameSeamTest, ALookupEndsAtItsDeadlineWhenTheNameServerIsSilent) {
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const net::ResolveResult result = world_.ResolveSilentName(Ms(100));
   EXPECT_EQ(result.error, net::ResolveError::kTimedOut);
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_NE(result.detail.find("silent.example."), std::string::npos) << result.detail;
-  EXPECT_LT(base::GetSteadyTimeTicks() - start_us, 2000000);
+  EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 2000000);
 }
 
 TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
@@ -490,7 +491,7 @@ TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForEver) {
   }
 }
 
-TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
+TEST_F(NameSeamTest, ALookupInTheBackgroundReportsOnceAndNeverInsideTheCall) {
   struct Report {
     std::string host;
     bool is_inside_call;
@@ -517,7 +518,7 @@ TEST_F(NameSeamTest, ALookUpInTheBackgroundReportsOnceAndNeverInsideTheCall) {
     SCOPED_TRACE(report.host);
     EXPECT_TRUE(seen.insert(report.host).second);
     EXPECT_FALSE(report.is_inside_call);
-    // It is what the blocking lookup returns.
+    // The same result as that of the blocking lookup.
     const net::ResolveResult expected = net::ResolveHost(report.host, 4123, Ms(5000));
     EXPECT_EQ(report.result.addresses, expected.addresses);
     EXPECT_EQ(report.result.error, expected.error);

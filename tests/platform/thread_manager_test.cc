@@ -1,4 +1,4 @@
-// What only real threads have: names, signal masks, refusals, and tasks that take time.
+// What only real threads have: names, signal masks, starts that fail, and tasks that take time.
 #include "platform/core/thread_manager.h"
 
 #include <errno.h>
@@ -93,8 +93,8 @@ TEST(ThreadManagerTest, ADelayThatPassedWhileATaskRanComesBeforeWhatIsPostedAfte
                     queue->PostDelayedTask(kHere, base::BindOnce([&] { order.push_back("delayed"); }),
                                            base::TimeDelta::FromMilliseconds(1));
                     queue->PostTask(kHere, base::BindOnce([&] { order.push_back("at once"); }));
-                    const int64_t start_us = base::GetSteadyTimeTicks();
-                    skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > start_us + 2000; });
+                    const int64_t start_ticks_us = base::GetSteadyTimeTicks();
+                    skorra::WaitUntil([&] { return base::GetSteadyTimeTicks() > start_ticks_us + 2000; });
                     queue->PostTask(kHere, base::BindOnce([&] {
                                       order.push_back("later");
                                       done.set_value();
@@ -143,7 +143,7 @@ TEST(ThreadManagerTest, EveryThreadsOrderIsKept) {
   }
 }
 
-TEST(ThreadManagerTest, TasksOfARefusedThreadWaitUntilALaterCallGetsIt) {
+TEST(ThreadManagerTest, TasksOfAThreadThatCannotStartWaitUntilALaterCallStartsIt) {
   std::vector<base::LogLine> lines;
   base::SetLogSink([&](const base::LogLine& line) { lines.push_back(line); });
   std::atomic<int> run_count{0};
@@ -159,7 +159,7 @@ TEST(ThreadManagerTest, TasksOfARefusedThreadWaitUntilALaterCallGetsIt) {
     }).join();
   }
   base::SetLogSink({});
-  // Told once, not at every call.
+  // Logged once, not at every call.
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, 1);
   EXPECT_THAT(lines[0].text, HasSubstr("skorra-701"));

@@ -74,13 +74,14 @@ class Recorder : public NtpTimeManager::Observer {
 
 // "" when a read gives the server's time, or 0 where that is allowed.
 std::string CheckRead(bool may_be_empty = false) {
-  const auto system_us = [] { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); };
-  const int64_t before_us = system_us();
+  const auto wall_us = [] { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); };
+  const int64_t wall_before_us = wall_us();
   const int64_t ntp_us = Manager().GetNtpTimestampFrom1970();
-  const int64_t after_us = system_us();
-  const bool is_good = (may_be_empty && ntp_us == 0) || (ntp_us >= before_us + kClockErrorUs - kToleranceUs &&
-                                                         ntp_us <= after_us + kClockErrorUs + kToleranceUs);
-  return is_good ? "" : "a read gave " + std::to_string(ntp_us) + " at " + std::to_string(before_us);
+  const int64_t wall_after_us = wall_us();
+  const bool is_good =
+      (may_be_empty && ntp_us == 0) || (ntp_us >= wall_before_us + kClockErrorUs - kToleranceUs &&
+                                        ntp_us <= wall_after_us + kClockErrorUs + kToleranceUs);
+  return is_good ? "" : "a read gave " + std::to_string(ntp_us) + " at " + std::to_string(wall_before_us);
 }
 
 // Runs `function` as a task of the manager's queue and waits for its end.
@@ -294,8 +295,8 @@ struct Change {
   void Make() {
     first = 1;
     // Without a pause between two looks: the forking thread asks for moments only, and gives up after 100 ms.
-    const int64_t deadline_us = base::GetSteadyTimeTicks() + int64_t{kPatienceMs} * 1000;
-    while (!base::internal::is_fork_coming.load() && base::GetSteadyTimeTicks() < deadline_us) {
+    const int64_t deadline_ticks_us = base::GetSteadyTimeTicks() + int64_t{kPatienceMs} * 1000;
+    while (!base::internal::is_fork_coming.load() && base::GetSteadyTimeTicks() < deadline_ticks_us) {
       std::this_thread::yield();
     }
     second = 1;
@@ -386,13 +387,13 @@ TEST(ForkTest, ASinkThatNeverReturnsHoldsUpNeitherTheForkNorTheChild) {
   std::thread logger([] { base::LocalLog(2, "tests/fork_test", __LINE__, "hello"); });
   ASSERT_TRUE(WaitUntil([] { return is_in_sink.load(); }));
 
-  const int64_t before_us = base::GetSteadyTimeTicks();
+  const int64_t before_ticks_us = base::GetSteadyTimeTicks();
   ForkedChild child([]() -> std::string {
     base::SetLogSink({});
     base::LocalLog(2, "tests/fork_test", __LINE__, "from a child");
     return CheckRead(true);
   });
-  const int64_t took_us = base::GetSteadyTimeTicks() - before_us;
+  const int64_t took_us = base::GetSteadyTimeTicks() - before_ticks_us;
   EXPECT_EQ(child.Report(), "");
   EXPECT_LT(took_us, int64_t{kPatienceMs} * 1000 / 4);
   may_return = true;
@@ -400,7 +401,7 @@ TEST(ForkTest, ASinkThatNeverReturnsHoldsUpNeitherTheForkNorTheChild) {
   base::SetLogSink({});
 }
 
-TEST(ForkTest, ALookUpThatTakesLongDoesNotHoldUpTheFork) {
+TEST(ForkTest, ALongLookupDoesNotHoldUpTheFork) {
   const LoopbackUdp name_server;
   std::promise<void> done;
   core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})
@@ -410,15 +411,15 @@ TEST(ForkTest, ALookUpThatTakesLongDoesNotHoldUpTheFork) {
                    done.set_value();
                  }));
   ASSERT_TRUE(name_server.Receive(kPatienceMs));
-  // The best of a few, since the machine may be busy: without a pause in the look-up each would take 100 ms.
-  int64_t best_us = std::numeric_limits<int64_t>::max();
+  // The best of a few, since the machine may be busy: if the lookup did not let forks pass, each would take 100 ms.
+  int64_t shortest_us = std::numeric_limits<int64_t>::max();
   for (int i = 0; i < 5; ++i) {
-    const int64_t before_us = base::GetSteadyTimeTicks();
+    const int64_t before_ticks_us = base::GetSteadyTimeTicks();
     ForkedChild child([] { return CheckRead(true); });
-    best_us = std::min(best_us, base::GetSteadyTimeTicks() - before_us);
+    shortest_us = std::min(shortest_us, base::GetSteadyTimeTicks() - before_ticks_us);
     EXPECT_EQ(child.Report(), "");
   }
-  EXPECT_LT(best_us, 90000);
+  EXPECT_LT(shortest_us, 90000);
   done.get_future().wait();
 }
 
