@@ -17,7 +17,9 @@ target_compile_options(
             -Wnon-virtual-dtor
             -Woverloaded-virtual
             # g++ 12 sees overlapping copies in sums of strings where there are none (GCC bug 105329).
-            $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+            # Accesses to a member without its lock (platform/base/thread_annotations.h).
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 target_link_libraries(skorra_build INTERFACE Threads::Threads)
 if(SKORRA_WERROR)
   target_compile_options(skorra_build INTERFACE -Werror)

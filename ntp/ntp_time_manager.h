@@ -15,11 +15,11 @@
 //
 // Ownership: the manager lives until the process ends; nobody deletes it. It never owns an observer.
 //
-// Forks: the child of a fork keeps the result, the observers and the domains whose addition had taken effect
-// (give it the others again; a child that is not sure gives it all), and syncs on its own. An
-// attempt that was running stays with the parent, and so does every outcome of it; the child's copy takes it
-// for running until `Stop`: where `Start` returns -1 in a child, call `Stop`, and `Start` until it does not.
-// A child that an observer or a log sink forked can read, but not sync; it ends when it returns from there.
+// Forks: a forked child keeps the result, the observers and every domain already added, and reads on. If
+// unsure about the domains, call UpdateNtpTimeDomain again there: known names are skipped. A running attempt
+// belongs to the parent, with its outcome. To sync in the child, call Start; if it returns -1, call Stop
+// first, then Start until it returns 0. A child forked on the manager's queue (inside an observer, or a log
+// sink called there) can only read; it ends when that callback returns.
 #pragma once
 
 #include <cstdint>

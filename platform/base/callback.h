@@ -4,9 +4,9 @@
 //   queue->PostTask(location, base::BindOnce(&Sender::Send, sender->GetWeakPtr(), endpoint));
 //
 // Bound arguments are copied (or moved) into the closure when it is made. A receiver bound with
-// `Unretained` is a plain pointer: whoever posts guarantees that it outlives the task. A receiver bound as
-// a `WeakPtr` cancels the closure once the pointer is invalid: it then does nothing, and `IsCancelled` says
-// so beforehand.
+// `Unretained` is a plain pointer: the caller guarantees that it outlives the task. A receiver bound as a
+// `WeakPtr` cancels the closure once the pointer is invalid: running it then does nothing, and `IsCancelled`
+// tells so beforehand.
 #pragma once
 
 #include <functional>

@@ -8,6 +8,7 @@
 
 #include "platform/base/lock.h"
 #include "platform/base/no_destructor.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 
 namespace base {
@@ -24,7 +25,7 @@ thread_local bool t_is_in_sink = false;
 
 struct SinkHolder {
   Lock lock;
-  LogSink sink;  // empty: standard error
+  LogSink sink SKORRA_GUARDED_BY(lock);  // empty: standard error
 };
 
 SinkHolder& Holder() {

@@ -25,6 +25,7 @@
 #include "../base/lock.h"
 #include "../base/no_destructor.h"
 #include "../base/optional.h"
+#include "../base/thread_annotations.h"
 #include "../config/base_cfg.h"
 
 namespace config {
@@ -85,7 +86,7 @@ class ConfigCenterImpl {
 
   mutable base::Lock lock_;
   std::array<NumberSlot, kNumberEntryCount> numbers_;
-  std::array<TextSlot, kTextEntryCount> texts_;
+  std::array<TextSlot, kTextEntryCount> texts_ SKORRA_GUARDED_BY(lock_);
 };
 
 // The value of `entry`, or its default when no layer has one. Lock-free.

@@ -18,7 +18,7 @@ inline namespace skorra_ntp {
 // Who a queue belongs to.
 enum class BusinessID : int32_t {
   kNtpTime = 701,
-  kNames = 702,  // look-ups that nobody waits for
+  kNames = 702,  // lookups that nobody waits for
 };
 
 struct ThreadOption {
@@ -28,14 +28,17 @@ struct ThreadOption {
 
 class ThreadManager {
  public:
-  // The queue of `business`: the same object for the same pair of business and instance, never null and
-  // never destroyed, with one thread of its own. `instance` tells apart several users of one business; -1 is
-  // the business's common queue. `option` matters only while the thread does not exist yet; without it the
-  // thread is named "skorra-" and the business number. Any thread. When the system refuses another thread or
-  // descriptor, that is logged at level 1, and tasks wait until the thread can be started: that is tried
-  // again by itself where a thread can be had (descriptors are what is short), and by each later call. In a
-  // child of the process the queue is empty and without its thread until the next call there, which starts
-  // one; no call starts one on the thread of a task that forked.
+  // The queue of `business`: the same object for the same pair of business and instance, never null and never
+  // destroyed, with one thread of its own. `instance` tells apart several users of one business; -1 is the
+  // business's common queue. `option` matters only while the thread does not exist yet; without it the thread
+  // is named "skorra-" and the business number. Any thread.
+  //
+  // If the thread cannot start (no threads or descriptors), this is logged once at level 1, tasks queue up,
+  // and starting is retried in the background and on each call.
+  //
+  // Forks: a queue serves the process that made it. A forked child asks again and gets an empty queue with a
+  // new thread. In a child that a task forked, the thread of that task gets the parent's queues: they run
+  // nothing there.
   static std::shared_ptr<TaskQueue> GetTaskQueue(BusinessID business, int64_t instance,
                                                  base::Optional<ThreadOption> option);
 };

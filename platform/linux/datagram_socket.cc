@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "platform/base/fork.h"
 #include "platform/linux/kernel_time_stamps.h"
 #include "platform/linux/queue_context.h"
 
@@ -149,7 +150,7 @@ struct DatagramSocket::Impl {
     std::map<uint32_t, int64_t> unstamped_send_ticks_us;  // by number; read immediately before each send
     // In a forked child the socket remains its parent's: the child sends and reads nothing through it, and
     // closes it without telling the event loop.
-    const uint32_t fork_count = core::internal::ForkCount();
+    const uint32_t fork_generation = base::ForkGeneration();
     std::shared_ptr<State> itself;  // set to keep it forever
   };
 
@@ -349,7 +350,7 @@ DatagramSocket::~DatagramSocket() {
   state.is_closed = true;
   // Unregister before closing: while a forked child holds the socket open, closing alone would leave it in
   // the event loop.
-  const bool is_own = state.fork_count == core::internal::ForkCount();
+  const bool is_own = state.fork_generation == base::ForkGeneration();
   close(is_own ? state.descriptor.release() : state.descriptor.native_handle());
   if (!is_own) {
     // Never destroy it: asio's descriptor would unregister the socket from the parent's loop, and would close
@@ -360,7 +361,7 @@ DatagramSocket::~DatagramSocket() {
 
 SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {
   Impl::State& state = *impl_->state;
-  if (state.fork_count != core::internal::ForkCount()) {
+  if (state.fork_generation != base::ForkGeneration()) {
     return SocketError::kOther;
   }
   if (std::exchange(state.has_given_up_reading, false)) {

@@ -19,10 +19,10 @@
 
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
+#include "platform/base/fork.h"
 #include "platform/base/location.h"
 #include "platform/core/thread_manager.h"
 #include "platform/linux/name_lookup.h"
-#include "platform/linux/queue_context.h"
 
 namespace net {
 inline namespace skorra_ntp {
@@ -208,7 +208,7 @@ void Channel::Run(const std::string& host, int64_t deadline_ticks_us, Lookup* lo
 bool Channel::WaitAndProcess(int64_t wait_us) {
   std::vector<pollfd> entries = sockets_;  // a copy: the library changes the list while it processes
   {
-    const core::internal::HandlerPause pause;
+    const base::ForkAllowedScope fork_allowed;
     if (poll(entries.data(), entries.size(), static_cast<int>((wait_us + 999) / 1000)) < 0) {
       if (errno != EINTR) {
         return false;

@@ -99,7 +99,8 @@ std::optional<SendStamp> SendStampOf(msghdr& message) {
 
 ClockReading ReadClocks() {
   const int64_t wall_minus_steady_us = base::GetSystemTimeOffsetFromSteady();
-  return {base::GetSteadyTimeTicks(), wall_minus_steady_us};
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  return {now_ticks_us, wall_minus_steady_us};
 }
 
 void StampClock::Observe(const ClockReading& now) {

@@ -4,6 +4,7 @@
 
 #include "platform/base/lock.h"
 #include "platform/base/no_destructor.h"
+#include "platform/base/thread_annotations.h"
 
 namespace base {
 inline namespace skorra_ntp {
@@ -12,8 +13,8 @@ namespace {
 
 struct Counters {
   Lock lock;
-  std::map<uint64_t, uint64_t> by_key;
-  std::map<std::string, uint64_t, std::less<>> by_name;
+  std::map<uint64_t, uint64_t> by_key SKORRA_GUARDED_BY(lock);
+  std::map<std::string, uint64_t, std::less<>> by_name SKORRA_GUARDED_BY(lock);
 };
 
 Counters& AllCounters() {

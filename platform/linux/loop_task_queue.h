@@ -1,0 +1,78 @@
+// A task queue on an event loop with a thread of its own.
+//
+// The posting order is kept here rather than in the event loop: a delayed closure takes its place by its
+// deadline, even if the loop learns later that the deadline has passed. The loop is woken whenever there may
+// be something to run, and serves the sockets between two rounds of tasks.
+//
+// The timer is a kernel timer on the boot-time clock: one that stops while the machine is suspended would be
+// late by the whole sleep.
+//
+// A queue exists before its thread does: if that cannot start, tasks wait until it can.
+//
+// Forks: a queue belongs to the process that made it, named by its fork generation. In a child it is foreign:
+// it starts nothing and drops what is posted, and its tasks and its loop are left as they were.
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "platform/base/fork.h"
+#include "platform/base/lock.h"
+#include "platform/base/thread_annotations.h"
+#include "platform/core/task_queue.h"
+
+namespace core {
+inline namespace skorra_ntp {
+
+class LoopTaskQueue final : public TaskQueue {
+ public:
+  // The queue whose thread this is; null on any other thread.
+  static LoopTaskQueue* Current();
+
+  explicit LoopTaskQueue(uint32_t fork_generation) : fork_generation_(fork_generation) {}
+
+  // Creates the loop and its thread unless they exist or the queue is foreign. Returns an error number, or 0.
+  int StartIfNeeded(const std::string& name);
+
+  void PostTask(const base::Location& from, base::OnceCallback<void()>&& task) override;
+  void PostDelayedTask(const base::Location& from, base::OnceCallback<void()>&& task,
+                       base::TimeDelta delay) override;
+  bool IsCurrent() const override { return Current() == this; }
+
+  uint32_t fork_generation() const { return fork_generation_; }
+  bool IsForeign() const { return fork_generation_ != base::ForkGeneration(); }
+  // Not null on the queue's thread.
+  asio::io_context* context();
+
+ private:
+  struct Loop {
+    asio::io_context context;
+    asio::posix::stream_descriptor timer{context};
+  };
+
+  static void* ThreadMain(void* queue) noexcept;
+
+  int CreateLoop(const std::string& name) SKORRA_REQUIRES(lock_);  // an error number, or 0
+  int OpenTimer() SKORRA_REQUIRES(lock_);                          // an error number, or 0
+  void WaitForTimer() SKORRA_REQUIRES(lock_);
+  void ArmTimer() SKORRA_REQUIRES(lock_);
+  void MoveDueTasks() SKORRA_REQUIRES(lock_);
+  void Wake() SKORRA_REQUIRES(lock_);
+  void RunRound();
+
+  const uint32_t fork_generation_;
+  base::Lock lock_;
+  std::unique_ptr<Loop> loop_ SKORRA_GUARDED_BY(lock_);  // once its thread runs, it stays
+  std::deque<base::OnceCallback<void()>> ready_ SKORRA_GUARDED_BY(lock_);
+  // By deadline in steady ticks; equal ones in posting order.
+  std::multimap<int64_t, base::OnceCallback<void()>> delayed_ SKORRA_GUARDED_BY(lock_);
+  bool is_wake_posted_ SKORRA_GUARDED_BY(lock_) = false;  // a round will come that has not begun
+};
+
+}  // namespace skorra_ntp
+}  // namespace core
