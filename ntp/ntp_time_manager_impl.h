@@ -18,6 +18,7 @@
 #include "ntp/observer_list.h"
 #include "platform/base/lock.h"
 #include "platform/base/no_destructor.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/core/task_queue.h"
 #include "platform/net/ip_endpoint.h"
@@ -177,7 +178,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   std::map<std::string, NtpDomainResult> domain_results_;         // [queue] by domain name; keys stay
   std::vector<std::shared_ptr<NtpTimeDomainInfo>> domain_infos_;  // [queue] only ever appended to
   base::Lock observer_lock_;
-  ObserverList observers_;  // [observer_lock_] in registration order
+  ObserverList observers_ SKORRA_GUARDED_BY(observer_lock_);  // [observer_lock_] in registration order
   // Also held while the queue stops, so that no report is taken while the domains are being cleaned.
   base::Lock stats_lock_;
   uint32_t total_retry_count_ = 0;  // [queue] retries of this attempt, all domains together
@@ -198,9 +199,10 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   bool is_sync_finished_ = true;  // [queue] no attempt is in flight
   // [any] Wall clock since 1601 when a read last started a sync; 0 never.
   std::atomic<int64_t> last_check_local_time_ms_{0};
-  std::map<int, NtpFunctionRequestStats> function_request_stats_;  // [stats_lock_] by kind of request
-  std::atomic<uint32_t> start_count_{0};                           // [any] calls of Start
-  std::atomic<bool> deviation_found_{false};                       // [any] clocks apart by more than 500 ms
+  // [stats_lock_] by kind of request
+  std::map<int, NtpFunctionRequestStats> function_request_stats_ SKORRA_GUARDED_BY(stats_lock_);
+  std::atomic<uint32_t> start_count_{0};      // [any] calls of Start
+  std::atomic<bool> deviation_found_{false};  // [any] clocks apart by more than 500 ms
 };
 
 }  // namespace skorra

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-
+#include "platform/base/lock.h"
 #include "platform/base/no_destructor.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/metrics/key_metrics.h"
 #include "testing/ntp_queue.h"
 #include "testing/wait_until.h"
@@ -43,24 +43,24 @@ uint64_t CountsSince::SumOf(const std::string& prefix) const {
 class AttemptRunner::Recorder : public NtpTimeManager::Observer {
  public:
   void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock guard(lock_);
     attempt_.result = result;
     attempt_.server = server;
   }
 
   void Expect() {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock guard(lock_);
     attempt_ = {};
   }
 
   Attempt attempt() const {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock guard(lock_);
     return attempt_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  Attempt attempt_;
+  mutable base::Lock lock_;
+  Attempt attempt_ SKORRA_GUARDED_BY(lock_);
 };
 
 AttemptRunner::AttemptRunner(const std::vector<std::string>& domains)

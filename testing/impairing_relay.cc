@@ -50,12 +50,12 @@ ImpairingRelay::~ImpairingRelay() {
 }
 
 ImpairingRelay::Counts ImpairingRelay::to_server() const {
-  const std::lock_guard guard(mutex_);
+  const base::AutoLock guard(to_server_.lock);
   return to_server_.counts;
 }
 
 ImpairingRelay::Counts ImpairingRelay::to_client() const {
-  const std::lock_guard guard(mutex_);
+  const base::AutoLock guard(to_client_.lock);
   return to_client_.counts;
 }
 
@@ -96,7 +96,7 @@ void ImpairingRelay::TakeFromServer(const Client& client) {
 void ImpairingRelay::Accept(Direction& direction, const Client& client, const std::vector<uint8_t>& bytes) {
   netmodel::LinkFate fate{};
   auto arrivals = direction.link.Transmit(bytes, base::GetSteadyTimeTicks(), direction.random, &fate);
-  const std::lock_guard guard(mutex_);
+  const base::AutoLock guard(direction.lock);
   const uint64_t number = ++direction.counts.received;
   direction.counts.lost += arrivals.empty() ? 1 : 0;
   direction.counts.duplicated += arrivals.size() > 1 ? 1 : 0;
@@ -116,7 +116,7 @@ void ImpairingRelay::PassOnWhatIsDue() {
     Direction& direction = *parcel.direction;
     {
       // Counted before it can have an effect, so that who sees the effect sees the count.
-      const std::lock_guard guard(mutex_);
+      const base::AutoLock guard(direction.lock);
       ++direction.counts.carried;
       direction.counts.overtaken += parcel.number < direction.newest ? 1 : 0;
       direction.counts.latest_us = std::max(direction.counts.latest_us, late_us);

@@ -12,12 +12,13 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "netmodel/link.h"
 #include "netmodel/random.h"
+#include "platform/base/lock.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/net/ip_endpoint.h"
 #include "testing/loopback_udp.h"
 
@@ -64,8 +65,9 @@ class ImpairingRelay {
   struct Direction {
     netmodel::Link link;
     netmodel::Random random;
-    Counts counts = {};   // under mutex_
     uint64_t newest = 0;  // the largest number of a datagram that was passed on
+    mutable base::Lock lock = {};
+    Counts counts SKORRA_GUARDED_BY(lock) = {};
   };
   struct Parcel {
     Direction* direction;
@@ -84,8 +86,7 @@ class ImpairingRelay {
   const net::IPEndPoint server_;
   const LoopbackUdp front_;
   const int end_fd_;  // readable when the thread is to end
-  mutable std::mutex mutex_;
-  // Of the thread, but for the counts.
+  // Only the thread touches these, except for the counts.
   Direction to_server_;
   Direction to_client_;
   std::map<net::IPEndPoint, Client> clients_;

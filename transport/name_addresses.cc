@@ -6,6 +6,7 @@
 
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
@@ -68,13 +69,14 @@ struct NameAddresses::Lookups {
   const net::HostPort name;
 
   base::Lock lock;
-  // The following are under `lock`.
-  uint64_t started = 0;   // the number of the last lookup that began
-  uint64_t reported = 0;  // of the last one that reported; less than `started`: one is under way, or lost
-  int64_t started_ticks_us = 0;
-  uint64_t list_generation = 0;            // grows with each list
-  std::vector<net::IPEndPoint> addresses;  // the newest list
-  int64_t expires_ticks_us;
+  // The number of the last lookup that began, and of the last one that reported; less than `started`: one is
+  // under way, or lost.
+  uint64_t started SKORRA_GUARDED_BY(lock) = 0;
+  uint64_t reported SKORRA_GUARDED_BY(lock) = 0;
+  int64_t started_ticks_us SKORRA_GUARDED_BY(lock) = 0;
+  uint64_t list_generation SKORRA_GUARDED_BY(lock) = 0;            // grows with each list
+  std::vector<net::IPEndPoint> addresses SKORRA_GUARDED_BY(lock);  // the newest list
+  int64_t expires_ticks_us SKORRA_GUARDED_BY(lock);
 };
 
 uint64_t NameAddresses::Lookups::Begin(int64_t now_ticks_us) {

@@ -141,7 +141,7 @@ SendRefusal NtpAddressLedger::Refusal(const Account& account, int64_t now_ticks_
 }
 
 void NtpAddressLedger::BeginBurst(Account& account, int64_t now_ticks_us, uint32_t request_limit) {
-  Burst& burst = account.burst.emplace();
+  Burst& burst = account.burst.emplace(Burst{});
   burst.begin_ticks_us = now_ticks_us;
   burst.request_limit = account.was_limited ? std::min(request_limit, kLimitedBurst) : request_limit;
   burst.refusal = Refusal(account, now_ticks_us);

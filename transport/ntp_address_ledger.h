@@ -38,6 +38,7 @@
 #include <optional>
 
 #include "platform/base/lock.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/net/ip_endpoint.h"
 #include "transport/ntp_burst.h"
@@ -130,11 +131,11 @@ class NtpAddressLedger {
   static SendRefusal Refusal(const Account& account, int64_t now_ticks_us);
   static void BeginBurst(Account& account, int64_t now_ticks_us, uint32_t request_limit);
   static int64_t BackOffUs(uint32_t earlier_rates, uint64_t random);
-  Account& FindOrAdd(const net::IPEndPoint& address, int64_t now_ticks_us);  // lock_ is held
-  void MakeRoom(int64_t now_ticks_us);                                       // lock_ is held
+  Account& FindOrAdd(const net::IPEndPoint& address, int64_t now_ticks_us) SKORRA_REQUIRES(lock_);
+  void MakeRoom(int64_t now_ticks_us) SKORRA_REQUIRES(lock_);
 
   mutable base::Lock lock_;
-  std::map<net::IPEndPoint, Account> accounts_;  // under lock_
+  std::map<net::IPEndPoint, Account> accounts_ SKORRA_GUARDED_BY(lock_);
 };
 
 }  // namespace skorra

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/base/clock.h"
+#include "platform/base/int_math.h"
 #include "platform/base/time.h"
 #include "platform/linux/queue_context.h"
 #include "platform/linux/start_thread.h"
@@ -98,9 +99,7 @@ void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallba
     PostTask(from, std::move(task));
     return;
   }
-  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
-  const int64_t deadline_ticks_us =
-      (base::TimeDelta::FromMicroseconds(now_ticks_us) + delay).InMicroseconds();
+  const int64_t deadline_ticks_us = base::SaturatingAdd(base::GetSteadyTimeTicks(), delay.InMicroseconds());
   const base::AutoLock lock(lock_);
   if (IsForeign()) {
     return;

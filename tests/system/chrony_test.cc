@@ -6,10 +6,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "ntp/ntp_time_manager.h"
+#include "platform/base/lock.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/core/thread_manager.h"
 #include "testing/child_process.h"
@@ -33,18 +34,18 @@ struct Outcome {
 class Recorder : public NtpTimeManager::Observer {
  public:
   void OnNtpResult(NtpResult result, const std::string& message, const net::IPEndPoint& server) override {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock guard(lock_);
     outcomes_.push_back({result, message, server, NtpQueue()->IsCurrent()});
   }
 
   std::vector<Outcome> outcomes() const {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock guard(lock_);
     return outcomes_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<Outcome> outcomes_;
+  mutable base::Lock lock_;
+  std::vector<Outcome> outcomes_ SKORRA_GUARDED_BY(lock_);
 };
 
 // Between NTP time and the system clock. Of several pairs of readings the closest, since the thread may be

@@ -6,11 +6,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "ntp/ntp_time_manager.h"
+#include "platform/base/lock.h"
 #include "platform/base/random.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/config/base_cfg.h"
 #include "testing/clock_reading.h"
 #include "testing/config_scope.h"
@@ -44,7 +45,7 @@ class Leavers {
   void Join() {
     const auto leaver = std::make_shared<Leaver>(this);
     {
-      const std::lock_guard lock(mutex_);
+      const base::AutoLock guard(lock_);
       owned_ = leaver;
     }
     NtpTimeManager::GetInstance()->AddObserver(leaver);
@@ -61,12 +62,12 @@ class Leavers {
   };
 
   void Release() {
-    const std::lock_guard lock(mutex_);
+    const base::AutoLock guard(lock_);
     owned_ = nullptr;
   }
 
-  std::mutex mutex_;
-  std::shared_ptr<NtpTimeManager::Observer> owned_;
+  base::Lock lock_;
+  std::shared_ptr<NtpTimeManager::Observer> owned_ SKORRA_GUARDED_BY(lock_);
 };
 
 class ThreadStressTest : public testing::Test {
@@ -101,7 +102,7 @@ class ThreadStressTest : public testing::Test {
 // What the reports said, added up.
 struct Totals {
   void Add(const NtpTimeSyncStats& report) {
-    const std::lock_guard lock(mutex);
+    const base::AutoLock guard(lock);
     starts += report.start_count;
     if (const auto found = report.function_request_stats.find(kWholeAttempt);
         found != report.function_request_stats.end()) {
@@ -110,9 +111,9 @@ struct Totals {
     }
   }
 
-  std::mutex mutex;
-  uint32_t starts = 0;
-  uint32_t attempts = 0;
+  base::Lock lock;
+  uint32_t starts SKORRA_GUARDED_BY(lock) = 0;
+  uint32_t attempts SKORRA_GUARDED_BY(lock) = 0;
 };
 
 TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
@@ -164,6 +165,7 @@ TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
 
   EXPECT_EQ(wrong_reads, 0u);
   EXPECT_GT(good_reads, 0u);
+  const base::AutoLock guard(totals.lock);
   EXPECT_GT(totals.attempts, 0u);
   EXPECT_EQ(totals.attempts, counter->finished());
   EXPECT_EQ(totals.starts + 1, start_calls);  // the first report counts one start fewer
