@@ -1,5 +1,5 @@
-// An attacker beside the path: it cannot read the requests, but it knows that they are sent, and to where,
-// and it can send datagrams that bear any source address.
+// An attacker off the path: it cannot read the requests, but it knows when they are sent and where to, and it
+// can send datagrams with any source address.
 #pragma once
 
 #include <cstdint>
@@ -14,19 +14,19 @@ struct AttackerOptions {
   enum class Nonce {
     kGuessed,  // a random number
     kZero,     // a reply to nobody
-    kKnown,    // what only somebody on the path can know: shows that the source is checked as well
+    kKnown,  // the right one, which only an attacker on the path knows: shows that the source is checked too
   };
   Nonce nonce = Nonce::kGuessed;
-  // Empty: the server's own address. Otherwise the socket would drop it, and it is delivered all the same,
-  // as a system would that does not connect its sockets.
+  // Source address of the replies; empty: the server's own. A reply from another address is delivered all the
+  // same, as on a system that does not connect its sockets.
   net::IPEndPoint source = {};
   int replies_per_request = 10;
-  int64_t lie_us = 3600000000;  // what the replies want to make of the time
-  int64_t after_us = 1000;      // they arrive this long after the request was sent
+  int64_t lie_us = 3600000000;  // offset that the forged replies claim
+  int64_t after_us = 1000;      // the first arrives this long after its request was sent
   int64_t spacing_us = 10;
 };
 
-// Attacks every request from now on. Lives as long as its network.
+// Attacks every request from now on. It must live as long as its network.
 class Attacker {
  public:
   Attacker(World& world, Network& network, AttackerOptions options);

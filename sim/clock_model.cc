@@ -12,7 +12,7 @@ constexpr int64_t kMaxFrequencyPpb = kBillion / 2;
 
 int64_t ClockModel::At(int64_t ticks_us) const { return Advance(SegmentAt(ticks_us), ticks_us).wall_us; }
 
-// The segment's line continued to `ticks_us`. Elapsed time is taken apart so that no product overflows.
+// Continues the segment to `ticks_us`. Splits the elapsed time so that no product overflows.
 ClockModel::Segment ClockModel::Advance(const Segment& from, int64_t ticks_us) {
   const int64_t elapsed_us = ticks_us - from.ticks_us;
   const int64_t scaled = elapsed_us % kBillion * from.frequency_ppb + from.fraction;
@@ -40,7 +40,7 @@ const ClockModel::Segment& ClockModel::SegmentAt(int64_t ticks_us) const {
   return after == segments_.begin() ? *after : *(after - 1);
 }
 
-// Forgets what was planned for after `ticks_us`, and returns the state at that moment.
+// Drops the segments after `ticks_us` and returns the state at that moment.
 ClockModel::Segment ClockModel::Cut(int64_t ticks_us) {
   const Segment now = Advance(SegmentAt(ticks_us), ticks_us);
   while (segments_.size() > 1 && segments_.back().ticks_us >= ticks_us) {

@@ -46,7 +46,7 @@ class ClockModel {
   Segment Cut(int64_t ticks_us);
 
   ClockError error_;
-  // Grown on demand while the frequency wanders.
+  // Grows on demand while the frequency wanders.
   mutable std::vector<Segment> segments_;
   mutable netmodel::Random random_{0};
   mutable int64_t next_change_ticks_us_ = 0;

@@ -36,7 +36,7 @@ void Network::OnSent(const SentDatagram& sent) {
   }
 }
 
-// The moment is that of the arrival: the event itself may have waited for a task that blocked.
+// Works with the time of the arrival: the event itself may run later, when a task blocked.
 void Network::OnArrivedAtServer(const SentDatagram& sent, const netmodel::Arrival& arrival) {
   const auto site = sites_.find(sent.server);
   if (site == sites_.end()) {

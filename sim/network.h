@@ -6,8 +6,8 @@
 //                                .to_server = {.delay_us = 10000},
 //                                .to_client = {.delay_us = 10000, .loss_permille = 50}});
 //
-// A request travels over the link to the server, is answered by the server's own clock when it arrives, and
-// the reply travels back. Addresses without a server stay silent.
+// A request travels over the link to the server; the server answers it by its own clock when it arrives; the
+// reply travels back. Addresses without a server stay silent.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@
 
 namespace skorra::sim {
 
-// Lives as long as its world is run, and the world outlives it.
+// Must live while its world runs, and must be destroyed before it.
 class Network {
  public:
   explicit Network(World& world);
@@ -31,7 +31,7 @@ class Network {
   Network(const Network&) = delete;
   Network& operator=(const Network&) = delete;
 
-  // Adds a server, or replaces the one at that address; the replies of the old one that are under way still
+  // Adds a server, or replaces the one at that address. Replies of the old one that are under way still
   // arrive.
   void AddServer(const net::IPEndPoint& address, netmodel::ServerOptions options);
   void RemoveServer(const net::IPEndPoint& address) { sites_.erase(address); }

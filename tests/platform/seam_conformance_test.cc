@@ -63,14 +63,14 @@ class SeamTest : public ::testing::Test {
     return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, std::nullopt);
   }
 
-  // Runs `function` as a task of the common queue and waits for its end.
+  // Runs `function` as a task, on the common queue unless told, and waits for its end.
   template <class Function>
-  void RunAsTask(Function function) {
+  void RunAsTask(Function function, int64_t instance = -1) {
     std::atomic<bool> is_done{false};
-    Queue()->PostTask(kHere, base::BindOnce([&] {
-                        function();
-                        is_done = true;
-                      }));
+    Queue(instance)->PostTask(kHere, base::BindOnce([&] {
+                                function();
+                                is_done = true;
+                              }));
     ASSERT_TRUE(world_.WaitUntil([&] { return is_done.load(); }));
   }
 
@@ -96,7 +96,7 @@ TEST_F(ClockSeamTest, SteadyTicksGoOnWithTime) {
   std::atomic<bool> has_run{false};
   Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run = true; }), Ms(2));
   EXPECT_TRUE(world_.WaitUntil([&] { return has_run.load(); }));
-  EXPECT_GE(base::GetSteadyTimeTicks() - start_ticks_us, 2000);
+  EXPECT_GE(base::GetSteadyTimeTicks(), start_ticks_us + 2000);
 }
 
 TEST_F(ClockSeamTest, TheWallClockIsSteadyTicksPlusTheOffset) {
@@ -295,20 +295,23 @@ class DatagramSeamTest : public SeamTest {
   DatagramSeamTest() = default;
   ~DatagramSeamTest() override { Close(); }
 
+  // The queue that connects from now on.
+  void UseQueue(int64_t instance) { instance_ = instance; }
+
   void Connect(const net::IPEndPoint& remote) {
     RunAsTask([&] {
       net::SocketError error = net::SocketError::kOther;
       socket_ =
           net::DatagramSocket::Connect(remote,
                                        {[this](const net::ReceivedDatagram& datagram) {
-                                          on_queue_count_ += Queue()->IsCurrent() ? 1 : 0;
+                                          on_queue_count_ += Queue(instance_)->IsCurrent() ? 1 : 0;
                                           source_.Add(datagram.source);
                                           receive_ticks_us_.Add(datagram.receive_ticks_us);
                                           is_truncated_.Add(datagram.is_truncated);
                                           received_.Add(Bytes(datagram.bytes.begin(), datagram.bytes.end()));
                                         },
                                         [this](net::SocketError reported) {
-                                          on_queue_count_ += Queue()->IsCurrent() ? 1 : 0;
+                                          on_queue_count_ += Queue(instance_)->IsCurrent() ? 1 : 0;
                                           errors_.Add(reported);
                                         }},
                                        &error);
@@ -317,12 +320,18 @@ class DatagramSeamTest : public SeamTest {
       local_ = socket_->local();
     });
   }
+  template <class Function>
+  void RunAsTask(Function function) {
+    SeamTest::RunAsTask(function, instance_);
+  }
   void Close() {
     RunAsTask([&] { socket_ = nullptr; });
   }
   void Send(const Bytes& bytes) {
     RunAsTask([&] { EXPECT_EQ(socket_->Send(bytes), net::SocketError::kNone); });
   }
+
+  int64_t instance_ = -1;
 
   std::unique_ptr<net::DatagramSocket> socket_;
   net::IPEndPoint local_;
@@ -370,6 +379,20 @@ TEST_F(DatagramSeamTest, AClosedPortIsReportedOnTheQueueAndTheSocketStaysUsable)
   EXPECT_EQ(on_queue_count_, 1);
   Send({2});
   EXPECT_TRUE(world_.WaitUntil([&] { return errors_.size() == 2; }));
+}
+
+TEST_F(DatagramSeamTest, CallbacksRunOnTheQueueThatConnected) {
+  UseQueue(1);
+  const net::IPEndPoint server = world_.AddServer();
+  Connect(server);
+  world_.SendFrom(server, local_, {1});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() == 1; }));
+  EXPECT_EQ(on_queue_count_, 1);
+  Close();
+  Connect(world_.RefusingEndPoint());
+  Send({1});
+  ASSERT_TRUE(world_.WaitUntil([&] { return errors_.size() == 1; }));
+  EXPECT_EQ(on_queue_count_, 2);
 }
 
 TEST_F(DatagramSeamTest, NothingIsHeardAfterTheSocketIsGone) {
@@ -469,7 +492,7 @@ TEST_F(NameSeamTest, AnUnknownNameIsNotFoundWithTheReasonInWords) {
   EXPECT_NE(result.detail.find("unknown.example."), std::string::npos) << result.detail;
 }
 
-TEST_F(NameSeamTest, ALookupEndsAtItsDeadlineWhenTheNameServerIsSilent) {
+TEST_F(NameSeamTest, ASilentNameServerEndsTheLookupAtTheDeadline) {
   const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const net::ResolveResult result = world_.ResolveSilentName(Ms(100));
   EXPECT_EQ(result.error, net::ResolveError::kTimedOut);
@@ -486,32 +509,34 @@ TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
   }
 }
 
-TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForEver) {
+TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForever) {
   for (const char* host : {"192.0.2.1", "2001:db8::1", "localhost"}) {
     EXPECT_EQ(net::ResolveHost(host, 123, Ms(5000)).ttl, base::TimeDelta::Max()) << host;
   }
 }
 
-TEST_F(NameSeamTest, ALookupInTheBackgroundReportsOnceAndNeverInsideTheCall) {
+TEST_F(NameSeamTest, ALookupInTheBackgroundReportsOnceOnTheQueueOfNamesAndNeverInsideTheCall) {
   struct Report {
     std::string host;
     bool is_inside_call;
+    bool is_on_queue_of_names;
     net::ResolveResult result;
   };
   thread_local bool is_calling = false;
+  const auto names = core::ThreadManager::GetTaskQueue(core::BusinessID::kNames, -1, std::nullopt);
   Notes<Report> reports;
   const char* const hosts[] = {"192.0.2.1", "2001:db8::1", "localhost", "unknown.invalid", "192.0.2.2"};
   for (const char* host : hosts) {
     is_calling = true;
-    net::ResolveHostInBackground(host, 4123, Ms(5000), [&reports, host](const net::ResolveResult& result) {
-      reports.Add({host, is_calling, result});
+    net::ResolveHostInBackground(host, 4123, Ms(5000), [&, host](const net::ResolveResult& result) {
+      reports.Add({host, is_calling, names->IsCurrent(), result});
     });
     is_calling = false;
   }
   ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() == std::size(hosts); }));
   // One more lookup, so that a second report of an earlier one would be seen.
-  net::ResolveHostInBackground("192.0.2.3", 4123, Ms(5000), [&reports](const net::ResolveResult& result) {
-    reports.Add({"192.0.2.3", false, result});
+  net::ResolveHostInBackground("192.0.2.3", 4123, Ms(5000), [&](const net::ResolveResult& result) {
+    reports.Add({"192.0.2.3", false, names->IsCurrent(), result});
   });
   ASSERT_TRUE(world_.WaitUntil([&] { return reports.size() > std::size(hosts); }));
   std::set<std::string> seen;
@@ -519,7 +544,8 @@ TEST_F(NameSeamTest, ALookupInTheBackgroundReportsOnceAndNeverInsideTheCall) {
     SCOPED_TRACE(report.host);
     EXPECT_TRUE(seen.insert(report.host).second);
     EXPECT_FALSE(report.is_inside_call);
-    // The same result as that of the blocking lookup.
+    EXPECT_TRUE(report.is_on_queue_of_names);
+    // It is what the blocking lookup returns.
     const net::ResolveResult expected = net::ResolveHost(report.host, 4123, Ms(5000));
     EXPECT_EQ(report.result.addresses, expected.addresses);
     EXPECT_EQ(report.result.error, expected.error);

@@ -7,8 +7,6 @@
 #include "sim/network.h"
 #include "sim/world.h"
 
-namespace {
-
 TEST(SimulationExampleTest, ADayOfALaptopPassesInMilliseconds) {
   using base::TimeDelta;
 
@@ -49,5 +47,3 @@ TEST(SimulationExampleTest, ADayOfALaptopPassesInMilliseconds) {
   clock->Stop();
   world.RunFor(TimeDelta());
 }
-
-}  // namespace

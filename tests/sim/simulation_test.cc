@@ -136,39 +136,40 @@ class WorldTest : public ::testing::Test {
 };
 
 TEST_F(WorldTest, BothClocksFollowTheOscillatorAndTheTruthDoesNot) {
-  const int64_t begin_us = world_.true_us();
+  const int64_t begin_true_us = world_.true_us();
   world_.SetSteadyError({.frequency_ppb = 100000});
   world_.RunFor(TimeDelta::FromSeconds(10000));
-  EXPECT_EQ(world_.wall_us() - begin_us, 10000 * kSecond);
+  EXPECT_EQ(world_.wall_us() - begin_true_us, 10000 * kSecond);
   EXPECT_EQ(base::GetSteadyTimeTicks() - world_.begin_ticks_us(), 10000 * kSecond);
   // 100 ppm of what the truth says: 10000 s / 1.0001.
-  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_us), 1e10 / 1.0001, 20);
+  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 1e10 / 1.0001, 20);
 }
 
 TEST_F(WorldTest, ASlewedWallClockLeavesSteadyTimeAndTruthAlone) {
-  const int64_t begin_us = world_.true_us();
+  const int64_t begin_true_us = world_.true_us();
   world_.SetWallError({.frequency_ppb = -50000});
   world_.RunFor(TimeDelta::FromSeconds(1000));
-  EXPECT_EQ(world_.wall_us() - begin_us, 1000 * kSecond - 50000);
-  EXPECT_EQ(world_.true_us() - begin_us, 1000 * kSecond);
+  EXPECT_EQ(world_.wall_us() - begin_true_us, 1000 * kSecond - 50000);
+  EXPECT_EQ(world_.true_us() - begin_true_us, 1000 * kSecond);
 }
 
 TEST_F(WorldTest, AStepMovesTheWallClockOnly) {
   const int64_t true_us = world_.true_us();
-  const int64_t steady_us = world_.steady_ticks_us();
+  const int64_t steady_ticks_us = world_.steady_ticks_us();
   world_.StepWall(TimeDelta::FromSeconds(-7));
   EXPECT_EQ(world_.wall_us(), true_us - 7 * kSecond);
   EXPECT_EQ(world_.true_us(), true_us);
-  EXPECT_EQ(world_.steady_ticks_us(), steady_us);
+  EXPECT_EQ(world_.steady_ticks_us(), steady_ticks_us);
 }
 
 TEST_F(WorldTest, DuringASuspendClocksGoOnAndTasksWait) {
   std::vector<int64_t> ran_at;
-  const int64_t begin_us = world_.steady_ticks_us();
-  const auto queue = world_.GetTaskQueue(core::BusinessID::kNtpTime, -1);
+  const int64_t begin_ticks_us = world_.steady_ticks_us();
+  const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt);
   for (const int64_t delay_s : {20, 10, 7200}) {
-    queue->PostDelayedTask(base::Location::CreateFromHere("test", __LINE__),
-                           base::BindOnce([&] { ran_at.push_back(world_.steady_ticks_us() - begin_us); }),
+    queue->PostDelayedTask(base::Location::CreateFromHere("test", __LINE__), base::BindOnce([&] {
+                             ran_at.push_back(world_.steady_ticks_us() - begin_ticks_us);
+                           }),
                            TimeDelta::FromSeconds(delay_s));
   }
   const int64_t true_us = world_.true_us();
@@ -213,14 +214,14 @@ TEST_F(WorldTest, RunOneTakesTheEarliestEventAndMovesTimeToIt) {
   EXPECT_FALSE(world_.RunOne());
 }
 
-TEST_F(WorldTest, ALookUpMayFail) {
+TEST_F(WorldTest, ALookupMayFail) {
   world_.SetHost("down.test", {{Address("203.0.113.1")}, 0, net::ResolveError::kFailed});
   const net::ResolveResult result = net::ResolveHost("down.test", 123, TimeDelta::FromSeconds(1));
   EXPECT_EQ(result.error, net::ResolveError::kFailed);
   EXPECT_THAT(result.addresses, IsEmpty());
 }
 
-TEST_F(WorldTest, ALookUpGivesTheAnswerOfItsMoment) {
+TEST_F(WorldTest, ALookupGivesTheAnswerOfItsMoment) {
   world_.SetHost("moving.test", {{Address("203.0.113.1")}});
   EXPECT_THAT(net::ResolveHost("moving.test", 123, TimeDelta::FromSeconds(1)).addresses,
               ElementsAre(Address("203.0.113.1")));
