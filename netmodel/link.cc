@@ -33,7 +33,7 @@ std::optional<int64_t> Link::PassQueue(int64_t now_ticks_us, Random& random) {
   queue_ticks_us_ = std::max(queue_ticks_us_, now_ticks_us);
   int64_t work_us = 0;
   if (options_.load_permille > 0) {
-    // After a long silence the queue is what the last seconds made of it.
+    // After a long silence only the load of the last 10 s counts.
     const int64_t recent_us = std::min<int64_t>(elapsed_us, 10000000);
     work_us = recent_us * options_.load_permille / 1000 * static_cast<int64_t>(random.Below(2001)) / 1000;
   }

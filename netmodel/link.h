@@ -1,4 +1,4 @@
-// One direction of a path between the machine and a server: what happens to each datagram on it. Two links
+// One direction of a path between the machine and a server: when each datagram arrives, if it does. Two links
 // with different options make an asymmetric path.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace skorra::netmodel {
 
-// Probabilities are in 1/1000. Nothing that is left at its default draws a random number.
+// Probabilities are in 1/1000. Options left at their defaults draw no random number.
 struct LinkOptions {
   int64_t delay_us = 5000;  // every datagram takes this long,
   Distribution jitter = Distribution::kConstant;
@@ -19,18 +19,18 @@ struct LinkOptions {
 
   int loss_permille = 0;
   int duplicate_permille = 0;  // the copy takes its own delay
-  int reorder_permille = 0;    // held back by `reorder_us`, so that later ones overtake it
+  int reorder_permille = 0;    // delayed by `reorder_us`, so that later ones overtake it
   int64_t reorder_us = 30000;
-  int corrupt_permille = 0;  // one to three bits are flipped; nothing checks a sum
+  int corrupt_permille = 0;  // one to three bits flip; there is no checksum
 
-  // A queue that serves one datagram after another. Others' traffic fills it with work: `load_permille` of
-  // its capacity on average, varying from none to twice that; above 1000 it grows. What would wait longer
-  // than `queue_limit_us` is dropped.
+  // A queue that serves one datagram after another, `service_us` each; 0: no queue. Other traffic takes
+  // `load_permille` of its capacity on average, varying from none to twice that; above 1000 the queue grows.
+  // A datagram that would wait longer than `queue_limit_us` is dropped.
   int64_t service_us = 0;
   int load_permille = 0;
   int64_t queue_limit_us = base::kUsPerSecond;
 
-  // While one of these lasts nothing enters the link. Microseconds since the link's beginning.
+  // Nothing enters the link during one of these. Microseconds since the link's beginning.
   struct Window {
     int64_t from_us;
     int64_t to_us;
@@ -43,7 +43,7 @@ struct Arrival {
   std::vector<uint8_t> bytes;
 };
 
-// Where a datagram ended up, for the log.
+// What became of a datagram, for the log.
 enum class LinkFate { kCarried, kLost, kPartitioned, kQueueFull };
 const char* LinkFateName(LinkFate fate);
 
@@ -60,13 +60,13 @@ class Link {
 
  private:
   bool IsPartitioned(int64_t now_ticks_us) const;
-  // How long the datagram waits and is served; nothing when it is dropped.
+  // How long the datagram waits and is served; nullopt when it is dropped.
   std::optional<int64_t> PassQueue(int64_t now_ticks_us, Random& random);
 
   LinkOptions options_;
   int64_t begin_ticks_us_;
-  int64_t queue_ticks_us_;  // when `backlog_us_` was true
-  int64_t backlog_us_ = 0;  // work that waits in the queue
+  int64_t queue_ticks_us_;  // when `backlog_us_` was computed
+  int64_t backlog_us_ = 0;  // work in the queue
 };
 
 }  // namespace skorra::netmodel

@@ -50,8 +50,8 @@ uint32_t NonZero32(Random& random) {
 }  // namespace
 
 uint64_t Random::Next() {
-  // A Weyl sequence passed through a 64-bit mixing function (xor-shift and multiply): good enough for nonces
-  // that nobody attacks.
+  // splitmix64: a Weyl sequence through a 64-bit mixing function. Not secure; no attacker of a simulated
+  // world guesses it.
   state_ += 0x9E3779B97F4A7C15u;
   uint64_t mixed = state_;
   mixed = (mixed ^ (mixed >> 30)) * 0xBF58476D1CE4E5B9u;
@@ -59,7 +59,7 @@ uint64_t Random::Next() {
   return mixed ^ (mixed >> 31);
 }
 
-// The remainder's bias is bound / 2^64: nothing that a simulation could show.
+// The remainder's bias is bound / 2^64: too small to show in a simulation.
 uint64_t Random::Below(uint64_t bound) { return bound == 0 ? 0 : Next() % bound; }
 
 bool Random::Chance(int permille) { return permille > 0 && Below(1000) < static_cast<uint64_t>(permille); }

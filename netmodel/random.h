@@ -1,5 +1,5 @@
-// The numbers of a simulated world: from one seed the same on every platform, since only whole numbers are
-// computed with and no distribution of the standard library is involved.
+// Random numbers that are the same for a seed on every platform: all arithmetic is on integers, and no
+// distribution of the standard library is used.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,16 @@ class Random {
   uint64_t Next();
   // Uniform from 0 to `bound` - 1; 0 for a bound of 0.
   uint64_t Below(uint64_t bound);
-  // True in `permille` of 1000 cases. Draws no number for 0, so that a fault that is switched off leaves the
-  // rest of a run as it was.
+  // True in `permille` of 1000 cases. Draws no number for 0, so that a fault that is switched off does not
+  // change the rest of a run.
   bool Chance(int permille);
 
  private:
   uint64_t state_;
 };
 
-// How a delay scatters. Each is never negative and has the given mean, so that they can be exchanged.
+// How a delay varies. Delays are never negative, and each distribution has the given mean, so that one can
+// replace another.
 enum class Distribution {
   kConstant,     // the mean itself
   kUniform,      // 0 to twice the mean

@@ -23,7 +23,7 @@ void MakeKiss(NtpPacket& reply, std::string_view code) {
   }
 }
 
-// Two factors that together could overflow are taken apart.
+// elapsed_us * ppb / 10^9, split so that no product overflows.
 int64_t Gained(int64_t elapsed_us, int64_t ppb) {
   return elapsed_us / kBillion * ppb + elapsed_us % kBillion * ppb / kBillion;
 }
@@ -40,8 +40,8 @@ Server::Admission Server::Admit(net::IPEndPoint client, int64_t elapsed_us) {
                ? net::IPEndPoint::FromIPv6(bytes, 0)
                : net::IPEndPoint::FromIPv4({bytes[0], bytes[1], bytes[2], bytes[3]}, 0);
   Bucket& bucket = buckets_.try_emplace(client, Bucket{limit.burst, elapsed_us}).first->second;
-  const int64_t refills = std::max<int64_t>(0, elapsed_us - bucket.refilled_us) / limit.interval_us;
-  bucket.refilled_us += refills * limit.interval_us;
+  const int64_t refills = std::max<int64_t>(0, elapsed_us - bucket.refilled_at_us) / limit.interval_us;
+  bucket.refilled_at_us += refills * limit.interval_us;
   bucket.tokens = std::min(limit.burst, bucket.tokens + refills);
   if (bucket.tokens > 0) {
     --bucket.tokens;
@@ -88,12 +88,12 @@ std::optional<ServerReply> Server::Answer(std::span<const uint8_t> request, cons
   if (!exchange.is_answered) {
     return std::nullopt;
   }
-  const int64_t receive_us = true_us + exchange.clock_error_us;
+  const int64_t server_wall_us = true_us + exchange.clock_error_us;
   if (exchange.reply.receive_timestamp == 0) {
-    exchange.reply.receive_timestamp = NtpTimestampFromUs(receive_us);
+    exchange.reply.receive_timestamp = NtpTimestampFromUs(server_wall_us);
   }
   if (exchange.reply.transmit_timestamp == 0) {
-    exchange.reply.transmit_timestamp = NtpTimestampFromUs(receive_us + options_.processing_us);
+    exchange.reply.transmit_timestamp = NtpTimestampFromUs(server_wall_us + options_.processing_us);
   }
   const auto bytes = EncodePacket(exchange.reply);
   return ServerReply{{bytes.begin(), bytes.end()}, options_.processing_us};

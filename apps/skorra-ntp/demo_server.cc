@@ -1,7 +1,5 @@
 #include "apps/skorra-ntp/demo_server.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <array>
 #include <asio.hpp>
@@ -11,6 +9,7 @@
 #include <system_error>
 #include <thread>
 
+#include "netmodel/random.h"
 #include "platform/base/time.h"
 
 namespace skorra {
@@ -32,6 +31,7 @@ constexpr size_t kTransmitTimeAt = 40;
 constexpr uint8_t kClientMode = 3;
 constexpr uint8_t kServerMode = 4;
 
+constexpr uint64_t kMillion = 1'000'000;
 constexpr int64_t kSecondsFrom1900To1970 = 2208988800;
 // The clock pretends to have been set this long ago.
 constexpr int64_t kReferenceAgeUs = 8'000'000;
@@ -40,10 +40,8 @@ constexpr int kMaxPending = 1024;
 
 using Packet = std::array<uint8_t, kPacketSize>;
 
-int64_t NowSince1970Us() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec * base::kUsPerSecond + now.tv_nsec / 1000;
+int64_t WallSince1970Us() {
+  return base::Time::Now().ToDeltaSinceWindowsEpoch().InMicroseconds() - base::kWindowsToUnixEpochUs;
 }
 
 void WriteUint32(std::span<uint8_t> to, uint32_t value) {
@@ -53,16 +51,15 @@ void WriteUint32(std::span<uint8_t> to, uint32_t value) {
 }
 
 // Seconds since 1900 modulo 2^32 (the era is not transmitted) and a 32-bit fraction.
-void WriteTimestamp(std::span<uint8_t> to, int64_t since_1970_us) {
-  int64_t seconds = since_1970_us / base::kUsPerSecond;
-  int64_t rest_us = since_1970_us % base::kUsPerSecond;
+void WriteTimestamp(std::span<uint8_t> to, int64_t wall_us) {
+  int64_t seconds = wall_us / base::kUsPerSecond;
+  int64_t rest_us = wall_us % base::kUsPerSecond;
   if (rest_us < 0) {
     rest_us += base::kUsPerSecond;
     --seconds;
   }
   WriteUint32(to, static_cast<uint32_t>(seconds + kSecondsFrom1900To1970));
-  WriteUint32(to.subspan(4),
-              static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / base::kUsPerSecond));
+  WriteUint32(to.subspan(4), static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / base::kUsPerSecond));
 }
 
 bool IsAnswerable(std::span<const uint8_t> request) {
@@ -74,7 +71,7 @@ bool IsAnswerable(std::span<const uint8_t> request) {
 }
 
 // The answer to `request`, but for its transmit time stamp.
-Packet BeginReply(std::span<const uint8_t> request, int64_t receive_time_us) {
+Packet BeginReply(std::span<const uint8_t> request, int64_t receive_wall_us) {
   Packet reply{};
   const std::span<uint8_t> bytes(reply);
   reply[0] = static_cast<uint8_t>((request[0] & 0x38) | kServerMode);  // leap indicator 0, the same version
@@ -84,30 +81,11 @@ Packet BeginReply(std::span<const uint8_t> request, int64_t receive_time_us) {
   WriteUint32(bytes.subspan(kRootDelayAt), 0x10);          // 16 / 65536 s
   WriteUint32(bytes.subspan(kRootDispersionAt), 0x20);     // 32 / 65536 s
   std::copy_n("LOCL", 4, reply.begin() + kReferenceIdAt);  // an undisciplined local clock
-  WriteTimestamp(bytes.subspan(kReferenceTimeAt), receive_time_us - kReferenceAgeUs);
+  WriteTimestamp(bytes.subspan(kReferenceTimeAt), receive_wall_us - kReferenceAgeUs);
   std::copy_n(request.begin() + kTransmitTimeAt, 8, reply.begin() + kOriginTimeAt);
-  WriteTimestamp(bytes.subspan(kReceiveTimeAt), receive_time_us);
+  WriteTimestamp(bytes.subspan(kReceiveTimeAt), receive_wall_us);
   return reply;
 }
-
-// The splitmix64 generator: its numbers for a seed are the same with every standard library.
-class Draws {
- public:
-  explicit Draws(uint64_t seed) : state_(seed) {}
-
-  // Uniform in [0, 1).
-  double Next() {
-    state_ += 0x9e3779b97f4a7c15;
-    uint64_t z = state_;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    z ^= z >> 31;
-    return static_cast<double>(z >> 11) * 0x1p-53;
-  }
-
- private:
-  uint64_t state_;
-};
 
 udp::endpoint ToAsio(const net::IPEndPoint& endpoint) {
   if (endpoint.family() == net::IPEndPoint::Family::kIPv6) {
@@ -131,7 +109,7 @@ net::IPEndPoint FromAsio(const udp::endpoint& endpoint) {
 
 class DemoServer::Impl {
  public:
-  explicit Impl(const DemoServerOptions& options) : options_(options), draws_(options.seed) {}
+  explicit Impl(const DemoServerOptions& options) : options_(options), random_(options.seed) {}
 
   std::string Open() {
     asio::error_code error;
@@ -171,7 +149,7 @@ class DemoServer::Impl {
  private:
   using Counter = std::atomic<uint64_t>;
 
-  // One request on its way: the timer stands for the network, first towards the server and then back.
+  // One request on its way: the timer stands for the network, first to the server and then back.
   struct Exchange {
     explicit Exchange(asio::io_context& context) : timer(context) {}
 
@@ -183,10 +161,10 @@ class DemoServer::Impl {
 
   static void Count(Counter& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
 
-  int64_t ClockUs() const { return NowSince1970Us() + options_.clock_error_us; }
+  int64_t ServerWallUs() const { return WallSince1970Us() + options_.clock_error_us; }
 
   std::chrono::microseconds DrawOneWayDelay() {
-    const double extra_us = static_cast<double>(options_.jitter_us) * draws_.Next();
+    const auto extra_us = random_.Below(static_cast<uint64_t>(options_.jitter_us) + 1);
     return std::chrono::microseconds(options_.delay_us / 2 + static_cast<int64_t>(extra_us));
   }
 
@@ -208,7 +186,7 @@ class DemoServer::Impl {
       return Count(ignored_);
     }
     // Always drawn, so that a seed gives the same jitter whatever the loss.
-    const bool is_lost = draws_.Next() < options_.loss;
+    const bool is_lost = static_cast<double>(random_.Below(kMillion)) < options_.loss * double{kMillion};
     const auto way_there = DrawOneWayDelay();
     const auto way_back = DrawOneWayDelay();
     if (is_lost) {
@@ -222,8 +200,8 @@ class DemoServer::Impl {
     exchange->client = sender_;
     std::copy_n(datagram.begin(), kPacketSize, exchange->request.begin());
     After(way_there, exchange, [this, exchange, way_back] {
-      exchange->reply = BeginReply(exchange->request, ClockUs());
-      WriteTimestamp(std::span(exchange->reply).subspan(kTransmitTimeAt), ClockUs());
+      exchange->reply = BeginReply(exchange->request, ServerWallUs());
+      WriteTimestamp(std::span(exchange->reply).subspan(kTransmitTimeAt), ServerWallUs());
       After(way_back, exchange, [this, exchange] { Answer(*exchange); });
     });
   }
@@ -257,7 +235,7 @@ class DemoServer::Impl {
   udp::socket socket_{context_};
   udp::endpoint sender_;
   std::array<uint8_t, 512> buffer_{};
-  Draws draws_;
+  netmodel::Random random_;
   int pending_ = 0;
 
   std::thread thread_;
@@ -278,8 +256,8 @@ std::unique_ptr<DemoServer> DemoServer::Open(const DemoServerOptions& options, s
     }
     impl->Start();
     return std::unique_ptr<DemoServer>(new DemoServer(std::move(impl)));
-  } catch (const std::system_error& refusal) {  // no thread or no descriptor is to be had
-    *error = refusal.what();
+  } catch (const std::system_error& failure) {  // no thread or no descriptor is left
+    *error = failure.what();
     return nullptr;
   }
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parts of netmodel/: chance, links and servers.
 #include <algorithm>
 #include <array>
