@@ -12,14 +12,6 @@ constexpr int64_t kYear2104 = 15877935744 * kSecond;
 constexpr int64_t kYear2030 = 13537929600 * kSecond;
 constexpr int64_t kEraLength = 4294967296 * kSecond;
 
-void Sync(Run& run, int64_t then_us) {
-  run.AddDomains({"time.test"});
-  run.Start();
-  run.For(then_us);
-}
-
-void SyncOnce(Run& run) { Sync(run, 5 * kSecond); }
-
 struct Step {
   const char* name;
   int64_t us;
@@ -29,30 +21,26 @@ std::vector<Scenario> StepRows() {
   const Step steps[] = {{"forward_by_2_s", 2 * kSecond},       {"back_by_2_s", -2 * kSecond},
                         {"forward_by_an_hour", kHour},         {"back_by_an_hour", -kHour},
                         {"forward_by_ten_years", 3653 * kDay}, {"back_by_ten_years", -3653 * kDay}};
-  const Limits right = {.max_error_us = 10,
-                        .rms_error_us = 10,
-                        .first_result_us = 20 * kMs,
-                        .requests = {Bursts(kA, 2)},
-                        .outcomes = {0, 0}};
+  const Limits right = Right(20 * kMs, {Bursts(kA, 2)}, {0, 0});
   Limits announced = right;
   announced.requests = {OneBurst(kA)};
   std::vector<Scenario> rows;
   for (const Step& step : steps) {
-    rows.push_back({std::string("wall_") + step.name + "_between_attempts",
-                    "NTP time follows the steady clock and does not move; the next start finds the step and"
-                    " asks anew",
-                    OneServer({}),
-                    [=](Run& run) {
-                      Sync(run, kMinute);
-                      run.StepWall(step.us);
-                      run.For(kMinute);
-                      run.Start();
-                      run.For(5 * kSecond);
-                    },
-                    right});
+    rows.push_back(
+        {std::string("wall_") + step.name + "_between_attempts",
+         "NTP time follows the steady clock and does not move; the next start finds the step and asks again",
+         OneServer({}),
+         [=](Run& run) {
+           Sync(run, kMinute);
+           run.StepWall(step.us);
+           run.For(kMinute);
+           run.Start();
+           run.For(5 * kSecond);
+         },
+         right});
     rows.push_back({std::string("wall_") + step.name + "_during_an_attempt",
-                    "samples are measured by steady ticks; success is noted by the stepped clock, so that the"
-                    " next start finds agreement and announces the kept result",
+                    "samples are measured by steady ticks; success is noted by the stepped clock, so that "
+                    "the next start finds agreement and announces the kept result",
                     OneServer({}),
                     [=](Run& run) {
                       run.At(105 * kMs, [&run, step] { run.StepWall(step.us); });
@@ -63,8 +51,8 @@ std::vector<Scenario> StepRows() {
                     announced});
   }
   rows.push_back({"wall_forward_by_2_to_32_ms",
-                  "only the low 32 bits of a deviation in ms count, so that this step is not found: the kept"
-                  " mapping goes on, which is right all the same",
+                  "only the low 32 bits of a deviation in ms count, so that this step is not found: the kept "
+                  "mapping goes on, which is right all the same",
                   OneServer({}),
                   [](Run& run) {
                     Sync(run, kMinute);
@@ -74,18 +62,12 @@ std::vector<Scenario> StepRows() {
                     run.For(5 * kSecond);
                   },
                   right});
-  rows.push_back({"wall_wrong_by_a_day_from_the_beginning",
-                  "the offset is that day, and NTP time is right",
+  rows.push_back({"wall_wrong_by_a_day_from_the_beginning", "the offset is that day, and NTP time is right",
                   [](Run& run) {
                     OneServer({})(run);
                     run.StepWall(-kDay);
                   },
-                  SyncOnce,
-                  {.max_error_us = 10,
-                   .rms_error_us = 10,
-                   .first_result_us = 20 * kMs,
-                   .requests = {OneBurst(kA)},
-                   .outcomes = {0}}});
+                  SyncOnce, Right(20 * kMs, {OneBurst(kA)}, {0})});
   return rows;
 }
 
@@ -96,7 +78,7 @@ void SuspendAt(Run& run, int64_t at_us) {
 std::vector<Scenario> SuspendRows() {
   return {
       {"suspend_for_8_hours_between_attempts",
-       "the steady clock counts sleep, but runs 10 ppm fast: 0.288 s until the next start, which asks anew",
+       "the steady clock counts sleep, but runs 10 ppm fast: 0.288 s until the next start, which asks again",
        [](Run& run) {
          OneServer({})(run);
          run.world.SetSteadyError({.frequency_ppb = 10000});
@@ -115,10 +97,8 @@ std::vector<Scenario> SuspendRows() {
         .outcomes = {0, 0}}},
       {"suspend_for_8_hours_and_a_start_at_once",
        "the stop that was due during the sleep runs after the start was accepted and before its attempt: "
-       "nobody"
-       " waits for that one, and its domain stays marked as being asked, so that the next start sends "
-       "nothing;"
-       " only a stop clears the mark",
+       "nobody waits for that one, and its domain stays marked as being asked, so that the next start sends "
+       "nothing; only a stop clears the mark",
        OneServer({}),
        [](Run& run) {
          SyncOnce(run);
@@ -132,15 +112,11 @@ std::vector<Scenario> SuspendRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 3)},
-        .outcomes = {0, 0}}},
+       Right(20 * kMs, {Bursts(kA, 3)}, {0, 0})},
       {"suspend_for_8_hours_during_an_attempt",
-       "five replies came before: after waking they are evaluated at once, since the time is up; a request"
-       " that took 8 hours is not good enough, and the next start asks anew. The sends that slept leave"
-       " together",
+       "five replies came before: after waking they are evaluated at once, since the time is up; a request "
+       "that took 8 hours is not good enough, and the next start asks again. The sends that slept leave "
+       "together",
        OneServer({}),
        [](Run& run) {
          SuspendAt(run, 55 * kMs);
@@ -149,16 +125,12 @@ std::vector<Scenario> SuspendRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 40, 40, 0}},
-        .outcomes = {0, 0}}},
+       Right(20 * kMs, {{kA, 40, 40, 0}}, {0, 0})},
       {"suspend_for_8_hours_before_enough_replies",
        "one reply came before, what arrived during the sleep is lost. The sends that slept leave together as "
        "a new burst; the check finds the time up before anything comes back from that, so that the only "
-       "address is asked once more, which adds the two requests that the burst has left, and the next "
-       "start announces what that brought",
+       "address is asked once more, which adds the two requests that the burst has left, and the next start "
+       "announces what that brought",
        OneServer({}),
        [](Run& run) {
          SuspendAt(run, 15 * kMs);
@@ -167,11 +139,7 @@ std::vector<Scenario> SuspendRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 22, 22, 0}},
-        .outcomes = {0, 0}}},
+       Right(20 * kMs, {{kA, 22, 22, 0}}, {0, 0})},
   };
 }
 
@@ -179,8 +147,7 @@ std::vector<Scenario> DriftRows() {
   return {
       {"resync_over_30_days",
        "an oscillator 20 ppm fast that wanders: read every minute, NTP time is renewed at the first read "
-       "later"
-       " than 3601 s, every 61 minutes, and is off by 73 ms and the wander at the most",
+       "later than 3601 s, every 61 minutes, and is off by 73 ms and the wander at the most",
        [](Run& run) {
          OneServer({})(run);
          run.world.SetSteadyError({.frequency_ppb = 20000, .wander_ppb = 5});
@@ -196,8 +163,8 @@ std::vector<Scenario> DriftRows() {
         .requests = {Bursts(kA, 709)},
         .outcomes = std::vector<int>(709, 0)}},
       {"slewed_wall_clock_over_a_day",
-       "something slews the wall clock by 20 ppm: the clocks disagree by 12 ms when reads may ask again, so"
-       " every ten minutes; NTP time itself never moves",
+       "something slews the wall clock by 20 ppm: the clocks disagree by 12 ms when reads may ask again, so "
+       "every ten minutes; NTP time itself never moves",
        [](Run& run) {
          OneServer({})(run);
          run.world.SetWallError({.frequency_ppb = 20000});
@@ -207,11 +174,7 @@ std::vector<Scenario> DriftRows() {
          run.ReadEvery(kMinute);
          run.For(kDay);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 2 * kSecond,
-        .requests = {Bursts(kA, 144)},
-        .outcomes = std::vector<int>(144, 0)}},
+       Right(2 * kSecond, {Bursts(kA, 144)}, std::vector<int>(144, 0))},
       {"no_periodic_resync",
        "with the interval 0 a good result stays for good, and grows wrong with the clock",
        [](Run& run) {
@@ -239,16 +202,12 @@ std::vector<Scenario> DriftRows() {
          run.ReadEvery(kSecond);
          run.For(25 * kMinute);
        },
-       {.requests = {Bursts(kA, 6)}, .outcomes = {-1, -1, -1}, .has_result_at_end = false}},
+       NoResult({Bursts(kA, 6)}, {-1, -1, -1})},
   };
 }
 
 std::vector<Scenario> EraRows() {
-  const Limits right = {.max_error_us = 10,
-                        .rms_error_us = 10,
-                        .first_result_us = 20 * kMs,
-                        .requests = {OneBurst(kA)},
-                        .outcomes = {0}};
+  const Limits right = Right(20 * kMs, {OneBurst(kA)}, {0});
   const auto wall_off_by = [](int64_t us) {
     return [us](Run& run) {
       OneServer({})(run);
@@ -272,8 +231,8 @@ std::vector<Scenario> EraRows() {
        "a clock that woke up in 1970 is set right: eras are placed near 2026",
        wall_off_by(base::kWindowsToUnixEpochUs - kYear2030), SyncOnce, right, kYear2030},
       {"client_in_1970_server_in_2104",
-       "a time stamp does not tell its era, and 1968 is nearer to 2026 than 2104: wrong by one era, and"
-       " unavoidably so",
+       "a time stamp does not tell its era, and 1968 is nearer to 2026 than 2104: wrong by one era, and "
+       "unavoidably so",
        wall_off_by(base::kWindowsToUnixEpochUs - kYear2104),
        SyncOnce,
        {.max_error_us = kEraLength + 10,

@@ -7,13 +7,6 @@ namespace {
 using netmodel::Distribution;
 using sim::AttackerOptions;
 
-// The story of most rows: one attempt, and a few seconds to hear of it.
-void SyncOnce(Run& run) {
-  run.AddDomains({"time.test"});
-  run.Start();
-  run.For(5 * kSecond);
-}
-
 std::function<void(Run&)> Path(const netmodel::LinkOptions& to_server,
                                const netmodel::LinkOptions& to_client) {
   return OneServer({.to_server = to_server, .to_client = to_client});
@@ -50,8 +43,7 @@ std::vector<Scenario> PathRows() {
         .outcomes = {0}}},
       {"mobile_40ms_jitter",
        "a mobile network: round-trip times scatter by about 20 ms, the limit, so that most results are told "
-       "as"
-       " possibly inaccurate and some pass",
+       "as possibly inaccurate and some pass",
        Path({.delay_us = 30 * kMs, .jitter = Distribution::kUniform, .jitter_us = 40 * kMs}),
        SyncOnce,
        {.max_error_us = 40 * kMs,
@@ -78,6 +70,19 @@ std::vector<Scenario> PathRows() {
         .first_result_us = 150 * kMs,
         .requests = {OneBurst(kA)},
         .outcomes = {0}}},
+      {"ipv6",
+       "the same over the other family",
+       [](Run& run) {
+         run.SetHost("time.test", {"2001:db8::7"});
+         run.AddServer("2001:db8::7", {.clock_error_us = 250});
+       },
+       SyncOnce,
+       {.max_error_us = 250,
+        .rms_error_us = 250,
+        .first_result_us = 20 * kMs,
+        .requests = {OneBurst("2001:db8::7")},
+        .outcomes = {0},
+        .min_error_at_end_us = 250}},
   };
 }
 
@@ -104,20 +109,13 @@ std::vector<Scenario> DelayRows() {
         .requests = {OneBurst(kA)},
         .outcomes = {0},
         .min_error_at_end_us = 40 * kMs}},
-      {"round_trip_of_1400_ms",
-       "as far as a satellite and a slow modem: still below the limit of 1.5 s",
-       Path({.delay_us = 700 * kMs}, {.delay_us = 700 * kMs}),
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 1410 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
+      {"round_trip_of_1400_ms", "as far as a satellite and a slow modem: still below the limit of 1.5 s",
+       Path({.delay_us = 700 * kMs}, {.delay_us = 700 * kMs}), SyncOnce,
+       Right(1410 * kMs, {OneBurst(kA)}, {0})},
       {"round_trip_of_1600_ms",
        "above the limit an offset may be wrong by 0.8 s and is none; the server is there and not asked again",
-       Path({.delay_us = 800 * kMs}, {.delay_us = 800 * kMs}),
-       SyncWithRepetition,
-       {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false}},
+       Path({.delay_us = 800 * kMs}, {.delay_us = 800 * kMs}), SyncWithRepetition,
+       NoResult({OneBurst(kA)}, {-1})},
       {"queue_that_overflows",
        "a queue too slow for a burst drops most of it: the few samples give a result only after 3 s",
        Path({.delay_us = 10 * kMs, .service_us = 50 * kMs, .queue_limit_us = 100 * kMs},
@@ -138,18 +136,14 @@ std::vector<Scenario> DelayRows() {
         .requests = {OneBurst(kA)},
         .outcomes = {0}}},
       {"two_satellite_hops",
-       "a request that took 1.2 s never counts as good enough: each start asks anew instead of announcing",
+       "a request that took 1.2 s never counts as good enough: each start asks again instead of announcing",
        Path({.delay_us = 500 * kMs}),
        [](Run& run) {
          SyncOnce(run);
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 1100 * kMs,
-        .requests = {Bursts(kA, 2)},
-        .outcomes = {0, 0}}},
+       Right(1100 * kMs, {Bursts(kA, 2)}, {0, 0})},
   };
 }
 
@@ -171,8 +165,7 @@ std::vector<Scenario> LossRows() {
        "nothing comes back from the first burst, so the only address gets a second one, which fares no "
        "better",
        Path({.delay_us = 20 * kMs, .loss_permille = 990}, {.delay_us = 20 * kMs, .loss_permille = 990}),
-       SyncWithRepetition,
-       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
+       SyncWithRepetition, NoResult({Bursts(kA, 2)}, {-1})},
       {"duplicated_replies",
        "every datagram comes twice: the copies are dropped and counted, not averaged in",
        Path({.delay_us = 15 * kMs,
@@ -203,20 +196,19 @@ std::vector<Scenario> LossRows() {
         .first_result_us = 40 * kMs,
         .requests = {OneBurst(kA)},
         .outcomes = {0}}},
+  };
+}
+
+std::vector<Scenario> PartitionRows() {
+  return {
       {"partition_over_the_burst",
-       "the link is cut while the burst is sent and heals at once after: nothing came back, so that the only"
-       " address is asked again after 3 s",
-       Path({.delay_us = 15 * kMs, .partitions = {{0, 250 * kMs}}}),
-       SyncWithRepetition,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 3040 * kMs,
-        .requests = {Bursts(kA, 2)},
-        .outcomes = {0}}},
+       "the link is cut while the burst is sent and heals at once after: nothing came back, so that the only "
+       "address is asked again after 3 s",
+       Path({.delay_us = 15 * kMs, .partitions = {{0, 250 * kMs}}}), SyncWithRepetition,
+       Right(3040 * kMs, {Bursts(kA, 2)}, {0})},
       {"partition_over_all_but_one_reply",
        "a single request got through before the link was cut, and its reply came: the server is there, and a "
-       "second burst could be"
-       " punished",
+       "second burst could be punished",
        Path({.delay_us = 15 * kMs, .partitions = {{5 * kMs, 250 * kMs}}}, {.delay_us = 15 * kMs}),
        SyncWithRepetition,
        {.max_error_us = 10,
@@ -232,25 +224,7 @@ std::vector<Scenario> LossRows() {
          run.AddServer(kA, {.to_server = {.partitions = {{0, kHour}}}});
          run.AddServer(kB, {});
        },
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 3020 * kMs,
-        .requests = {OneBurst(kA), OneBurst(kB)},
-        .outcomes = {0}}},
-      {"ipv6",
-       "the same over the other family",
-       [](Run& run) {
-         run.SetHost("time.test", {"2001:db8::7"});
-         run.AddServer("2001:db8::7", {.clock_error_us = 250});
-       },
-       SyncOnce,
-       {.max_error_us = 250,
-        .rms_error_us = 250,
-        .first_result_us = 20 * kMs,
-        .requests = {OneBurst("2001:db8::7")},
-        .outcomes = {0},
-        .min_error_at_end_us = 250}},
+       SyncOnce, Right(3020 * kMs, {OneBurst(kA), OneBurst(kB)}, {0})},
   };
 }
 
@@ -267,60 +241,51 @@ void SyncThenMoveTheServer(Run& run, const std::string& asked_for) {
   run.For(7 * kSecond);
 }
 
+// One server at kA, whose name holds for `ttl_s`.
+std::function<void(Run&)> OneServerWithTtl(int64_t ttl_s) {
+  return [=](Run& run) {
+    run.AddServer(kA, {});
+    run.world.SetHost("time.test",
+                      {.addresses = {Run::Address(kA)}, .ttl = base::TimeDelta::FromSeconds(ttl_s)});
+  };
+}
+
+// One server at kA, whose name takes `lookup_us` to look up.
+std::function<void(Run&)> OneServerFoundAfter(int64_t lookup_us) {
+  return [=](Run& run) {
+    run.AddServer(kA, {});
+    run.world.SetHost("time.test", {.addresses = {Run::Address(kA)}, .delay_us = lookup_us});
+  };
+}
+
 std::vector<Scenario> NameRows() {
   return {
       {"name_with_changing_addresses",
-       "an answer without a time to live holds for a day: until then the old address is asked, twice, and"
-       " stays silent",
-       OneServer({}),
-       [](Run& run) { SyncThenMoveTheServer(run, "time.test"); },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 3), Bursts(kB, 0)},
-        .outcomes = {0, 1}}},
+       "an answer without a time to live holds for a day: until then the old address is asked, twice, and "
+       "stays silent",
+       OneServer({}), [](Run& run) { SyncThenMoveTheServer(run, "time.test"); },
+       Right(20 * kMs, {Bursts(kA, 3), Bursts(kB, 0)}, {0, 1})},
       {"name_that_moves",
-       "an attempt after the time to live of 5 minutes looks the name up in the background, while it still"
-       " asks the old address; the next one asks the new address",
-       [](Run& run) {
-         run.AddServer(kA, {});
-         run.world.SetHost("time.test",
-                           {.addresses = {Run::Address(kA)}, .ttl = base::TimeDelta::FromSeconds(300)});
-       },
+       "an attempt after the time to live of 5 minutes looks the name up in the background, while it still "
+       "asks the old address; the next one asks the new address",
+       OneServerWithTtl(300),
        [](Run& run) {
          SyncThenMoveTheServer(run, "time.test");
          run.Start();
          run.For(kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 3), OneBurst(kB)},
-        .outcomes = {0, 1, 0}}},
-      {"name_that_moves_before_its_time_to_live_is_over",
+       Right(20 * kMs, {Bursts(kA, 3), OneBurst(kB)}, {0, 1, 0})},
+      {"name_that_moves_before_its_ttl_ends",
        "the same with a time to live of an hour: the old address is asked in every attempt",
-       [](Run& run) {
-         run.AddServer(kA, {});
-         run.world.SetHost("time.test",
-                           {.addresses = {Run::Address(kA)}, .ttl = base::TimeDelta::FromSeconds(3600)});
-       },
+       OneServerWithTtl(3600),
        [](Run& run) {
          SyncThenMoveTheServer(run, "time.test");
          run.Start();
          run.For(7 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 5), Bursts(kB, 0)},
-        .outcomes = {0, 1, 1}}},
+       Right(20 * kMs, {Bursts(kA, 5), Bursts(kB, 0)}, {0, 1, 1})},
       {"name_that_is_gone_when_it_is_refreshed",
-       "a look-up that fails leaves the list as it was, and its server answers",
-       [](Run& run) {
-         run.AddServer(kA, {});
-         run.world.SetHost("time.test",
-                           {.addresses = {Run::Address(kA)}, .ttl = base::TimeDelta::FromSeconds(300)});
-       },
+       "a lookup that fails leaves the list as it was, and its server answers", OneServerWithTtl(300),
        [](Run& run) {
          SyncOnce(run);
          run.SetHost("time.test", {});
@@ -330,20 +295,11 @@ std::vector<Scenario> NameRows() {
            run.For(kSecond);
          }
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 3)},
-        .outcomes = {0, 0, 0}}},
-      {"name_changed_and_added_anew",
-       "under another spelling the moved name is a new domain with the new address",
-       OneServer({}),
+       Right(20 * kMs, {Bursts(kA, 3)}, {0, 0, 0})},
+      {"name_changed_and_added_again",
+       "under another spelling the moved name is a new domain with the new address", OneServer({}),
        [](Run& run) { SyncThenMoveTheServer(run, "time.test:123"); },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 2), OneBurst(kB)},
-        .outcomes = {0, 0}}},
+       Right(20 * kMs, {Bursts(kA, 2), OneBurst(kB)}, {0, 0})},
       {"name_without_an_address",
        "the only name does not exist and there is no default: the queue stops, and nobody is told",
        [](Run& run) { run.SetHost("time.test", {}); },
@@ -355,28 +311,13 @@ std::vector<Scenario> NameRows() {
 std::vector<Scenario> SlowNameRows() {
   return {
       {"name_that_is_looked_up_slowly",
-       "1.5 s for a look-up is within the limit; the queue waits, and then everything is as usual",
-       [](Run& run) {
-         run.world.SetHost("time.test", {{Run::Address(kA)}, 1500 * kMs});
-         run.AddServer(kA, {});
-       },
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 1530 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
-      {"name_whose_look_up_takes_too_long",
-       "after 2 s the domain is skipped, and no attempt comes of it",
-       [](Run& run) {
-         run.world.SetHost("time.test", {{Run::Address(kA)}, 2500 * kMs});
-         run.AddServer(kA, {});
-       },
-       SyncOnce,
-       {.requests = {Bursts(kA, 0)}, .has_result_at_end = false}},
+       "1.5 s for a lookup is within the limit; the queue waits, and then everything is as usual",
+       OneServerFoundAfter(1500 * kMs), SyncOnce, Right(1530 * kMs, {OneBurst(kA)}, {0})},
+      {"name_whose_lookup_takes_too_long", "after 2 s the domain is skipped, and no attempt comes of it",
+       OneServerFoundAfter(2500 * kMs), SyncOnce, NoResult({Bursts(kA, 0)}, {})},
       {"name_that_leads_to_a_liar",
-       "a wrong answer of the name service leads to a server an hour ahead: without a second opinion the"
-       " manager believes it",
+       "a wrong answer of the name service leads to a server an hour ahead: without a second opinion the "
+       "manager believes it",
        [](Run& run) {
          OneServer({})(run);
          run.AddServer(kB, {.clock_error_us = kHour});
@@ -408,11 +349,7 @@ std::vector<Scenario> LateNetworkRows() {
            run.For(40 * kSecond);
          }
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 80020 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
+       Right(80020 * kMs, {OneBurst(kA)}, {0})},
       {"network_that_comes_after_a_failed_attempt",
        "the address is known and nothing can be sent: an attempt fails after 3 s, the next one succeeds",
        [](Run& run) {
@@ -427,27 +364,19 @@ std::vector<Scenario> LateNetworkRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 12020 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {-1, 0}}},
+       Right(12020 * kMs, {OneBurst(kA)}, {-1, 0})},
   };
 }
 
 std::vector<Scenario> AttackRows() {
-  const Limits unharmed = {.max_error_us = 10,
-                           .rms_error_us = 10,
-                           .first_result_us = 30 * kMs,
-                           .requests = {OneBurst(kA)},
-                           .outcomes = {0}};
+  const Limits unharmed = Right(30 * kMs, {OneBurst(kA)}, {0});
   return {
       {"spoofed_replies_with_guessed_nonces",
        "ten forged replies before each genuine one, from the right address: 64 random bits are not guessed",
        AttackedPath({}), SyncOnce, unharmed},
       {"spoofed_replies_without_a_nonce", "a reply to no request is never an answer to one",
        AttackedPath({.nonce = AttackerOptions::Nonce::kZero}), SyncOnce, unharmed},
-      {"spoofed_replies_from_elsewhere_with_the_nonce",
+      {"spoofed_replies_from_elsewhere_with_nonce",
        "even with the right nonce a reply from another address is dropped, and does not use the nonce up",
        AttackedPath({.nonce = AttackerOptions::Nonce::kKnown, .source = Run::Address(kC)}), SyncOnce,
        unharmed},
@@ -458,16 +387,15 @@ std::vector<Scenario> AttackRows() {
          OneServer({.is_silent = true})(run);
          run.AddAttacker({});
        },
-       SyncWithRepetition,
-       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
+       SyncWithRepetition, NoResult({Bursts(kA, 2)}, {-1})},
   };
 }
 
 }  // namespace
 
 std::vector<Scenario> NetworkScenarios() {
-  return Concatenate(
-      {PathRows(), DelayRows(), LossRows(), NameRows(), SlowNameRows(), LateNetworkRows(), AttackRows()});
+  return Concatenate({PathRows(), DelayRows(), LossRows(), PartitionRows(), NameRows(), SlowNameRows(),
+                      LateNetworkRows(), AttackRows()});
 }
 
 }  // namespace skorra

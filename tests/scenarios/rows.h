@@ -3,6 +3,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/scenarios/scenario.h"
@@ -19,12 +20,30 @@ inline RequestLimit Bursts(const std::string& address, size_t count) {
 }
 inline RequestLimit OneBurst(const std::string& address) { return Bursts(address, 1); }
 
-// Long enough for both bursts that an only address gets when nothing comes back from it, 3 s each.
-inline void SyncWithRepetition(Run& run) {
+// The manager finds the right time, to 10 us: first after `first_us`, and the attempts end with `outcomes`.
+inline Limits Right(int64_t first_us, std::vector<RequestLimit> requests, std::vector<int> outcomes) {
+  return {.max_error_us = 10,
+          .rms_error_us = 10,
+          .first_result_us = first_us,
+          .requests = std::move(requests),
+          .outcomes = std::move(outcomes)};
+}
+
+// The manager finds nothing, not even for a moment.
+inline Limits NoResult(std::vector<RequestLimit> requests, std::vector<int> outcomes) {
+  return {.requests = std::move(requests), .outcomes = std::move(outcomes), .has_result_at_end = false};
+}
+
+// The begin of most stories: one attempt to ask "time.test".
+inline void Sync(Run& run, int64_t for_us) {
   run.AddDomains({"time.test"});
   run.Start();
-  run.For(7 * kSecond);
+  run.For(for_us);
 }
+inline void SyncOnce(Run& run) { Sync(run, 5 * kSecond); }
+
+// Long enough for both bursts that an only address gets when nothing comes back from it, 3 s each.
+inline void SyncWithRepetition(Run& run) { Sync(run, 7 * kSecond); }
 
 // One server at kA, under the name "time.test".
 inline std::function<void(Run&)> OneServer(const netmodel::ServerOptions& options) {

@@ -2,43 +2,16 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <string_view>
 
 #include "platform/base/log.h"
 #include "platform/config/base_cfg.h"
+#include "tests/scenarios/table.h"
 #include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 namespace {
-
-std::string ToText(const std::vector<int>& codes) {
-  // Long stories repeat themselves: "0 x 12, 1".
-  std::string text;
-  for (size_t i = 0; i < codes.size();) {
-    size_t end = i;
-    while (end < codes.size() && codes[end] == codes[i]) {
-      ++end;
-    }
-    text += (text.empty() ? "" : ", ") + std::to_string(codes[i]);
-    text += end - i > 1 ? " x " + std::to_string(end - i) : "";
-    i = end;
-  }
-  return text.empty() ? "none" : text;
-}
-
-// "1.234 ms", "2.5 s": short enough for a table.
-std::string ToText(int64_t us) {
-  char text[32];
-  const double value = static_cast<double>(us);
-  if (std::abs(us) < kSecond) {
-    std::snprintf(text, sizeof(text), "%.3f ms", value / 1e3);
-  } else {
-    std::snprintf(text, sizeof(text), "%.3f s", value / 1e6);
-  }
-  return text;
-}
 
 struct RequestMeasure {
   size_t count = 0;
@@ -63,25 +36,25 @@ void Judge(Run& run, const Limits& limits, ScenarioReport* report) {
     }
   };
   check(run.max_error_us() <= limits.max_error_us,
-        "largest error " + ToText(run.max_error_us()) + ", limit " + ToText(limits.max_error_us));
+        "largest error " + DurationText(run.max_error_us()) + ", limit " + DurationText(limits.max_error_us));
   check(run.rms_error_us() <= limits.rms_error_us,
-        "RMS error " + ToText(run.rms_error_us()) + ", limit " + ToText(limits.rms_error_us));
+        "RMS error " + DurationText(run.rms_error_us()) + ", limit " + DurationText(limits.rms_error_us));
   const std::optional<int64_t> first = run.first_result_us();
   if (limits.first_result_us) {
     check(first && *first <= *limits.first_result_us,
-          "first result " + (first ? "after " + ToText(*first) : std::string("never")) + ", limit " +
-              ToText(*limits.first_result_us));
+          "first result " + (first ? "after " + DurationText(*first) : std::string("never")) + ", limit " +
+              DurationText(*limits.first_result_us));
   } else {
     check(!first, "there was a result, and none was expected");
   }
   const bool is_other = !limits.or_outcomes.empty() && run.outcomes() == limits.or_outcomes;
   check(run.outcomes() == limits.outcomes || is_other,
-        "outcomes " + ToText(run.outcomes()) + ", expected " + ToText(limits.outcomes));
+        "outcomes " + OutcomesText(run.outcomes()) + ", expected " + OutcomesText(limits.outcomes));
   check(run.HasResult() == limits.has_result_at_end,
         std::string("at the end there is ") + (run.HasResult() ? "a" : "no") + " result");
   if (limits.min_error_at_end_us > 0) {
     check(run.HasResult() && std::abs(run.ErrorUs()) >= limits.min_error_at_end_us,
-          "the error at the end is below " + ToText(limits.min_error_at_end_us));
+          "the error at the end is below " + DurationText(limits.min_error_at_end_us));
   }
   for (const RequestLimit& limit : limits.requests) {
     const RequestMeasure measure = MeasureRequests(run, limit.address);
@@ -89,22 +62,9 @@ void Judge(Run& run, const Limits& limits, ScenarioReport* report) {
           limit.address + " got " + std::to_string(measure.count) + " requests, expected " +
               std::to_string(limit.min_count) + " to " + std::to_string(limit.max_count));
     check(measure.min_spacing_us >= limit.min_spacing_us,
-          limit.address + " got requests " + ToText(measure.min_spacing_us) + " apart, expected at least " +
-              ToText(limit.min_spacing_us));
+          limit.address + " got requests " + DurationText(measure.min_spacing_us) +
+              " apart, expected at least " + DurationText(limit.min_spacing_us));
   }
-}
-
-std::string Summary(Run& run, const Limits& limits) {
-  std::string text = "no result";
-  if (const auto first = run.first_result_us()) {
-    text = "error " + ToText(run.max_error_us()) + " <= " + ToText(limits.max_error_us) + ", RMS " +
-           ToText(run.rms_error_us()) + " <= " + ToText(limits.rms_error_us) + ", first " + ToText(*first) +
-           " <= " + ToText(limits.first_result_us.value_or(0));
-  }
-  for (const RequestLimit& limit : limits.requests) {
-    text += ", " + std::to_string(MeasureRequests(run, limit.address).count) + " to " + limit.address;
-  }
-  return text;
 }
 
 }  // namespace
@@ -126,7 +86,7 @@ class Run::Listener : public NtpTimeManager::Observer {
 };
 
 Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::string&)> event_log)
-    : world({.seed = seed, .wall_us = scenario.begin_us}), listener_(std::make_shared<Listener>(world)) {
+    : world({.seed = seed, .wall_us = scenario.begin_true_us}), listener_(std::make_shared<Listener>(world)) {
   const bool is_logged = static_cast<bool>(event_log);
   world.SetEventLog(std::move(event_log));
   base::SetLogThreshold(is_logged ? base::kLogProgress : base::kLogNothing);
@@ -178,14 +138,15 @@ int64_t Run::rms_error_us() const {
 const std::vector<int>& Run::outcomes() const { return listener_->outcomes; }
 
 void Run::For(int64_t duration_us) {
-  const int64_t end_us = world.steady_ticks_us() + duration_us;
+  const int64_t end_ticks_us = world.steady_ticks_us() + duration_us;
   const int64_t slice_us = duration_us > 2 * kMinute ? kSecond : 10 * kMs;
-  while (world.steady_ticks_us() < end_us) {
-    if (read_interval_us_ > 0 && world.steady_ticks_us() >= next_read_us_) {
-      next_read_us_ = world.steady_ticks_us() + read_interval_us_;
+  while (world.steady_ticks_us() < end_ticks_us) {
+    if (read_interval_us_ > 0 && world.steady_ticks_us() >= next_read_ticks_us_) {
+      next_read_ticks_us_ = world.steady_ticks_us() + read_interval_us_;
       manager().GetNtpTimestampFrom1970();
     }
-    world.RunFor(base::TimeDelta::FromMicroseconds(std::min(slice_us, end_us - world.steady_ticks_us())));
+    world.RunFor(
+        base::TimeDelta::FromMicroseconds(std::min(slice_us, end_ticks_us - world.steady_ticks_us())));
     Measure();
   }
 }
@@ -222,8 +183,13 @@ ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
   scenario.setup(run);
   scenario.story(run);
   ScenarioReport report;
-  report.outcome = ToText(run.outcomes());
-  report.measured = Summary(run, scenario.limits);
+  report.outcomes = run.outcomes();
+  report.max_error_us = run.max_error_us();
+  report.rms_error_us = run.rms_error_us();
+  report.first_result_us = run.first_result_us();
+  for (const RequestLimit& limit : scenario.limits.requests) {
+    report.requests.push_back({limit.address, MeasureRequests(run, limit.address).count});
+  }
   Judge(run, scenario.limits, &report);
   return report;
 }

@@ -93,7 +93,7 @@ class Run {
   // From now on the clock is read this often, as an application does.
   void ReadEvery(int64_t interval_us) {
     read_interval_us_ = interval_us;
-    next_read_us_ = world.steady_ticks_us();
+    next_read_ticks_us_ = world.steady_ticks_us();
   }
 
   // --- What was measured.
@@ -116,7 +116,7 @@ class Run {
   std::shared_ptr<Listener> listener_;
   std::vector<std::unique_ptr<sim::Attacker>> attackers_;
   int64_t read_interval_us_ = 0;  // 0: nobody reads
-  int64_t next_read_us_ = 0;
+  int64_t next_read_ticks_us_ = 0;
   int64_t max_error_us_ = 0;
   double square_sum_ = 0.0;
   int64_t measured_count_ = 0;
@@ -129,7 +129,7 @@ struct Scenario {
   std::function<void(Run&)> setup;
   std::function<void(Run&)> story;
   Limits limits;
-  int64_t begin_us = sim::World::Options().wall_us;  // the true time, microseconds since 1601
+  int64_t begin_true_us = sim::World::Options().wall_us;  // microseconds since 1601
 };
 
 // All rows, in the order of the table.
@@ -139,10 +139,18 @@ std::vector<Scenario> ServerScenarios();
 std::vector<Scenario> ClockScenarios();
 std::vector<Scenario> LifecycleScenarios();
 
+struct RequestCount {
+  std::string address;
+  size_t count = 0;
+};
+
 struct ScenarioReport {
-  std::string outcome;                // "0 1"; "none"
-  std::string measured;               // against the limits, for the table
-  std::vector<std::string> failures;  // in words; empty: the row holds
+  std::vector<int> outcomes;
+  int64_t max_error_us = 0;
+  int64_t rms_error_us = 0;
+  std::optional<int64_t> first_result_us;
+  std::vector<RequestCount> requests;  // for each address that the limits name
+  std::vector<std::string> failures;   // in words; empty: the row holds
 };
 
 // Plays one scenario. Changes the process's log settings and configuration while it runs.

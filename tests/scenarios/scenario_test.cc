@@ -3,10 +3,12 @@
 
 #include <ostream>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "tests/scenarios/table.h"
 
 namespace skorra {
 
@@ -32,8 +34,18 @@ std::string EventLogOf(const std::string& name, uint64_t seed) {
 
 class ScenarioTest : public ::testing::TestWithParam<Scenario> {};
 
-TEST_P(ScenarioTest, AScenarioStaysWithinItsLimits) {
-  EXPECT_THAT(PlayScenario(GetParam(), 1).failures, ::testing::IsEmpty());
+TEST_P(ScenarioTest, AScenarioStaysWithinItsLimitsAndItsColumns) {
+  const ScenarioReport report = PlayScenario(GetParam(), 1);
+  EXPECT_THAT(report.failures, ::testing::IsEmpty());
+  // A field that is too long for its column would push the next ones to the right.
+  const std::string header = TableHeader();
+  const std::string row = TableRow(GetParam(), report);
+  EXPECT_EQ(row.substr(header.find("outcomes") - 1, 1), " ") << row;
+  EXPECT_EQ(row.rfind(" ok"), header.size()) << row;
+  std::istringstream lines(Wrapped(GetParam().sentence, 4));
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_LE(line.size(), kTableWidth) << line;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ScenarioTest, ::testing::ValuesIn(AllScenarios()),
@@ -46,6 +58,19 @@ TEST(ScenarioTableTest, EachScenarioHasANameOfItsOwnAndASentence) {
     EXPECT_GT(scenario.sentence.size(), 10u) << scenario.name;
   }
   EXPECT_GE(names.size(), 40u);
+}
+
+TEST(ScenarioTableTest, IsNoWiderThanATerminalAndHasAHeader) {
+  const std::string header = TableHeader();
+  EXPECT_THAT(header, ::testing::StartsWith("scenario "));
+  EXPECT_LE(header.size() + std::string(" FAIL").size(), kTableWidth);
+}
+
+TEST(ScenarioTableTest, BreaksAndIndentsLinesBetweenWords) {
+  EXPECT_EQ(Wrapped("one two", 2), "  one two\n");
+  const std::string half(50, 'x');
+  EXPECT_EQ(Wrapped(half + " " + half, 0), half + "\n" + half + "\n");
+  EXPECT_EQ(Wrapped(half + " " + half.substr(1), 0), half + " " + half.substr(1) + "\n");
 }
 
 TEST(ScenarioReplayTest, TheSameSeedGivesTheSameLogByteForByte) {

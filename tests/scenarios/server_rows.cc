@@ -28,24 +28,12 @@ void SyncWithThree(Run& run) {
   run.For(5 * kSecond);
 }
 
-void SyncOnce(Run& run) {
-  run.AddDomains({"time.test"});
-  run.Start();
-  run.For(5 * kSecond);
-}
-
 std::vector<Scenario> SeveralServerRows() {
   const std::vector<RequestLimit> each = {OneBurst(kA), OneBurst(kB), OneBurst(kC)};
   return {
       {"far_server_lies_by_an_hour",
        "one of three lies by an hour but answers later: the first domain with a good result ends the attempt",
-       ThreeServers({}, {}, Far({.clock_error_us = kHour})),
-       SyncWithThree,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = each,
-        .outcomes = {0}}},
+       ThreeServers({}, {}, Far({.clock_error_us = kHour})), SyncWithThree, Right(20 * kMs, each, {0})},
       {"near_server_lies_by_an_hour",
        "one of three lies by an hour and is heard first: domains are not compared, so it is believed",
        ThreeServers({.clock_error_us = kHour, .to_server = {.delay_us = kMs}, .to_client = {.delay_us = kMs}},
@@ -57,15 +45,8 @@ std::vector<Scenario> SeveralServerRows() {
         .requests = each,
         .outcomes = {0},
         .min_error_at_end_us = kHour}},
-      {"two_of_three_dead",
-       "the one that lives is enough, and nobody waits for the others",
-       ThreeServers({.is_silent = true}, {.is_silent = true}, {}),
-       SyncWithThree,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = each,
-        .outcomes = {0}}},
+      {"two_of_three_dead", "the one that lives is enough, and nobody waits for the others",
+       ThreeServers({.is_silent = true}, {.is_silent = true}, {}), SyncWithThree, Right(20 * kMs, each, {0})},
       {"all_dead",
        "no server answers: no result, told after 6 s, and two bursts for each, since each name has one "
        "address",
@@ -75,36 +56,23 @@ std::vector<Scenario> SeveralServerRows() {
          run.Start();
          run.For(7 * kSecond);
        },
-       {.requests = {Bursts(kA, 2), Bursts(kB, 2), Bursts(kC, 2)},
-        .outcomes = {-1},
-        .has_result_at_end = false}},
+       NoResult({Bursts(kA, 2), Bursts(kB, 2), Bursts(kC, 2)}, {-1})},
       {"closed_ports",
-       "errors of the network neither end an attempt early nor count as something that came back: they may be"
-       " forged",
+       "errors of the network neither end an attempt early nor count as something that came back: they may "
+       "be forged",
        [](Run& run) {
          run.SetHost("time.test", {kA});
          run.network.AddListener([&run](const sim::SentDatagram& sent) {
            run.At(5 * kMs, [&run, sent] { run.world.ReportError(sent.client, net::SocketError::kRefused); });
          });
        },
-       SyncWithRepetition,
-       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
-      {"three_addresses_two_dead",
-       "the addresses of one name are asked one after another, 3 s each",
+       SyncWithRepetition, NoResult({Bursts(kA, 2)}, {-1})},
+      {"three_addresses_two_dead", "the addresses of one name are asked one after another, 3 s each",
        [](Run& run) {
          run.SetHost("time.test", {kA, kB, kC});
          run.AddServer(kC, {});
        },
-       [](Run& run) {
-         run.AddDomains({"time.test"});
-         run.Start();
-         run.For(10 * kSecond);
-       },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 6020 * kMs,
-        .requests = each,
-        .outcomes = {0}}},
+       [](Run& run) { Sync(run, 10 * kSecond); }, Right(6020 * kMs, each, {0})},
       {"two_names_for_one_address",
        "their calls share one burst: the server is asked twenty times, and the samples go to the first",
        [](Run& run) {
@@ -116,11 +84,7 @@ std::vector<Scenario> SeveralServerRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 20, 20, 0}},
-        .outcomes = {0}}},
+       Right(20 * kMs, {{kA, 20, 20, 0}}, {0})},
   };
 }
 
@@ -136,11 +100,7 @@ std::vector<Scenario> ChangingServerRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 2)},
-        .outcomes = {0, 1}}},
+       Right(20 * kMs, {Bursts(kA, 2)}, {0, 1})},
       {"good_server_after_a_poor_one",
        "a result of 1 is renewed at the next start, and a 0 replaces it",
        OneServer(Scattered()),
@@ -167,35 +127,24 @@ void AttemptEvery(Run& run, int64_t interval_us, int count) {
   }
 }
 
-// Two replies, and RATE for every request beyond.
+// Two replies, and RATE forevery request beyond.
 const netmodel::RateLimit kTwoThenRate = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1};
 
-std::vector<Scenario> RefusalRows() {
+std::vector<Scenario> RateLimitRows() {
   return {
       {"rate_limited_server",
        "a bucket of eight: enough for a result with the first check; the twelfth request brings RATE, and "
-       "only"
-       " the one that is under way by then still goes out",
-       OneServer({.rate_limit = {.interval_us = 2 * kSecond, .burst = 8}}),
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 13, 13}},
-        .outcomes = {0}}},
+       "only the one that is under way by then still goes out",
+       OneServer({.rate_limit = {.interval_us = 2 * kSecond, .burst = 8}}), SyncOnce,
+       Right(20 * kMs, {{kA, 13, 13}}, {0})},
       {"rate_limited_server_with_a_small_bucket",
-       "a bucket of four: these are a result too, but only once the 3 s are over; the eighth request brings"
-       " RATE",
-       OneServer({.rate_limit = {.interval_us = 4 * kSecond, .burst = 4}}),
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 9, 9}},
-        .outcomes = {0}}},
+       "a bucket of four: these are a result too, but only once the 3 s are over; the eighth request brings "
+       "RATE",
+       OneServer({.rate_limit = {.interval_us = 4 * kSecond, .burst = 4}}), SyncOnce,
+       Right(20 * kMs, {{kA, 9, 9}}, {0})},
       {"rate_limited_server_with_hardly_a_bucket",
-       "two replies and RATE for the third request: no result, no second burst, and the provisional result is"
-       " discarded with the attempt",
+       "two replies and RATE for the third request: no result, no second burst, and the provisional result "
+       "is discarded with the attempt",
        OneServer({.rate_limit = kTwoThenRate}),
        SyncWithRepetition,
        {.max_error_us = 10,
@@ -204,25 +153,20 @@ std::vector<Scenario> RefusalRows() {
         .requests = {{kA, 4, 4}},
         .outcomes = {-1},
         .has_result_at_end = false}},
-      {"kiss_of_death",
-       "RATE for everything: the first ends the burst, with one more request under way",
-       OneServer({.kiss_code = "RATE"}),
-       SyncWithRepetition,
-       {.requests = {{kA, 2, 2}}, .outcomes = {-1}, .has_result_at_end = false}},
-      {"kiss_deny",
-       "DENY for everything does the same",
-       OneServer({.kiss_code = "DENY"}),
-       SyncWithRepetition,
-       {.requests = {{kA, 2, 2}}, .outcomes = {-1}, .has_result_at_end = false}},
-      {"kiss_init",
-       "INIT is no refusal: the burst goes on, and a server that is there gets no second one",
-       OneServer({.kiss_code = "INIT"}),
-       SyncWithRepetition,
-       {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false}},
+      {"kiss_of_death", "RATE foreverything: the first ends the burst, with one more request under way",
+       OneServer({.kiss_code = "RATE"}), SyncWithRepetition, NoResult({{kA, 2, 2}}, {-1})},
+      {"kiss_deny", "DENY foreverything does the same", OneServer({.kiss_code = "DENY"}), SyncWithRepetition,
+       NoResult({{kA, 2, 2}}, {-1})},
+      {"kiss_init", "INIT is no refusal: the burst goes on, and a server that is there gets no second one",
+       OneServer({.kiss_code = "INIT"}), SyncWithRepetition, NoResult({OneBurst(kA)}, {-1})},
+  };
+}
+
+std::vector<Scenario> BackOffRows() {
+  return {
       {"attempts_within_the_back_off",
        "of four attempts in two minutes only the first sends anything; one after the two minutes and their "
-       "jitter sends"
-       " what a burst of eight sends until RATE comes again",
+       "jitter sends what a burst of eight sends until RATE comes again",
        OneServer({.rate_limit = kTwoThenRate}),
        [](Run& run) {
          AttemptEvery(run, 35 * kSecond, 4);
@@ -246,7 +190,7 @@ std::vector<Scenario> RefusalRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.requests = {{kA, 4, 4}}, .outcomes = {-1, -1, -1}, .has_result_at_end = false}},
+       NoResult({{kA, 4, 4}}, {-1, -1, -1})},
       {"deny_is_not_forgotten_earlier",
        "an attempt every half hour for less than four hours: only the first sends",
        OneServer({.kiss_code = "DENY"}),
@@ -256,10 +200,10 @@ std::vector<Scenario> RefusalRows() {
          run.Start();
          run.For(5 * kSecond);
        },
-       {.requests = {{kA, 2, 2}}, .outcomes = std::vector<int>(8, -1), .has_result_at_end = false}},
+       NoResult({{kA, 2, 2}}, std::vector<int>(8, -1))},
       {"rate_from_the_first_of_two_addresses",
-       "the second address answers; the first is left alone for two minutes. The address is chosen when an"
-       " attempt is over, so that the one after the first without back-off asks it again, with 8 requests",
+       "the second address answers; the first is left alone for two minutes. The address is chosen when an "
+       "attempt is over, so that the one after the first without back-off asks it again, with 8 requests",
        [](Run& run) {
          run.SetHost("time.test", {kA, kB});
          run.AddServer(kA, {.rate_limit = kTwoThenRate});
@@ -268,11 +212,7 @@ std::vector<Scenario> RefusalRows() {
          run.At(3 * kMinute, [&run] { run.AddServer(kA, {}); });
        },
        [](Run& run) { AttemptEvery(run, 100 * kSecond, 4); },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 12, 12}, Bursts(kB, 3)},
-        .outcomes = {0, 0, 0, 0}}},
+       Right(20 * kMs, {{kA, 12, 12}, Bursts(kB, 3)}, {0, 0, 0, 0})},
       {"two_names_for_one_refusing_address",
        "what one name's requests learn binds the other's: two requests each until RATE comes, and then none",
        [](Run& run) {
@@ -286,19 +226,19 @@ std::vector<Scenario> RefusalRows() {
          run.Start();
          run.For(7 * kSecond);
        },
-       {.requests = {{kA, 4, 4, 0}}, .outcomes = {-1, -1}, .has_result_at_end = false}},
+       NoResult({{kA, 4, 4, 0}}, {-1, -1})},
+  };
+}
+
+std::vector<Scenario> SmallBurstRows() {
+  return {
       {"eight_requests_per_burst",
        "as configured for public servers: exactly eight leave, evenly spread, and make as good a result",
        [](Run& run) {
          OneServer({})(run);
          run.SetRequestsPerBurst(8);
        },
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 8, 8, 20 * kMs}},
-        .outcomes = {0}}},
+       SyncOnce, Right(20 * kMs, {{kA, 8, 8, 20 * kMs}}, {0})},
       {"eight_requests_for_a_bucket_of_eight",
        "a server whose limit is eight never has to refuse a burst of eight, once in 20 s",
        [](Run& run) {
@@ -307,38 +247,20 @@ std::vector<Scenario> RefusalRows() {
          run.SetSyncInterval(10);
        },
        [](Run& run) { AttemptEvery(run, 20 * kSecond, 10); },
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {{kA, 80, 80, 20 * kMs}},
-        .outcomes = std::vector<int>(10, 0)}},
+       Right(20 * kMs, {{kA, 80, 80, 20 * kMs}}, std::vector<int>(10, 0))},
   };
 }
 
-std::vector<Scenario> HonestServerRows() {
-  const Limits nothing = {.requests = {OneBurst(kA)}, .outcomes = {-1}, .has_result_at_end = false};
+std::vector<Scenario> ServerClaimRows() {
+  const Limits nothing = NoResult({OneBurst(kA)}, {-1});
   return {
       {"unsynchronised_server", "leap indicator 3: the server says itself that its clock is not set",
        OneServer({.leap_indicator = 3}), SyncOnce, nothing},
       {"stratum_16", "not synchronised by its stratum", OneServer({.stratum = 16}), SyncOnce, nothing},
-      {"stratum_15",
-       "the largest stratum that is one",
-       OneServer({.stratum = 15}),
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
-      {"leap_second_announced",
-       "leap indicators 1 and 2 only announce: the time is good",
-       OneServer({.leap_indicator = 1}),
-       SyncOnce,
-       {.max_error_us = 10,
-        .rms_error_us = 10,
-        .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
+      {"stratum_15", "the largest stratum that is one", OneServer({.stratum = 15}), SyncOnce,
+       Right(20 * kMs, {OneBurst(kA)}, {0})},
+      {"leap_second_announced", "leap indicators 1 and 2 only announce: the time is good",
+       OneServer({.leap_indicator = 1}), SyncOnce, Right(20 * kMs, {OneBurst(kA)}, {0})},
       {"large_root_dispersion", "a server that admits to 8.5 s of doubt is not believed, and not asked again",
        OneServer(
            {.clock_error_us = 3 * kSecond, .root_delay_us = kSecond, .root_dispersion_us = 8 * kSecond}),
@@ -356,14 +278,18 @@ std::vector<Scenario> HonestServerRows() {
         .min_error_at_end_us = 3 * kSecond}},
       {"root_distance_above_the_limit", "1 ms more of dispersion: no result",
        OneServer({.root_delay_us = 2 * kSecond, .root_dispersion_us = 4001 * kMs}), SyncOnce, nothing},
-      {"silent_server",
-       "an address where nobody listens gets a second burst, but no third",
+  };
+}
+
+std::vector<Scenario> ServerBehaviourRows() {
+  return {
+      {"silent_server", "an address where nobody listens gets a second burst, but no third",
        OneServer({.is_silent = true}),
        [](Run& run) {
          SyncWithRepetition(run);
          run.For(kMinute);
        },
-       {.requests = {Bursts(kA, 2)}, .outcomes = {-1}, .has_result_at_end = false}},
+       NoResult({Bursts(kA, 2)}, {-1})},
       {"noisy_server",
        "readings that are 100 ms ahead and behind in turn: a result, but one that may be inaccurate",
        OneServer(Scattered()),
@@ -404,7 +330,8 @@ std::vector<Scenario> HonestServerRows() {
 }  // namespace
 
 std::vector<Scenario> ServerScenarios() {
-  return Concatenate({SeveralServerRows(), ChangingServerRows(), RefusalRows(), HonestServerRows()});
+  return Concatenate({SeveralServerRows(), ChangingServerRows(), RateLimitRows(), BackOffRows(),
+                      SmallBurstRows(), ServerClaimRows(), ServerBehaviourRows()});
 }
 
 }  // namespace skorra

@@ -1,4 +1,4 @@
-// skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager beside its
+// skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager alongside its
 // model.
 #include <cstdint>
 #include <cstdio>
@@ -7,25 +7,25 @@
 #include "CLI/CLI.hpp"
 #include "tests/model/walks.h"
 #include "tests/scenarios/scenario.h"
+#include "tests/scenarios/table.h"
 
 namespace skorra {
 namespace {
 
 void PrintFailures(const ScenarioReport& report) {
   for (const std::string& failure : report.failures) {
-    std::printf("    %s\n", failure.c_str());
+    std::printf("%s", Wrapped(failure, 4).c_str());
   }
 }
 
 int PlayAll(uint64_t seed) {
   size_t failed = 0;
-  std::printf("seed %llu\n%-45s %-12s %s\n", static_cast<unsigned long long>(seed), "scenario", "outcomes",
-              "measured");
+  std::printf("seed %llu; error, limit and RMS of the clock; the first result; requests sent\n%s\n",
+              static_cast<unsigned long long>(seed), TableHeader().c_str());
   for (const Scenario& scenario : AllScenarios()) {
     const ScenarioReport report = PlayScenario(scenario, seed);
     failed += report.failures.empty() ? 0 : 1;
-    std::printf("%-45s %-12s %s  %s\n", scenario.name.c_str(), report.outcome.c_str(),
-                report.measured.c_str(), report.failures.empty() ? "ok" : "FAIL");
+    std::printf("%s\n", TableRow(scenario, report).c_str());
     PrintFailures(report);
   }
   std::printf("%zu scenarios, %zu failed\n", AllScenarios().size(), failed);
@@ -37,12 +37,14 @@ int PlayOne(const std::string& name, uint64_t seed) {
     if (scenario.name != name) {
       continue;
     }
-    std::printf("%s, seed %llu: %s\n", name.c_str(), static_cast<unsigned long long>(seed),
-                scenario.sentence.c_str());
+    std::printf("%s, seed %llu:\n%s", name.c_str(), static_cast<unsigned long long>(seed),
+                Wrapped(scenario.sentence, 4).c_str());
     const ScenarioReport report =
         PlayScenario(scenario, seed, [](const std::string& line) { std::puts(line.c_str()); });
-    std::printf("outcomes %s; %s  %s\n", report.outcome.c_str(), report.measured.c_str(),
-                report.failures.empty() ? "ok" : "FAIL");
+    for (const std::string& line : ReportLines(scenario, report)) {
+      std::puts(line.c_str());
+    }
+    std::puts(report.failures.empty() ? "ok" : "FAIL");
     PrintFailures(report);
     return report.failures.empty() ? 0 : 1;
   }
@@ -52,7 +54,7 @@ int PlayOne(const std::string& name, uint64_t seed) {
 
 int List() {
   for (const Scenario& scenario : AllScenarios()) {
-    std::printf("%s\n    %s\n", scenario.name.c_str(), scenario.sentence.c_str());
+    std::printf("%s\n%s", scenario.name.c_str(), Wrapped(scenario.sentence, 4).c_str());
   }
   return 0;
 }
@@ -69,7 +71,8 @@ int Main(int argc, char** argv) {
       "--seed", seed, "where all random numbers come from; 1 unless given, for walks a fresh one");
   app.add_flag("--list", is_list, "list the scenarios");
   const CLI::Option* const walks_option =
-      app.add_option("--walks", walks, "instead take this many random walks of the manager beside its model")
+      app.add_option("--walks", walks,
+                     "instead take this many random walks of the manager alongside its model")
           ->check(CLI::PositiveNumber);
   uint64_t walk_seed = 0;
   const CLI::Option* const walk_option =

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// How what scenarios measured is shown: a table of at most kTableWidth columns, and the details of one row.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/scenarios/scenario.h"
+
+namespace skorra {
+
+inline constexpr size_t kTableWidth = 100;
+
+// "0 x 12, 1": long stories repeat themselves. "none" without outcomes.
+std::string OutcomesText(const std::vector<int>& codes);
+
+// "1.234 ms", "2.500 s".
+std::string DurationText(int64_t us);
+
+// The line above the rows, and one row.
+std::string TableHeader();
+std::string TableRow(const Scenario& scenario, const ScenarioReport& report);
+
+// Everything that was measured with its limit, one line each.
+std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioReport& report);
+
+// `text` broken into lines of at most kTableWidth columns, each begun with `indent` spaces and ended.
+std::string Wrapped(const std::string& text, size_t indent);
+
+}  // namespace skorra
