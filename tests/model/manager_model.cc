@@ -90,7 +90,7 @@ bool ManagerModel::IsNextADelayedStopDecision() const {
 void ManagerModel::RunNext() {
   const Pending task = pending_.top();
   pending_.pop();
-  WaitUntil(task.due_us);
+  WaitUntil(task.due_ticks_us);
   switch (task.kind) {
     case Kind::kNotify:
       return RunNotify(static_cast<NtpResult>(task.number), task.address);
@@ -108,7 +108,7 @@ void ManagerModel::RunNext() {
       return RunCheck(task.number, task.index);
     case Kind::kArrival:
       return RunArrival(requests_[static_cast<size_t>(task.index)], static_cast<ArrivalKind>(task.number),
-                        task.due_us);
+                        task.due_ticks_us);
     case Kind::kLookUp:
       return RunLookUp(static_cast<size_t>(task.index), static_cast<int>(task.number));
   }
@@ -315,7 +315,7 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   domain.name = name;
   domain.addresses = EachOnce(answer.addresses);
   if (answer.ttl_us) {
-    domain.expires_us = now_ticks_us + Believed(*answer.ttl_us);
+    domain.expires_ticks_us = now_ticks_us + Believed(*answer.ttl_us);
   }
   domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
   domains.push_back(std::move(domain));
@@ -333,16 +333,17 @@ size_t ManagerModel::FirstFree(const Domain& domain, size_t from) const {
 
 // A minute lies between two lookups; one that does not end counts as lost after ten.
 void ManagerModel::Use(Domain& domain) {
-  const int64_t newest_expires_us = domain.next_addresses ? domain.next_expires_us : domain.expires_us;
-  if (now_ticks_us < domain.expires_us || now_ticks_us < newest_expires_us) {
+  const int64_t newest_expires_ticks_us =
+      domain.next_addresses ? domain.next_expires_ticks_us : domain.expires_ticks_us;
+  if (now_ticks_us < domain.expires_ticks_us || now_ticks_us < newest_expires_ticks_us) {
     return;
   }
   const int64_t pause_us = domain.begun_count == domain.ended_count ? kMinuteUs : 10 * kMinuteUs;
-  if (domain.begun_count > 0 && now_ticks_us < domain.begun_us + pause_us) {
+  if (domain.begun_count > 0 && now_ticks_us < domain.begun_ticks_us + pause_us) {
     return;
   }
   ++domain.begun_count;
-  domain.begun_us = now_ticks_us;
+  domain.begun_ticks_us = now_ticks_us;
   if (surroundings_.is_queue_available) {
     look_ups_.emplace_back(&domain, surroundings_.LookUp(domain.name));
     Add(Kind::kLookUp, look_ups_.back().second.delay_us, domain.begun_count,
@@ -358,7 +359,7 @@ void ManagerModel::RunLookUp(size_t which, int number) {
   domain->ended_count = number;
   if (!answer.addresses.empty()) {
     domain->next_addresses = EachOnce(answer.addresses);
-    domain->next_expires_us = now_ticks_us + Believed(*answer.ttl_us);
+    domain->next_expires_ticks_us = now_ticks_us + Believed(*answer.ttl_us);
   }
 }
 
@@ -385,7 +386,7 @@ void ManagerModel::ResetDomains() {
   for (Domain& domain : domains) {
     if (domain.next_addresses) {
       domain.addresses = *std::exchange(domain.next_addresses, std::nullopt);
-      domain.expires_us = domain.next_expires_us;
+      domain.expires_ticks_us = domain.next_expires_ticks_us;
     }
     domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
     domain.is_repeated = false;
@@ -459,10 +460,10 @@ void ManagerModel::RunSend(const net::IPEndPoint& address) {
 }
 
 // RFC 5905, section 8.
-void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arrival_us) {
+void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arrival_ticks_us) {
   const bool is_spoofed = kind == ArrivalKind::kOtherSource || kind == ArrivalKind::kSpoofedAsOther;
   if (request.generation != generation_ || !request.is_open || is_spoofed ||
-      arrival_us > request.sent_us + 3000000) {
+      arrival_ticks_us > request.sent_ticks_us + 3000000) {
     return;
   }
   ledger_.Answered(request.address);
@@ -473,10 +474,10 @@ void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arriva
   if (kind != ArrivalKind::kGenuine) {
     return;
   }
-  const int64_t t1 = request.sent_us + handler_offset_us;
-  const int64_t t2 = request.sent_us + surroundings_.true_offset_us + request.fate.server_receive_us;
-  const int64_t t3 = request.sent_us + surroundings_.true_offset_us + request.fate.server_transmit_us;
-  const int64_t t4 = arrival_us + handler_offset_us;
+  const int64_t t1 = request.sent_ticks_us + handler_offset_us;
+  const int64_t t2 = request.sent_ticks_us + surroundings_.true_offset_us + request.fate.server_receive_us;
+  const int64_t t3 = request.sent_ticks_us + surroundings_.true_offset_us + request.fate.server_transmit_us;
+  const int64_t t4 = arrival_ticks_us + handler_offset_us;
   const NtpResultData sample{((t2 - t1) + (t3 - t4)) / 2, (t4 - t1) - (t3 - t2)};
   if (sample.rtt_us < 0 || sample.rtt_us > 1500000) {
     return;
@@ -515,13 +516,13 @@ void ManagerModel::Packet(NtpResultData sample, const net::IPEndPoint& server) {
   }
 }
 
-void ManagerModel::RunCheck(int64_t start_us, int index) {
+void ManagerModel::RunCheck(int64_t start_wall_us, int index) {
   Domain& domain = domains[static_cast<size_t>(index)];
   if (!is_started) {
     return;
   }
-  if (LocalNow() - start_us < 3000000 && domain.samples.size() <= 5) {
-    Post(Kind::kCheck, 200000, start_us, index);
+  if (LocalNow() - start_wall_us < 3000000 && domain.samples.size() <= 5) {
+    Post(Kind::kCheck, 200000, start_wall_us, index);
     return;
   }
   if (Evaluate(domain) == NtpResult::kSuccess) {

@@ -36,12 +36,12 @@ class ManagerModel final : public Side {
     std::vector<NtpResultData> samples;
     NtpDomainResult record;
     // The lookups after the first.
-    int64_t expires_us = kNever;  // `addresses`; never: they are no name's
+    int64_t expires_ticks_us = kNever;  // `addresses`; never: they are no name's
     int begun_count = 0;
     int ended_count = 0;  // the number of the last one that ended
-    int64_t begun_us = 0;
+    int64_t begun_ticks_us = 0;
     std::optional<std::vector<net::IPEndPoint>> next_addresses = std::nullopt;
-    int64_t next_expires_us = 0;
+    int64_t next_expires_ticks_us = 0;
   };
 
   ManagerModel(const Surroundings& surroundings, int64_t start_ticks_us, uint64_t seed);
@@ -64,7 +64,7 @@ class ManagerModel final : public Side {
   void Use(Domain& domain);
 
   // Time.
-  int64_t NextDue() const { return pending_.empty() ? kNever : pending_.top().due_us; }
+  int64_t NextDue() const { return pending_.empty() ? kNever : pending_.top().due_ticks_us; }
   bool IsNextADelayedStopDecision() const;
   void RunNext();
   size_t pending_count() const { return pending_.size(); }
@@ -108,7 +108,7 @@ class ManagerModel final : public Side {
  private:
   enum class Kind { kNotify, kStartSync, kStopQueue, kDelayStop, kUpdate, kSend, kCheck, kArrival, kLookUp };
   struct Pending {
-    int64_t due_us;
+    int64_t due_ticks_us;
     uint64_t sequence;
     Kind kind;
     int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind; lookup: its number
@@ -116,12 +116,12 @@ class ManagerModel final : public Side {
     net::IPEndPoint address;
 
     friend bool operator>(const Pending& a, const Pending& b) {
-      return a.due_us != b.due_us ? a.due_us > b.due_us : a.sequence > b.sequence;
+      return a.due_ticks_us != b.due_ticks_us ? a.due_ticks_us > b.due_ticks_us : a.sequence > b.sequence;
     }
   };
   struct Request {
     int address;
-    int64_t sent_us;
+    int64_t sent_ticks_us;
     Fate fate;
     int generation;
     bool is_open = true;
@@ -145,8 +145,8 @@ class ManagerModel final : public Side {
   void RunDelayStop();
   void RunUpdate(const std::vector<std::string>& names);
   void RunSend(const net::IPEndPoint& address);
-  void RunCheck(int64_t start_us, int domain);
-  void RunArrival(Request& request, ArrivalKind kind, int64_t arrival_us);
+  void RunCheck(int64_t start_wall_us, int domain);
+  void RunArrival(Request& request, ArrivalKind kind, int64_t arrival_ticks_us);
   void RunLookUp(size_t which, int number);
 
   void MakeHandler();
