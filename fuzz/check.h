@@ -1,4 +1,4 @@
-// What the fuzz targets share: a check that ends the run, and numbers out of the input.
+// Shared by the fuzz targets: a check that ends the run, and numbers out of the input.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// What follows a packet's header: is it a row of extension fields? Held against an answer that is found from
+// Are the bytes after a packet's header a row of extension fields? Compared with an answer that is found from
 // the back.
 //
 // Input: those bytes.

@@ -41,7 +41,7 @@ constexpr int64_t kHourUs = 60 * kMinuteUs;
 constexpr int64_t kDayUs = 24 * kHourUs;
 constexpr int64_t kYearUs = 365 * kDayUs;
 
-// What passes in one step of time: short of, at and beyond every limit.
+// The pauses between steps: short of, at and beyond every limit.
 constexpr int64_t kPauses[16] = {1000,
                                  20000,
                                  400000,
@@ -82,7 +82,7 @@ void AppendField(std::vector<uint8_t>& bytes, size_t size) {
   Put(bytes, begin + 2, size, 2);
 }
 
-// What is the same for all runs of the process.
+// Shared by all runs of the process.
 struct Process {
   Process() {
     base::SetLogThreshold(base::kLogNothing);
@@ -190,7 +190,7 @@ class Run : public NtpTimePacketHandler::Client {
   std::array<SocketError, kServerCount> connect_errors_{};
   std::array<SocketError, kServerCount> send_errors_{};
   std::optional<sim::SentDatagram> sent_;
-  // What was delivered last, for duplicates.
+  // The last datagram delivered, for duplicates.
   struct {
     IPEndPoint source;
     IPEndPoint client;

@@ -89,7 +89,7 @@ class HandlerModel {
   bool has_socket(size_t server) const { return peers_[server].has_socket; }
   // The server whose open socket this is.
   std::optional<size_t> FindSocket(const net::IPEndPoint& client) const;
-  // What the client has still to be told about the last datagram.
+  // The reports of the last datagram that the client has not heard yet.
   std::vector<SampleReport>& reports() { return reports_; }
   void CheckLedger() const;
 

@@ -82,7 +82,7 @@ std::string Write(const HostPort& value) {
   return (is_ipv6 ? '[' + value.host + ']' : value.host) + ':' + std::to_string(value.port);
 }
 
-// What a host may consist of when it is no IPv6 address.
+// Whether a host other than an IPv6 address consists of allowed characters only.
 bool IsName(const std::string& host) {
   return !host.empty() && host.size() <= 253 && std::all_of(host.begin(), host.end(), [](char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||

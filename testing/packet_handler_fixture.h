@@ -111,7 +111,7 @@ class NtpTimePacketHandlerTest : public testing::Test {
   }
   void Run() { world_.RunFor(TimeDelta::FromSeconds(1)); }
 
-  // What an honest server answers to a datagram sent now.
+  // The answer of an honest server to a datagram sent now.
   NtpPacket ReplyTo(const sim::SentDatagram& sent) const {
     NtpPacket reply;
     reply.version = 4;

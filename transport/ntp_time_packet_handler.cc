@@ -240,8 +240,8 @@ void NtpTimePacketHandler::ForgetOldRequests(int64_t now_ticks_us) {
 }
 
 // Modulo 2^64, as the time manager computes the local timestamps that the offset is added to.
-int64_t NtpTimePacketHandler::ToLocalTimestampUs(int64_t ticks_us) const {
-  return base::WrappingAdd(ticks_us, system_offset_from_steady_us_);
+int64_t NtpTimePacketHandler::ToLocalTimestampUs(int64_t steady_ticks_us) const {
+  return base::WrappingAdd(steady_ticks_us, system_offset_from_steady_us_);
 }
 
 }  // namespace skorra

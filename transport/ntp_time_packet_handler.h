@@ -89,7 +89,7 @@ class NtpTimePacketHandler {
   ReplyRejection Measure(const NtpPacket& reply, const Request& request, int64_t receive_ticks_us,
                          NtpResultData* sample) const;
   void ForgetOldRequests(int64_t now_ticks_us);
-  int64_t ToLocalTimestampUs(int64_t ticks_us) const;
+  int64_t ToLocalTimestampUs(int64_t steady_ticks_us) const;
 
   Client* const client_;
   int64_t system_offset_from_steady_us_;

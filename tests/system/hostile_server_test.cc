@@ -1,6 +1,6 @@
-// Beside a genuine server a hostile one, which sees every request, sends a bogus reply to each: before the
-// genuine one, between two of them, or behind it. Each is dropped and counted under its reason, and the time
-// that the manager tells never moves.
+// An attacker sees every request to a genuine server and sends a bogus reply to each: before the genuine
+// reply, between two of them, or after it. Each bogus reply is dropped and counted under its reason, and the
+// time that the manager tells never moves.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -41,7 +41,7 @@ const char* Name(Moment moment) {
 struct Hostility {
   const char* name;
   const char* counter;
-  // Whether the nonce is good, so that behind the genuine reply the bogus one is first of all a duplicate.
+  // Whether the nonce is good, so that after the genuine reply the bogus one is first of all a duplicate.
   bool has_good_nonce;
   std::function<void(NtpPacket&)> change = [](NtpPacket&) {};
   std::function<void(Bytes&)> change_bytes = [](Bytes&) {};
@@ -156,7 +156,7 @@ class HostileServerTest : public ManagerTest {
     EXPECT_EQ(observer->outcomes[0].result, NtpResult::kSuccess);
   }
 
-  // What was counted since the beginning under the names with this prefix behind "ntp.".
+  // The counts since the beginning under the names that begin with "ntp." and this prefix.
   std::map<std::string, uint64_t> Counted(const std::string& prefix) const {
     std::map<std::string, uint64_t> counted;
     for (const auto& [name, count] : base::KeyMetrics::GetAllCounts()) {
@@ -178,7 +178,7 @@ class EveryHostilityTest : public HostileServerTest,
 TEST_P(EveryHostilityTest, AHostileReplyIsCountedForWhatItIsAndMovesNothing) {
   const auto& [hostility, moment] = GetParam();
   AddServer();
-  // Replies come 10 ms apart, and 20 ms behind their requests.
+  // Replies come 10 ms apart, and 20 ms after their requests.
   const int64_t after_us = 2 * kOneWayUs + (moment == Moment::kBefore    ? -1000
                                             : moment == Moment::kBetween ? -5000
                                                                          : 1000);
@@ -226,8 +226,8 @@ TEST_F(HostileServerTest, TheGenuineReplyDoubledCountsOnce) {
   EXPECT_EQ(Counted("samples_received"), (std::map<std::string, uint64_t>{{"samples_received", kRequests}}));
 }
 
-// A refusal that names a request, from anybody who reads our requests: it is obeyed, and the samples measured
-// so far stay.
+// A refusal that names a request is obeyed, also when an attacker who reads the requests sent it. The samples
+// measured so far stay as they are.
 struct Refusal {
   const char* name;
   const char* code;

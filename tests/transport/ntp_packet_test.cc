@@ -99,7 +99,7 @@ TEST(NtpPacketTest, ARequestIsAllZeroButVersionModeAndNonce) {
 
 constexpr int64_t kMaxRootDistanceUs = 5000000;
 
-// What the packet itself is rejected for.
+// The reason why the packet itself is rejected.
 ReplyRejection Judge(std::span<const uint8_t> bytes) {
   const auto packet = DecodePacket(bytes);
   if (!packet) {
@@ -282,11 +282,11 @@ TEST(NtpPacketTest, BytesBehindTheHeaderDoNotChangeItsFields) {
   EXPECT_EQ(DecodePacket(bytes), kGolden[1].packet);
 }
 
-// What follows the header, field by field as lengths; the last entry may say less or more than there is.
+// The lengths that the fields after the header tell; the last may tell less or more than there is.
 TEST(NtpPacketTest, OnlyWellFormedExtensionFieldsMayFollowTheHeader) {
   const struct {
     const char* what;
-    std::vector<size_t> said_lengths;
+    std::vector<size_t> told_lengths;
     size_t size;  // of everything
     bool expected;
   } rows[] = {
@@ -295,13 +295,13 @@ TEST(NtpPacketTest, OnlyWellFormedExtensionFieldsMayFollowTheHeader) {
       {"A last field that a MAC could be mistaken for.", {24}, 24, false},
       {"Not even a field's own header.", {}, 3, false},
       {"Less than the shortest field.", {12}, 12, false},
-      {"A field that says 0 would be walked forever.", {0}, 28, false},
+      {"A field of length 0 would be walked forever.", {0}, 28, false},
       {"A length that is no multiple of four.", {30}, 30, false},
       {"A field longer than the datagram.", {32}, 28, false},
       {"A field of the smallest length before the last one.", {16, 28}, 44, true},
       {"One of 12 bytes before the last one.", {12, 28}, 40, false},
       {"A good field, and a rest that is none.", {28}, 30, false},
-      {"A good field, and behind it a MAC of 20 bytes.", {28}, 48, false},
+      {"A good field, and after it a MAC of 20 bytes.", {28}, 48, false},
       {"Three fields.", {16, 20, 32}, 68, true},
       {"A length in both of its bytes.", {260}, 260, true},
   };
@@ -309,7 +309,7 @@ TEST(NtpPacketTest, OnlyWellFormedExtensionFieldsMayFollowTheHeader) {
     SCOPED_TRACE(row.what);
     std::vector<uint8_t> bytes(row.size);
     size_t at = 0;
-    for (const size_t length : row.said_lengths) {
+    for (const size_t length : row.told_lengths) {
       bytes[at + 2] = static_cast<uint8_t>(length >> 8);
       bytes[at + 3] = static_cast<uint8_t>(length);
       at += length;
@@ -534,6 +534,15 @@ const Exchange kExchanges[] = {
      {kMaxInt64, kMinInt64, kMaxInt64, kMinInt64},
      {0, kMinInt64}},
 };
+
+TEST(NtpResultDataTest, SamplesAreEqualWhenOffsetAndRoundTripTimeAre) {
+  const NtpResultData sample{1, 2};
+  EXPECT_TRUE(sample == (NtpResultData{1, 2}));
+  EXPECT_FALSE(sample == (NtpResultData{0, 2}));
+  EXPECT_FALSE(sample == (NtpResultData{1, 0}));
+  EXPECT_FALSE(sample != (NtpResultData{1, 2}));
+  EXPECT_TRUE(sample != (NtpResultData{1, 0}));
+}
 
 TEST(ComputeSampleTest, OffsetAndDelayFollowFromTheFourTimes) {
   for (const Exchange& row : kExchanges) {

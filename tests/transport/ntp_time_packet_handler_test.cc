@@ -512,7 +512,7 @@ class FarthestServerTest : public NtpTimePacketHandlerTest {
 
 TEST_F(FarthestServerTest, BothTimeStampsOfAReplyFallIntoTheSameEra) {
   constexpr int64_t kHalfEraUs = (int64_t{1} << 31) * 1000000;
-  // Received 5 ms before that point, transmitted 15 ms behind it.
+  // Received 5 ms before that point, transmitted 15 ms after it.
   link_ = {.out_us = 10000, .home_us = 10000, .server_ahead_us = kHalfEraUs, .work_us = 20000};
   link_.server_ahead_us += link_.home_us + link_.work_us - 5000;
   Prepare();

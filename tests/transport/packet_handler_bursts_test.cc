@@ -1,5 +1,5 @@
-// What leaves and what does not, and what becomes of an answer that is no time: bursts, kiss codes, the age
-// of nonces, time stamps.
+// Which requests leave, and what the handler makes of answers other than a sample: bursts, kiss codes, the
+// age of nonces, time stamps.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -90,7 +90,7 @@ TEST_F(PacketHandlerBurstsTest, TheNumberIsThatOfTheAttemptsBeginning) {
   EXPECT_EQ(Burst().size(), 1u);
 }
 
-// Domains that are added while the first attempt is on its way to the queue begin its bursts before it does.
+// Domains that are added before the first attempt runs on the queue begin its bursts before it does.
 TEST_F(PacketHandlerBurstsTest, ABurstUnderWayStaysOneBurstWhenTheNextAttemptPrepares) {
   Configure(config::BaseCfg().ntp_requests_per_burst, 8);
   const uint64_t before = RequestsTo(kServer);
@@ -123,7 +123,7 @@ TEST_F(PacketHandlerBurstsTest, EachBurstAndEachAddressIsThinnedByItself) {
   EXPECT_EQ(sent_.size(), before + 1);
 }
 
-TEST_F(PacketHandlerBurstsTest, HoweverManyCallFewLeaveWithinABurst) {
+TEST_F(PacketHandlerBurstsTest, HoweverManyCallsFewLeaveWithinABurst) {
   const struct {
     const char* what;
     uint64_t limit;
@@ -164,14 +164,14 @@ TEST_F(PacketHandlerBurstsTest, AttemptsThatAreStartedAllTheTimeShareTheBursts) 
 TEST_F(PacketHandlerBurstsTest, RateEndsTheBurstAndHoldsTheAddressButNoOther) {
   Prepare();
   const uint64_t rate_before = Count("kiss.rate");
-  const uint64_t refused_before = Count("send_withheld.back_off");
+  const uint64_t withheld_before = Count("send_withheld.back_off");
   Kiss(kRate);
   EXPECT_EQ(Count("kiss.rate"), rate_before + 1);
   for (int i = 0; i < 19; ++i) {
     Send();
   }
   EXPECT_EQ(sent_.size(), 1u);
-  EXPECT_EQ(Count("send_withheld.back_off"), refused_before + 19);
+  EXPECT_EQ(Count("send_withheld.back_off"), withheld_before + 19);
   EXPECT_EQ(NtpAddressLedger::GetInstance()->GetCounts()[kServer].requests_withheld, 19u);
 
   Prepare();  // the next attempt
@@ -183,9 +183,9 @@ TEST_F(PacketHandlerBurstsTest, RateEndsTheBurstAndHoldsTheAddressButNoOther) {
   Prepare();
   EXPECT_EQ(Burst().size(), 8u);
   world_.RunFor(TimeDelta::FromSeconds(10));
-  const uint64_t spaced_before = Count("send_withheld.too_soon");
+  const uint64_t too_soon_before = Count("send_withheld.too_soon");
   EXPECT_TRUE(Burst().empty());
-  EXPECT_EQ(Count("send_withheld.too_soon"), spaced_before + 20);
+  EXPECT_EQ(Count("send_withheld.too_soon"), too_soon_before + 20);
 }
 
 TEST_F(PacketHandlerBurstsTest, RateForRequestsUnderWayIsCountedAsRepeated) {
@@ -204,7 +204,7 @@ TEST_F(PacketHandlerBurstsTest, RateForRequestsUnderWayIsCountedAsRepeated) {
   EXPECT_EQ(Count("kiss.repeated"), repeated_before + 4);
 }
 
-TEST_F(PacketHandlerBurstsTest, DenialParksTheAddressForHours) {
+TEST_F(PacketHandlerBurstsTest, DenialHoldsTheAddressForHours) {
   const struct {
     const char* what;
     uint32_t code;
@@ -218,7 +218,7 @@ TEST_F(PacketHandlerBurstsTest, DenialParksTheAddressForHours) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const uint64_t before = Count(std::string("kiss.") + row.name);
-    const uint64_t refused_before = Count("send_withheld.denied");
+    const uint64_t withheld_before = Count("send_withheld.denied");
     Prepare();
     Send(row.server);
     Deliver(sent_.back(), KissTo(sent_.back(), row.code));
@@ -227,13 +227,13 @@ TEST_F(PacketHandlerBurstsTest, DenialParksTheAddressForHours) {
     world_.RunFor(TimeDelta::FromSeconds(4 * 3600 - 1));
     Prepare();
     EXPECT_TRUE(Burst(row.server).empty());
-    EXPECT_EQ(Count("send_withheld.denied"), refused_before + 20);
+    EXPECT_EQ(Count("send_withheld.denied"), withheld_before + 20);
     world_.RunFor(TimeDelta::FromSeconds(1));
     EXPECT_EQ(Burst(row.server).size(), 20u);
   }
 }
 
-TEST_F(PacketHandlerBurstsTest, RateBehindADenialDoesNotMakeItMilder) {
+TEST_F(PacketHandlerBurstsTest, RateAfterADenialDoesNotShortenIt) {
   is_answering_ = false;
   Prepare();
   Send();
@@ -246,7 +246,7 @@ TEST_F(PacketHandlerBurstsTest, RateBehindADenialDoesNotMakeItMilder) {
   EXPECT_EQ(Count("send_withheld.denied"), before + 1);
 }
 
-TEST_F(PacketHandlerBurstsTest, AKissThatIsNoRefusalLeavesRequestAndAddressAlone) {
+TEST_F(PacketHandlerBurstsTest, AKissCodeThatIsNoRefusalLeavesRequestAndAddressAlone) {
   const struct {
     const char* what;
     uint32_t code;
@@ -274,7 +274,7 @@ TEST_F(PacketHandlerBurstsTest, AKissThatIsNoRefusalLeavesRequestAndAddressAlone
   }
 }
 
-TEST_F(PacketHandlerBurstsTest, AReplyBehindARefusalIsADuplicate) {
+TEST_F(PacketHandlerBurstsTest, AReplyAfterARefusalIsADuplicate) {
   Prepare();
   Kiss(kRate);
   const uint64_t before = Count("rejected.duplicate");
@@ -334,7 +334,7 @@ TEST_F(PacketHandlerBurstsTest, ANonceIsForgottenTenSecondsAfterItsRequest) {
 TEST_F(PacketHandlerBurstsTest, WhateverTheNumberOfRequestsOnlyTheLastAreRemembered) {
   is_answering_ = false;
   Prepare();
-  // To as many servers at once as it takes to have so many requests within ten seconds.
+  // Each address gets 20 requests at most in a burst, so many addresses are asked.
   for (int i = 0; i < 4097; ++i) {
     Send(net::IPEndPoint::FromIPv4({198, 51, 100, 7}, static_cast<uint16_t>(1 + i)));
   }
