@@ -1,5 +1,5 @@
 // The records that the time manager exchanges with the packet handler, with the per-domain request state
-// and with the users of the quality report. All are plain values; a record belongs to whoever holds it.
+// and with the users of the quality report. All are plain values; each copy belongs to its holder.
 //
 // Units are in the names. Offsets are server clock minus local clock: positive means that the server is
 // ahead, and adding the offset to a local timestamp gives NTP time.

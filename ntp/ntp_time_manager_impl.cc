@@ -7,6 +7,7 @@
 #include "ntp/kept_result.h"
 #include "ntp/offset_estimation.h"
 #include "ntp/request_stats.h"
+#include "ntp/sync_reports.h"
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
 #include "platform/base/int_math.h"
@@ -128,9 +129,14 @@ void NtpTimeManagerImpl::DelayStopNtpQueueIfNeeded() {
 void NtpTimeManagerImpl::StopNtpQueue() {
   CheckOnQueue();
   is_started_.store(false, std::memory_order_relaxed);
-  const base::AutoLock lock(stats_lock_);
-  Clean();
-  LocalLog(kLogProgress, kSourcePath, __LINE__, "Stop ntp queue");
+  {
+    const base::AutoLock lock(stats_lock_);
+    Clean();
+    LocalLog(kLogProgress, kSourcePath, __LINE__, "Stop ntp queue");
+  }
+  if (is_attempt_open_) {
+    ReportAttemptEnd(NtpAttemptEnd::kStopped);
+  }
 }
 
 void NtpTimeManagerImpl::Clean() {
@@ -192,6 +198,8 @@ void NtpTimeManagerImpl::UpdateNtpTimeDomain(const std::vector<std::string>& dom
 
 void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& domains) {
   CheckOnQueue();
+  const bool is_heard = HasSyncListeners();
+  NtpDomainsUpdated update;
   for (const std::string& name : domains) {
     const bool is_known = std::any_of(domain_infos_.begin(), domain_infos_.end(),
                                       [&](const auto& info) { return info->domain() == name; });
@@ -200,11 +208,20 @@ void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& d
     }
     const NtpTimeDomainInfo info(name);
     if (info.addresses().empty()) {
+      if (is_heard) {
+        update.without_address.push_back({name, info.failure().reason, info.failure().detail});
+      }
       continue;
     }
     LocalLog(kLogProgress, kSourcePath, __LINE__, "Add ntp service:%s", name.c_str());
     domain_infos_.push_back(std::make_shared<NtpTimeDomainInfo>(info));
     domain_results_[name] = NtpDomainResult();
+    if (is_heard) {
+      update.added.push_back(name);
+    }
+  }
+  if (is_heard) {
+    ForEachSyncListener([&](NtpSyncListener& listener) { listener.OnDomainsUpdated(update); });
   }
   if (is_started_.load(std::memory_order_relaxed)) {
     // Before the very first attempt has reached the queue there is no handler to send the bursts with.
@@ -273,11 +290,15 @@ void NtpTimeManagerImpl::DoStartSyncTime() {
   CheckOnQueue();
   PreparePacketHandler();
   LocalLog(kLogProgress, kSourcePath, __LINE__, "Start NTP time sync");
+  ForEachSyncListener([](NtpSyncListener& listener) { listener.OnAttemptBegun(); });
   if (domain_infos_.empty() && !AddDefaultDomain()) {
     LocalLog(kLogFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
+    is_attempt_open_ = false;  // the stop cuts nothing off
     StopNtpQueue();
+    ReportAttemptEnd(NtpAttemptEnd::kNoServer);
     return;
   }
+  is_attempt_open_ = true;
   // While the clocks agree, samples are measured against the mapping that the kept offset belongs to.
   const bool is_deviation_found =
       last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed) != 0 && !CheckElapsedTimeDeviation();
@@ -304,7 +325,8 @@ void NtpTimeManagerImpl::StartRequest(std::vector<std::shared_ptr<NtpTimeDomainI
 
 void NtpTimeManagerImpl::SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> domain) {
   CheckOnQueue();
-  if (domain->GetCurrentIPAddress().address_empty()) {
+  const net::IPEndPoint server = domain->GetCurrentIPAddress();
+  if (server.address_empty()) {
     // No check is armed either, so the request stays open until another domain succeeds or a stop comes.
     // This is intended; SyncAttemptTest (tests/ntp/sync_attempt_test.cc) holds it.
     return;
@@ -312,6 +334,7 @@ void NtpTimeManagerImpl::SendPacketToServer(std::shared_ptr<NtpTimeDomainInfo> d
   if (NtpDomainResult* const record = QueryDomainResult(domain->domain()); record != nullptr) {
     record->last_request_start_time_us = GetNowSystemTimestampUs();
   }
+  ForEachSyncListener([&](NtpSyncListener& listener) { listener.OnBurstBegun({domain->domain(), server}); });
   for (uint32_t call = 0; call < kCallsPerBurst; ++call) {
     GetNtpQueue()->PostDelayedTask(
         Location::CreateFromHere(kSourcePath, __LINE__),
@@ -389,6 +412,13 @@ void NtpTimeManagerImpl::OnPacketReceived(NtpResultData data, const net::IPEndPo
   if (record->endpoint != server) {
     record->endpoint = server;
   }
+  ForEachSyncListener([&](NtpSyncListener& listener) {
+    listener.OnSampleAccepted({(*domain)->domain(), server, data});
+  });
+}
+
+void NtpTimeManagerImpl::OnReplyRejected(const net::IPEndPoint& server, const std::string& counter) {
+  ForEachSyncListener([&](NtpSyncListener& listener) { listener.OnReplyRejected({server, counter}); });
 }
 
 void NtpTimeManagerImpl::CheckServerResult(int64_t start_time_us, std::shared_ptr<NtpTimeDomainInfo> domain) {
@@ -439,6 +469,8 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
     return NtpResult::kNoResult;
   }
   std::vector<NtpResultData>& samples = domain->samples();
+  const bool is_heard = HasSyncListeners();
+  const std::vector<NtpResultData> burst = is_heard ? samples : std::vector<NtpResultData>();
   record->offset_us = kNoOffsetUs;
   if (samples.size() < kMinSamples) {
     record->result = NtpResult::kNoResult;
@@ -453,6 +485,9 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
     record->result = GradeOffset(record->offset_us, is_rtt_reliable, is_reliable);
   }
   samples.clear();
+  if (is_heard) {
+    ReportEvaluation(domain->domain(), *record, burst);
+  }
   return record->result;
 }
 
@@ -496,6 +531,7 @@ void NtpTimeManagerImpl::HandleServerNtpSuccessResult(std::shared_ptr<NtpTimeDom
   is_sync_finished_ = true;
   CalculateStatsResult(true, record->cost_ms, kWholeAttempt);
   Notify(NtpResult::kSuccess, record->endpoint);
+  ReportAttemptEnd(NtpAttemptEnd::kOutcome, NtpResult::kSuccess, domain->domain(), *record);
   ResetServerDomainList();
 }
 
@@ -526,7 +562,16 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
   is_sync_finished_ = true;
   CalculateStatsResult(IsCountedAsSuccess(code), record->cost_ms, kWholeAttempt);
   Notify(code, record->endpoint);
+  ReportAttemptEnd(NtpAttemptEnd::kOutcome, code, name, *record);
   ResetServerDomainList();
+}
+
+void NtpTimeManagerImpl::ReportAttemptEnd(NtpAttemptEnd end, NtpResult result, const std::string& domain,
+                                          const NtpDomainResult& record) {
+  is_attempt_open_ = false;
+  ForEachSyncListener([&](NtpSyncListener& listener) {
+    listener.OnAttemptEnded({end, result, domain, record});
+  });
 }
 
 // --- Clock.

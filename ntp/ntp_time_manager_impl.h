@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "ntp/ntp_sync_events.h"
 #include "ntp/ntp_sync_records.h"
 #include "ntp/ntp_time_manager.h"
 #include "ntp/observer_list.h"
@@ -43,6 +44,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
 
   void OnFirstPacketReceived(int64_t offset_us) override;
   void OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) override;
+  void OnReplyRejected(const net::IPEndPoint& server, const std::string& counter) override;
 
  private:
   friend class base::NoDestructor<NtpTimeManagerImpl>;
@@ -141,6 +143,11 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // logs that the kept one stays.
   void UpdateNtpResultIfBetter(NtpDomainResult* result, int64_t system_offset_from_steady_us);
 
+  // [queue] Closes the attempt for the listeners of ntp_sync_events.h, and tells them. Result, domain and
+  // record are those of an outcome.
+  void ReportAttemptEnd(NtpAttemptEnd end, NtpResult result = NtpResult::kNoResult,
+                        const std::string& domain = {}, const NtpDomainResult& record = {});
+
   // --- Clock.
 
   // [any] A read that is due: checks the kept result, if there is one, and starts a sync when it should be
@@ -172,7 +179,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
 
   // The order of the members is that of their construction and, reversed, of their release. Each names who
   // may touch it: [queue] tasks of the manager's queue; [any] any thread; [observer_lock_], [stats_lock_]
-  // whoever holds that lock. The two locks are never held together.
+  // the holder of that lock. The two locks are never held together.
 
   std::unique_ptr<NtpTimePacketHandler> packet_handler_;          // [queue] made once, kept
   std::map<std::string, NtpDomainResult> domain_results_;         // [queue] by domain name; keys stay
@@ -203,6 +210,8 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   std::map<int, NtpFunctionRequestStats> function_request_stats_ SKORRA_GUARDED_BY(stats_lock_);
   std::atomic<uint32_t> start_count_{0};      // [any] calls of Start
   std::atomic<bool> deviation_found_{false};  // [any] clocks apart by more than 500 ms
+  // [queue] An attempt has begun, and its end is not reported. Nothing but the reports reads it.
+  bool is_attempt_open_ = false;
 };
 
 }  // namespace skorra

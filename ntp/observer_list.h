@@ -11,7 +11,7 @@ namespace skorra {
 
 using ObserverList = std::vector<std::weak_ptr<NtpTimeManager::Observer>>;
 
-// The first entry of `observer` that the scan meets, or the end. Whoever calls guards the list.
+// The first entry of `observer` that the scan meets, or the end. The caller guards the list.
 //
 // The scan erases an expired entry that it meets, and then passes over the two entries that followed it,
 // neither compared nor erased: an observer that stands there is not found, and may so come to be listed

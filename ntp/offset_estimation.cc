@@ -35,12 +35,17 @@ double RttDeviationLimitMs(double mean_rtt_ms) {
 
 }  // namespace
 
-void SortAndTrim(std::vector<NtpResultData>& samples) {
+void SortByOffset(std::vector<NtpResultData>& samples) {
   std::sort(samples.begin(), samples.end(),
             [](const NtpResultData& a, const NtpResultData& b) { return a.offset_us < b.offset_us; });
-  const auto quarter = static_cast<std::vector<NtpResultData>::difference_type>(samples.size() / 4);
-  samples.erase(samples.begin(), samples.begin() + quarter);
-  samples.erase(samples.end() - quarter, samples.end());
+}
+
+void SortAndTrim(std::vector<NtpResultData>& samples) {
+  SortByOffset(samples);
+  const auto cut =
+      static_cast<std::vector<NtpResultData>::difference_type>(CountTrimmedAtEachEnd(samples.size()));
+  samples.erase(samples.begin(), samples.begin() + cut);
+  samples.erase(samples.end() - cut, samples.end());
 }
 
 OffsetEstimate EstimateOffset(const std::vector<NtpResultData>& samples) {

@@ -4,6 +4,7 @@
 // Pure functions of their arguments: no clock, no log, no lock, no queue. Any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -11,8 +12,13 @@
 
 namespace skorra {
 
-// Sorts the samples by offset and cuts off the lowest and the highest quarter, each rounded down. Round-trip
-// times take no part.
+// Round-trip times take no part in the order, and samples with equal offsets have none among themselves.
+void SortByOffset(std::vector<NtpResultData>& samples);
+
+// How many of so many samples are trimmed off at each end: a quarter, rounded down.
+constexpr size_t CountTrimmedAtEachEnd(size_t sample_count) { return sample_count / 4; }
+
+// Sorts the samples and trims both ends off.
 void SortAndTrim(std::vector<NtpResultData>& samples);
 
 // What trimmed samples say, and how far it can be believed.

@@ -112,13 +112,15 @@ void NameAddresses::Lookups::OnReport(uint64_t number, const net::ResolveResult&
 NameAddresses::NameAddresses(const std::string& name) {
   const net::HostPortResult parsed = net::ParseHostPort(name, kNtpPort);
   if (!parsed.value) {
-    CountFailure("bad_name");
+    failure_ = {"bad_name", parsed.error};
+    CountFailure(failure_.reason);
     return;
   }
   const net::HostPort& server = *parsed.value;
   const net::ResolveResult resolved = net::ResolveHost(server.host, server.port, ResolveTimeout());
   if (resolved.error != net::ResolveError::kNone) {
-    CountFailure(net::ResolveErrorName(resolved.error));
+    failure_ = {net::ResolveErrorName(resolved.error), resolved.detail};
+    CountFailure(failure_.reason);
     return;
   }
   list_ = InterleaveFamilies(resolved.addresses);

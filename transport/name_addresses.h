@@ -42,6 +42,14 @@ class NameAddresses {
   // the reason is counted.
   explicit NameAddresses(const std::string& name);
 
+  // Why there is no list: the <reason> of the counter ntp.domain.<reason>, and the same in words for people.
+  // Both are empty while there is one.
+  struct Failure {
+    std::string reason;
+    std::string detail;
+  };
+  const Failure& failure() const { return failure_; }
+
   // Each address once, the two families in turn, beginning with the family of the resolver's first address.
   const std::vector<net::IPEndPoint>& list() const { return list_; }
 
@@ -56,6 +64,7 @@ class NameAddresses {
   struct Lookups;
 
   std::vector<net::IPEndPoint> list_;
+  Failure failure_;
   std::shared_ptr<Lookups> lookups_;  // null: a literal, whose address never changes, or an empty list
   uint64_t list_generation_ = 0;      // of `list_`, as `lookups_` counts lists
   int64_t expires_ticks_us_ = 0;      // when `list_` does

@@ -31,6 +31,8 @@ class NtpTimeDomainInfo {
 
   const std::string& domain() const { return domain_; }
   const std::vector<net::IPEndPoint>& addresses() const { return addresses_.list(); }
+  // Why there are none.
+  const NameAddresses::Failure& failure() const { return addresses_.failure(); }
   std::vector<NtpResultData>& samples() { return samples_; }
 
   // The address to ask now; the empty end point when the domain has none. Starts a lookup in the background

@@ -23,8 +23,11 @@ constexpr size_t kMaxRequests = 4096;
 
 static_assert(config::kBaseConfig.ntp_requests_per_burst.max == kCallsPerBurst);
 
-void CountUnder(const char* group, const char* name) {
-  base::KeyMetrics::Count(std::string("ntp.") + group + '.' + name);
+// Returns the counter's name.
+std::string CountUnder(const char* group, const char* name) {
+  std::string counter = std::string("ntp.") + group + '.' + name;
+  base::KeyMetrics::Count(counter);
+  return counter;
 }
 
 void CountSendError(net::SocketError error) { CountUnder("send_error", net::SocketErrorName(error)); }
@@ -143,7 +146,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
     rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
   }
   if (rejection != ReplyRejection::kNone) {
-    CountUnder("rejected", ReplyRejectionName(rejection));
+    client_->OnReplyRejected(server, CountUnder("rejected", ReplyRejectionName(rejection)));
     return;
   }
   // Mark it answered last: a forged reply must not turn the genuine one into a duplicate.
@@ -200,15 +203,16 @@ ReplyRejection NtpTimePacketHandler::FindRequest(const net::IPEndPoint& server,
 }
 
 void NtpTimePacketHandler::OnKissCode(KissCode code, Request& request) {
+  const net::IPEndPoint server = request.server;  // a client that sends may forget the request
   if (code != KissCode::kRate && code != KissCode::kDeny && code != KissCode::kRstr) {
     // Not a refusal: a genuine reply may still follow.
-    CountUnder("kiss", KissCodeName(code));
+    client_->OnReplyRejected(server, CountUnder("kiss", KissCodeName(code)));
     return;
   }
   request.is_answered = true;
   const bool is_news = NtpAddressLedger::GetInstance()->OnRefusal(
       request.server, code, base::GetSteadyTimeTicks(), base::RandUint64());
-  CountUnder("kiss", is_news ? KissCodeName(code) : "repeated");
+  client_->OnReplyRejected(server, CountUnder("kiss", is_news ? KissCodeName(code) : "repeated"));
 }
 
 ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Request& request,

@@ -21,6 +21,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "platform/base/weak_ptr.h"
@@ -40,6 +41,9 @@ class NtpTimePacketHandler {
     // One sample; `server` is the end point that answered.
     virtual void OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) = 0;
     virtual ~Client() = default;
+    // A reply that brought no sample. `counter` is the name that it was counted under: ntp.rejected.<reason>,
+    // or ntp.kiss.<code>.
+    virtual void OnReplyRejected(const net::IPEndPoint& /*server*/, const std::string& /*counter*/) {}
   };
 
   // `client` outlives the handler. `system_offset_from_steady_us` is the wall clock (microseconds since

@@ -41,6 +41,8 @@ struct SyncReport {
   SyncEnd end = SyncEnd::kTimedOut;
   std::string asked;  // the servers as the user wrote them, for messages
   double timeout_s = 0;
+  // What is wrong with a server as it was written: nothing was asked then.
+  std::optional<std::string> bad_server = {};
 
   // Taken from the outcome. Without one they keep these values.
   NtpResult result = NtpResult::kNoResult;

@@ -3,81 +3,98 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 
+#include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
 #include "platform/base/log.h"
 #include "platform/base/no_destructor.h"
 #include "platform/base/time.h"
-#include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
-#include "platform/net/host_resolver.h"
 #include "transport/ntp_address_ledger.h"
-#include "transport/ntp_time_domain_info.h"
 
 namespace skorra {
 namespace {
 
 constexpr int64_t kProgressIntervalUs = 100'000;
 
-// What the library tells about the attempt: the outcome through the observer, the rest through its log,
-// which is the only place where the number of samples used and an attempt without servers show up.
+std::string JoinNames(const std::vector<std::string>& names) {
+  std::string text;
+  for (const auto& name : names) {
+    text += (text.empty() ? "" : ", ") + name;
+  }
+  return text;
+}
+
+// What the library reports about the one attempt. It begins once the names have been looked up.
 //
 // Written on the library's queue, read by the waiting thread; lives until the process ends, because the
 // library may still call while the process exits.
-class Watch final : public NtpTimeManager::Observer {
+class Watch final : public NtpSyncListener {
  public:
   Watch() : shows_progress_(isatty(STDERR_FILENO) != 0) {}
 
-  void OnNtpResult(NtpResult result, const std::string& message, const net::IPEndPoint& server) override {
+  void OnDomainsUpdated(const NtpDomainsUpdated& event) override {
     const std::lock_guard guard(mutex_);
     if (end_) {
       return;
     }
-    end_ = SyncEnd::kOutcome;
-    result_ = result;
-    outcome_text_ = message;
-    server_ = server.ToString();
-    ended_.notify_one();
+    for (const auto& [name, reason, detail] : event.without_address) {
+      if (reason == "bad_name") {
+        bad_server_ = detail;
+        End(SyncEnd::kNotResolved);
+        return;
+      }
+      PrintLine("skorra-ntp: cannot resolve " + name + ": " + detail);
+    }
+    asked_ = event.added;
+    if (asked_.empty()) {
+      End(SyncEnd::kNotResolved);
+    } else {
+      NtpTimeManager::GetInstance()->Start();
+    }
   }
 
-  void OnLogLine(const base::LogLine& line, int log_level) {
+  void OnAttemptEnded(const NtpAttemptEnded& event) override {
     const std::lock_guard guard(mutex_);
     if (end_) {
       return;
     }
-    if (line.level >= log_level) {
-      std::fprintf(stderr, "%s%s\n", shows_progress_ ? "\r\x1b[K" : "", base::FormatLogLine(line).c_str());
-    }
-    ReadSampleCount(line.text);
-    if (line.text.starts_with("NTP time sync failed: no correct NTP server")) {
-      end_ = SyncEnd::kNoServer;
-    } else if (line.text == "Stop ntp queue") {
-      end_ = SyncEnd::kStopped;
-    }
-    if (end_) {
-      ended_.notify_one();
+    switch (event.end) {
+      case NtpAttemptEnd::kOutcome:
+        outcome_ = event;
+        End(SyncEnd::kOutcome);
+        break;
+      case NtpAttemptEnd::kNoServer:
+        End(SyncEnd::kNoServer);
+        break;
+      case NtpAttemptEnd::kStopped:
+        End(SyncEnd::kStopped);
+        break;
     }
   }
+
+  // Shows a line of the library's log, in place of the progress.
+  void PrintLogLine(const base::LogLine& line) { PrintLine(base::FormatLogLine(line)); }
 
   // Waits for the end, showing the progress, until `deadline_ticks_us` at the longest. After the return
   // nothing that the library reports changes the watch.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
     std::unique_lock lock(mutex_);
     while (!end_) {
-      const int64_t now_us = base::GetSteadyTimeTicks();
-      if (now_us >= deadline_ticks_us) {
+      const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+      if (now_ticks_us >= deadline_ticks_us) {
         end_ = SyncEnd::kTimedOut;
         break;
       }
-      ShowProgress(now_us - start_ticks_us);
-      const int64_t wait_us = std::min(deadline_ticks_us - now_us, kProgressIntervalUs);
+      ShowProgress(now_ticks_us - start_ticks_us);
+      const int64_t wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
       ended_.wait_for(lock, std::chrono::microseconds(wait_us));
     }
     if (shows_progress_) {
@@ -88,26 +105,34 @@ class Watch final : public NtpTimeManager::Observer {
   void FillIn(SyncReport& report) {
     const std::lock_guard guard(mutex_);
     report.end = end_.value_or(SyncEnd::kTimedOut);
-    report.result = result_;
-    report.outcome_text = outcome_text_;
-    if (!server_.empty()) {
-      report.server = server_;
+    if (!asked_.empty()) {
+      report.asked = JoinNames(asked_);
     }
-    report.samples_used = samples_used_;
+    if (outcome_) {
+      report.result = outcome_->result;
+      report.outcome_text = GetResultMessage(outcome_->result);
+      report.samples_used = outcome_->record.sample_count;
+      if (const std::string server = outcome_->record.endpoint.ToString(); !server.empty()) {
+        report.server = server;
+      }
+    }
+  }
+
+  // What is wrong with a server as it was written; nothing when all are well-formed.
+  std::optional<std::string> bad_server() {
+    const std::lock_guard guard(mutex_);
+    return bad_server_;
   }
 
  private:
-  void ReadSampleCount(std::string_view text) {
-    constexpr std::string_view kLabel = "use sample count:";
-    const size_t at = text.find(kLabel);
-    if (at == std::string_view::npos) {
-      return;
-    }
-    const char* const begin = text.data() + at + kLabel.size();
-    uint64_t count = 0;
-    if (std::from_chars(begin, text.data() + text.size(), count).ec == std::errc()) {
-      samples_used_ = count;
-    }
+  // Under mutex_.
+  void End(SyncEnd end) {
+    end_ = end;
+    ended_.notify_one();
+  }
+
+  void PrintLine(const std::string& line) const {
+    std::fprintf(stderr, "%s%s\n", shows_progress_ ? "\r\x1b[K" : "", line.c_str());
   }
 
   void ShowProgress(int64_t elapsed_us) const {
@@ -128,10 +153,9 @@ class Watch final : public NtpTimeManager::Observer {
   std::condition_variable ended_;
   // Under mutex_.
   std::optional<SyncEnd> end_;
-  NtpResult result_ = NtpResult::kNoResult;
-  std::string outcome_text_;
-  std::string server_;
-  std::optional<uint64_t> samples_used_;
+  std::vector<std::string> asked_;
+  std::optional<std::string> bad_server_;
+  std::optional<NtpAttemptEnded> outcome_;
 };
 
 std::shared_ptr<Watch> GetWatch() {
@@ -140,36 +164,6 @@ std::shared_ptr<Watch> GetWatch() {
 }
 
 void Warn(const std::string& text) { std::fprintf(stderr, "skorra-ntp: %s\n", text.c_str()); }
-
-std::string JoinNames(const std::vector<std::string>& names) {
-  std::string text;
-  for (const auto& name : names) {
-    text += (text.empty() ? "" : ", ") + name;
-  }
-  return text;
-}
-
-// The servers that have an address. The library skips the others without a word, so they are told here.
-std::vector<std::string> KeepResolvable(const std::vector<std::string>& servers, int64_t deadline_ticks_us) {
-  const auto limit_ms = static_cast<int64_t>(config::GetNumber(config::BaseCfg().ntp_resolve_timeout_ms));
-  std::vector<std::string> kept;
-  for (const auto& server : servers) {
-    const auto parsed = net::ParseHostPort(server, kNtpPort);
-    if (!parsed.value) {
-      continue;
-    }
-    const int64_t left_us = std::max<int64_t>(deadline_ticks_us - base::GetSteadyTimeTicks(), 1000);
-    const auto found =
-        net::ResolveHost(parsed.value->host, parsed.value->port,
-                         base::TimeDelta::FromMicroseconds(std::min(left_us, limit_ms * 1000)));
-    if (found.error == net::ResolveError::kNone) {
-      kept.push_back(server);
-    } else {
-      Warn("cannot resolve " + server + ": " + found.detail);
-    }
-  }
-  return kept;
-}
 
 // The library's counters since the process began, which are those of this attempt.
 void FillInCounters(SyncReport& report) {
@@ -230,25 +224,16 @@ SyncReport RunAttempt(const SyncOptions& options) {
   SyncReport report;
   report.timeout_s = options.timeout_s;
 
-  const auto servers = KeepResolvable(options.servers, deadline_ticks_us);
-  if (servers.empty()) {
-    report.end = SyncEnd::kNotResolved;
-  } else {
-    report.asked = JoinNames(servers);
-    const auto watch = GetWatch();
-    base::SetLogThreshold(base::kLogProgress);
-    base::SetLogSink([watch = watch.get(), level = options.log_level](const base::LogLine& line) {
-      watch->OnLogLine(line, level);
-    });
-    // Asked for these servers, a configured default server is not to answer in their place.
-    config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, std::string());
-    auto* const manager = NtpTimeManager::GetInstance();
-    manager->AddObserver(watch);
-    manager->UpdateNtpTimeDomain(servers);
-    manager->Start();
-    watch->Wait(start_ticks_us, deadline_ticks_us);
-    watch->FillIn(report);
-  }
+  report.asked = JoinNames(options.servers);
+  const auto watch = GetWatch();
+  base::SetLogThreshold(options.log_level);
+  base::SetLogSink([watch = watch.get()](const base::LogLine& line) { watch->PrintLogLine(line); });
+  AddNtpSyncListener(watch);
+  NtpTimeManager::GetInstance()->UpdateNtpTimeDomain(options.servers);
+  watch->Wait(start_ticks_us, deadline_ticks_us);
+  base::SetLogThreshold(base::kLogNothing);
+  watch->FillIn(report);
+  report.bad_server = watch->bad_server();
   report.took_ms = (base::GetSteadyTimeTicks() - start_ticks_us) / 1000;
   FillInCounters(report);
   if (report.end == SyncEnd::kOutcome && report.result != NtpResult::kNoResult) {
@@ -258,15 +243,13 @@ SyncReport RunAttempt(const SyncOptions& options) {
 }
 
 int RunSync(const SyncOptions& options, bool as_json) {
-  for (const auto& server : options.servers) {
-    if (const auto parsed = net::ParseHostPort(server, kNtpPort); !parsed.value) {
-      Warn("bad SERVER " + parsed.error +
-           "\nGive a host name or an address, with a port if it is not 123: ntp.example.org, 192.0.2.1:123,"
-           " [2001:db8::1]:123");
-      return kExitUsage;
-    }
-  }
   const SyncReport report = RunAttempt(options);
+  if (report.bad_server) {
+    Warn("bad SERVER " + *report.bad_server +
+         "\nGive a host name or an address, with a port if it is not 123: ntp.example.org, 192.0.2.1:123,"
+         " [2001:db8::1]:123");
+    return kExitUsage;
+  }
   std::fputs((as_json ? ToJson(report) : ToText(report)).c_str(), stdout);
   std::fflush(stdout);
   if (const std::string advice = Advice(report); !advice.empty()) {

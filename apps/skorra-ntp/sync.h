@@ -15,7 +15,7 @@ struct SyncOptions {
 };
 
 // Makes one attempt and waits for its end. Warnings and progress go to standard error. The library keeps
-// its result for the life of the process, so this is called once. The servers must be well-formed.
+// its result for the life of the process, so this is called once.
 SyncReport RunAttempt(const SyncOptions& options);
 
 // The whole command: checks the servers, makes the attempt, prints the report. Returns the exit status.

@@ -170,9 +170,15 @@ SideBySide::SideBySide(uint64_t seed)
   for (size_t i = 0; i < kKeys.size(); ++i) {
     key_metrics_before_[i] = base::KeyMetrics::GetPV(kKeys[i]);
   }
+  if (seed % 2 == 1) {
+    AddNtpSyncListener(listener_);
+  }
 }
 
-SideBySide::~SideBySide() { base::SetLogSink(nullptr); }
+SideBySide::~SideBySide() {
+  RemoveNtpSyncListener(listener_.get());
+  base::SetLogSink(nullptr);
+}
 
 bool SideBySide::Both(const std::function<int64_t(Side&)>& operation) {
   for (Side* side : {static_cast<Side*>(&model), static_cast<Side*>(&real)}) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "ntp/ntp_sync_events.h"
 #include "sim/world.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
@@ -98,6 +99,8 @@ class SideBySide {
   ConfigScope config_;
   std::array<uint64_t, kAddressCount> request_counts_{};
   std::array<uint64_t, 4> key_metrics_before_{};
+  // Listens in every second walk, which must make no difference.
+  const std::shared_ptr<NtpSyncListener> listener_ = std::make_shared<NtpSyncListener>();
   size_t posted_seen_ = 0;
   uint64_t step_count_ = 0;
   std::string difference_;
