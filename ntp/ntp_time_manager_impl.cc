@@ -293,7 +293,6 @@ void NtpTimeManagerImpl::DoStartSyncTime() {
   ForEachSyncListener([](NtpSyncListener& listener) { listener.OnAttemptBegun(); });
   if (domain_infos_.empty() && !AddDefaultDomain()) {
     LocalLog(kLogFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
-    is_attempt_open_ = false;  // the stop cuts nothing off
     StopNtpQueue();
     ReportAttemptEnd(NtpAttemptEnd::kNoServer);
     return;
