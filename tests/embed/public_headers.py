@@ -28,7 +28,10 @@ def included_files(source, header, seen):
         return
     seen.add(path)
     for name in re.findall(r'^#include "([^"]+)"', (source / path).read_text(), re.MULTILINE):
-        included_files(source, os.path.join(os.path.dirname(path), name), seen)
+        other = os.path.join(os.path.dirname(path), name)
+        if not (source / other).is_file():
+            sys.exit(f"{path} includes \"{name}\", which is found by the include path only")
+        included_files(source, other, seen)
 
 
 def compile_alone(compiler, standard, header, source, host):
