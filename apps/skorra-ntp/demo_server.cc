@@ -1,7 +1,5 @@
 #include "apps/skorra-ntp/demo_server.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <array>
 #include <asio.hpp>
@@ -40,11 +38,7 @@ constexpr int kMaxPending = 1024;
 
 using Packet = std::array<uint8_t, kPacketSize>;
 
-int64_t NowSince1970Us() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec * base::kUsPerSecond + now.tv_nsec / 1000;
-}
+int64_t NowSince1970Us() { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); }
 
 void WriteUint32(std::span<uint8_t> to, uint32_t value) {
   for (size_t i = 0; i < 4; ++i) {

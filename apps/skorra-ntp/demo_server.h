@@ -25,7 +25,7 @@ struct DemoServerOptions {
   // What the simulated network takes for both directions together; half of it passes before the receive
   // time stamp is taken and half after the transmit time stamp.
   int64_t delay_us = 0;
-  int64_t jitter_us = 0;  // the most that one direction takes in addition, drawn anew for each
+  int64_t jitter_us = 0;  // the most that one direction takes in addition, drawn separately for each
   double loss = 0;        // the share of requests that get no answer, 0 to 1
   uint64_t seed = 1;      // of the draws for jitter and loss
 };

@@ -76,8 +76,9 @@ CLI::Validator Number(double min, double max, bool excludes_min = false) {
       return std::string();
     }
     char message[128];
-    std::snprintf(message, sizeof message, "must be a number %s %g and at most %g",
-                  excludes_min ? "greater than" : "from", min, max);
+    std::snprintf(message, sizeof message,
+                  excludes_min ? "must be greater than %g and at most %g" : "must be from %g to %g", min,
+                  max);
     return "\"" + text + "\" is not valid: " + message;
   };
   return CLI::Validator(check, "");
