@@ -1,7 +1,7 @@
 // The manager and its model side by side: a slice of random walks, and proof that the comparison sees a wrong
 // step.
 //
-// SKORRA_SEED replays the slice with a given seed; without it each run draws a fresh one and prints it.
+// ctest sets SKORRA_SEED from the commit. A run of the program by itself draws a fresh seed unless it is set.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -58,6 +58,14 @@ TEST_F(LifecycleTest, AStartWithinTenMinutesAnnouncesTheKeptResultAgain) {
   EXPECT_EQ(CountPosted(S(30)), 1u);
 }
 
+TEST_F(LifecycleTest, AStartWhileAnAttemptRunsIsRefusedAlsoBesideAFreshResult) {
+  KeepGoodResult(1000);
+  peer.is_started() = true;
+  world.RunFor(Ms(1));
+  EXPECT_EQ(manager().Start(), -1);
+  EXPECT_TRUE(world.posted().empty());
+}
+
 TEST_F(LifecycleTest, AStartTenMinutesAfterTheLastSuccessBeginsAnAttempt) {
   KeepGoodResult(1000);
   manager().AddObserver(observer);

@@ -453,6 +453,17 @@ TEST_F(SyncAttemptTest, ADomainAddedDuringAnAttemptIsAskedAtOnce) {
   EXPECT_EQ(observer->outcomes[0].server, Address("192.0.2.2"));
 }
 
+TEST_F(SyncAttemptTest, AListUpdateDuringAnAttemptKeepsTheRequestsUnderWay) {
+  network.AddServer(Address("192.0.2.1"),
+                    {.to_server = {.delay_us = 50000}, .to_client = {.delay_us = 50000}});
+  AddDomains({"a.test"});
+  manager().Start();
+  world.RunFor(Ms(95));
+  AddDomains({"b.test"});
+  world.RunFor(Ms(100));
+  EXPECT_EQ(Domain(0)->samples().size(), 10u);
+}
+
 TEST_F(SyncAttemptTest, SendsThatOutliveTheHandlerDoNothing) {
   AddDomains({"a.test"});
   manager().Start();

@@ -422,6 +422,15 @@ TEST_F(SyncOutcomeTest, TheObserversHearTheAnsweringAddressWhereTheFailureLineNa
   EXPECT_EQ(CountLog(0, "NTP time sync failed:two.test, use sample count:0, IP:192.0.2.22:123"), 1u);
 }
 
+TEST_F(SyncOutcomeTest, TheFailureLineGivesTheSampleCountOfTheRecord) {
+  // An earlier request of the same attempt left a count, the last one no result.
+  BeginAttempt({kFirst});
+  peer.current_domain_info() = Domain(0);
+  Record(kFirst).sample_count = 4;
+  OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(0)); });
+  EXPECT_EQ(CountLog(0, "NTP time sync failed:192.0.2.11, use sample count:4, IP:192.0.2.11:123"), 1u);
+}
+
 TEST_F(SyncOutcomeTest, TheInaccurateLineNamesTheCurrentAddressToo) {
   world.SetHost("two.test", {{Address("192.0.2.21"), Address("192.0.2.22")}});
   BeginAttempt({"two.test"});
