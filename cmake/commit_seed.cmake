@@ -19,7 +19,10 @@ if(NOT "$ENV{SKORRA_SEED}" MATCHES "^[0-9]+$")
   endif()
   set(ENV{SKORRA_SEED} ${seed})
 endif()
-# RapidCheck's own variable.
+# The codec's properties and the forks under load have variables of their own.
 if("$ENV{RC_PARAMS}" STREQUAL "")
   set(ENV{RC_PARAMS} "seed=$ENV{SKORRA_SEED}")
+endif()
+if("$ENV{SKORRA_FORK_SEED}" STREQUAL "")
+  set(ENV{SKORRA_FORK_SEED} $ENV{SKORRA_SEED})
 endif()

@@ -26,9 +26,9 @@ bool IsReadable(int fd) {
 }  // namespace
 
 uint64_t RelaySeed() {
-  const char* const given = std::getenv("SKORRA_SEED");
+  const char* const given = std::getenv("SKORRA_RELAY_SEED");
   const uint64_t seed = given == nullptr ? 1 : std::strtoull(given, nullptr, 0);
-  std::printf("relay with seed %llu (SKORRA_SEED)\n", static_cast<unsigned long long>(seed));
+  std::printf("relay with seed %llu (SKORRA_RELAY_SEED)\n", static_cast<unsigned long long>(seed));
   std::fflush(stdout);
   return seed;
 }

@@ -24,7 +24,7 @@
 
 namespace skorra {
 
-// SKORRA_SEED, or 1 without it: a run can be repeated and varied. Prints the seed.
+// SKORRA_RELAY_SEED, or 1 without it: a run can be repeated and varied. Prints the seed.
 uint64_t RelaySeed();
 
 class ImpairingRelay {
