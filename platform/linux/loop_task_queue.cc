@@ -99,7 +99,8 @@ void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallba
     PostTask(from, std::move(task));
     return;
   }
-  const int64_t deadline_ticks_us = base::SaturatingAdd(base::GetSteadyTimeTicks(), delay.InMicroseconds());
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  const int64_t deadline_ticks_us = base::SaturatingAdd(now_ticks_us, delay.InMicroseconds());
   const base::AutoLock lock(lock_);
   if (IsForeign()) {
     return;
