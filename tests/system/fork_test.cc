@@ -381,14 +381,18 @@ TEST(ForkTest, AThreadThatForksInsideALockKeepsItAndWaitsForNobodyWhoWantsIt) {
   waiter.join();
 }
 
-TEST(ForkTest, AQueueOfTheParentRunsNothingInAChild) {
+TEST(ForkTest, AQueueOfTheParentDropsWhatAChildPosts) {
   const auto parents = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {});
   std::atomic<int> run_count{0};
   EXPECT_EQ(RunInChild([&]() -> std::string {
-              parents->PostTask(kHere, base::BindOnce([&] { ++run_count; }));
-              parents->PostDelayedTask(kHere, base::BindOnce([&] { ++run_count; }),
-                                       base::TimeDelta::FromMicroseconds(1));
+              const auto token = std::make_shared<int>();
+              const auto task = [&] { return base::BindOnce([&run_count, token] { ++run_count; }); };
+              parents->PostTask(kHere, task());
+              parents->PostDelayedTask(kHere, task(), base::TimeDelta::FromMicroseconds(1));
               RunAsTask([] {});
+              if (token.use_count() != 1) {
+                return "it keeps a task";
+              }
               return run_count == 0 ? "" : "it ran a task";
             }),
             "");
