@@ -59,7 +59,8 @@ void WriteTimestamp(std::span<uint8_t> to, int64_t wall_us) {
     --seconds;
   }
   WriteUint32(to, static_cast<uint32_t>(seconds + kSecondsFrom1900To1970));
-  WriteUint32(to.subspan(4), static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / base::kUsPerSecond));
+  WriteUint32(to.subspan(4),
+              static_cast<uint32_t>((static_cast<uint64_t>(rest_us) << 32) / base::kUsPerSecond));
 }
 
 bool IsAnswerable(std::span<const uint8_t> request) {

@@ -149,7 +149,7 @@ std::vector<Scenario> LateDomainRows() {
        },
        SyncOnce, Right(1020 * kMs, {OneBurst(kA), OneBurst(kB)}, {0})},
       {"domain_added_after_others_have_finished",
-       "a domain that has finished is idle again, and is asked once more beside the one that is added",
+       "a domain that has finished is idle again, and is asked once more alongside the one that is added",
        [](Run& run) {
          run.SetHost("poor.test", {kA});
          run.SetHost("dead.test", {kB});

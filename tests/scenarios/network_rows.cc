@@ -1,4 +1,4 @@
-// Rows about paths: delay, jitter, loss, names, and attackers beside the path.
+// Rows about paths: delay, jitter, loss, names, and attackers off the path.
 #include "tests/scenarios/rows.h"
 
 namespace skorra {
