@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What a read of the network clock costs, as a ratio to bare clock readings in the same run.
 //
 //   read_bench [--json FILE] [--tiny]

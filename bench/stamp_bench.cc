@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What the kernel's time stamps are worth: the worst offset that exchanges with a server on this machine
 // measure while busy loops compete for every core, with the stamps of the socket and with times taken in user
 // space, in the same exchanges. The true offset is zero: chronyd serves the clock that it is measured with.

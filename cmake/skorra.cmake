@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # How the targets of this project are built. A consumer of skorra::ntp gets the include folder, the threads and
 # the language level; everything in skorra_build stays inside.
 option(SKORRA_WERROR "Treat the compiler's warnings as errors" OFF)

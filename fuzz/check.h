@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Shared by the fuzz targets: a check that ends the run, and numbers out of the input.
 #pragma once
 

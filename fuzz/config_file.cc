@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The configuration file: any bytes end in values within their bounds or in a message that names the place,
 // never in a crash, and what an earlier file said is gone.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Are the bytes after a packet's header a row of extension fields? Compared with an answer that is found from
 // the back.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The packet handler as a state machine. The input is a program of sends, replies genuine and forged, errors
 // and pauses; it runs in a simulated world, and each step is compared with the model in handler_model.h.
 //

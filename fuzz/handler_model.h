@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The packet handler once more, written from its headers alone: what must leave, be counted and be reported.
 // The address ledger's part is tests/model/ledger_model.h. It is slow and keeps everything; the fuzz target
 // walks it alongside the real handler.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The texts that name a server: whatever is understood can be written down again, and means the same then.
 // Address literals are held against inet_pton.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The codec: any 48 bytes decode, encode to themselves, and are judged as a second reading of the same rules
 // judges the raw bytes. The arithmetic of time is held against 128-bit numbers.
 //

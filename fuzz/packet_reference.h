@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A second reading of the packet's rules, on the raw bytes and in 128-bit numbers: what the fuzz targets hold
 // transport/ntp_packet.h against. It shares no code with it, only the names of the answers.
 #pragma once

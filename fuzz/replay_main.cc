@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs a fuzz target over every file of a folder: how the tests replay a corpus, with any compiler.
 #include <algorithm>
 #include <cstdint>

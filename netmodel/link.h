@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // One direction of a path between the machine and a server: when each datagram arrives, if it does. Two links
 // with different options make an asymmetric path.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Random numbers that are the same for a seed on every platform: all arithmetic is on integers, and no
 // distribution of the standard library is used.
 #pragma once

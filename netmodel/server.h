@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A time server as a function of a request and the time: its clock, what it says about itself, and which
 // requests it answers.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The records that the time manager exchanges with the packet handler, with the per-domain request state
 // and with the users of the quality report. All are plain values; each copy belongs to its holder.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The network time of this process.
 //
 // One manager per process learns the offset between the local clock and network time from NTP servers and

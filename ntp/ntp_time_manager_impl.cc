@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ntp/ntp_time_manager_impl.h"
 
 #include <algorithm>

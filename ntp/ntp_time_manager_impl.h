@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The time manager's one implementation. Users include ntp_time_manager.h.
 //
 // Sync attempt: Start posts DoStartSyncTime; each domain gets a burst of requests and a check that runs until

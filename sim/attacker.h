@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An attacker off the path: it cannot read the requests, but it knows when they are sent and where to, and it
 // can send datagrams with any source address.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A clock that is not right: it runs against the steady clock at a rate that may be off and may wander, plus
 // steps. Whole numbers throughout, so that a run is the same on every platform.
 #pragma once

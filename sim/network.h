@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Servers of a simulated world, and the paths to them.
 //
 //   sim::World world;

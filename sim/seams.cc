@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The seams of platform/, each spoken to the current simulated world.
 #include <algorithm>
 #include <memory>

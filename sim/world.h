@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A world in virtual time behind the seams: clocks, task queues, datagrams, random numbers, names and the
 // machine. Its servers and links are in network.h; docs/simulation.md shows it all at work.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // End points, the short way.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes a real manager sync again and again in one process, one whole attempt after another.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs a program as a child of a test, with its output caught and every wait bounded.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A real NTP server that somebody else wrote: chronyd, as its own process on the loopback interface. It
 // serves the machine's own clock, so the offset is zero.
 //

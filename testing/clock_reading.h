@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A reading of the manager's clock between two of the system's clock, for tests whose server lives on the
 // same machine and differs from it by a known error. Any thread.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Configuration values that the program sets for as long as the object lives.
 //
 //   ConfigScope config;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Counts the outcomes that the manager announces. Any thread.
 #pragma once
 

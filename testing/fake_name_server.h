@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A name server on the loopback interface that answers as a test wants.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs a part of a test in a child that the test forks, without a new program in it.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An empty address ledger for as long as the object lives: what servers said in one world does not count in
 // the next world of the same process.
 #pragma once

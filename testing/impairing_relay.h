@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A bad network on the loopback interface: a relay that stands between clients and one server and treats
 // every datagram as a simulated link does, with delay, jitter, loss, duplication and reordering for each
 // direction.

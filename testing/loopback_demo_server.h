@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The program's demonstration server on the loopback interface.
 #pragma once
 

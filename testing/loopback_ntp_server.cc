@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "testing/loopback_ntp_server.h"
 
 #include <poll.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A server of the simulation on a real socket: it answers on the loopback interface by the machine's clock,
 // with rate limits and kiss codes, and counts what it sees.
 //

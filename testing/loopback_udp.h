@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A plain UDP socket on the loopback interface, for the tests' own side of a conversation.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A manager of its own in a simulated world, with its log lines and an observer, for the manager's tests.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Namespaces of a test's own, so that it may change the network or the files that it sees.
 #pragma once
 

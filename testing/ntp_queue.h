@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager's task queue in the real world, for a test that looks at it from another thread.
 #pragma once
 

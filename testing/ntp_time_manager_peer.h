@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The tests' and benchmarks' view of the time manager's inside.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A packet handler in the simulated world, a client that records what it reports, and a server that answers
 // by hand or by itself.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes the kernel refuse a system call, to see what the code does then.
 #pragma once
 

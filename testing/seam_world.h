@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The world behind the seams as the conformance suite sees it: what stands on the other side of a socket or
 // a name, and a way to let events happen. One implementation per test program, so that one suite holds both
 // worlds to the same contracts.

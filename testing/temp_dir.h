@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A directory that lives as long as the test.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A wait for a condition that comes soon, bounded by the patience of the slowest machine.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The one place that says what may leave: which calls for a request become requests, and until when a server
 // address must not be asked.
 //

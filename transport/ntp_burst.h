@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The shape of a burst: how the time manager asks one address.
 #pragma once
 

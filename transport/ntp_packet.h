@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The NTPv4 client's packet codec (RFC 5905): bytes and times in, values out.
 //
 //   const auto bytes = EncodePacket(MakeRequest(nonce));

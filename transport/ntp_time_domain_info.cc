@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/ntp_time_domain_info.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The request state of one server domain: its name, the addresses that it stands for, the address in use and
 // the samples of the current request.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Sends NTP requests and reports each genuine reply as a sample.
 //
 // A request carries nothing of the host: every field but version and mode is zero, and the transmit time

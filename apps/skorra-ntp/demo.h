@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // `skorra-ntp demo`: a server with a known clock error inside the process, one sync against it, and the
 // outcome beside the truth.
 #pragma once

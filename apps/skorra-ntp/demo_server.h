@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A small NTPv4 server with a known clock error, for demonstrations and tests on a machine without one.
 //
 //   std::string error;

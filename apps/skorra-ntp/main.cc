@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The command line; what the commands do is in sync.h, serve.h and demo.h.
 #include <CLI/CLI.hpp>
 #include <cstdio>

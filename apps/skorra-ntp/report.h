@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The result of one sync, and its texts: pure functions of a record.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // `skorra-ntp serve`: the demonstration server in the foreground, until SIGINT or SIGTERM.
 #pragma once
 

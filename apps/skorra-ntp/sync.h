@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // `skorra-ntp sync`: one attempt through the library's public interface.
 #pragma once
 

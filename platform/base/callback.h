@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A closure that runs at most once, and the binder that makes one.
 //
 //   queue->PostTask(location, base::BindOnce(&Manager::DoWork, base::Unretained(this), domain));

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The clocks of the machine: one of the seams with a real and a simulated implementation, chosen when a
 // program is linked. `base::Time::Now` (time.h) is the third function of this seam.
 //

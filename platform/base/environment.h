@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The environment variables of the process: a seam with a real and a simulated implementation.
 #pragma once
 

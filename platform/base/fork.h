@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What this library does about forks, so that a process may fork at any moment, on a thread that knows
 // nothing of the library.
 //

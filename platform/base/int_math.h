@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Arithmetic on 64-bit integers without undefined behaviour at the edges.
 //
 // Wrapping: the result is exact modulo 2^64. For sums in which a value without meaning may take part, such as

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Where a task was posted from: carried beside the task, for logs and tests.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A mutual-exclusion lock and its scoped guard. Not recursive. A process may be forked at any moment: the
 // data that a lock guards is whole in the child, and the lock can be taken there (fork.h).
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The log: printf-style lines with a level, checked at compile time, handed to one sink.
 //
 // A line is dropped, before any formatting, when its level is below the threshold (default kLogFailure).

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Storage for an object that lives until the process ends.
 //
 //   static base::NoDestructor<Registry> registry;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Unpredictable numbers for nonces. Real: the kernel's generator. Simulated: the world's seeded generator,
 // so that a seed replays a run.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Clang's thread-safety annotations: with -Wthread-safety the compiler finds accesses to a member without its
 // lock. Other compilers see nothing.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Wall-clock time and durations in microseconds.
 //
 // `base::Time` counts microseconds since 1601-01-01 00:00:00 UTC, `base::TimeDelta` is a signed number of

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A pointer that knows when its object is gone.
 //
 //   class Sender {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The base configuration: the table of every entry that this library reads.
 //
 // Readers ask `config::GetNumber` or `config::GetText` (config_center.h), which know an entry's default. The

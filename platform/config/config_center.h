@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Configuration values from three layers.
 //
 // The first layer that has a value for an entry wins: the program (`Set`), the environment variable, the

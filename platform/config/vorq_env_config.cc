@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/config/vorq_env_config.h"
 
 #include "platform/base/no_destructor.h"

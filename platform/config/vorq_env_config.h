@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What this installation provides by default.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // One thread's queue of closures: a seam with a real and a simulated implementation.
 #pragma once
 

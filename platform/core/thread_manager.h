@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Hands out the process's task queues.
 //
 // The threads of the queues run until the process ends. A plugin that links this library into itself

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/net/interface_index.h"
 
 #include <net/if.h>

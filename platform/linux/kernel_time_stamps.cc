@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/kernel_time_stamps.h"
 
 #include <linux/errqueue.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The kernel's time stamps of datagrams: how to ask for them, how to find them in a message, and how to map
 // them to the steady clock.
 #pragma once

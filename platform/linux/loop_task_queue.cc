@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/loop_task_queue.h"
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A task queue on an event loop with a thread of its own.
 //
 // The posting order is kept here rather than in the event loop: a delayed closure takes its place by its

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The lookup behind ResolveHost with given name servers, so that tests can use ones that misbehave.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How the other seams of this folder reach the event loop of the task queue on which they are called, and how
 // they run handlers on it.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Threads of the library inside a host program.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/core/thread_manager.h"
 
 #include <dlfcn.h>

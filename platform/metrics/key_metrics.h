@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Counters of the process: key metrics under numbers, everything else under names.
 //
 // Any thread. Counters only grow, wrap at 2^64 and live until the process ends.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // UDP to one server: a seam with a real and a simulated implementation.
 #pragma once
 

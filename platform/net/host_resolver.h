@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Names to addresses: a seam with a real and a simulated implementation.
 #pragma once
 

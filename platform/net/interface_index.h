@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The network interfaces of the machine: a seam with a real and a simulated implementation.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/net/ip_endpoint.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An IP address with a port, and the texts that name a server. Plain values, any thread.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The program as its users meet it: command lines in, exit statuses and texts out.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Line and branch coverage of ntp/ and transport/ from a build whose tests have run: coverage.py BUILD_FOLDER
 
 Fails when a line, or a branch of a line, was never taken and reasons.txt does not say why.

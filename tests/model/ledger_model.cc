@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tests/model/ledger_model.h"
 
 #include "platform/base/time.h"

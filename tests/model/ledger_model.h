@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The address ledger once more, in the simplest way: which calls for a request leave, and what counts for why
 // the others do not. The walks' model of the manager and the fuzz target's model of the packet handler use
 // it.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A plain model of the time manager, of its packet handler and of the task queue between them: what must
 // happen, written down once more in the simplest way, with data structures of its own.
 //

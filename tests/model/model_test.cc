@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager and its model side by side: a slice of random walks, and proof that the comparison sees a wrong
 // step.
 //

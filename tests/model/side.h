@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The two sides of a walk, the manager and its model, as the walk drives and watches them.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager in a simulated world and its model, fed with the same events and compared after every one.
 #pragma once
 

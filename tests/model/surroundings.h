@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What surrounds the manager in a walk and is no part of it: names, servers and configuration. The world that
 // the manager runs in and the model read the same surroundings, so that both meet the same fortune.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A walk: a list of events drawn from a seed, what happens to the manager and around it. Events are plain
 // values, each of which makes sense whatever came before it, so that any of them can be left out.
 #pragma once

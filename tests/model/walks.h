@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Many random walks of the manager and its model side by side.
 #pragma once
 

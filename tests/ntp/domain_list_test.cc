@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The list of server domains and its result records.
 #include "testing/manager_fixture.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Whether the clocks have run apart, and whether the kept result should be renewed.
 #include <algorithm>
 #include <optional>

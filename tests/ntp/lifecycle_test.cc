@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Start, stop and the delayed stop of the manager's queue.
 #include <thread>
 
@@ -19,11 +21,12 @@ class LifecycleTest : public ManagerTest {
   size_t StopLines() { return CountLog(0, "Stop ntp queue"); }
 
   bool IsStatisticsLockHeld() {
-    bool is_held = false;
+    bool is_held = true;
     std::thread([&] {
-      is_held = !peer.stats_lock().TryAcquire();
-      if (!is_held) {
-        peer.stats_lock().Release();
+      base::Lock& lock = peer.stats_lock();
+      if (lock.TryAcquire()) {
+        is_held = false;
+        lock.Release();
       }
     }).join();
     return is_held;

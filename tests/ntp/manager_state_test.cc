@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The manager's face and its state when nothing has happened yet, and the records.
 #include <atomic>
 #include <thread>

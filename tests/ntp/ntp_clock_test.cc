@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The clock: the value that a read gives, and when a read starts a sync.
 #include "platform/base/clock.h"
 #include "testing/manager_fixture.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The observer list, its scan, and the delivery of outcomes.
 #include <array>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // From samples to one offset: trimming, averaging and grading.
 #include "testing/manager_fixture.h"
 

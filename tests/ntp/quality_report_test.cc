@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The statistics of requests and attempts, the key metrics, and the report that hands them over.
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"

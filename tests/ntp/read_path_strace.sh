@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Reads the clock under strace, few times and often: the system calls must be the same, so that no read made
 # one. Usage: read_path_strace.sh PATH_OF_READ_PROBE
 set -euo pipefail

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What one read of the clock costs in calls: runs reads in both healthy states of a manager and counts the
 // allocations, the lock operations and the clock readings that they make. Ends with status 1 when there is
 // any allocation or lock, or another number of clock readings than two (quiet) and five (due).

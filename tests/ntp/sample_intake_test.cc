@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Where samples enter the manager, and when a domain has been asked enough.
 #include "testing/manager_fixture.h"
 

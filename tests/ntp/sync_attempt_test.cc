@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // One sync attempt: its beginning, its bursts, its retries and its end.
 #include "testing/manager_fixture.h"
 #include "testing/noted_calls.h"

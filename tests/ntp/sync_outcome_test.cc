@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How an attempt ends: which result is kept, what is logged and counted, and what the observers hear.
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"

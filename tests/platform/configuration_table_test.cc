@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/configuration.md shows the rows of platform/config/base_cfg.h, all of them and nothing else.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

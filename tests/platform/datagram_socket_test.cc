@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What only a real network has: kernel time stamps, messages about closed ports, limits of descriptors.
 #include "platform/net/datagram_socket.h"
 

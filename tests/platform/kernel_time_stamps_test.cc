@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Which of the kernel's time stamps are accepted, on clocks whose every reading is given.
 #include "platform/linux/kernel_time_stamps.h"
 

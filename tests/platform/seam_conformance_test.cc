@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The contracts of the seams, held against the world that the program is linked with.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

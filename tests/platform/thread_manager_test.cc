@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What only real threads have: names, signal masks, starts that fail, and tasks that take time.
 #include "platform/core/thread_manager.h"
 

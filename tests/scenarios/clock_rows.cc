@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Rows about clocks: steps, suspend, drift, and the years in which numbers end.
 #include "tests/scenarios/rows.h"
 

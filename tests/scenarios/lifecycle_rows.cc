@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Rows about starts and stops, and domains that come while an attempt runs.
 #include "tests/scenarios/rows.h"
 

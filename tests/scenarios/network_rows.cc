@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Rows about paths: delay, jitter, loss, names, and attackers off the path.
 #include "tests/scenarios/rows.h"
 

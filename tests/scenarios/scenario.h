@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Scenarios: whole stories that the shipped manager and transport go through in a simulated world, each with
 // limits on what it may measure. A row is data; scenario.cc plays it.
 #pragma once

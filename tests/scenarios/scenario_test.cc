@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Every scenario within its limits, and every replay the same.
 #include "tests/scenarios/scenario.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Rows about servers: liars, dead ones, limits, kiss codes, and what they say about themselves.
 #include "tests/scenarios/rows.h"
 

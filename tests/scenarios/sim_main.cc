@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager alongside its
 // model.
 #include <cstdint>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The worked example of docs/simulation.md; keep the two the same.
 #include <cstdint>
 #include <cstdlib>

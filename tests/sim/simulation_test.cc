@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The simulated world's own parts: clocks, suspend, datagrams, names, attackers and the log.
 #include <algorithm>
 #include <cstdint>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Syncs against a real NTP server that somebody else wrote, which serves the machine's own clock: the offset
 // is zero.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Starts a sync attempt and ends the process at a chosen moment in a chosen way, with the library's queue
 // in the middle of its work.
 //

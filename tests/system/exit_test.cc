@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A process may end at any moment of a sync attempt, from any thread: no crash, no hang, and (in a sanitized
 // build) no report.
 #include <gtest/gtest.h>

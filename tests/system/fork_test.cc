@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A process may be forked at any moment, by any of its threads: the child reads a sane time and can work on
 // its own, and neither process takes anything from the other.
 #include "platform/base/fork.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An attacker sees every request to a genuine server and sends a bogus reply to each: before the genuine
 // reply, between two of them, or after it. Each bogus reply is dropped and counted under its reason, and the
 // time that the manager tells never moves.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Syncs with a real server behind a bad network: what the offset may be wrong by follows from what the
 // network does, and every datagram that the network carried to us is accounted for.
 #include <gtest/gtest.h>

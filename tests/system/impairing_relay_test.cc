@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The relay itself, between plain sockets.
 #include "testing/impairing_relay.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How the whole client, on real sockets, takes it when a server refuses it: the server is not asked again
 // while it does not want to be, and nobody else is asked less for it.
 #include <gtest/gtest.h>

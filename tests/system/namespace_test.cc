@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A network that goes and comes back: two network namespaces of the test's own, joined by a cable (veth).
 // They vanish with the processes in them. Skipped where the system does not let the test make them.
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What a real server with a rate limit still answers. Its documented rules: for each client address, `burst`
 // answers at once, then one in 2^`interval` seconds, and beyond that one request in 2^`leak` at random.
 // Bounds follow from these rules; the figures themselves are printed.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A failure of the system is counted under its name, and the next attempt after it succeeds.
 //
 // A failed attempt takes 6 s of real time, and each failure needs a process of its own.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Everything at once on real threads, against servers on loopback. SKORRA_STRESS_SECONDS sets how long (3 by
 // default); the thread sanitizer is its natural companion.
 #include <gtest/gtest.h>

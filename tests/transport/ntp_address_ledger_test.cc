@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "transport/ntp_address_ledger.h"
 
 #include <gtest/gtest.h>

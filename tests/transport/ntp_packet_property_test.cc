@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Properties of the packet codec over generated inputs. RapidCheck prints the seed of a failing run; set
 // RC_PARAMS="seed=..." to repeat it. ctest sets it from the commit.
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Which requests leave, and what the handler makes of answers other than a sample: bursts, kiss codes, the
 // age of nonces, time stamps.
 #include <gtest/gtest.h>
