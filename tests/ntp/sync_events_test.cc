@@ -169,6 +169,20 @@ TEST_F(SyncEventsTest, TooFewSamplesAreReportedAsTheyCameWithNoneKept) {
   EXPECT_EQ(event.kept_count, 0u);
 }
 
+TEST_F(SyncEventsTest, ThreeSamplesAreJudgedAndAllKept) {
+  BeginAttempt({kName});
+  Receive(Address(kName), {{9, 1000}, {3, 1000}, {6, 1000}});
+  world.RunFor(S(3));
+  ASSERT_EQ(recorder->evaluations.size(), 1u);
+  EXPECT_EQ(recorder->evaluations[0].samples.front().offset_us, 3);
+  EXPECT_EQ(recorder->evaluations[0].first_kept, 0u);
+  EXPECT_EQ(recorder->evaluations[0].kept_count, 3u);
+}
+
+TEST_F(SyncEventsTest, AnEndOfNoKnownKindIsNamedUnknown) {
+  EXPECT_STREQ(NtpAttemptEndName(static_cast<NtpAttemptEnd>(3)), "unknown");
+}
+
 TEST_F(SyncEventsTest, ARetryIsABurstOfItsOwn) {
   world.SetHost("two.test", {{Address("192.0.2.21"), Address("192.0.2.22")}});
   BeginAttempt({"two.test"});
