@@ -16,7 +16,7 @@ import shutil
 import subprocess
 
 CPU_LIMIT_S = 8  # the tests take a fraction of a second; a change that makes them hang is noticed
-TIME_LIMIT_S = 120
+TIME_LIMIT_S = 60
 MEMORY_LIMIT = 2 << 30
 JOBS = 2
 LARGEST_BATCH = 160  # changes of one file that share a program

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ntp/ntp_sync_events.h"
+#include "ntp/sync_reports.h"
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
 
@@ -278,6 +279,28 @@ TEST_F(SyncEventsTest, EachListenerHearsUntilItIsRemoved) {
   EXPECT_EQ(second->heard.size(), 1u);
   EXPECT_EQ(recorder->heard.size(), 2u);
   EXPECT_EQ(second.use_count(), 1) << "the library has let go";
+}
+
+TEST_F(SyncEventsTest, NobodyListensOnceTheLastListenerIsRemoved) {
+  EXPECT_TRUE(HasSyncListeners());
+  RemoveNtpSyncListener(recorder.get());
+  EXPECT_FALSE(HasSyncListeners());
+}
+
+TEST_F(SyncEventsTest, AListenerMayRemoveListenersInItsDestructor) {
+  class Leaving : public NtpSyncListener {
+   public:
+    ~Leaving() override { RemoveNtpSyncListener(this); }
+  };
+  auto leaving = std::make_shared<Leaving>();
+  const NtpSyncListener* const listener = leaving.get();
+  AddNtpSyncListener(std::move(leaving));
+  RemoveNtpSyncListener(listener);
+  EXPECT_EQ(internal::GetSyncListeners().size(), 1u);
+}
+
+TEST_F(SyncEventsTest, AnEndThatIsNoneOfTheThreeIsUnknown) {
+  EXPECT_STREQ(NtpAttemptEndName(static_cast<NtpAttemptEnd>(3)), "unknown");
 }
 
 TEST_F(SyncEventsTest, AListenerThatRemovesItselfLivesUntilItsReportReturns) {
