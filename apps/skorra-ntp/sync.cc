@@ -52,7 +52,9 @@ class Watch final : public NtpSyncListener {
         End(SyncEnd::kNotResolved);
         return;
       }
-      PrintLine("skorra-ntp: cannot resolve " + name + ": " + detail);
+      std::string line = "skorra-ntp: cannot resolve ";
+      line.append(name).append(": ").append(detail);
+      PrintLine(line);
     }
     asked_ = event.added;
     if (asked_.empty()) {

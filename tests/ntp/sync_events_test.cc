@@ -194,12 +194,16 @@ TEST_F(SyncEventsTest, ARetryIsABurstOfItsOwn) {
 
 TEST_F(SyncEventsTest, AnAttemptWithoutASuccessEndsWithTheCodeThatObserversHear) {
   BeginAttempt({kName});
-  Receive(Address(kName), {{0, 20000}, {90000, 20000}, {-90000, 20000}, {1, 1}, {2, 2}, {3, 3}});
+  // The four that are kept scatter by 100 ms.
+  Receive(Address(kName), {{-100000, 1}, {-100000, 1}, {7, 1}, {9, 1}, {100000, 1}, {100000, 1}});
   world.RunFor(S(3));
   ASSERT_EQ(recorder->ends.size(), 1u);
   EXPECT_EQ(recorder->ends[0].end, NtpAttemptEnd::kOutcome);
+  EXPECT_EQ(recorder->ends[0].result, NtpResult::kMaybeInaccurate);
   EXPECT_EQ(recorder->ends[0].result, observer->outcomes.at(0).result);
   EXPECT_EQ(recorder->ends[0].domain, kName);
+  EXPECT_EQ(recorder->ends[0].record.offset_us, 4);
+  EXPECT_EQ(recorder->ends[0].record.sample_count, 4u);
 }
 
 TEST_F(SyncEventsTest, AFailureWithoutAnySampleEndsWithoutAResult) {
