@@ -117,7 +117,7 @@ def expect_same_as_file(block):
     named = re.search(r"This is `([^`]+)`", block.before)
     if not named:
         return
-    text = re.sub(r"\A(//.*\n)*", "", (SOURCE / named[1]).read_text())
+    text = re.sub(r"\A(//.*\n|\n)*", "", (SOURCE / named[1]).read_text())
     if text.strip() != block.text.strip():
         fail(f"{block.place}: the block is not {named[1]}")
 
