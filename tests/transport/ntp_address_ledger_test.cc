@@ -382,6 +382,7 @@ TEST_F(NtpAddressLedgerTest, EveryRefusalHasItsName) {
   EXPECT_STREQ(SendRefusalName(SendRefusal::kBackOff), "back_off");
   EXPECT_STREQ(SendRefusalName(SendRefusal::kDenied), "denied");
   EXPECT_STREQ(SendRefusalName(SendRefusal::kTooSoon), "too_soon");
+  EXPECT_STREQ(SendRefusalName(static_cast<SendRefusal>(99)), "unknown");
 }
 
 }  // namespace

@@ -553,5 +553,9 @@ TEST(ComputeSampleTest, OffsetAndDelayFollowFromTheFourTimes) {
   }
 }
 
+TEST(NtpPacketTest, AKissCodeOfNoKnownKindIsNamedUnknown) {
+  EXPECT_STREQ(KissCodeName(static_cast<KissCode>(99)), "unknown");
+}
+
 }  // namespace
 }  // namespace skorra
