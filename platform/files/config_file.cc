@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <errno.h>
 #include <stdio.h>
-
 #include <toml++/toml.h>
 
 #include <algorithm>
