@@ -3,7 +3,8 @@
 // announced again, and whether it asks to be renewed.
 //
 // Pure functions of their arguments: no clock, no log, no lock, no queue. Any thread. "Local ms" are
-// milliseconds of the wall clock since 1601.
+// milliseconds of the wall clock since 1601. They stand in a header because a read of the clock that is due
+// makes several of these decisions between its clock readings.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +19,22 @@ namespace skorra {
 
 // Whether a result takes the place of the kept one. A success always does, and otherwise one that is at least
 // as good: also "no result" over "no result", which throws a provisional offset away.
-bool ReplacesKeptResult(NtpResult candidate, NtpResult kept);
+constexpr bool ReplacesKeptResult(NtpResult candidate, NtpResult kept) {
+  return candidate == NtpResult::kSuccess || (kept != NtpResult::kSuccess && candidate >= kept);
+}
 
 // Whether the candidate becomes the domain that a failed attempt reports. A plain comparison of codes, not a
 // ranking: a current success stays, and so does "may be inaccurate" against a candidate's success.
 // This is intended; DomainListTest (tests/ntp/domain_list_test.cc) holds it.
-bool TakesOverAsReported(NtpResult candidate, NtpResult current);
+constexpr bool TakesOverAsReported(NtpResult candidate, NtpResult current) {
+  return current != NtpResult::kSuccess && current < candidate;
+}
 
 // The code that an attempt without a success announces when this one is kept. It is never success, whatever
 // an earlier attempt left.
-NtpResult AnnouncedWithoutSuccess(NtpResult kept);
+constexpr NtpResult AnnouncedWithoutSuccess(NtpResult kept) {
+  return kept == NtpResult::kSuccess ? NtpResult::kMaybeInaccurate : kept;
+}
 
 // --- Age. A kept result younger than the quiet period is announced again instead of asking servers, and
 // reads do not check it.
@@ -35,9 +42,11 @@ NtpResult AnnouncedWithoutSuccess(NtpResult kept);
 inline constexpr int64_t kQuietPeriodMs = 600000;
 
 // Whether there was a success, and the wall clock has gone on since. `last_ms` is its moment, 0 for never.
-bool IsAfterSuccess(int64_t last_ms, int64_t now_ms);
+constexpr bool IsAfterSuccess(int64_t last_ms, int64_t now_ms) { return last_ms != 0 && last_ms < now_ms; }
 
-bool IsWithinQuietPeriod(int64_t last_ms, int64_t now_ms);
+constexpr bool IsWithinQuietPeriod(int64_t last_ms, int64_t now_ms) {
+  return base::WrappingSubtract(now_ms, last_ms) < kQuietPeriodMs;
+}
 
 // The moment from which a read checks the kept result again, when one last began a sync at `last_check_ms`
 // (not 0, which means never).
@@ -54,7 +63,9 @@ constexpr base::Time ReadCheckTime(int64_t last_check_ms) {
 
 // Whether a result asks for the periodic sync once it is `elapsed_s` whole seconds of NTP time old: they must
 // be more than the interval. An interval of 0 switches the periodic sync off.
-bool IsPeriodicSyncDue(int64_t elapsed_s, uint32_t interval_s);
+constexpr bool IsPeriodicSyncDue(int64_t elapsed_s, uint32_t interval_s) {
+  return interval_s != 0 && elapsed_s > int64_t{interval_s};
+}
 
 // --- Quality.
 
@@ -72,7 +83,11 @@ struct KeptQuality {
 inline constexpr uint32_t kMinGoodCostMs = 1;
 inline constexpr uint32_t kMaxGoodCostMs = 799;
 
-bool IsGoodEnough(const KeptQuality& kept);
+constexpr bool IsGoodEnough(const KeptQuality& kept) {
+  return kept.result == NtpResult::kSuccess && kept.offset_us != kNoOffsetUs &&
+         kept.last_request_cost_ms >= kMinGoodCostMs && kept.last_request_cost_ms <= kMaxGoodCostMs &&
+         kept.is_rtt_reliable && kept.is_reliable;
+}
 
 // --- Deviation: whether the wall clock and the NTP clock, which follows the steady one, have run apart.
 
@@ -84,7 +99,12 @@ struct ClockPair {
 
 // By how much the time that passed on one clock differs from that on the other. Only the low 32 bits of the
 // difference count.
-uint32_t DeviationMs(const ClockPair& before, const ClockPair& now);
+constexpr uint32_t DeviationMs(const ClockPair& before, const ClockPair& now) {
+  const int64_t local_elapsed_ms = base::WrappingSubtract(now.local_ms, before.local_ms);
+  const int64_t ntp_elapsed_ms = base::WrappingSubtract(now.ntp_us, before.ntp_us) / 1000;
+  return static_cast<uint32_t>(
+      base::WrappingMagnitude(base::WrappingSubtract(local_elapsed_ms, ntp_elapsed_ms)));
+}
 
 inline constexpr uint32_t kToleratedDeviationMs = 4;  // up to this the clocks agree
 inline constexpr uint32_t kLargeDeviationMs = 500;    // above this the quality report tells it

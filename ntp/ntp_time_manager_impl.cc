@@ -626,16 +626,22 @@ bool NtpTimeManagerImpl::CheckElapsedTimeDeviation() {
   const int64_t now_ntp_us = GetNtpTimestampFrom1970Internal();
   const int64_t before_local_ms = last_sync_local_time_ms_.load(std::memory_order_relaxed);
   const int64_t now_local_ms = NowLocalMs();
-  const uint32_t deviation_ms = DeviationMs({.ntp_us = before_ntp_us, .local_ms = before_local_ms},
-                                            {.ntp_us = now_ntp_us, .local_ms = now_local_ms});
+  const ClockPair before{.ntp_us = before_ntp_us, .local_ms = before_local_ms};
+  const ClockPair now{.ntp_us = now_ntp_us, .local_ms = now_local_ms};
+  const uint32_t deviation_ms = DeviationMs(before, now);
   if (deviation_ms <= kToleratedDeviationMs) {
     return true;
   }
+  RecordDeviation(deviation_ms, before, now);
+  return false;
+}
+
+void NtpTimeManagerImpl::RecordDeviation(uint32_t deviation_ms, ClockPair before, ClockPair now) {
   LocalLog(kLogFailure, kSourcePath, __LINE__,
            "Deviation found:%u, ntp:{ now:%s, before:%s}, local:{ now:%lld, before:%lld}", deviation_ms,
-           NtpTimestampToTime(now_ntp_us).ToString().c_str(),
-           NtpTimestampToTime(before_ntp_us).ToString().c_str(), static_cast<long long>(now_local_ms),
-           static_cast<long long>(before_local_ms));
+           NtpTimestampToTime(now.ntp_us).ToString().c_str(),
+           NtpTimestampToTime(before.ntp_us).ToString().c_str(), static_cast<long long>(now.local_ms),
+           static_cast<long long>(before.local_ms));
   is_rtt_reliable_.store(false, std::memory_order_relaxed);
   if (last_result_.load(std::memory_order_relaxed) == NtpResult::kSuccess) {
     last_result_.store(NtpResult::kMaybeInaccurate, std::memory_order_relaxed);
@@ -643,7 +649,6 @@ bool NtpTimeManagerImpl::CheckElapsedTimeDeviation() {
   if (deviation_ms > kLargeDeviationMs) {
     deviation_found_.store(true, std::memory_order_relaxed);
   }
-  return false;
 }
 
 bool NtpTimeManagerImpl::NeedToUpdateResult() {
@@ -660,9 +665,7 @@ bool NtpTimeManagerImpl::NeedToUpdateResult() {
             .value_or(default_s));
     const int64_t elapsed_s = WrappingSubtract(now_ntp_us, before_ntp_us) / kUsPerSecond;
     if (IsPeriodicSyncDue(elapsed_s, interval_s)) {
-      LocalLog(kLogProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
-               static_cast<long long>(elapsed_s), NtpTimestampToTime(now_ntp_us).ToString().c_str(),
-               NtpTimestampToTime(before_ntp_us).ToString().c_str());
+      LogPeriodicSync(elapsed_s, now_ntp_us, before_ntp_us);
       return true;
     }
   }
@@ -671,6 +674,12 @@ bool NtpTimeManagerImpl::NeedToUpdateResult() {
                         .last_request_cost_ms = last_request_cost_ms_.load(std::memory_order_relaxed),
                         .is_rtt_reliable = is_rtt_reliable_.load(std::memory_order_relaxed),
                         .is_reliable = is_reliable_.load(std::memory_order_relaxed)});
+}
+
+void NtpTimeManagerImpl::LogPeriodicSync(int64_t elapsed_s, int64_t now_ntp_us, int64_t before_ntp_us) {
+  LocalLog(kLogProgress, kSourcePath, __LINE__, "Periodic Sync:%lld, ntp:{ now:%s, before:%s}",
+           static_cast<long long>(elapsed_s), NtpTimestampToTime(now_ntp_us).ToString().c_str(),
+           NtpTimestampToTime(before_ntp_us).ToString().c_str());
 }
 
 // --- Statistics.

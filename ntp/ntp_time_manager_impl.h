@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ntp/kept_result.h"
 #include "ntp/ntp_sync_events.h"
 #include "ntp/ntp_sync_records.h"
 #include "ntp/ntp_time_manager.h"
@@ -165,9 +166,13 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // they have not: then it logs, clears is_rtt_reliable_, makes a kept success "may be inaccurate", and sets
   // deviation_found_ when the difference is large.
   bool CheckElapsedTimeDeviation();
+  // [any] What CheckElapsedTimeDeviation does about a deviation. Not inlined, like LogPeriodicSync: a read that
+  // passes the checks would save registers for it.
+  [[gnu::noinline]] void RecordDeviation(uint32_t deviation_ms, ClockPair before, ClockPair now);
   // [any] True when the kept result should be renewed: its period is over, which is logged, or it is not good
   // enough. False while is_started_ is set. Writes nothing.
   bool NeedToUpdateResult();
+  [[gnu::noinline]] void LogPeriodicSync(int64_t elapsed_s, int64_t now_ntp_us, int64_t before_ntp_us);
 
   // --- Statistics.
 
