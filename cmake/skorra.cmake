@@ -90,10 +90,13 @@ function(skorra_library name level)
   endif()
 endfunction()
 
-# skorra_program(NAME WORLD SOURCES...): an executable on one of the two worlds behind the seams, linux or sim.
+# skorra_program(NAME WORLD SOURCES...): an executable on one of the two worlds behind the seams, linux or sim. Its file
+# has the name without skorra_, which keeps the targets of a host apart from ours.
 function(skorra_program name world)
   add_executable(${name} ${ARGN})
   skorra_target(${name})
+  string(REGEX REPLACE "^skorra_" "" file ${name})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME ${file})
   set(rooms skorra_manager skorra_transport skorra_platform skorra_files)
   if(world STREQUAL linux)
     list(APPEND rooms skorra_linux)

@@ -36,8 +36,8 @@ constexpr NtpResult AnnouncedWithoutSuccess(NtpResult kept) {
   return kept == NtpResult::kSuccess ? NtpResult::kMaybeInaccurate : kept;
 }
 
-// --- Age. A kept result younger than the quiet period is announced again instead of asking servers, and
-// reads do not check it.
+// --- Age. A kept result younger than the quiet period is announced again instead of asking servers. For as
+// long after a read has asked for a sync, reads check nothing.
 
 inline constexpr int64_t kQuietPeriodMs = 600000;
 

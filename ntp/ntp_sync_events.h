@@ -16,8 +16,9 @@
 // report. A listener that is never removed lives until the process ends.
 //
 // Course: listening changes nothing of what the manager does. It costs no clock reading, no task and no log
-// line, and without listeners one load of an atomic for each report. A listener may call the manager's
-// operations; as on any other thread they take effect in their turn.
+// line, and without listeners one load of an atomic for each report. The time that a listener takes counts
+// into the costs of the requests under way, since their replies wait for it. A listener may call the
+// manager's operations: a start takes effect at once, everything else when its task runs.
 //
 // The outcome for a program's users is the observer's (ntp_time_manager.h); it also hears of a kept result
 // that is announced again, which is no attempt and has no report here.
@@ -72,7 +73,7 @@ struct NtpReplyRejected {
 // A domain's burst is over, and its samples are judged.
 struct NtpDomainEvaluated {
   std::string domain;
-  // Its costs are those of the end of the request: see NtpAttemptEnded.
+  // Its costs are not known yet: they are written when the request ends (see NtpAttemptEnded).
   NtpDomainResult record;
   // All samples of the burst. Where there were enough to be judged, in the order of their offsets.
   std::vector<NtpResultData> samples;
@@ -123,7 +124,8 @@ class NtpSyncListener {
 // added. Any thread.
 SKORRA_EXPORT void AddNtpSyncListener(std::shared_ptr<NtpSyncListener> listener);
 
-// No report begins at the listener after this. One that has begun on another thread may still be running.
+// The listener hears no report that begins after this. It may still hear one that has begun: on another
+// thread, or at the listener that removes it. The library keeps it alive until then.
 SKORRA_EXPORT void RemoveNtpSyncListener(const NtpSyncListener* listener);
 
 }  // namespace skorra

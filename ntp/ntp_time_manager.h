@@ -41,8 +41,9 @@ class NtpTimeManager {
   // may hold the last reference for a moment while it looks through its list.
   class Observer {
    public:
-    // `message` is the text of `result`. `server` is the address that answered last; it is empty when
-    // nobody answered or when a result that was still fresh is announced again. Runs on the manager's queue:
+    // `message` is the text of `result`. `server` is the address that answered last for the domain that the
+    // outcome is reported for. It is empty when none of that domain did, and when a result that was still
+    // fresh is announced again. Runs on the manager's queue:
     // return soon, and post longer work elsewhere. Adding and removing observers from here is allowed; it
     // takes effect from the next outcome.
     virtual void OnNtpResult(NtpResult result, const std::string& message, const net::IPEndPoint& server) = 0;

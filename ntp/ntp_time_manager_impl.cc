@@ -27,13 +27,13 @@ namespace {
 
 static_assert(std::atomic<int64_t>::is_always_lock_free, "a read of the clock must not take a lock");
 
-// Clock arithmetic wraps: kNoOffsetUs takes part in some of these sums.
 using base::kLogFailure;
 using base::kLogProgress;
 using base::kUsPerSecond;
 using base::LocalLog;
 using base::Location;
 using base::TimeDelta;
+// Clock arithmetic wraps: kNoOffsetUs takes part in some of these sums.
 using base::WrappingAdd;
 using base::WrappingSubtract;
 
@@ -69,7 +69,6 @@ std::shared_ptr<core::TaskQueue> NtpTimeManagerImpl::GetNtpQueue() {
                                            base::Optional<core::ThreadOption>());
 }
 
-// Debug builds stop where a queue-only function runs elsewhere.
 void NtpTimeManagerImpl::CheckOnQueue() {
 #ifndef NDEBUG
   const auto queue = GetNtpQueue();
@@ -470,7 +469,7 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
   }
   std::vector<NtpResultData>& samples = domain->samples();
   const bool is_heard = HasSyncListeners();
-  const std::vector<NtpResultData> burst = is_heard ? samples : std::vector<NtpResultData>();
+  std::vector<NtpResultData> burst = is_heard ? samples : std::vector<NtpResultData>();
   record->offset_us = kNoOffsetUs;
   if (samples.size() < kMinSamples) {
     record->result = NtpResult::kNoResult;
@@ -486,7 +485,7 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
   }
   samples.clear();
   if (is_heard) {
-    ReportEvaluation(domain->domain(), *record, burst);
+    ReportEvaluation(domain->domain(), *record, std::move(burst));
   }
   return record->result;
 }

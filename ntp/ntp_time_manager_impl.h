@@ -53,8 +53,8 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   friend class base::NoDestructor<NtpTimeManagerImpl>;
   friend class NtpTimeManagerPeer;  // the tests' and benchmarks' view
 
-  // [queue] runs on the manager's queue, [any] on any thread. A debug build stops at a [queue] function that
-  // runs elsewhere.
+  // [queue] runs on the manager's queue, [any] on any thread. A debug build checks this in most [queue]
+  // functions.
 
   NtpTimeManagerImpl();
 
@@ -68,11 +68,11 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // [queue] Posts StopNtpQueue for 30 s later, unless an attempt is in flight or there is no queue.
   void DelayStopNtpQueueIfNeeded();
   // [queue] Clears is_started_, then cleans under stats_lock_. It leaves is_sync_finished_ and the kept
-  // result.
+  // result. Then reports the end of an open attempt, without the lock.
   void StopNtpQueue();
   // [queue] Closes the handler's sockets, where a handler exists, and resets the domains.
   void Clean();
-  // [any] The debug build's check.
+  // [any] Stops a debug build when the caller is not on the queue.
   void CheckOnQueue();
 
   // --- Observers.
@@ -166,12 +166,13 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // they have not: then it logs, clears is_rtt_reliable_, makes a kept success "may be inaccurate", and sets
   // deviation_found_ when the difference is large.
   bool CheckElapsedTimeDeviation();
-  // [any] What CheckElapsedTimeDeviation does about a deviation. Not inlined, like LogPeriodicSync: a read that
-  // passes the checks would save registers for it.
+  // [any] What CheckElapsedTimeDeviation does about a deviation. Not inlined, like LogPeriodicSync: a read
+  // that passes the checks would save registers for it.
   [[gnu::noinline]] void RecordDeviation(uint32_t deviation_ms, ClockPair before, ClockPair now);
   // [any] True when the kept result should be renewed: its period is over, which is logged, or it is not good
   // enough. False while is_started_ is set. Writes nothing.
   bool NeedToUpdateResult();
+  // [any] The log line of NeedToUpdateResult.
   [[gnu::noinline]] void LogPeriodicSync(int64_t elapsed_s, int64_t now_ntp_us, int64_t before_ntp_us);
 
   // --- Statistics.
@@ -211,7 +212,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // [any] An attempt has been requested and its outcome is not delivered yet.
   std::atomic<bool> is_started_{false};
   bool is_sync_finished_ = true;  // [queue] no attempt is in flight
-  // [any] Wall clock since 1601 when a read last started a sync; 0 never.
+  // [any] Wall clock since 1601 when a read last asked for a sync; 0 never.
   std::atomic<int64_t> last_check_local_time_ms_{0};
   // [stats_lock_] by kind of request
   std::map<int, NtpFunctionRequestStats> function_request_stats_ SKORRA_GUARDED_BY(stats_lock_);

@@ -14,7 +14,7 @@ using base::WrappingMagnitude;
 using base::WrappingSubtract;
 
 // One offset as far from the mean as this makes the offsets inconsistent.
-constexpr int64_t kMaxOffsetSpreadUs = 30000;
+constexpr int64_t kOffsetDistanceLimitUs = 30000;
 
 // A deviation of round-trip times as large as its limit makes them unstable. The limit grows with their mean,
 // since long paths vary more.
@@ -71,7 +71,7 @@ OffsetEstimate EstimateOffset(const std::vector<NtpResultData>& samples) {
   estimate.rtt_stdev_ms = std::sqrt(square_sum / static_cast<double>(count));
 
   estimate.is_rtt_reliable = estimate.rtt_stdev_ms < RttDeviationLimitMs(estimate.mean_rtt_ms);
-  estimate.is_reliable = estimate.max_deviation_us < kMaxOffsetSpreadUs;
+  estimate.is_reliable = estimate.max_deviation_us < kOffsetDistanceLimitUs;
   return estimate;
 }
 

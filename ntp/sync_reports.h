@@ -27,16 +27,15 @@ inline bool HasSyncListeners() { return internal::sync_listener_count.load(std::
 
 template <class Report>
 void ForEachSyncListener(const Report& report) {
-  if (!HasSyncListeners()) {
-    return;
-  }
-  for (const std::shared_ptr<NtpSyncListener>& listener : internal::GetSyncListeners()) {
-    report(*listener);
+  if (HasSyncListeners()) {
+    for (const std::shared_ptr<NtpSyncListener>& listener : internal::GetSyncListeners()) {
+      report(*listener);
+    }
   }
 }
 
 // `burst` holds all samples of the domain's burst, in any order.
 void ReportEvaluation(const std::string& domain, const NtpDomainResult& record,
-                      const std::vector<NtpResultData>& burst);
+                      std::vector<NtpResultData> burst);
 
 }  // namespace skorra

@@ -98,8 +98,9 @@ std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
 void ConfigCenterImpl::SetNumber(const NumberEntry& entry, Layer layer, base::Optional<uint64_t> value) {
   const base::AutoLock lock(lock_);
   NumberSlot& slot = numbers_[entry.slot];
-  slot.layers[static_cast<size_t>(layer)] = value;
-  for (const auto& winner : slot.layers) {
+  Layers<uint64_t>& layers = number_layers_[entry.slot];
+  layers[static_cast<size_t>(layer)] = value;
+  for (const auto& winner : layers) {
     if (winner) {
       // In this order, so that a reader that sees `present` sees a value that was set.
       slot.value.store(*winner, std::memory_order_relaxed);

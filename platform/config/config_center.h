@@ -72,13 +72,13 @@ class ConfigCenterImpl {
  private:
   friend class base::NoDestructor<ConfigCenterImpl>;
 
-  // The three layers of one number, and the value of the first layer that has one.
+  template <class T>
+  using Layers = std::array<base::Optional<T>, kLayerCount>;
+  // The value of the first layer that has one.
   struct NumberSlot {
-    std::array<base::Optional<uint64_t>, kLayerCount> layers;  // under lock_
     std::atomic<uint64_t> value{0};
     std::atomic<bool> present{false};
   };
-  using TextSlot = std::array<base::Optional<std::string>, kLayerCount>;  // under lock_
 
   ConfigCenterImpl();
 
@@ -87,8 +87,9 @@ class ConfigCenterImpl {
   std::vector<std::string> ApplyFileLayer(FileReader& reader);
 
   mutable base::Lock lock_;
-  std::array<NumberSlot, kNumberEntryCount> numbers_;
-  std::array<TextSlot, kTextEntryCount> texts_ SKORRA_GUARDED_BY(lock_);
+  std::array<NumberSlot, kNumberEntryCount> numbers_;  // changed under lock_, read without
+  std::array<Layers<uint64_t>, kNumberEntryCount> number_layers_ SKORRA_GUARDED_BY(lock_);
+  std::array<Layers<std::string>, kTextEntryCount> texts_ SKORRA_GUARDED_BY(lock_);
 };
 
 // The value of `entry`, or its default when no layer has one. Lock-free.

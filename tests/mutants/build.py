@@ -60,7 +60,7 @@ class Builder:
     def __init__(self, root, build, folder, suites):
         self.root, self.build, self.folder = root, build, folder
         self.filter = ":".join(f"{suite}.*:*/{suite}.*" for suite in suites)
-        commands = self._check("ninja", "-t", "commands", "sim_tests").splitlines()
+        commands = self._check("ninja", "-t", "commands", "skorra_sim_tests").splitlines()
         self.compile_lines = {}  # by file
         for command in commands:
             source = re.search(rf" -c {re.escape(str(root))}/(ntp/\w+\.cc|{re.escape(RECORD_TESTS)})$", command)
@@ -79,7 +79,7 @@ class Builder:
         """Tests of other rooms only cost time."""
         words = [w for w in shlex.split(command) if w not in ("ccache", ":", "&&")]
         words = [w for w in words
-                 if not re.match(r"tests/CMakeFiles/sim_tests\.dir/(?!ntp/|__/testing/)", w)]
+                 if not re.match(r"tests/CMakeFiles/skorra_sim_tests\.dir/(?!ntp/|__/testing/)", w)]
         if shutil.which("ld.lld"):
             words.append("-fuse-ld=lld")
         elif shutil.which("ld.gold"):

@@ -303,8 +303,14 @@ TEST_F(SyncEventsTest, AListenerMayRemoveListenersInItsDestructor) {
   EXPECT_EQ(internal::GetSyncListeners().size(), 1u);
 }
 
-TEST_F(SyncEventsTest, AnEndThatIsNoneOfTheThreeIsUnknown) {
-  EXPECT_STREQ(NtpAttemptEndName(static_cast<NtpAttemptEnd>(3)), "unknown");
+TEST_F(SyncEventsTest, AListenerRemovedByAnotherMayHearTheReportThatHasBegun) {
+  auto second = std::make_shared<Recorder>();
+  AddNtpSyncListener(second);
+  recorder->on_domains = [&] { RemoveNtpSyncListener(second.get()); };
+  AddDomains({kName});
+  AddDomains({"192.0.2.12"});
+  EXPECT_EQ(second->heard.size(), 1u) << "only the report during which it was removed";
+  EXPECT_EQ(second.use_count(), 1) << "the library has let go";
 }
 
 TEST_F(SyncEventsTest, AListenerThatRemovesItselfLivesUntilItsReportReturns) {
