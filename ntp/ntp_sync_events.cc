@@ -15,7 +15,7 @@ using Listeners = std::vector<std::shared_ptr<NtpSyncListener>>;
 
 struct Registry {
   base::Lock lock;
-  Listeners listeners;  // under `lock`
+  Listeners listeners SKORRA_GUARDED_BY(lock);
 };
 
 Registry& GetRegistry() {

@@ -231,7 +231,8 @@ ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelt
   return sim::AnswerLookup(entry, host, port, timeout);
 }
 
-// The result comes as on a real machine: on the queue of the lookups that nobody waits for.
+// The result comes as on a real machine: on the queue of the lookups that nobody waits for. Lookups do not
+// wait for one another here, and each sees the host table of the moment when it begins.
 void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
                              std::function<void(ResolveResult)> done) {
   sim::WorldState& state = sim::WorldState::Current();

@@ -57,8 +57,10 @@ void World::StepWall(base::TimeDelta step) {
 void World::SetSteadyError(const ClockError& error) {
   // The truth runs against the steady clock as much slower as that runs faster: 1 / (1 + e) - 1.
   constexpr int64_t kBillion = 1000000000;
+  // Beyond these the inverse would leave the range of a ClockError.
+  const int64_t frequency_ppb = std::clamp(error.frequency_ppb, -kBillion / 3, kBillion / 2);
   ClockError inverse = error;
-  inverse.frequency_ppb = -error.frequency_ppb * kBillion / (kBillion + error.frequency_ppb);
+  inverse.frequency_ppb = -frequency_ppb * kBillion / (kBillion + frequency_ppb);
   state_->truth.SetError(state_->steady_ticks_us, inverse, NextRandom());
 }
 

@@ -96,7 +96,8 @@ class World {
 
   // Only the wall clock steps; steady time and truth do not.
   void StepWall(base::TimeDelta step);
-  // How fast the machine's oscillator runs against the truth: both clocks follow it.
+  // How fast the machine's oscillator runs against the truth: both clocks follow it. The frequency is limited
+  // to the range from -333 to 500 million parts per billion.
   void SetSteadyError(const ClockError& error);
   // How fast the wall clock runs against the steady clock, as if something slewed it.
   void SetWallError(const ClockError& error);

@@ -15,6 +15,7 @@
 namespace skorra {
 
 // Makes managers that are not the process's one, and reaches members and private functions by their names.
+// Only one thread uses such a manager, so that its members need no locks.
 class NtpTimeManagerPeer {
  public:
   using Impl = NtpTimeManagerImpl;
@@ -27,7 +28,7 @@ class NtpTimeManagerPeer {
   auto& packet_handler() { return m_.packet_handler_; }
   auto& domain_results() { return m_.domain_results_; }
   auto& domain_infos() { return m_.domain_infos_; }
-  auto& observers() { return m_.observers_; }
+  auto& observers() SKORRA_NO_THREAD_SAFETY_ANALYSIS { return m_.observers_; }
   auto& stats_lock() { return m_.stats_lock_; }
   auto& total_retry_count() { return m_.total_retry_count_; }
   auto& current_domain_info() { return m_.current_domain_info_; }
@@ -42,7 +43,7 @@ class NtpTimeManagerPeer {
   auto& is_started() { return m_.is_started_; }
   auto& is_sync_finished() { return m_.is_sync_finished_; }
   auto& last_check_local_time_ms() { return m_.last_check_local_time_ms_; }
-  auto& function_request_stats() { return m_.function_request_stats_; }
+  auto& function_request_stats() SKORRA_NO_THREAD_SAFETY_ANALYSIS { return m_.function_request_stats_; }
   auto& start_count() { return m_.start_count_; }
   auto& deviation_found() { return m_.deviation_found_; }
 

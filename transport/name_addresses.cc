@@ -94,12 +94,13 @@ uint64_t NameAddresses::Lookups::Begin(int64_t now_ticks_us) {
 }
 
 void NameAddresses::Lookups::OnReport(uint64_t number, const net::ResolveResult& result) {
-  if (result.error != net::ResolveError::kNone) {
+  const base::AutoLock guard(lock);
+  const bool was_counted_as_lost = number != started;
+  if (result.error != net::ResolveError::kNone && !was_counted_as_lost) {
     CountRefreshFailure(net::ResolveErrorName(result.error));
   }
-  const base::AutoLock guard(lock);
   if (number < reported) {
-    return;  // counted as lost, and a later one has reported
+    return;  // a later one has reported
   }
   reported = number;
   if (result.error == net::ResolveError::kNone) {

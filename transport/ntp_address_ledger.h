@@ -99,7 +99,7 @@ class NtpAddressLedger {
   // sent before its first refusal reached us.
   bool OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_ticks_us, uint64_t random);
 
-  // Whether a reply with a good nonce came since the last burst began that was not withheld.
+  // Whether a reply with a good nonce has come since the last admitted burst began.
   bool HasAnswered(const net::IPEndPoint& address) const;
 
   std::map<net::IPEndPoint, Counts> GetCounts() const;

@@ -24,7 +24,10 @@ int RunDemo() {
   std::string error;
   const auto server = DemoServer::Open(options, &error);
   if (server == nullptr) {
-    std::fprintf(stderr, "skorra-ntp: cannot open a server on the loopback interface: %s\n", error.c_str());
+    std::fprintf(stderr,
+                 "skorra-ntp: cannot open a server on the loopback interface: %s\n"
+                 "Check that the interface lo is up and has the address 127.0.0.1.\n",
+                 error.c_str());
     return kExitNoResult;
   }
   const std::string name = server->local().ToString();

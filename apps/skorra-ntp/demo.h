@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // `skorra-ntp demo`: a server with a known clock error inside the process, one sync against it, and the
-// outcome beside the truth.
+// outcome with the true offset.
 #pragma once
 
 namespace skorra {
 
-// Returns the exit status of a sync, or 3 when the measured offset is more than 5 ms beside the truth.
+// Returns the exit status of a sync, or 3 when the measured offset is more than 5 ms off.
 int RunDemo();
 
 }  // namespace skorra

@@ -38,6 +38,7 @@ constexpr int64_t kSecondsFrom1900To1970 = 2208988800;
 constexpr int64_t kReferenceAgeUs = 8'000'000;
 // More requests than this at a time are a flood; each holds a timer and a packet.
 constexpr int kMaxPending = 1024;
+constexpr std::chrono::milliseconds kReceivePause{100};
 
 using Packet = std::array<uint8_t, kPacketSize>;
 
@@ -175,10 +176,22 @@ class DemoServer::Impl {
       if (error == asio::error::operation_aborted) {
         return;
       }
-      if (!error) {
-        HandleDatagram(std::span<const uint8_t>(buffer_.data(), size));
+      if (error) {
+        Count(failed_);
+        return ReceiveAfterPause();
       }
+      HandleDatagram(std::span<const uint8_t>(buffer_.data(), size));
       Receive();
+    });
+  }
+
+  // An error that stays must not keep the thread busy.
+  void ReceiveAfterPause() {
+    pause_.expires_after(kReceivePause);
+    pause_.async_wait([this](asio::error_code error) {
+      if (!error) {
+        Receive();
+      }
     });
   }
 
@@ -235,6 +248,7 @@ class DemoServer::Impl {
   // Only on the server's thread once it runs.
   asio::io_context context_{1};
   udp::socket socket_{context_};
+  asio::steady_timer pause_{context_};
   udp::endpoint sender_;
   std::array<uint8_t, 512> buffer_{};
   netmodel::Random random_;

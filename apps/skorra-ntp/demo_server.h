@@ -37,7 +37,8 @@ struct DemoServerCounts {
   uint64_t answered = 0;
   uint64_t lost = 0;     // requests left without an answer on purpose
   uint64_t ignored = 0;  // datagrams that are not a request of version 3 or 4
-  uint64_t failed = 0;   // answers that could not be sent, and requests beyond the queue's limit
+  // Answers that could not be sent, requests beyond the queue's limit, and errors while receiving.
+  uint64_t failed = 0;
 };
 
 // Answers on a thread of its own from `Open` to `Stop` or the destructor. `local` and `counts` may be called

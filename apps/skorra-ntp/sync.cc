@@ -5,17 +5,17 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <semaphore>
 #include <string_view>
 
 #include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
+#include "platform/base/lock.h"
 #include "platform/base/log.h"
-#include "platform/base/no_destructor.h"
+#include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/metrics/key_metrics.h"
 #include "transport/ntp_address_ledger.h"
@@ -35,37 +35,19 @@ std::string JoinNames(const std::vector<std::string>& names) {
 
 // What the library reports about the one attempt. It begins once the names have been looked up.
 //
-// Written on the library's queue, read by the waiting thread; lives until the process ends, because the
-// library may still call while the process exits.
+// Written on the library's queue, read by the waiting thread.
 class Watch final : public NtpSyncListener {
  public:
   Watch() : shows_progress_(isatty(STDERR_FILENO) != 0) {}
 
   void OnDomainsUpdated(const NtpDomainsUpdated& event) override {
-    const std::lock_guard guard(mutex_);
-    if (end_) {
-      return;
-    }
-    for (const auto& [name, reason, detail] : event.without_address) {
-      if (reason == "bad_name") {
-        bad_server_ = detail;
-        End(SyncEnd::kNotResolved);
-        return;
-      }
-      std::string line = "skorra-ntp: cannot resolve ";
-      line.append(name).append(": ").append(detail);
-      PrintLine(line);
-    }
-    asked_ = event.added;
-    if (asked_.empty()) {
-      End(SyncEnd::kNotResolved);
-    } else {
+    if (TakeNames(event)) {
       NtpTimeManager::GetInstance()->Start();
     }
   }
 
   void OnAttemptEnded(const NtpAttemptEnded& event) override {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock lock(lock_);
     if (end_) {
       return;
     }
@@ -89,16 +71,15 @@ class Watch final : public NtpSyncListener {
   // Waits for the end, showing the progress, until `deadline_ticks_us` at the longest. After the return
   // nothing that the library reports changes the watch.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
-    std::unique_lock lock(mutex_);
-    while (!end_) {
+    int64_t wait_us = 0;
+    while (!ended_.try_acquire_for(std::chrono::microseconds(wait_us))) {
       const int64_t now_ticks_us = base::GetSteadyTimeTicks();
       if (now_ticks_us >= deadline_ticks_us) {
-        end_ = SyncEnd::kTimedOut;
+        GiveUp();
         break;
       }
       ShowProgress(now_ticks_us - start_ticks_us);
-      const int64_t wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
-      ended_.wait_for(lock, std::chrono::microseconds(wait_us));
+      wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
     }
     if (shows_progress_) {
       std::fputs("\r\x1b[K", stderr);
@@ -106,8 +87,9 @@ class Watch final : public NtpSyncListener {
   }
 
   void FillIn(SyncReport& report) {
-    const std::lock_guard guard(mutex_);
+    const base::AutoLock lock(lock_);
     report.end = end_.value_or(SyncEnd::kTimedOut);
+    report.bad_server = bad_server_;
     if (!asked_.empty()) {
       report.asked = JoinNames(asked_);
     }
@@ -121,17 +103,41 @@ class Watch final : public NtpSyncListener {
     }
   }
 
-  // What is wrong with a server as it was written; nothing when all are well-formed.
-  std::optional<std::string> bad_server() {
-    const std::lock_guard guard(mutex_);
-    return bad_server_;
+ private:
+  // Returns whether an attempt is to begin.
+  bool TakeNames(const NtpDomainsUpdated& event) {
+    const base::AutoLock lock(lock_);
+    if (end_) {
+      return false;
+    }
+    for (const auto& [name, reason, detail] : event.without_address) {
+      if (reason == "bad_name") {
+        bad_server_ = detail;
+        End(SyncEnd::kNotResolved);
+        return false;
+      }
+      std::string line = "skorra-ntp: cannot resolve ";
+      line.append(name).append(": ").append(detail);
+      PrintLine(line);
+    }
+    asked_ = event.added;
+    if (asked_.empty()) {
+      End(SyncEnd::kNotResolved);
+    }
+    return !end_;
   }
 
- private:
-  // Under mutex_.
-  void End(SyncEnd end) {
+  // At most once: whatever comes later finds `end_` set.
+  void End(SyncEnd end) SKORRA_REQUIRES(lock_) {
     end_ = end;
-    ended_.notify_one();
+    ended_.release();
+  }
+
+  void GiveUp() {
+    const base::AutoLock lock(lock_);
+    if (!end_) {
+      end_ = SyncEnd::kTimedOut;
+    }
   }
 
   void PrintLine(const std::string& line) const {
@@ -152,19 +158,14 @@ class Watch final : public NtpSyncListener {
   }
 
   const bool shows_progress_;
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  // Under mutex_.
-  std::optional<SyncEnd> end_;
-  std::vector<std::string> asked_;
-  std::optional<std::string> bad_server_;
-  std::optional<NtpAttemptEnded> outcome_;
+  std::binary_semaphore ended_{0};
+  base::Lock lock_;
+  std::optional<SyncEnd> end_ SKORRA_GUARDED_BY(lock_);
+  std::vector<std::string> asked_ SKORRA_GUARDED_BY(lock_);
+  // What is wrong with a server as it was written; nothing when all are well-formed.
+  std::optional<std::string> bad_server_ SKORRA_GUARDED_BY(lock_);
+  std::optional<NtpAttemptEnded> outcome_ SKORRA_GUARDED_BY(lock_);
 };
-
-std::shared_ptr<Watch> GetWatch() {
-  static base::NoDestructor<std::shared_ptr<Watch>> watch(std::make_shared<Watch>());
-  return *watch;
-}
 
 void Warn(const std::string& text) { std::fprintf(stderr, "skorra-ntp: %s\n", text.c_str()); }
 
@@ -228,15 +229,15 @@ SyncReport RunAttempt(const SyncOptions& options) {
   report.timeout_s = options.timeout_s;
 
   report.asked = JoinNames(options.servers);
-  const auto watch = GetWatch();
+  // The library keeps it until the process ends, and may still call it while the process exits.
+  const auto watch = std::make_shared<Watch>();
   base::SetLogThreshold(options.log_level);
-  base::SetLogSink([watch = watch.get()](const base::LogLine& line) { watch->PrintLogLine(line); });
+  base::SetLogSink([watch](const base::LogLine& line) { watch->PrintLogLine(line); });
   AddNtpSyncListener(watch);
   NtpTimeManager::GetInstance()->UpdateNtpTimeDomain(options.servers);
   watch->Wait(start_ticks_us, deadline_ticks_us);
   base::SetLogThreshold(base::kLogNothing);
   watch->FillIn(report);
-  report.bad_server = watch->bad_server();
   report.took_ms = (base::GetSteadyTimeTicks() - start_ticks_us) / 1000;
   FillInCounters(report);
   if (report.end == SyncEnd::kOutcome && report.result != NtpResult::kNoResult) {

@@ -7,13 +7,14 @@
 #include <vector>
 
 #include "apps/skorra-ntp/report.h"
+#include "platform/base/log.h"
 
 namespace skorra {
 
 struct SyncOptions {
-  std::vector<std::string> servers;  // each one domain for the library
-  double timeout_s = 15;             // of the whole attempt, names included
-  int log_level = 2;                 // of the library's lines that go to standard error
+  std::vector<std::string> servers;   // each one domain for the library
+  double timeout_s = 15;              // of the whole attempt, names included
+  int log_level = base::kLogNothing;  // of the library's lines that go to standard error
 };
 
 // Makes one attempt and waits for its end. Warnings and progress go to standard error. The library keeps

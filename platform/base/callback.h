@@ -109,14 +109,6 @@ class FunctorState final : public BoundState {
   Functor functor_;
 };
 
-template <class Method, class Receiver, class... Args>
-OnceCallback<void()> BindImpl(Method method, Receiver receiver, Args&&... args) {
-  static_assert(std::is_member_function_pointer_v<Method>, "bind a member function to its receiver");
-  using State = MethodState<Method, Receiver, std::decay_t<Args>...>;
-  return OnceCallback<void()>(
-      std::make_unique<State>(method, std::move(receiver), std::forward<Args>(args)...));
-}
-
 }  // namespace internal
 
 // Marks a receiver that the closure neither owns nor watches.
@@ -130,7 +122,9 @@ template <class Method, class Receiver, class... Args>
 requires std::is_member_function_pointer_v<Method> OnceCallback<void()> BindOnce(Method method,
                                                                                  Receiver receiver,
                                                                                  Args&&... args) {
-  return internal::BindImpl(method, std::move(receiver), std::forward<Args>(args)...);
+  using State = internal::MethodState<Method, Receiver, std::decay_t<Args>...>;
+  return OnceCallback<void()>(
+      std::make_unique<State>(method, std::move(receiver), std::forward<Args>(args)...));
 }
 
 // A closure that calls a functor (a lambda), which may be move-only.

@@ -2,6 +2,7 @@
 #include "platform/base/fork.h"
 
 #include <pthread.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,7 +21,7 @@ namespace internal {
 namespace {
 
 constexpr int kPauseUs = 100;
-constexpr int kMaxPauses = 500;  // about 100 ms: a pause takes up to twice its time
+constexpr int64_t kMaxWaitMs = 100;
 
 constinit std::atomic<uint32_t> g_generation{0};
 constinit std::atomic<bool> g_is_fork_coming{false};
@@ -28,9 +29,16 @@ constinit std::atomic<int> g_threads_inside{0};
 constinit thread_local int t_depth = 0;  // of this thread's scopes and locks
 
 constinit std::mutex g_list_mutex;
-constinit Lock* g_first_lock = nullptr;
+constinit Lock* g_first_lock = nullptr;  // under g_list_mutex, as every lock's next_
 
 void Pause() { usleep(kPauseUs); }
+
+// The kernel's clock, also where a simulation stands behind clock.h: a real fork waits in real time.
+int64_t NowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 int CountThisThread() { return t_depth > 0 ? 1 : 0; }
 
@@ -38,7 +46,8 @@ void BeforeFork() {
   while (g_is_fork_coming.exchange(true)) {
     Pause();  // another thread forks
   }
-  for (int pauses = 0; g_threads_inside > CountThisThread() && pauses < kMaxPauses; ++pauses) {
+  const int64_t deadline_ms = NowMs() + kMaxWaitMs;
+  while (g_threads_inside > CountThisThread() && NowMs() < deadline_ms) {
     Pause();
   }
   g_list_mutex.lock();
@@ -48,10 +57,6 @@ void LetThreadsEnter() {
   g_list_mutex.unlock();
   g_is_fork_coming = false;
 }
-
-}  // namespace
-
-namespace {
 
 void AfterForkInChild() {
   g_generation.fetch_add(1, std::memory_order_relaxed);
@@ -136,16 +141,18 @@ NoForkScope::NoForkScope() {
 
 NoForkScope::~NoForkScope() { internal::Leave(); }
 
-ForkAllowedScope::ForkAllowedScope() : was_inside_(internal::t_depth > 0) {
-  if (was_inside_) {
+ForkAllowedScope::ForkAllowedScope() : depth_(internal::t_depth) {
+  if (depth_ > 0) {
+    internal::t_depth = 1;
     internal::Leave();
   }
 }
 
 ForkAllowedScope::~ForkAllowedScope() {
-  while (was_inside_ && !internal::TryEnter()) {
+  while (depth_ > 0 && !internal::TryEnter()) {
     internal::YieldToFork();
   }
+  internal::t_depth = depth_;
 }
 
 }  // namespace skorra_ntp

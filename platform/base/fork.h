@@ -4,9 +4,12 @@
 // nothing of the library.
 //
 // A fork waits until no thread is inside a NoForkScope or holds a base::Lock (lock.h), and no thread gets
-// inside until the fork is over: in the child all data that they guard is whole. The wait ends after about
-// 100 ms (a thread may be inside a function of the host program that does not return). The data that this
-// thread was changing may then be half changed in the child, but its locks can be taken there.
+// inside until the fork is over: in the child all data that they guard is whole. The wait ends after 100 ms
+// (a thread may be inside a function of the host program that does not return). The data that this thread was
+// changing may then be half changed in the child, but its locks can be taken there.
+//
+// The objects that live as long as the process are made at their first use. A fork at the very moment when
+// another thread makes one leaves it half made in the child, and the child waits for it forever.
 //
 // A pthread_atfork handler of the host program must not call this library.
 #pragma once
@@ -39,7 +42,7 @@ class ForkAllowedScope {
   ForkAllowedScope& operator=(const ForkAllowedScope&) = delete;
 
  private:
-  const bool was_inside_;
+  const int depth_;  // how many scopes and locks this thread was inside
 };
 
 namespace internal {

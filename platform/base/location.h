@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Where a task was posted from: carried beside the task, for logs and tests.
+// Where a task was posted from: carried with the task, for logs and tests.
 #pragma once
 
 namespace base {

@@ -41,7 +41,8 @@ SKORRA_EXPORT void LocalLog(int level, const char* file, int line, const char* f
 SKORRA_EXPORT void SetLogThreshold(int level);
 SKORRA_EXPORT int GetLogThreshold();
 
-// Replaces the sink; an empty function restores standard error. On return the old sink is no longer called.
+// Replaces the sink; an empty function restores standard error. On return the old sink is no longer called. A
+// sink must not throw.
 SKORRA_EXPORT void SetLogSink(LogSink sink);
 
 // The line as standard error and the log file show it: "<ISO time> <level> <file>:<line> <text>".

@@ -20,3 +20,4 @@
 #define SKORRA_ACQUIRE(...) SKORRA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define SKORRA_TRY_ACQUIRE(...) SKORRA_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define SKORRA_RELEASE(...) SKORRA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define SKORRA_NO_THREAD_SAFETY_ANALYSIS SKORRA_THREAD_ANNOTATION(no_thread_safety_analysis)

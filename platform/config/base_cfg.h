@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <string>
 
 namespace config {
 inline namespace skorra_ntp {
@@ -24,6 +25,11 @@ struct NumberEntry {
   size_t slot;          // the row's place among the numbers
   const char* meaning;  // for people, without a full stop
 };
+
+// "1 to 60000".
+inline std::string RangeText(const NumberEntry& entry) {
+  return std::to_string(entry.min) + " to " + std::to_string(entry.max);
+}
 
 struct TextEntry {
   const char* key;

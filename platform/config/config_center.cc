@@ -122,10 +122,6 @@ uint64_t GetNumber(const NumberEntry& entry) {
       .value_or(entry.default_value);
 }
 
-std::string RangeText(const NumberEntry& entry) {
-  return std::to_string(entry.min) + " to " + std::to_string(entry.max);
-}
-
 std::string GetText(const TextEntry& entry) {
   return ConfigCenterImpl::GetInstance()
       ->GetValueWithPriority(entry, base::Optional<std::string>())

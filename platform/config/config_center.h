@@ -33,9 +33,6 @@
 namespace config {
 inline namespace skorra_ntp {
 
-enum class Layer { kProgram, kEnvironment, kFile };
-inline constexpr size_t kLayerCount = 3;
-
 class FileReader;
 
 class ConfigCenterImpl {
@@ -72,6 +69,8 @@ class ConfigCenterImpl {
  private:
   friend class base::NoDestructor<ConfigCenterImpl>;
 
+  enum class Layer { kProgram, kEnvironment, kFile };
+  static constexpr size_t kLayerCount = 3;
   template <class T>
   using Layers = std::array<base::Optional<T>, kLayerCount>;
   // The value of the first layer that has one.
@@ -94,8 +93,6 @@ class ConfigCenterImpl {
 
 // The value of `entry`, or its default when no layer has one. Lock-free.
 SKORRA_EXPORT uint64_t GetNumber(const NumberEntry& entry);
-// "1 to 60000".
-std::string RangeText(const NumberEntry& entry);
 // Takes a lock; not for the hot path.
 SKORRA_EXPORT std::string GetText(const TextEntry& entry);
 

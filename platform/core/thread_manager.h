@@ -30,10 +30,11 @@ struct ThreadOption {
 
 class ThreadManager {
  public:
-  // The queue of `business`: the same object for the same pair of business and instance, never null and never
-  // destroyed, with one thread of its own. `instance` tells apart several users of one business; -1 is the
-  // business's common queue. `option` matters only while the thread does not exist yet; without it the thread
-  // is named "skorra-" and the business number. Any thread.
+  // The queue of `business`: the same object for the same pair of business and instance, never destroyed,
+  // with one thread of its own. Null only in a simulated world that was told to have no queues. `instance`
+  // tells apart several users of one business; -1 is the business's common queue. `option` matters only while
+  // the thread does not exist yet; without it the thread is named "skorra-" and the business number. Any
+  // thread.
   //
   // If the thread cannot start (no threads or descriptors), this is logged once at level 1, tasks queue up,
   // and starting is retried in the background and on each call.

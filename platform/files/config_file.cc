@@ -67,8 +67,8 @@ bool FileReader::ReadBytes(std::string* bytes) {
     }
   }
   if (!is_good) {
-    messages.push_back(path_ +
-                       ": cannot read the configuration file: " + std::system_category().message(errno));
+    messages.push_back(path_ + ": cannot read the configuration file: " +
+                       std::system_category().message(errno) + "; give a file that exists and may be read");
   }
   return is_good;
 }

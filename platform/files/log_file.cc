@@ -25,12 +25,17 @@ namespace {
 // The log's own lock lets one line through at a time.
 using FileSink = spdlog::sinks::rotating_file_sink_st;
 
-// Opens the file for appending. Returns an empty string, or the reason why that failed.
+std::string CannotWrite(const LogFileOptions& options, const std::string& reason) {
+  return "cannot write the log file '" + options.path + "': " + reason;
+}
+
+// Opens the file for appending. Returns an empty string, or a message that says why that failed.
 std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* sink) {
   // Try first: the sink repeats a failing open for a while, and all log lines would wait.
   const int fd = open(options.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   if (fd < 0) {
-    return "cannot write the log file '" + options.path + "': " + std::system_category().message(errno);
+    return CannotWrite(options, std::system_category().message(errno) +
+                                    "; give a file in a folder that exists and may be written");
   }
   close(fd);
   try {
@@ -38,12 +43,13 @@ std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* s
     (*sink)->set_formatter(std::make_unique<spdlog::pattern_formatter>("%v"));
     return {};
   } catch (const std::exception& error) {
-    return "cannot write the log file '" + options.path + "': " + error.what();
+    return CannotWrite(options, error.what());
   }
 }
 
-// Writes lines to the file. A line that cannot be written goes to standard error, and the next line opens the
-// file again, because a failed rotation leaves the old sink without a file.
+// Writes lines to the file. A line that cannot be written goes to standard error, the first of a row of them
+// after the reason. The next line opens the file again, because a failed rotation leaves the old sink without
+// a file.
 class FileWriter {
  public:
   FileWriter(LogFileOptions options, std::unique_ptr<FileSink> sink)
@@ -51,22 +57,39 @@ class FileWriter {
 
   void Write(const LogLine& line) {
     const std::string text = FormatLogLine(line);
-    if (sink_ != nullptr || OpenFile(options_, &sink_).empty()) {
-      try {
-        // The text carries its own time; giving none here keeps the sink from reading a clock.
-        sink_->log({spdlog::log_clock::time_point{}, spdlog::source_loc{}, {}, spdlog::level::info, text});
-        sink_->flush();
-        return;
-      } catch (const std::exception&) {
-        sink_ = nullptr;
-      }
+    const std::string error = TryWrite(text);
+    const bool is_first_failure = !error.empty() && !has_failed_;
+    has_failed_ = !error.empty();
+    if (has_failed_) {
+      const std::string reason =
+          is_first_failure ? "skorra: " + error + "; lines go to standard error until it can be written\n"
+                           : "";
+      std::fputs((reason + text + '\n').c_str(), stderr);
     }
-    std::fputs((text + '\n').c_str(), stderr);
   }
 
  private:
+  // Returns an empty string, or a message that says why the line could not be written.
+  std::string TryWrite(const std::string& text) {
+    if (sink_ == nullptr) {
+      if (std::string error = OpenFile(options_, &sink_); !error.empty()) {
+        return error;
+      }
+    }
+    try {
+      // The text carries its own time; giving none here keeps the sink from reading a clock.
+      sink_->log({spdlog::log_clock::time_point{}, spdlog::source_loc{}, {}, spdlog::level::info, text});
+      sink_->flush();
+      return {};
+    } catch (const std::exception& failure) {
+      sink_ = nullptr;
+      return CannotWrite(options_, failure.what());
+    }
+  }
+
   const LogFileOptions options_;
   std::unique_ptr<FileSink> sink_;  // null after a failure
+  bool has_failed_ = false;         // the last line could not be written
 };
 
 }  // namespace

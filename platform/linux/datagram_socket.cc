@@ -247,6 +247,7 @@ bool DatagramSocket::Impl::State::ReadOne() {
 }
 
 int DatagramSocket::Impl::State::TakeSendStamps(std::vector<internal::SendStamp>* stamps) {
+  // At most one for each send that waits for its stamp.
   for (size_t i = 0; i < kMaxUnstampedSends; ++i) {
     alignas(cmsghdr) std::array<unsigned char, 256> control;
     msghdr message{};

@@ -11,6 +11,7 @@
 
 #include "platform/base/clock.h"
 #include "platform/base/int_math.h"
+#include "platform/base/log.h"
 #include "platform/base/time.h"
 #include "platform/linux/queue_context.h"
 #include "platform/linux/start_thread.h"
@@ -19,6 +20,8 @@ namespace core {
 inline namespace skorra_ntp {
 
 namespace {
+
+constexpr char kLogFile[] = "platform/linux/loop_task_queue";
 
 // Set on each queue's own thread; null elsewhere.
 thread_local LoopTaskQueue* t_current_queue = nullptr;
@@ -69,12 +72,8 @@ int LoopTaskQueue::OpenTimer() {
 
 void* LoopTaskQueue::ThreadMain(void* queue) noexcept {
   t_current_queue = static_cast<LoopTaskQueue*>(queue);
-  try {
-    // The wait for the timer keeps the loop busy forever.
-    t_current_queue->context()->run();
-  } catch (const internal::ForeignLoopExit&) {
-    // The only thread of a child that a task forked ends here, and with it the child.
-  }
+  // The wait for the timer keeps the loop busy forever.
+  t_current_queue->context()->run();
   return nullptr;
 }
 
@@ -115,6 +114,8 @@ void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallba
 void LoopTaskQueue::WaitForTimer() {
   loop_->timer.async_wait(asio::posix::stream_descriptor::wait_read, [this](const std::error_code& error) {
     if (error) {
+      base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                     "a thread's timer fails; its tasks wait forever: %s", error.message().c_str());
       return;
     }
     {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <asio/io_context.hpp>
+#include <cstdlib>
 
 #include "platform/base/fork.h"
 
@@ -23,12 +24,9 @@ asio::io_context* CurrentQueueContext();
 // Whether this is the thread of a queue, in a child that a handler of that queue forked.
 bool IsOnForeignLoop();
 
-// Thrown to leave the loop of another process.
-struct ForeignLoopExit {};
-
 // Runs `handler` for the current queue's loop; forks by other threads wait meanwhile. The handler may call
-// functions of the host program. In a child that one of them forked this does not return, since the loop must
-// not go on there.
+// functions of the host program. A child that one of them forked ends here, since the loop must not go on
+// there.
 template <class Handler>
 void RunHandler(Handler&& handler) {
   {
@@ -36,7 +34,7 @@ void RunHandler(Handler&& handler) {
     handler();
   }
   if (IsOnForeignLoop()) {
-    throw ForeignLoopExit();
+    std::exit(EXIT_SUCCESS);
   }
 }
 

@@ -60,7 +60,7 @@ struct Entry {
   StartFailure failure;
 };
 
-// A child's queues stand beside those of its parent, which it leaves alone.
+// A child has queues of its own and leaves those of its parent alone.
 using Key = std::tuple<uint32_t, BusinessID, int64_t>;  // fork generation, business, instance
 
 struct Registry {
@@ -128,8 +128,9 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
     }
   }
   if (error_to_log != 0) {
-    base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "cannot start thread '%s'; its tasks wait: %s",
-                   name.c_str(), std::system_category().message(error_to_log).c_str());
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                   "cannot start thread '%s'; its tasks wait until a later try succeeds: %s", name.c_str(),
+                   std::system_category().message(error_to_log).c_str());
   }
   return queue;
 }

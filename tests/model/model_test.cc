@@ -18,6 +18,7 @@
 namespace skorra::model {
 namespace {
 
+// The coverage preset sets it, too.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define SKORRA_SLOW_BUILD 1
 #elif defined(__has_feature)

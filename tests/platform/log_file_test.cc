@@ -79,7 +79,10 @@ TEST_F(LogFileTest, LinesThatTheFileDoesNotTakeGoToStandardError) {
   testing::internal::CaptureStderr();
   LocalLog(kLogFailure, "f", 1, "first");
   LocalLog(kLogFailure, "f", 2, "second");
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(".* f:1 first\n.* f:2 second\n"));
+  EXPECT_THAT(
+      testing::internal::GetCapturedStderr(),
+      MatchesRegex(
+          "skorra: cannot write the log file '/dev/full': [^\n]*\n[^\n]* f:1 first\n[^\n]* f:2 second\n"));
 }
 
 TEST_F(LogFileTest, AFileThatCanBeWrittenAgainIsUsedAgain) {
@@ -93,7 +96,8 @@ TEST_F(LogFileTest, AFileThatCanBeWrittenAgainIsUsedAgain) {
   testing::internal::CaptureStderr();
   LocalLog(kLogFailure, "f", 2, "%s", std::string(120, 'y').c_str());
   LocalLog(kLogFailure, "f", 3, "short");
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex(".* f:2 y*\n.* f:3 short\n"));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              MatchesRegex("skorra: cannot write [^\n]*\n[^\n]* f:2 y*\n[^\n]* f:3 short\n"));
   std::filesystem::remove(directory_ / "folder");
   std::filesystem::create_directory(directory_ / "folder");
   LocalLog(kLogFailure, "f", 4, "again");
