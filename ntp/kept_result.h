@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is decided about the kept result: whether a new one takes its place, whether it is fresh enough to be
+// The decisions about the kept result: whether a new one takes its place, whether it is fresh enough to be
 // announced again, and whether it asks to be renewed.
 //
 // Pure functions of their arguments: no clock, no log, no lock, no queue. Any thread. "Local ms" are
@@ -69,7 +69,7 @@ constexpr bool IsPeriodicSyncDue(int64_t elapsed_s, uint32_t interval_s) {
 
 // --- Quality.
 
-// What the kept result is judged by.
+// The properties by which the kept result is judged.
 struct KeptQuality {
   NtpResult result = NtpResult::kNoResult;
   int64_t offset_us = kNoOffsetUs;

@@ -20,8 +20,9 @@
 // Forks: a forked child keeps the result, the observers and every domain already added, and reads on. If
 // unsure about the domains, call UpdateNtpTimeDomain again there: known names are skipped. A running attempt
 // belongs to the parent, with its outcome. To sync in the child, call Start; if it returns -1, call Stop
-// first, then Start until it returns 0. A child forked on the manager's queue (inside an observer, or a log
-// sink called there) can only read; it ends when that callback returns.
+// first, then Start until it returns 0; do the same when an attempt in the child has no outcome. A child
+// forked on the manager's queue (inside an observer, or a log sink called there) can only read; it ends when
+// that callback returns.
 #pragma once
 
 #include <cstdint>
@@ -37,15 +38,14 @@ namespace skorra {
 
 class NtpTimeManager {
  public:
-  // Hears the outcome of every sync attempt. Its destructor must not add or remove observers: the manager
-  // may hold the last reference for a moment while it looks through its list.
+  // Hears the outcome of every sync attempt. Its destructor must not add or remove observers: the manager may
+  // release the last reference while it holds its observer lock, and adding or removing there would deadlock.
   class Observer {
    public:
     // `message` is the text of `result`. `server` is the address that answered last for the domain that the
     // outcome is reported for. It is empty when none of that domain did, and when a result that was still
-    // fresh is announced again. Runs on the manager's queue:
-    // return soon, and post longer work elsewhere. Adding and removing observers from here is allowed; it
-    // takes effect from the next outcome.
+    // fresh is announced again. Runs on the manager's queue: return soon, and post longer work elsewhere.
+    // Adding and removing observers from here is allowed; it takes effect from the next outcome.
     virtual void OnNtpResult(NtpResult result, const std::string& message, const net::IPEndPoint& server) = 0;
     virtual ~Observer() = default;
   };
@@ -65,9 +65,10 @@ class NtpTimeManager {
   // for its outcome.
   virtual int Start() = 0;
 
-  // Ends a running attempt without an outcome and closes the sockets. The kept result stays readable. It
-  // takes effect in its turn on the queue: a start that comes before that turn is cut off with the rest, has
-  // no outcome and keeps later ones from asking its servers, until another `Stop` has cleared them.
+  // Ends a running attempt without an outcome and closes the sockets. The kept result stays readable. Stop is
+  // a task and runs after those already queued. A start made before it runs is cancelled with it: it has no
+  // outcome, and its domains stay marked as being asked, so that later attempts skip them until the next
+  // Stop.
   virtual void Stop() = 0;
 
   // NTP time in microseconds since 1970-01-01 UTC, or 0 while there is no result. Lock-free. The value

@@ -298,7 +298,7 @@ void NtpTimeManagerImpl::DoStartSyncTime() {
     return;
   }
   is_attempt_open_ = true;
-  // While the clocks agree, samples are measured against the mapping that the kept offset belongs to.
+  // While the clocks agree, keep the system-minus-steady offset that the kept NTP offset was computed with.
   const bool is_deviation_found =
       last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed) != 0 && !CheckElapsedTimeDeviation();
   packet_handler_->UpdateSystemTimeOffsetFromSteady(
@@ -575,7 +575,7 @@ void NtpTimeManagerImpl::ReportAttemptEnd(NtpAttemptEnd end, NtpResult result, c
 
 // --- Clock.
 
-// One statement for each reading: they are taken in this order, which arguments of one call would leave open.
+// Read in separate statements: C++ leaves the order in which arguments are evaluated open.
 int64_t NtpTimeManagerImpl::GetNowSystemTimestampUs() {
   const int64_t now_ticks_us = base::GetSteadyTimeTicks();
   return WrappingAdd(now_ticks_us, system_offset_from_steady_us_.load(std::memory_order_relaxed));
@@ -591,9 +591,9 @@ base::Time NtpTimeManagerImpl::NtpTimestampToTime(int64_t ntp_us) {
   return base::Time::UnixEpoch() + TimeDelta::FromMicroseconds(ntp_us);
 }
 
-// The hot path. What follows a clock reading delays the next one, so the limit is multiplied up beforehand
-// instead of dividing the reading (ReadCheckTime says where that differs from the rule), and the checks of a
-// read that is due stand in a function of their own.
+// The hot path. Two clock readings dominate this function, and work after the first delays the second. So it
+// scales the limit instead of dividing the reading (ReadCheckTime says where that differs from the rule), and
+// the checks of a read that is due stand in a function of their own.
 int64_t NtpTimeManagerImpl::GetNtpTimestampFrom1970() {
   const base::Time now = base::Time::Now();
   const int64_t last_check_ms = last_check_local_time_ms_.load(std::memory_order_relaxed);

@@ -34,10 +34,10 @@ struct DomainMetricKeys {
 // Null for a code that is none of the enumeration: nothing is counted then.
 const DomainMetricKeys* MetricKeysOf(NtpDomainCode code);
 
-// What the counter of starts holds after a report, and what a report says when it finds `counted` there. The
-// counter begins at 0 and is armed again at 1, and 1 is taken off: so the first report of the process counts
-// one start fewer than there were, and every later one exactly those since the report before. This is
-// intended; QualityReportTest (tests/ntp/quality_report_test.cc) holds it.
+// The value of the counter of starts after a report, and the number that a report gives when it finds
+// `counted` there. The counter starts at 0 but is reset to 1, and reports subtract 1: the first report is one
+// short, later ones are exact. This is intended; QualityReportTest (tests/ntp/quality_report_test.cc) holds
+// it.
 inline constexpr uint32_t kStartCountAfterReport = 1;
 uint32_t ReportedStartCount(uint32_t counted);
 

@@ -3,7 +3,6 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "platform/base/clock.h"
 #include "platform/base/int_math.h"

@@ -39,7 +39,7 @@ uint64_t Refusals(const SyncReport& report) {
 
 // Why an attempt gave no result, as far as the counters tell.
 std::string AdviceWithoutResult(const SyncReport& report) {
-  // What the server said comes before what the network did, which may be forged.
+  // Kiss codes come first: they carried our nonce, while errors of the network may be forged.
   if (report.samples_received == 0 && Refusals(report) > 0) {
     return report.asked + " does not serve this machine now (kiss codes: " + ListReasons(report.kiss_codes) +
            "). Wait at least two minutes before asking it again, or choose another server.";

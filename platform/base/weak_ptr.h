@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 namespace base {
 inline namespace skorra_ntp {

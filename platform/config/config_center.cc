@@ -2,6 +2,7 @@
 #include "platform/config/config_center.h"
 
 #include <charconv>
+#include <system_error>
 #include <utility>
 
 #include "platform/base/environment.h"

@@ -3,6 +3,8 @@
 
 #include <time.h>
 
+#include <limits>
+
 #include "platform/base/time.h"
 
 namespace base {
