@@ -8,8 +8,8 @@
 #include <optional>
 #include <vector>
 
-#include "netmodel/random.h"
-#include "platform/base/time.h"
+#include "../netmodel/random.h"
+#include "../platform/base/time.h"
 
 namespace skorra::netmodel {
 

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "netmodel/link.h"
-#include "netmodel/random.h"
-#include "platform/net/ip_endpoint.h"
-#include "transport/ntp_packet.h"
+#include "../netmodel/link.h"
+#include "../netmodel/random.h"
+#include "../platform/net/ip_endpoint.h"
+#include "../transport/ntp_packet.h"
 
 namespace skorra::netmodel {
 

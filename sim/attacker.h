@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "platform/net/ip_endpoint.h"
-#include "sim/network.h"
-#include "sim/world.h"
+#include "../platform/net/ip_endpoint.h"
+#include "../sim/network.h"
+#include "../sim/world.h"
 
 namespace skorra::sim {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "netmodel/random.h"
+#include "../netmodel/random.h"
 
 namespace skorra::sim {
 

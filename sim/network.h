@@ -18,10 +18,10 @@
 #include <memory>
 #include <vector>
 
-#include "netmodel/link.h"
-#include "netmodel/server.h"
-#include "platform/net/ip_endpoint.h"
-#include "sim/world.h"
+#include "../netmodel/link.h"
+#include "../netmodel/server.h"
+#include "../platform/net/ip_endpoint.h"
+#include "../sim/world.h"
 
 namespace skorra::sim {
 

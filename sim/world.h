@@ -25,15 +25,15 @@
 #include <string>
 #include <vector>
 
-#include "netmodel/random.h"
-#include "platform/base/location.h"
-#include "platform/base/optional.h"
-#include "platform/base/time.h"
-#include "platform/core/thread_manager.h"
-#include "platform/net/datagram_socket.h"
-#include "platform/net/host_resolver.h"
-#include "platform/net/ip_endpoint.h"
-#include "sim/clock_model.h"
+#include "../netmodel/random.h"
+#include "../platform/base/location.h"
+#include "../platform/base/optional.h"
+#include "../platform/base/time.h"
+#include "../platform/core/thread_manager.h"
+#include "../platform/net/datagram_socket.h"
+#include "../platform/net/host_resolver.h"
+#include "../platform/net/ip_endpoint.h"
+#include "../sim/clock_model.h"
 
 namespace skorra::sim {
 

@@ -21,8 +21,8 @@
 #include <optional>
 #include <span>
 
-#include "platform/base/time.h"
-#include "transport/ntp_exchange.h"
+#include "../platform/base/time.h"
+#include "../transport/ntp_exchange.h"
 
 namespace skorra {
 

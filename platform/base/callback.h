@@ -17,7 +17,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "platform/base/weak_ptr.h"
+#include "../base/weak_ptr.h"
 
 namespace base {
 inline namespace skorra_ntp {

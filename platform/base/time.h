@@ -18,7 +18,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/base/int_math.h"
+#include "../base/int_math.h"
 
 namespace base {
 inline namespace skorra_ntp {

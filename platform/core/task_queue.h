@@ -3,9 +3,9 @@
 // One thread's queue of closures: a seam with a real and a simulated implementation.
 #pragma once
 
-#include "platform/base/callback.h"
-#include "platform/base/location.h"
-#include "platform/base/time.h"
+#include "../base/callback.h"
+#include "../base/location.h"
+#include "../base/time.h"
 
 namespace core {
 inline namespace skorra_ntp {

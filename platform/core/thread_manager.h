@@ -11,8 +11,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/base/optional.h"
-#include "platform/core/task_queue.h"
+#include "../base/optional.h"
+#include "../core/task_queue.h"
 
 namespace core {
 inline namespace skorra_ntp {

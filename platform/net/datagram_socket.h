@@ -9,7 +9,7 @@
 #include <memory>
 #include <span>
 
-#include "platform/net/ip_endpoint.h"
+#include "../net/ip_endpoint.h"
 
 namespace net {
 inline namespace skorra_ntp {

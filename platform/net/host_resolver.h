@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/base/time.h"
-#include "platform/net/ip_endpoint.h"
+#include "../base/time.h"
+#include "../net/ip_endpoint.h"
 
 namespace net {
 inline namespace skorra_ntp {

@@ -15,6 +15,7 @@ import sys
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 CLOCK_ERROR_S = 1000  # the server is ahead by this much
 TOLERANCE_S = 1
+SIMULATED_TOLERANCE_US = 1000
 MAX_STEPS = 35
 
 
@@ -50,13 +51,18 @@ class Server:
         self.process.communicate(timeout=10)
 
 
+def build_target(build, target):
+    output = run("cmake", "--build", build, "--parallel", "2", "--target", target)
+    if "warning:" in output:
+        fail(f"the build warns:\n{output}")
+    return output
+
+
 def configure_and_build(example, build, options):
     shutil.rmtree(build, ignore_errors=True)
     run("cmake", "-G", "Ninja", "-S", SOURCE / "examples" / example, "-B", build, "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
         *options)
-    output = run("cmake", "--build", build, "--parallel", "2")
-    if "warning:" in output:
-        fail(f"the build warns:\n{output}")
+    output = build_target(build, "all")
     steps = max(int(number) for number in re.findall(r"^\[\d+/(\d+)\]", output, re.MULTILINE))
     print(f"{example}: {steps} steps")
     return steps
@@ -118,6 +124,11 @@ def crowded_host(build, server):
     if flags not in ([f"-I{own}", f"-I{SOURCE}"], [f"-I{own}", f"-I{SOURCE}", "-std=gnu++17"]):
         fail(f"the host's own file is compiled with {flags}")
     print("crowded_host: main.cc is compiled with", *flags)
+    build_target(build, "crowded_simulation")
+    output = run(build / "crowded_simulation")
+    error = re.search(r"^error (-?\d+) us$", output, re.MULTILINE)
+    if "host time 42, host end point here\n" not in output or not error or abs(int(error[1])) > SIMULATED_TOLERANCE_US:
+        fail(f"the simulated world went wrong in the host:\n{output}")
 
 
 def plugin(build, server):
