@@ -4,12 +4,15 @@
 
     cmake   is a part of the consumer's CMakeLists.txt
     cpp     is the next source file that an add_executable of the document's cmake blocks names; it is compiled,
-            linked and run, on an empty network that holds one NTP server
+            linked and run, on an empty network that holds one NTP server: a test must pass, any other program must
+            print the time
     toml    is a configuration file, which the program must read without a warning
-    sh      is run line by line, except for the commands of NOT_RUN
+    sh      is run line by line, except for the commands of NOT_RUN; what is in build/release/bin/ is taken from the
+            folder of SKORRA_NTP_PROGRAM
     text    is left alone
 
-Every other language fails, so that no block goes unread.
+Every other language fails, so that no block goes unread. Exit status 77 where this machine makes no network
+namespaces: then all is done but running the programs.
 
 usage: code_blocks.py SKORRA_NTP_PROGRAM WORK_FOLDER [-DOPTION=VALUE...]
 """
@@ -19,6 +22,7 @@ import re
 import shutil
 import subprocess
 import sys
+import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENTS = ["README.md", "CONTRIBUTING.md"] + sorted(str(p.relative_to(SOURCE)) for p in SOURCE.glob("docs/*.md"))
@@ -29,6 +33,10 @@ NOT_RUN = {
     "./dev lint": "part of the CI run, right before the tests",
     "./dev test": "runs this test",
 }
+
+BIN = "build/release/bin/"
+TIME_TOLERANCE_S = 1
+SKIPPED = 77
 
 # The server that the README's program names; it answers in a network namespace of its own.
 SERVER = "192.0.2.1"
@@ -90,7 +98,7 @@ def commands(block):
 
 
 def write_consumer(blocks_by_document, consumer):
-    """Writes the consumer's files. Returns the names of its programs."""
+    """Writes the consumer's files. Returns its programs, each as (name, whether it is a test)."""
     consumer.mkdir(parents=True)
     (consumer / "skorra-ntp").symlink_to(SOURCE)
     cmake = ["cmake_minimum_required(VERSION 3.25)", "project(consumer LANGUAGES CXX)"]
@@ -105,7 +113,7 @@ def write_consumer(blocks_by_document, consumer):
             if (consumer / name).exists():
                 fail(f"{block.place}: there is a file {name} already")
             (consumer / name).write_text(block.text)
-            programs.append(program)
+            programs.append((program, "gtest/gtest.h" in block.text))
             expect_same_as_file(block)
         cmake += parts
     (consumer / "CMakeLists.txt").write_text("\n".join(cmake))
@@ -129,15 +137,31 @@ def has_empty_networks():
 
 
 def run_consumer(programs, skorra_ntp, build):
-    if not has_empty_networks():
-        print("this machine makes no network namespaces: the programs of the documents are built, but not run")
-        return
-    for program in programs:
+    for program, is_test in programs:
+        begin_s = time.time()
         output = run("unshare", "--map-root-user", "--net", "sh", "-c", ON_EMPTY_NETWORK, "sh", skorra_ntp,
                      build / program, folder=build)
-        if re.search(r"^0$", output, re.MULTILINE):
-            fail(f"{program} found no time:\n{output}")
-        print(f"{program}: {output.splitlines()[-1] if output else 'no output'}")
+        if is_test:
+            if not re.search(r"^\[  PASSED  \] [1-9]", output, re.MULTILINE):
+                fail(f"{program} passed no test:\n{output}")
+        else:
+            expect_time(program, output, begin_s)
+        print(f"{program}: {output.splitlines()[-1]}")
+
+
+def expect_time(program, output, begin_s):
+    """The server tells this machine's own time."""
+    times_s = [int(line) / 1e6 for line in re.findall(r"^\d+$", output, re.MULTILINE)]
+    end_s = time.time()
+    if not times_s or not all(begin_s - TIME_TOLERANCE_S <= t <= end_s + TIME_TOLERANCE_S for t in times_s):
+        fail(f"{program} does not print the time, which is between {begin_s} s and {end_s} s:\n{output}")
+
+
+def run_command(command, skorra_ntp):
+    if command.startswith(BIN):
+        command = f"{skorra_ntp.parent}/{command.removeprefix(BIN)}"
+    if not run("sh", "-ec", command, folder=SOURCE):
+        fail(f"'{command}' prints nothing")
 
 
 def expect_good_configuration(skorra_ntp, block, work):
@@ -158,29 +182,37 @@ def main():
     shutil.rmtree(work, ignore_errors=True)
     blocks_by_document = {document: blocks_of(document) for document in DOCUMENTS}
     programs = write_consumer(blocks_by_document, work / "consumer")
-    count = 0
+    count, ran, not_run = 0, 0, set()
     for block in sum(blocks_by_document.values(), []):
         count += 1
         if block.language == "toml":
             expect_good_configuration(skorra_ntp, block, work)
         elif block.language == "sh":
             for command in commands(block):
-                if command not in NOT_RUN:
-                    run("sh", "-ec", command, folder=SOURCE,
-                        env={**os.environ, "PATH": f"{skorra_ntp.parent}:{os.environ['PATH']}"})
+                if command in NOT_RUN:
+                    not_run.add(command)
+                else:
+                    run_command(command, skorra_ntp)
+                    ran += 1
                 print(f"{block.place}: {command}: " + NOT_RUN.get(command, "ran"))
         elif block.language not in ("cmake", "cpp", "text"):
             fail(f"{block.place}: nothing is known of the language '{block.language}'")
-    if not programs:
-        fail("the documents hold no program")
+    if not programs or not ran:
+        fail(f"the documents hold {len(programs)} programs and {ran} commands that can be run")
+    if unused := NOT_RUN.keys() - not_run:
+        fail(f"NOT_RUN names commands that no document holds: {', '.join(sorted(unused))}")
     build = work / "consumer/build"
     run("cmake", "-G", "Ninja", "-S", work / "consumer", "-B", build, *sys.argv[3:], folder=work)
     output = run("cmake", "--build", build, "--parallel", "2", folder=work)
     if "warning:" in output:
         fail(f"the documents' programs are compiled with warnings:\n{output}")
+    print(f"{count} blocks of {len(DOCUMENTS)} documents, {len(programs)} programs, {ran} commands")
+    if not has_empty_networks():
+        print("skipped: this machine makes no network namespaces, so the documents' programs are built but not run")
+        return SKIPPED
     run_consumer(programs, skorra_ntp, build)
-    print(f"{count} blocks of {len(DOCUMENTS)} documents, {len(programs)} programs")
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())
