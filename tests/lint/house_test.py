@@ -2,8 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Each check of house.py finds what it looks for, and finds nothing in a clean tree."""
 
+import json
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -93,8 +95,10 @@ class HouseTest(unittest.TestCase):
 
     def test_each_banned_call_is_found_in_product_code_only(self):
         for call in ["auto a = std::chrono::steady_clock::now();", "std::getenv(name);", "if_nametoindex(name);",
-                     "usleep(1);", "std::this_thread::sleep_for(pause);", "std::random_device device;",
-                     "clock_gettime(CLOCK_REALTIME, &now);", "time(nullptr);"]:
+                     "usleep(1);", "nanosleep(&pause, nullptr);", "sleep(1);", "sleep(pause_s);",
+                     "clock_nanosleep(CLOCK_BOOTTIME, 0, &pause, nullptr);", "std::this_thread::sleep_for(pause);",
+                     "std::random_device device;", "rand();", "clock_gettime(CLOCK_REALTIME, &now);",
+                     "gettimeofday(&now, nullptr);", "time(nullptr);"]:
             with self.subTest(call=call):
                 self.put("ntp/a.cc", call)
                 self.assertEqual(len(self.find("calls")), 1)
@@ -116,16 +120,41 @@ class HouseTest(unittest.TestCase):
                 self.put("ntp/a.cc", line)
                 self.assertEqual(len(self.find("ticks")), count)
 
-    def test_odd_words_are_found(self):
-        self.put("ntp/a.cc", "// begins an" + "ew\n// again\n")
-        self.assertEqual(len(self.find("words")), 1)
+    def test_each_odd_word_is_found_in_any_case(self):
+        remedies = set()
+        for text in ["begins anew", "kept for ever", "foreverything", "a look-up", "two looked-ups", "whoever asks",
+                     "it is willing", "refuses a thread", "refuses the thread"]:
+            for line in [text, text.upper(), text.title()]:
+                with self.subTest(line=line):
+                    self.put("ntp/a.cc", f"// {line}\n")
+                    found = self.find("words")
+                    self.assertEqual(len(found), 1)
+                    remedies.add(found[0].split("': ")[1])
+        self.assertEqual(remedies, {remedy for _, remedy in house.WORDS})
+        self.put("ntp/a.cc", "// again, forever; a lookup\n")
+        self.assertEqual(self.find("words"), [])
+
+    def test_prose_and_cmake_lines_that_are_too_wide_are_found(self):
+        for path, line, count in [("docs/a.md", "é" * 120, 0), ("docs/a.md", "a" * 121, 1),
+                                  ("docs/a.md", "|" + "a" * 120, 0),
+                                  ("docs/a.md", "```sh\n" + "a" * 121 + "\n```", 0),
+                                  ("docs/a.md", "```sh\na\n```\n" + "a" * 121, 1),
+                                  ("CMakeLists.txt", "# " + "a" * 118, 0), ("CMakeLists.txt", "# " + "a" * 119, 1),
+                                  ("CMakeLists.txt", "|" + "a" * 120, 1), ("cmake/a.cmake", "a" * 121, 1)]:
+            with self.subTest(path=path, line=line):
+                self.put(path, line + "\n")
+                self.assertEqual(len(self.find("width")), count)
+                (house.ROOT / path).unlink()
 
     def test_a_file_without_its_licence_line_is_found(self):
         self.put("ntp/a.cc", "int a;\n")
         self.put("ntp/b.cc", SPDX)
         self.assertEqual(len(self.find("licence")), 1)
-        self.put("LICENSE", "")
+        self.put("cmake/a.map", "{\n};\n")
+        self.put("cmake/b.map", "/* SPDX-License-Identifier: Apache-2.0 */\n{\n};\n")
         self.assertEqual(len(self.find("licence")), 2)
+        self.put("LICENSE", "")
+        self.assertEqual(len(self.find("licence")), 3)
 
     def test_what_documents_name_must_exist(self):
         self.put("tests/a_test.cc", "TEST_F(ManagerTest, AReplyIsUsedOnce) {}\n")
@@ -135,6 +164,22 @@ class HouseTest(unittest.TestCase):
             with self.subTest(text=text):
                 self.put("docs/security.md", text)
                 self.assertEqual(len(self.find("links")), count)
+
+    def test_a_header_that_does_not_compile_alone_is_found(self):
+        self.assertEqual(len(self.find("headers")), 1)  # no compilation database yet
+        source = house.ROOT / "ntp/a.cc"
+        self.put("build/dev/compile_commands.json", json.dumps([{
+            "directory": str(house.ROOT / "build/dev"), "file": str(source),
+            "command": f"{shutil.which('c++') or 'c++'} -I{house.ROOT} -o a.o -c {source}"}]))
+        for path in ["transport/ntp_packet.h", "transport/other.h", "platform/time.h", "platform/linux/clock.h",
+                     "sim/world.h"]:
+            (house.ROOT / path).unlink()
+        self.put("ntp/whole.h", "#include <vector>\nstd::vector<int> Whole();\n")
+        self.assertEqual(self.find("headers"), [])
+        self.put("ntp/lacking.h", "std::vector<int> Lacking();\n")
+        found = self.find("headers")
+        self.assertEqual(len(found), 1)
+        self.assertIn("ntp/lacking.h: does not compile alone", found[0])
 
 
 if __name__ == "__main__":
