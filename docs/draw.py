@@ -90,7 +90,6 @@ SHORT = {"ntp/": "when to ask, whom to believe", "transport/": "packets, address
 def draw_rooms():
     rooms = read_rooms()
     drawing = Drawing(870, "The rooms of the house: each arrow is an include that is allowed")
-    top = 84
     above = [name for name, (_, includes) in rooms.items() if includes.startswith("everything")]
     if missing := set(rooms) - set(PLACES) - set(above):
         sys.exit(f"draw: PLACES has no place for {missing}")

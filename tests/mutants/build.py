@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Builds and runs changed sources beside the tests as they are.
+"""Builds and runs changed sources with the tests as they are.
 
 Most changes stand inside a function. All of a file's go into one program: each function becomes a switch with its
 own body and one changed body for each change, and a number in the environment picks one at the start. A change
