@@ -10,6 +10,7 @@ The work tree is never changed.
 import argparse
 import collections
 import concurrent.futures
+import dataclasses
 import itertools
 import pathlib
 import random
@@ -96,6 +97,9 @@ class Run:
         without = collections.Counter(f for m in single for f in self.builder.users.get(m.file, []))
         self.builder.precompile(*([file for file, count in sorted(c.items()) if count > 2]
                                   for c in (with_all, without)))
+        if single:
+            # A header's takes every step that another one takes, and more.
+            self._expect_unchanged_passes(min(single, key=lambda m: not m.file.endswith(".h")))
         jobs += [(self._single, mutant) for mutant in single]
         with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
             for job in [pool.submit(*job) for job in jobs]:
@@ -127,6 +131,17 @@ class Run:
             self._note(mutant, self.builder.run(program, number)[0])
         shutil.rmtree(self.scratch / name)
 
+    def _expect_unchanged_passes(self, mutant):
+        """The unchanged file must compile and pass, or our own trouble would count as that of the changes."""
+        same = dataclasses.replace(mutant, text=(ROOT / mutant.file).read_text())
+        program, output = self.builder.build_single(same, "unchanged")
+        if program is None:
+            raise RuntimeError(f"mutants: the unchanged {mutant.file} does not compile\n{output[:3000]}")
+        verdict, output = self.builder.run(program)
+        if verdict != "survived":
+            raise RuntimeError(f"mutants: the unchanged {mutant.file} is {verdict}\n{output}")
+        shutil.rmtree(self.scratch / "unchanged")
+
     def _single(self, mutant):
         name = f"single{next(self.names)}"
         program, _ = self.builder.build_single(mutant, name)
@@ -143,6 +158,8 @@ def report(everything, run, listed):
             problems.append(f"listed, but {verdict}: {mutant.key}")
     known = {mutant.key for mutant in everything}
     problems += [f"listed, but there is no such change: {key}" for key in listed if key not in known]
+    if run.counts["killed"] + run.counts["survived"] == 0:
+        problems.append("no change could be tried")
     for problem in problems:
         print(problem)
     survivors = [key for key, verdict in run.verdicts.items() if verdict == "survived"]
@@ -167,6 +184,9 @@ def main():
 
     everything = all_mutants()
     mutants = select(everything, options)
+    if not mutants:
+        print("mutants: there is no such change; --list prints them all", file=sys.stderr)
+        return 2
     if options.list:
         print("\n".join(m.key for m in mutants))
         return 0
