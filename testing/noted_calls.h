@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A note of what the manager counts as key metrics and of when it asks for the environment's default domain.
 //
-// The product has no hook for this. A test program that uses it is linked with noted_calls.cc and the
-// linker's
-// --wrap for both functions (tests/CMakeLists.txt).
+// The product has no hook for this. A test program that uses it is linked with noted_calls.cc and with the
+// linker's option --wrap for both functions (tests/CMakeLists.txt).
 #pragma once
 
 #include <functional>

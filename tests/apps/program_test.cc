@@ -156,7 +156,7 @@ TEST(ProgramTest, AServerWithAKnownErrorIsMeasured) {
   EXPECT_GT(json["took_ms"], 0);
 }
 
-TEST(ProgramTest, TheSummaryForPeopleTellsTheSame) {
+TEST(ProgramTest, TheTextShowsTheSameResultAsTheJson) {
   Server server({"--offset", "1.5"});
   const ChildExit exit = RunProgram({"sync", server.name()});
   EXPECT_EQ(exit.status, 0);
@@ -194,7 +194,7 @@ TEST(ProgramTest, TheLogIsShownFromTheChosenLevel) {
   EXPECT_THAT(RunProgram({"sync", server.name(), "--log-level", "1"}).err, IsEmpty());
 }
 
-TEST(ProgramTest, ANameWithoutAnAddressIsToldAtOnce) {
+TEST(ProgramTest, ANameWithoutAnAddressIsReportedAtOnce) {
   const ChildExit exit = RunProgram({"sync", "nosuch.invalid", "--timeout", "30"});
   EXPECT_EQ(exit.status, 2);
   EXPECT_THAT(exit.err, HasSubstr("cannot resolve nosuch.invalid: "));
@@ -221,7 +221,7 @@ TEST(ProgramTest, TheOtherServersAreAskedWhenOneNameHasNoAddress) {
   EXPECT_THAT(exit.out, HasSubstr(server.name()));
 }
 
-TEST(ProgramTest, AClosedPortIsTold) {
+TEST(ProgramTest, AClosedPortIsReported) {
   const std::string name = UnusedEndPoint().ToString();
   const ChildExit exit = RunProgram({"sync", name, "--json"});
   EXPECT_EQ(exit.status, 2);
@@ -232,7 +232,7 @@ TEST(ProgramTest, AClosedPortIsTold) {
   EXPECT_EQ(json["samples_received"], 0);
 }
 
-TEST(ProgramTest, ASilentServerIsToldWithWhatToCheck) {
+TEST(ProgramTest, ASilentServerIsReportedWithWhatToCheck) {
   const LoopbackUdp silent;
   const ChildExit exit = RunProgram({"sync", silent.local().ToString()});
   EXPECT_EQ(exit.status, 2);

@@ -597,7 +597,7 @@ bool ManagerModel::TakeNextAddress(Domain& domain) {
     }
     return domain.is_repeated = true;
   }
-  // What was passed over at the beginning comes last.
+  // The addresses that were passed over at the beginning come last.
   const size_t end = domain.addresses.size();
   const bool is_around = domain.current < domain.first;
   size_t next = is_around ? end : FirstFree(domain, domain.current + 1);

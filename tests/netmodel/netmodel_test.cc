@@ -161,7 +161,7 @@ TEST(LinkTest, AQueueFillsOverflowsAndDrains) {
   EXPECT_THAT(ArrivalsOf(link, random, 1000, &fate), ElementsAre(1100));
 }
 
-TEST(LinkTest, OthersTrafficMakesAQueueWait) {
+TEST(LinkTest, TrafficOfOthersDelaysAQueue) {
   Link link({.delay_us = 0, .service_us = 1, .load_permille = 900, .queue_limit_us = 50000}, 0);
   Random random(1);
   int64_t longest_us = 0;
@@ -265,7 +265,7 @@ TEST_F(ServerTest, ABucketOfTokensEmptiesKissesAndFillsAgain) {
   EXPECT_EQ(answers, "aaa-k-ka-aaak");
 }
 
-TEST_F(ServerTest, AScriptHasTheLastWord) {
+TEST_F(ServerTest, AScriptOverridesTheOptions) {
   Server server({.script = [](Exchange& exchange) {
     exchange.is_answered = exchange.index != 1;
     exchange.reply.stratum = static_cast<uint8_t>(exchange.index + 3);

@@ -226,7 +226,7 @@ TEST_F(DriftDetectionTest, ADemotedResultAsksForARenewalUntilANewOneIsAccepted) 
   EXPECT_FALSE(peer.NeedToUpdateResult());
 }
 
-TEST_F(DriftDetectionTest, NumbersAtTheEndOfTheRangeAreNoMistake) {
+TEST_F(DriftDetectionTest, ExtremeStampsAndOffsetsWrap) {
   Restart();
   peer.last_sync_local_time_ms() = INT64_MIN;
   peer.CheckElapsedTimeDeviation();

@@ -330,7 +330,7 @@ TEST_F(NtpClockTest, TheQuietPeriodIsCountedInWholeMillisecondsOfTheWallClock) {
   EXPECT_TRUE(ReadStartsSync()) << "the 600000th millisecond has begun";
 }
 
-TEST_F(NtpClockTest, TheQuietPeriodIsOneOfTheWallClock) {
+TEST_F(NtpClockTest, TheQuietPeriodIsMeasuredByTheWallClock) {
   KeepGoodResult(10);
   peer.last_result() = NtpResult::kNoResult;
   EXPECT_TRUE(ReadStartsSync());

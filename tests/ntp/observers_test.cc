@@ -221,7 +221,7 @@ TEST_F(ObserversTest, AStartInsideTheCallbackIsAccepted) {
   EXPECT_TRUE(peer.is_started());
 }
 
-TEST_F(ObserversTest, NothingIsLogged) {
+TEST_F(ObserversTest, AddingRemovingAndNotifyingLogsNothing) {
   const ObserverPtr a = Make();
   Register({a});
   peer.Notify(NtpResult::kSuccess, net::IPEndPoint());

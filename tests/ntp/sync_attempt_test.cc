@@ -214,7 +214,7 @@ TEST_F(SyncAttemptTest, ADomainWithoutAResultIsRetriedWithAFreshBurstAndAFreshTi
   EXPECT_EQ(observer->outcomes[0].server, Address("192.0.2.9"));
 }
 
-TEST_F(SyncAttemptTest, TheRetriesEndWhenTheDomainRefuses) {
+TEST_F(SyncAttemptTest, RetriesEndWhenNoAddressIsLeft) {
   AddDomains({"two.test"});
   manager().AddObserver(observer);
   const int64_t start_us = world.steady_ticks_us();

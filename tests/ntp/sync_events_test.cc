@@ -180,7 +180,10 @@ TEST_F(SyncEventsTest, ThreeSamplesAreJudgedAndAllKept) {
   EXPECT_EQ(recorder->evaluations[0].kept_count, 3u);
 }
 
-TEST_F(SyncEventsTest, AnEndOfNoKnownKindIsNamedUnknown) {
+TEST_F(SyncEventsTest, EveryKindOfEndHasItsName) {
+  EXPECT_STREQ(NtpAttemptEndName(NtpAttemptEnd::kOutcome), "outcome");
+  EXPECT_STREQ(NtpAttemptEndName(NtpAttemptEnd::kNoServer), "no_server");
+  EXPECT_STREQ(NtpAttemptEndName(NtpAttemptEnd::kStopped), "stopped");
   EXPECT_STREQ(NtpAttemptEndName(static_cast<NtpAttemptEnd>(3)), "unknown");
 }
 
@@ -216,14 +219,14 @@ TEST_F(SyncEventsTest, AFailureWithoutAnySampleEndsWithoutAResult) {
   EXPECT_EQ(recorder->ends[0].record.sample_count, 0u);
 }
 
-TEST_F(SyncEventsTest, AnAttemptWithoutAnyServerEndsForWantOfOne) {
+TEST_F(SyncEventsTest, AnAttemptWithoutAnyServerEndsWithNoServer) {
   ASSERT_EQ(manager().Start(), 0);
   world.RunFor(Us(0));
   EXPECT_THAT(recorder->heard, ::testing::ElementsAre("begun", "ended no_server"));
   EXPECT_EQ(recorder->ends[0].result, NtpResult::kNoResult);
 }
 
-TEST_F(SyncEventsTest, AStopEndsARunningAttemptOnceAndAnIdleManagerNot) {
+TEST_F(SyncEventsTest, AStopReportsTheEndOfARunningAttemptOnlyOnce) {
   BeginAttempt({kName});
   manager().Stop();
   manager().Stop();
@@ -232,7 +235,7 @@ TEST_F(SyncEventsTest, AStopEndsARunningAttemptOnceAndAnIdleManagerNot) {
                                                       "burst " + kName + " 192.0.2.11:123", "ended stopped"));
 }
 
-TEST_F(SyncEventsTest, TheStopAfterAnOutcomeIsNoEnd) {
+TEST_F(SyncEventsTest, TheStopAfterAnOutcomeReportsNoSecondEnd) {
   network.AddServer(Address(kName), {});
   AddDomains({kName});
   Sync();
@@ -267,7 +270,7 @@ TEST_F(SyncEventsTest, AStartInsideAReportTakesEffect) {
 
 // --- Listeners.
 
-TEST_F(SyncEventsTest, AListenerIsAddedOnceAndNullIsNone) {
+TEST_F(SyncEventsTest, AListenerIsAddedOnceAndNullIsIgnored) {
   AddNtpSyncListener(recorder);
   AddNtpSyncListener(nullptr);
   AddDomains({kName});

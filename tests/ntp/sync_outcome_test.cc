@@ -327,7 +327,7 @@ TEST_F(SyncOutcomeTest, WhenNothingWasKeptAFailureDiscardsTheProvisionalOffset) 
   EXPECT_EQ(base::KeyMetrics::GetPV(37005), succeeded);
 }
 
-TEST_F(SyncOutcomeTest, APoorResultBesideAKeptSuccessIsReportedAsInaccurate) {
+TEST_F(SyncOutcomeTest, APoorResultAlongsideAKeptSuccessIsReportedAsInaccurate) {
   BeginAttempt({kFirst});
   KeepGoodResult(500);
   const Kept before = kept();
@@ -351,7 +351,7 @@ TEST_F(SyncOutcomeTest, APoorResultBesideAKeptSuccessIsReportedAsInaccurate) {
   EXPECT_EQ(peer.last_result(), kGood);
 }
 
-TEST_F(SyncOutcomeTest, AFailureBesideAKeptSuccessIsReportedAsInaccurate) {
+TEST_F(SyncOutcomeTest, AFailureAlongsideAKeptSuccessIsReportedAsInaccurate) {
   BeginAttempt({kFirst});
   KeepGoodResult(500);
   world.RunFor(S(3));
@@ -362,7 +362,7 @@ TEST_F(SyncOutcomeTest, AFailureBesideAKeptSuccessIsReportedAsInaccurate) {
   EXPECT_EQ(peer.last_result(), kGood);
 }
 
-TEST_F(SyncOutcomeTest, AFailureBesideAKeptPoorResultPrintsThatItHadNoOffset) {
+TEST_F(SyncOutcomeTest, AFailureAlongsideAKeptPoorResultPrintsThatItHadNoOffset) {
   Attempt(Poor(4000));
   ASSERT_EQ(peer.ntp_offset_us(), 4000);
   observer->outcomes.clear();

@@ -191,7 +191,7 @@ TEST_F(ConfigCenterTest, TheDefaultDomainOfTheEnvironmentIsTheConfiguredOne) {
   EXPECT_EQ(VorqEnvConfig::GetInstance(), VorqEnvConfig::GetInstance());
 }
 
-TEST_F(ConfigCenterTest, AReaderBesideAWriterSeesOnlyValuesThatWereSet) {
+TEST_F(ConfigCenterTest, AReaderDuringAWriteSeesOnlyValuesThatWereSet) {
   std::atomic<bool> is_over{false};
   std::atomic<int> bad_count{0};
   std::thread reader([&] {

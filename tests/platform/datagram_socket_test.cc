@@ -316,7 +316,7 @@ TEST(DatagramSocketTest, EachSocketHasAPortOfItsOwn) {
   EXPECT_NE(first.local, second.local);
 }
 
-TEST(DatagramSocketTest, WhyNoSocketCanBeHadIsNamed) {
+TEST(DatagramSocketTest, AFailedConnectNamesItsReason) {
   struct Case {
     IPEndPoint remote;
     SocketError error;
@@ -363,7 +363,7 @@ constexpr Refusal kRefusals[] = {
     {EINVAL, SocketError::kOther},
 };
 
-TEST(DatagramSocketTest, WhyTheSystemRefusesASocketIsNamed) {
+TEST(DatagramSocketTest, AFailedSystemCallOfAConnectIsNamed) {
   const IPEndPoint remote = skorra::UnusedEndPoint();
   for (const int call : {SYS_socket, SYS_connect}) {
     for (const Refusal& refusal : kRefusals) {
@@ -387,7 +387,7 @@ void RefuseToSend(int size, int error) {
 #endif
 }
 
-TEST(DatagramSocketTest, WhyADatagramIsNotSentIsNamedAndTheNextOneIsSent) {
+TEST(DatagramSocketTest, AFailedSendNamesItsReasonAndTheNextOneLeaves) {
   const LoopbackUdp peer;
   for (const Refusal& refusal : kRefusals) {
     Client client(peer.local(), NewThread());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Look-ups on name servers that answer well, badly, late or not at all.
+// Lookups on name servers that answer well, badly, late or not at all.
 #include "platform/net/host_resolver.h"
 
 #include <errno.h>

@@ -95,7 +95,7 @@ TEST(IntMathTest, TheSmallestNumberHasNoMagnitudeAndNoOpposite) {
   EXPECT_EQ(SaturatingNegate(kMin), kMax);
 }
 
-TEST(IntMathTest, TheCompilerCanDoItToo) {
+TEST(IntMathTest, EveryFunctionWorksInConstantExpressions) {
   static_assert(WrappingAdd(kMax, 1) == kMin);
   static_assert(WrappingMagnitude(-1) == 1);
   static_assert(SaturatingScale(kMin, -1) == kMax);

@@ -44,7 +44,7 @@ TEST(StampClockTest, AStampIsRightOnlyBetweenItsLimits) {
   }
 }
 
-TEST(StampClockTest, WhereNoStampCanBeRightTheMomentOfReadingStandsIn) {
+TEST(StampClockTest, AnImplausibleStampIsReplacedByTheTimeOfReading) {
   struct Case {
     std::optional<int64_t> wall_us;
     int64_t expected_ticks_us;

@@ -29,7 +29,7 @@ bool IsRandom() {
 
 TEST(RandomTest, NumbersAreDistinctAndUseEveryBit) { EXPECT_TRUE(IsRandom()); }
 
-TEST(RandomTest, WhateverTheKernelRefusesNumbersAreDistinctAndUseEveryBit) {
+TEST(RandomTest, NumbersStayDistinctWhenGetrandomAndTheDeviceFail) {
   struct Case {
     int error;
     const char* what;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Look-ups on a machine whose resolver configuration is missing, empty or broken, and in the background
+// Lookups on a machine whose resolver configuration is missing, empty or broken, and in the background
 // behind a name server that is silent. Each case runs in a forked child with an empty /etc and a network of
 // its own, so that nothing of this machine is touched and no question leaves it.
 #include <errno.h>

@@ -249,7 +249,7 @@ TEST_F(QueueSeamTest, AnEndlessDelayNeverPasses) {
   EXPECT_FALSE(has_run_endless);
 }
 
-TEST_F(QueueSeamTest, ATaskIsOnItsQueueAndNobodyElseIs) {
+TEST_F(QueueSeamTest, OnlyATaskOfTheQueueIsOnIt) {
   EXPECT_FALSE(Queue()->IsCurrent());
   RunAsTask([&] {
     EXPECT_TRUE(Queue()->IsCurrent());
@@ -401,7 +401,7 @@ TEST_F(DatagramSeamTest, NothingIsHeardAfterTheSocketIsGone) {
   const net::IPEndPoint server = world_.AddServer();
   Connect(server);
   RunAsTask([&] {
-    // What is under way when the socket closes is lost.
+    // A datagram that is under way when the socket closes is lost.
     EXPECT_EQ(socket_->Send(Bytes{1}), net::SocketError::kNone);
     world_.SendFrom(server, local_, {2});
     socket_ = nullptr;

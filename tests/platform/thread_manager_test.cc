@@ -71,7 +71,7 @@ TEST(ThreadManagerTest, SignalsStayWithTheHostProgramsThreads) {
   EXPECT_EQ(sigismember(&own, SIGTERM), 0) << "the creator's mask is restored";
 }
 
-TEST(ThreadManagerTest, TasksOfTwoQueuesRunSideBySide) {
+TEST(ThreadManagerTest, TasksOfTwoQueuesRunAtTheSameTime) {
   std::promise<void> first;
   std::promise<void> second;
   std::promise<void> both;

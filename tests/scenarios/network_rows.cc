@@ -210,7 +210,7 @@ std::vector<Scenario> PartitionRows() {
        Right(3040 * kMs, {Bursts(kA, 2)}, {0})},
       {"partition_over_all_but_one_reply",
        "a single request got through before the link was cut, and its reply came: the server is there, and a "
-       "second burst could be punished",
+       "second burst could be refused",
        Path({.delay_us = 15 * kMs, .partitions = {{5 * kMs, 250 * kMs}}}, {.delay_us = 15 * kMs}),
        SyncWithRepetition,
        {.max_error_us = 10,

@@ -62,13 +62,13 @@ TEST(ScenarioTableTest, EachScenarioHasANameOfItsOwnAndASentence) {
   EXPECT_GE(names.size(), 40u);
 }
 
-TEST(ScenarioTableTest, IsNoWiderThanATerminalAndHasAHeader) {
+TEST(ScenarioTableTest, TheTableHasAHeaderAndFitsATerminal) {
   const std::string header = TableHeader();
   EXPECT_THAT(header, ::testing::StartsWith("scenario "));
   EXPECT_LE(header.size() + std::string(" FAIL").size(), kTableWidth);
 }
 
-TEST(ScenarioTableTest, BreaksAndIndentsLinesBetweenWords) {
+TEST(ScenarioTableTest, LongSentencesBreakBetweenWordsAndAreIndented) {
   EXPECT_EQ(Wrapped("one two", 2), "  one two\n");
   const std::string half(50, 'x');
   EXPECT_EQ(Wrapped(half + " " + half, 0), half + "\n" + half + "\n");

@@ -129,7 +129,7 @@ void AttemptEvery(Run& run, int64_t interval_us, int count) {
   }
 }
 
-// Two replies, and RATE forevery request beyond.
+// Two replies, and RATE for every request beyond.
 const netmodel::RateLimit kTwoThenRate = {.interval_us = 8 * kSecond, .burst = 2, .kiss_every = 1};
 
 std::vector<Scenario> RateLimitRows() {
@@ -155,9 +155,9 @@ std::vector<Scenario> RateLimitRows() {
         .requests = {{kA, 4, 4}},
         .outcomes = {-1},
         .has_result_at_end = false}},
-      {"kiss_of_death", "RATE foreverything: the first ends the burst, with one more request under way",
+      {"kiss_of_death", "RATE for everything: the first ends the burst, with one more request under way",
        OneServer({.kiss_code = "RATE"}), SyncWithRepetition, NoResult({{kA, 2, 2}}, {-1})},
-      {"kiss_deny", "DENY foreverything does the same", OneServer({.kiss_code = "DENY"}), SyncWithRepetition,
+      {"kiss_deny", "DENY for everything does the same", OneServer({.kiss_code = "DENY"}), SyncWithRepetition,
        NoResult({{kA, 2, 2}}, {-1})},
       {"kiss_init", "INIT is no refusal: the burst goes on, and a server that is there gets no second one",
        OneServer({.kiss_code = "INIT"}), SyncWithRepetition, NoResult({OneBurst(kA)}, {-1})},
@@ -182,7 +182,7 @@ std::vector<Scenario> BackOffRows() {
         .requests = {{kA, 7, 7}},
         .outcomes = {-1, -1, -1, -1, -1},
         .has_result_at_end = false}},
-      {"deny_parks_for_four_hours",
+      {"deny_holds_for_four_hours",
        "of attempts a minute before and a second after, the later one sends two requests again",
        OneServer({.kiss_code = "DENY"}),
        [](Run& run) {

@@ -32,13 +32,13 @@ net::IPEndPoint Address(const std::string& text, uint16_t port = 123) {
 
 // --- Clock model.
 
-TEST(ClockModelTest, RunsAsItsBaseUntilTold) {
+TEST(ClockModelTest, AClockWithoutFaultsShowsItsBase) {
   ClockModel clock(1000, 5000);
   EXPECT_EQ(clock.At(1000), 5000);
   EXPECT_EQ(clock.At(1000 + kDay), 5000 + kDay);
 }
 
-TEST(ClockModelTest, AStepMovesWhatFollowsAndNotWhatWasBefore) {
+TEST(ClockModelTest, AStepMovesOnlyLaterReadings) {
   ClockModel clock(0, 0);
   clock.Step(100, -40);
   EXPECT_EQ(clock.At(99), 99);
@@ -183,7 +183,7 @@ TEST_F(WorldTest, DuringASuspendClocksGoOnAndTasksWait) {
   EXPECT_THAT(ran_at, ElementsAre(3600 * kSecond, 3600 * kSecond, 7200 * kSecond));
 }
 
-TEST_F(WorldTest, WhatArrivesDuringASuspendIsLostAndWhatArrivesDuringABlockedTaskIsNot) {
+TEST_F(WorldTest, ASuspendLosesDatagramsAndABlockedTaskDoesNot) {
   const auto server = Address("203.0.113.1");
   network_.AddServer(server, {});
   const auto socket = Connect(server);
@@ -223,7 +223,7 @@ TEST_F(WorldTest, ALookupMayFail) {
   EXPECT_THAT(result.addresses, IsEmpty());
 }
 
-TEST_F(WorldTest, ALookupGivesTheAnswerOfItsMoment) {
+TEST_F(WorldTest, ALookupGivesTheAddressesSetLast) {
   world_.SetHost("moving.test", {{Address("203.0.113.1")}});
   EXPECT_THAT(net::ResolveHost("moving.test", 123, TimeDelta::FromSeconds(1)).addresses,
               ElementsAre(Address("203.0.113.1")));

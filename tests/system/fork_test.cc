@@ -362,7 +362,7 @@ TEST(ForkTest, ThreadsThatAlwaysHoldALockDoNotHoldUpTheFork) {
   }
 }
 
-TEST(ForkTest, AThreadThatForksInsideALockKeepsItAndWaitsForNobodyWhoWantsIt) {
+TEST(ForkTest, AForkUnderALockKeepsTheLockAndDoesNotWaitForThreadsThatWantIt) {
   base::Lock lock;
   std::atomic<bool> is_waiting{false};
   std::thread waiter;

@@ -21,7 +21,7 @@ using netmodel::Distribution;
 using netmodel::LinkOptions;
 
 constexpr uint64_t kBurst = 20;
-// What the machine itself may add to an offset: its threads take turns.
+// The machine itself may add this much to an offset: its threads take turns.
 constexpr int64_t kToleranceUs = 5000;
 
 struct Row {
@@ -43,7 +43,7 @@ const Row kRows[] = {
     {"EveryDatagramTwice",
      {.delay_us = 5000, .duplicate_permille = 1000},
      {.delay_us = 5000, .duplicate_permille = 1000}},
-    // What is held back comes after the next request, or the next reply.
+    // A datagram that is held back arrives after the next request, or the next reply.
     {"StrongReordering",
      {.delay_us = 2000, .reorder_permille = 400, .reorder_us = 15000},
      {.delay_us = 2000, .reorder_permille = 400, .reorder_us = 15000}},
@@ -97,7 +97,7 @@ void ExpectTheRowsFigures(const Row& row, const ImpairingRelay& relay, const Cou
   const auto there = relay.to_server();
   const auto back = relay.to_client();
   const uint64_t samples = counts["ntp.samples_received"];
-  // Whatever is doubled on the way, a request makes one sample.
+  // A request makes one sample, however many copies of it or of its reply arrive.
   EXPECT_LE(samples, kBurst);
   EXPECT_EQ(counts["ntp.rejected.duplicate"], back.carried - samples);
   EXPECT_EQ(counts.SumOf("ntp.rejected."), counts["ntp.rejected.duplicate"]);

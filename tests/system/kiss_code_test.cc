@@ -56,7 +56,7 @@ TEST_F(KissCodeTest, WithinTheBackOffTheServerSeesNoRequestAndSendsNoSecondRate)
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(RunUntilAllAreRefused(runner).sent, 0u);
   }
-  // Who has not heard the refusal itself is bound by it as well.
+  // A manager that has not seen the refusal itself is bound by it as well.
   AttemptRunner other_manager({server.endpoint().ToString()});
   EXPECT_EQ(RunUntilAllAreRefused(other_manager).sent, 0u);
 

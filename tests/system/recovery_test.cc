@@ -154,7 +154,7 @@ std::string FailOnOneDescriptor(int error, const std::string& name) {
   return report.empty() ? ExpectSuccess(runner, server->local()) : report;
 }
 
-TEST(RecoveryTest, EveryErrorOfASendIsCountedAndOver) {
+TEST(RecoveryTest, EveryFailedSendIsCountedAndTheNextOneLeaves) {
   struct Case {
     int error;
     const char* name;

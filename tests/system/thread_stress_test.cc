@@ -160,7 +160,7 @@ TEST_F(ThreadStressTest, NothingIsLostAndNoReadIsWrong) {
   Run(1, 100, [&] { totals.Add(manager->GetAndResetNtpQualityStats()); });
   FinishAfter(StressSeconds());
 
-  // What is still under way comes to its end: an attempt is cut off, an outcome is delivered.
+  // The stop cuts off an attempt that still runs; an outcome that is under way is delivered first.
   manager->Stop();
   ASSERT_TRUE(DrainNtpQueue());
   totals.Add(manager->GetAndResetNtpQualityStats());

@@ -91,7 +91,7 @@ TEST_F(NtpAddressLedgerTest, ABurstLastsForASecondOrFor195MillisecondsAndTwentyC
   }
 }
 
-TEST_F(NtpAddressLedgerTest, TheNumberOfRequestsIsThatOfTheBurstsBeginning) {
+TEST_F(NtpAddressLedgerTest, ABurstKeepsTheRequestCountItBeganWith) {
   EXPECT_TRUE(Call(kNow, 2));
   uint32_t left = 1;
   for (int call = 1; call < 20; ++call) {
@@ -232,7 +232,7 @@ TEST_F(NtpAddressLedgerTest, ABurstWithoutAnyReplyKeepsTheLongBackOff) {
   EXPECT_EQ(Check(kNow + 2 * kHour + 4 * kMinute), SendRefusal::kNone);
 }
 
-TEST_F(NtpAddressLedgerTest, RateForRequestsThatLeftBeforeTheFirstOneIsNoNews) {
+TEST_F(NtpAddressLedgerTest, ARateForAnEarlierRequestDoesNotCountAgain) {
   Burst(kNow);
   EXPECT_TRUE(Rate(kNow));
   EXPECT_FALSE(Rate(kNow + 20000));
@@ -369,7 +369,7 @@ TEST_F(NtpAddressLedgerTest, AnAddressWhoseBurstIsUnderWayIsNotEvicted) {
   EXPECT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses);
 }
 
-TEST_F(NtpAddressLedgerTest, AClearedLedgerOwesNothing) {
+TEST_F(NtpAddressLedgerTest, AClearedLedgerHoldsNoAddress) {
   Burst(kNow);
   Rate(kNow);
   ledger_.Clear();

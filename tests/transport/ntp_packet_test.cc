@@ -492,7 +492,7 @@ const Stamp kStamps[] = {
     {"The largest number.", kMaxInt64, 0x496a4876c69b499d},
 };
 
-TEST(NtpTimestampTest, EveryNumberHasItsTimeStamp) {
+TEST(NtpTimestampTest, EveryTimeConvertsToItsNtpTimestamp) {
   for (const Stamp& row : kStamps) {
     EXPECT_EQ(NtpTimestampFromUs(row.us), row.expected) << row.what;
   }

@@ -444,7 +444,7 @@ class ZeroNonceTest : public NtpTimePacketHandlerTest {
   ZeroNonceTest() : NtpTimePacketHandlerTest({.seed = 0 - uint64_t{0x9E3779B97F4A7C15}}) {}
 };
 
-TEST_F(ZeroNonceTest, ZeroIsNoNonce) {
+TEST_F(ZeroNonceTest, AZeroIsNeverUsedAsANonce) {
   ASSERT_EQ(numbers_.at(0), 0u);
   Prepare();
   Send();
@@ -485,7 +485,7 @@ class EraChangeTest : public NtpTimePacketHandlerTest, public testing::WithParam
             {.wall_us = base::kWindowsToUnixEpochUs + int64_t{2085978496} * 1000000 - 3000}) {}
 };
 
-TEST_P(EraChangeTest, AnExchangeAcrossTheChangeIsLikeAnyOther) {
+TEST_P(EraChangeTest, AnExchangeAcrossTheEraChangeGivesTheExactSample) {
   link_ = GetParam().link;
   Prepare();
   Send();

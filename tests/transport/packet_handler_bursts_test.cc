@@ -84,7 +84,7 @@ TEST_F(PacketHandlerBurstsTest, ABurstIsThinnedEvenlyToTheConfiguredNumber) {
   }
 }
 
-TEST_F(PacketHandlerBurstsTest, TheNumberIsThatOfTheAttemptsBeginning) {
+TEST_F(PacketHandlerBurstsTest, AnAttemptKeepsTheRequestsPerBurstItBeganWith) {
   Prepare();
   Configure(config::BaseCfg().ntp_requests_per_burst, 1);
   EXPECT_EQ(Burst().size(), 20u);
@@ -407,7 +407,7 @@ TEST_F(PacketHandlerBurstsTest, AnOverlongDatagramIsTruncatedAndLeavesTheNonceTo
       genuine);
 }
 
-TEST_F(PacketHandlerBurstsTest, OnlyExtensionFieldsMayFollow) {
+TEST_F(PacketHandlerBurstsTest, OnlyExtensionFieldsMayFollowTheHeader) {
   is_answering_ = false;
   Prepare();
   Send();
