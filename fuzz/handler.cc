@@ -103,9 +103,9 @@ std::array<IPEndPoint, kServerCount> MakeServers(uint32_t run) {
   const auto high = static_cast<uint8_t>(run >> 16);
   const auto middle = static_cast<uint8_t>(run >> 8);
   const auto low = static_cast<uint8_t>(run);
-  return {IPEndPoint::FromIPv4({10, high, middle, low}, 123),
+  return {IPEndPoint::FromIPv4({10, high, middle, low}, kNtpPort),
           IPEndPoint::FromIPv4({10, high, middle, low}, 4123),
-          IPEndPoint::FromIPv6({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, high, middle, low}, 123)};
+          IPEndPoint::FromIPv6({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, high, middle, low}, kNtpPort)};
 }
 
 sim::World::Options WorldOptions(int64_t steady_ticks_us) {

@@ -18,6 +18,7 @@
 #include "testing/addresses.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
+#include "testing/log_recorder.h"
 #include "testing/ntp_time_manager_peer.h"
 
 namespace skorra {
@@ -55,21 +56,7 @@ class ManagerTest : public ::testing::Test {
   static constexpr base::TimeDelta Ms(int64_t ms) { return base::TimeDelta::FromMilliseconds(ms); }
   static constexpr base::TimeDelta S(int64_t s) { return base::TimeDelta::FromSeconds(s); }
 
-  ManagerTest() {
-    base::SetLogThreshold(base::kLogProgress);
-    base::SetLogSink([this](const base::LogLine& line) {
-      EXPECT_STREQ(line.file, "ntp/ntp_time_manager_impl");
-      log.push_back({line.level, line.text});
-    });
-  }
-  ~ManagerTest() override { base::SetLogSink(nullptr); }
-
   NtpTimeManager& manager() { return peer.manager(); }
-
-  // Runs `function` as a task of the manager's queue, now.
-  void OnQueue(const std::function<void()>& function) {
-    world.RunAsTask(core::BusinessID::kNtpTime, function);
-  }
 
   void SetDefaultDomain(const std::string& domain) {
     config.Set(config::BaseCfg().ntp_default_domain, domain);
@@ -116,7 +103,7 @@ class ManagerTest : public ::testing::Test {
   // Reports samples as the packet handler does.
   void Receive(const net::IPEndPoint& server, const std::vector<NtpResultData>& samples) {
     NtpTimePacketHandler::Client& client = peer.manager();
-    OnQueue([&] {
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] {
       for (const NtpResultData& sample : samples) {
         client.OnPacketReceived(sample, server);
       }
@@ -159,6 +146,11 @@ class ManagerTest : public ::testing::Test {
   std::vector<Line> log;
   std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
   NtpTimeManagerPeer peer;
+  const LogSinkScope log_sink{[this](const base::LogLine& line) {
+                                EXPECT_STREQ(line.file, "ntp/ntp_time_manager_impl");
+                                log.push_back({line.level, line.text});
+                              },
+                              base::kLogProgress};
 };
 
 }  // namespace skorra

@@ -24,13 +24,17 @@ inline std::shared_ptr<core::TaskQueue> NtpQueue(int64_t instance = -1) {
   return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, std::nullopt);
 }
 
-// Runs `function` as a task and returns what it returns, once it has ended.
+// Runs `function` as a task of `queue` and returns what it returns, once it has ended.
 template <class Function>
-auto RunOnNtpQueue(Function function, int64_t instance = -1) {
+auto RunOn(core::TaskQueue& queue, Function function) {
   std::packaged_task<std::invoke_result_t<Function&>()> task(std::move(function));
   auto result = task.get_future();
-  NtpQueue(instance)->PostTask(kTestLocation, base::BindOnce([&task] { task(); }));
+  queue.PostTask(kTestLocation, base::BindOnce([&task] { task(); }));
   return result.get();
+}
+template <class Function>
+auto RunOnNtpQueue(Function function, int64_t instance = -1) {
+  return RunOn(*NtpQueue(instance), std::move(function));
 }
 
 // Waits until everything has run that is due on the manager's queue within `delay_ms`; false when that takes

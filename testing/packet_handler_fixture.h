@@ -99,17 +99,14 @@ class NtpTimePacketHandlerTest : public testing::Test {
     handler_.emplace(&client_, base::GetSystemTimeOffsetFromSteady());
   }
 
-  void OnQueue(const std::function<void()>& function) {
-    world_.RunAsTask(core::BusinessID::kNtpTime, function);
-  }
   void Prepare() {
-    OnQueue([this] { handler_->PrepareForSendPackets(); });
+    world_.RunAsTask(core::BusinessID::kNtpTime, [this] { handler_->PrepareForSendPackets(); });
   }
   void Clean() {
-    OnQueue([this] { handler_->Clean(); });
+    world_.RunAsTask(core::BusinessID::kNtpTime, [this] { handler_->Clean(); });
   }
   void Send(const net::IPEndPoint& server = kServer) {
-    OnQueue([&] { handler_->SendPacket(server); });
+    world_.RunAsTask(core::BusinessID::kNtpTime, [&] { handler_->SendPacket(server); });
   }
   void Run() { world_.RunFor(TimeDelta::FromSeconds(1)); }
 

@@ -9,6 +9,7 @@
 #include "testing/loopback_udp.h"
 #include "testing/seam_world.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace skorra {
 
@@ -41,18 +42,18 @@ net::IPEndPoint SeamWorld::RefusingEndPoint() { return UnusedEndPoint(); }
 
 net::ResolveResult SeamWorld::ResolveUnknownName(base::TimeDelta timeout) {
   const FakeNameServer server({{false, 3, {}}, {false, 3, {}}, 0});
-  return net::internal::LookUpHost("unknown.example.", 123, timeout, server.address());
+  return net::internal::LookUpHost("unknown.example.", kNtpPort, timeout, server.address());
 }
 
 net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   const FakeNameServer server({{true, 0, {}}, {true, 0, {}}, 0});
-  return net::internal::LookUpHost("silent.example.", 123, timeout, server.address());
+  return net::internal::LookUpHost("silent.example.", kNtpPort, timeout, server.address());
 }
 
 net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / base::kUsPerSecond);
   const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});
-  return net::internal::LookUpHost("brief.example.", 123, base::TimeDelta::FromMilliseconds(kPatienceMs),
+  return net::internal::LookUpHost("brief.example.", kNtpPort, base::TimeDelta::FromMilliseconds(kPatienceMs),
                                    server.address());
 }
 

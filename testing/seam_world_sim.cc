@@ -5,6 +5,7 @@
 
 #include "sim/world.h"
 #include "testing/seam_world.h"
+#include "transport/ntp_packet.h"
 
 namespace skorra {
 
@@ -30,7 +31,7 @@ struct SeamWorld::Impl {
     }
   }
 
-  net::IPEndPoint NextEndPoint() { return net::IPEndPoint::FromIPv4({203, 0, 113, ++last_host}, 123); }
+  net::IPEndPoint NextEndPoint() { return net::IPEndPoint::FromIPv4({203, 0, 113, ++last_host}, kNtpPort); }
 
   sim::World world;
   std::map<net::IPEndPoint, std::deque<std::vector<uint8_t>>> arrived;  // by server
@@ -68,17 +69,17 @@ void SeamWorld::SendFrom(const net::IPEndPoint& server, const net::IPEndPoint& c
 net::IPEndPoint SeamWorld::RefusingEndPoint() { return impl_->NextEndPoint(); }
 
 net::ResolveResult SeamWorld::ResolveUnknownName(base::TimeDelta timeout) {
-  return net::ResolveHost("unknown.example.", 123, timeout);
+  return net::ResolveHost("unknown.example.", kNtpPort, timeout);
 }
 
 net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   impl_->world.SetHost("silent.example.", {{}, (timeout + base::TimeDelta::FromSeconds(1)).InMicroseconds()});
-  return net::ResolveHost("silent.example.", 123, timeout);
+  return net::ResolveHost("silent.example.", kNtpPort, timeout);
 }
 
 net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   impl_->world.SetHost("brief.example.", {.addresses = {impl_->NextEndPoint()}, .ttl = ttl});
-  return net::ResolveHost("brief.example.", 123, kPatience);
+  return net::ResolveHost("brief.example.", kNtpPort, kPatience);
 }
 
 void SeamWorld::SetEnvironmentVariable(const std::string& name, const std::optional<std::string>& value) {

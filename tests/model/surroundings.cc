@@ -4,10 +4,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "testing/addresses.h"
+
 namespace skorra::model {
 namespace {
 
-constexpr uint16_t kPort = 123;
 constexpr uint16_t kOtherPort = 1123;
 constexpr int64_t kLookUpLimitUs = 2000000;
 // Requests whose replies can end in the same list are fewer than this apart.
@@ -18,12 +19,12 @@ using Addresses = std::array<net::IPEndPoint, kAddressCount>;
 Addresses MakeAddresses() {
   Addresses addresses;
   for (size_t i = 0; i < 7; ++i) {
-    addresses[i] = net::IPEndPoint::FromIPv4({203, 0, 113, static_cast<uint8_t>(i + 1)}, kPort);
+    addresses[i] = net::IPEndPoint::FromIPv4({203, 0, 113, static_cast<uint8_t>(i + 1)}, kNtpPort);
   }
-  addresses[7] = *net::IPEndPoint::FromLiteral("198.51.100.7", kPort);
+  addresses[7] = Address("198.51.100.7");
   addresses[8] = net::IPEndPoint::FromIPv4({203, 0, 113, 2}, kOtherPort);
   addresses[9] = net::IPEndPoint::FromIPv4({203, 0, 113, 3}, kOtherPort);
-  addresses[10] = *net::IPEndPoint::FromLiteral("2001:db8::7", kPort);
+  addresses[10] = Address("2001:db8::7");
   return addresses;
 }
 
@@ -143,8 +144,8 @@ Surroundings::Answer Surroundings::LookUp(const std::string& name) const {
     Answer answer{{}, candidate.delay_us, candidate.ttl_us};
     for (const int address : candidate.addresses) {
       const auto& bytes = Address(address).bytes();
-      answer.addresses.push_back(
-          net::IPEndPoint::FromIPv4({bytes[0], bytes[1], bytes[2], bytes[3]}, has_port ? kOtherPort : kPort));
+      answer.addresses.push_back(net::IPEndPoint::FromIPv4({bytes[0], bytes[1], bytes[2], bytes[3]},
+                                                           has_port ? kOtherPort : kNtpPort));
     }
     return answer;
   }

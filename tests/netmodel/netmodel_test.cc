@@ -13,6 +13,7 @@
 #include "netmodel/random.h"
 #include "netmodel/server.h"
 #include "platform/net/ip_endpoint.h"
+#include "testing/addresses.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra::netmodel {
@@ -23,10 +24,6 @@ using ::testing::IsEmpty;
 
 constexpr int64_t kSecond = 1000000;
 constexpr int64_t kDay = 86400 * kSecond;
-
-net::IPEndPoint Address(const std::string& text, uint16_t port = 123) {
-  return *net::IPEndPoint::FromLiteral(text, port);
-}
 
 // --- Chance.
 

@@ -86,7 +86,8 @@ TEST_F(DomainListTest, AnEmptyListDuringAnAttemptRestartsFinishedDomains) {
   AddDomains({"a.test", "b.test"});
   manager().Start();
   world.RunFor(Us(0));
-  OnQueue([&] { peer.FinishAndUpdateRequestStats(NtpResult::kNoResult, Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime,
+                  [&] { peer.FinishAndUpdateRequestStats(NtpResult::kNoResult, Domain(0)); });
   log.clear();
   AddDomains({});
   EXPECT_EQ(CountLog(0, "Start request: a.test"), 1u);
@@ -117,7 +118,7 @@ TEST_F(DomainListTest, AnUpdateOnlyPostsOnTheCallersThread) {
 }
 
 TEST_F(DomainListTest, AnUnknownNameYieldsNullAndALogLineEachTime) {
-  OnQueue([&] {
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] {
     EXPECT_EQ(peer.QueryDomainResult("x.test"), nullptr);
     EXPECT_EQ(peer.QueryDomainResult("x.test"), nullptr);
   });
@@ -127,7 +128,8 @@ TEST_F(DomainListTest, AnUnknownNameYieldsNullAndALogLineEachTime) {
 
 TEST_F(DomainListTest, AKnownNameYieldsItsRecord) {
   AddDomains({"a.test"});
-  OnQueue([&] { EXPECT_EQ(peer.QueryDomainResult("a.test"), &Record("a.test")); });
+  world.RunAsTask(core::BusinessID::kNtpTime,
+                  [&] { EXPECT_EQ(peer.QueryDomainResult("a.test"), &Record("a.test")); });
   EXPECT_TRUE(LogLinesWith("Not query").empty());
 }
 
@@ -135,7 +137,7 @@ TEST_F(DomainListTest, AResetMakesEveryRecordFreshAndKeepsTheList) {
   world.SetHost("two.test", {{Address("192.0.2.8"), Address("192.0.2.9")}});
   AddDomains({"a.test", "two.test"});
   log.clear();
-  OnQueue([&] {
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] {
     Record("a.test").result = NtpResult::kMaybeInaccurate;
     Record("two.test").is_requesting = true;
     Domain(1)->samples().push_back({1, 2});
@@ -178,8 +180,9 @@ TEST_F(DomainListTest, TheBetterDomainIsTheOneWithTheLargerCodeUnlessTheCurrentS
     SCOPED_TRACE(std::to_string(c.current_code) + " against " + std::to_string(c.candidate_code));
     Record("a.test").result = static_cast<NtpResult>(c.current_code);
     Record("b.test").result = static_cast<NtpResult>(c.candidate_code);
-    OnQueue(
-        [&] { EXPECT_EQ(peer.SelectBetterDomainInfo(candidate), c.candidate_wins ? candidate : current); });
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] {
+      EXPECT_EQ(peer.SelectBetterDomainInfo(candidate), c.candidate_wins ? candidate : current);
+    });
   }
   EXPECT_EQ(peer.current_domain_info(), current);
 }
@@ -190,7 +193,7 @@ TEST_F(DomainListTest, TheCurrentDomainStaysWhereARecordIsMissing) {
   peer.current_domain_info() = current;
   Record("b.test").result = NtpResult::kMaybeInaccurate;
   const auto stranger = std::make_shared<NtpTimeDomainInfo>("192.0.2.77");
-  OnQueue([&] {
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] {
     EXPECT_EQ(peer.SelectBetterDomainInfo(stranger), current);
     peer.current_domain_info() = stranger;
     EXPECT_EQ(peer.SelectBetterDomainInfo(Domain(1)), stranger);
@@ -202,7 +205,8 @@ TEST_F(DomainListTest, TheCurrentDomainStaysAndBothLookupsAreLoggedWhereBothReco
   const auto current = std::make_shared<NtpTimeDomainInfo>("192.0.2.77");
   const auto candidate = std::make_shared<NtpTimeDomainInfo>("192.0.2.78");
   peer.current_domain_info() = current;
-  OnQueue([&] { EXPECT_EQ(peer.SelectBetterDomainInfo(candidate), current); });
+  world.RunAsTask(core::BusinessID::kNtpTime,
+                  [&] { EXPECT_EQ(peer.SelectBetterDomainInfo(candidate), current); });
   EXPECT_EQ(log, (std::vector<Line>{{1, "Not query domain:192.0.2.77"}, {1, "Not query domain:192.0.2.78"}}));
 }
 

@@ -243,10 +243,10 @@ TEST_F(LifecycleTest, WithoutAQueueTheDelayedStopIsNotPosted) {
 
 TEST_F(LifecycleTest, TheDelayedStopIsNotPostedWhileAnAttemptIsInFlight) {
   peer.is_sync_finished() = false;
-  OnQueue([&] { peer.DelayStopNtpQueueIfNeeded(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.DelayStopNtpQueueIfNeeded(); });
   EXPECT_TRUE(world.posted().empty());
   peer.is_sync_finished() = true;
-  OnQueue([&] { peer.DelayStopNtpQueueIfNeeded(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.DelayStopNtpQueueIfNeeded(); });
   ASSERT_EQ(world.posted().size(), 1u);
   EXPECT_EQ(world.posted()[0].delay_us, 30000000);
 }
@@ -268,7 +268,7 @@ TEST_F(LifecycleTest, TheStatisticsLockIsHeldWhileTheQueueStops) {
       was_locked = IsStatisticsLockHeld();
     }
   });
-  OnQueue([&] { peer.StopNtpQueue(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.StopNtpQueue(); });
   EXPECT_TRUE(was_locked);
 }
 
@@ -285,7 +285,7 @@ TEST_F(LifecycleTest, TheCleaningIsDoneUnderTheStatisticsLock) {
       EXPECT_FALSE(peer.is_started());
     }
   });
-  OnQueue([&] { peer.StopNtpQueue(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.StopNtpQueue(); });
   world.SetSeamHook(nullptr);
   EXPECT_EQ(closed, 1);
 }
@@ -295,7 +295,7 @@ TEST_F(LifecycleTest, AStopLetsANewStartInBeforeItWaitsForTheStatisticsLock) {
   std::thread stop;
   {
     const base::AutoLock lock(peer.stats_lock());
-    stop = std::thread([&] { OnQueue([&] { peer.StopNtpQueue(); }); });
+    stop = std::thread([&] { world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.StopNtpQueue(); }); });
     // The other thread cannot get past the lock. The limit is only reached where it would wait forever.
     for (int yields = 0; peer.is_started() && yields < 10'000'000; ++yields) {
       std::this_thread::yield();

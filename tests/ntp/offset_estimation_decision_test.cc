@@ -6,27 +6,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "ntp/offset_estimation.h"
+#include "testing/samples.h"
 
 namespace skorra {
 namespace {
-
-using Samples = std::vector<NtpResultData>;
-
-Samples FromOffsets(const std::vector<int64_t>& offsets_us) {
-  Samples samples;
-  for (const int64_t offset_us : offsets_us) {
-    samples.push_back({offset_us, 20000});
-  }
-  return samples;
-}
-
-Samples FromRtts(const std::vector<int64_t>& rtts_us) {
-  Samples samples;
-  for (const int64_t rtt_us : rtts_us) {
-    samples.push_back({700, rtt_us});
-  }
-  return samples;
-}
 
 TEST(OffsetEstimationDecisionTest, TrimmingSortsByOffsetAndCutsAQuarterOffEachEnd) {
   struct Case {

@@ -2,6 +2,7 @@
 
 // From samples to one offset: trimming, averaging and grading.
 #include "testing/manager_fixture.h"
+#include "testing/samples.h"
 
 namespace skorra {
 namespace {
@@ -10,28 +11,12 @@ const std::string kName = "192.0.2.11";
 
 class OffsetEstimationTest : public ManagerTest {
  protected:
-  using Samples = std::vector<NtpResultData>;
-
   struct Estimate {
     int64_t offset_us;
     bool is_rtt_reliable;
     bool is_reliable;
   };
 
-  static Samples FromOffsets(const std::vector<int64_t>& offsets_us) {
-    Samples samples;
-    for (const int64_t offset_us : offsets_us) {
-      samples.push_back({offset_us, 20000});
-    }
-    return samples;
-  }
-  static Samples FromRtts(const std::vector<int64_t>& rtts_us) {
-    Samples samples;
-    for (const int64_t rtt_us : rtts_us) {
-      samples.push_back({700, rtt_us});
-    }
-    return samples;
-  }
   static std::vector<int64_t> Offsets(const Samples& samples) {
     std::vector<int64_t> offsets_us;
     for (const NtpResultData& sample : samples) {
@@ -43,7 +28,7 @@ class OffsetEstimationTest : public ManagerTest {
   // `flags_before` is what both flags hold when the call is made.
   Estimate EstimateFrom(Samples samples, bool flags_before = false) {
     Estimate estimate{0, flags_before, flags_before};
-    OnQueue([&] {
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] {
       estimate.offset_us =
           peer.CalculateResultReliableAndGetOffset(samples, estimate.is_rtt_reliable, estimate.is_reliable);
     });
@@ -51,7 +36,7 @@ class OffsetEstimationTest : public ManagerTest {
   }
 
   Samples Trim(Samples samples) {
-    OnQueue([&] { peer.SortAndSplitResultData(samples); });
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.SortAndSplitResultData(samples); });
     return samples;
   }
 
@@ -63,7 +48,7 @@ class OffsetEstimationTest : public ManagerTest {
     }
     Domain(0)->samples() = samples;
     NtpResult result = NtpResult::kNoResult;
-    OnQueue([&] { result = peer.CalculateServerResult(Domain(0)); });
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] { result = peer.CalculateServerResult(Domain(0)); });
     return result;
   }
   NtpDomainResult& record() { return Record(kName); }

@@ -43,7 +43,7 @@ class QualityReportTest : public ManagerTest {
     record().is_requesting = true;
     record().request_start_time_us = peer.GetNowSystemTimestampUs() - age_us;
     record().last_request_start_time_us = peer.GetNowSystemTimestampUs() - burst_age_us;
-    OnQueue([&] { peer.FinishAndUpdateRequestStats(result, Domain(0)); });
+    world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.FinishAndUpdateRequestStats(result, Domain(0)); });
   }
   NtpDomainResult& record() { return Record(kName); }
   NtpFunctionRequestStats& stats(int kind) { return peer.function_request_stats().at(kind); }
@@ -281,7 +281,7 @@ TEST_F(QualityReportTest, ADomainWithoutARecordIsNotCounted) {
   Finish(kGood, 0, 0);
   peer.domain_results().clear();
   log.clear();
-  OnQueue([&] { peer.FinishAndUpdateRequestStats(kGood, Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.FinishAndUpdateRequestStats(kGood, Domain(0)); });
   EXPECT_TRUE(peer.domain_results().empty());
   EXPECT_TRUE(peer.function_request_stats().empty());
   EXPECT_EQ(metrics(), (Metrics{0, 0, 0, 0}));
@@ -293,7 +293,7 @@ TEST_F(QualityReportTest, BothDurationsEndAtOneReadingOfTheClock) {
   record().request_start_time_us = peer.GetNowSystemTimestampUs() - 5000;
   record().last_request_start_time_us = record().request_start_time_us;
   const TickingClocks clocks(world);
-  OnQueue([&] { peer.FinishAndUpdateRequestStats(kGood, Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.FinishAndUpdateRequestStats(kGood, Domain(0)); });
   EXPECT_EQ(record().cost_ms, 5u);
   EXPECT_EQ(record().last_request_cost_ms, 5u);
   EXPECT_EQ(clocks.readings, std::vector{sim::SeamCall::kSteadyClock});

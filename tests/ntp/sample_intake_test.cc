@@ -2,6 +2,7 @@
 
 // Where samples enter the manager, and when a domain has been asked enough.
 #include "testing/manager_fixture.h"
+#include "testing/samples.h"
 
 namespace skorra {
 namespace {
@@ -11,18 +12,6 @@ const std::string kSecond = "192.0.2.12";
 
 class SampleIntakeTest : public ManagerTest {
  protected:
-  static std::vector<NtpResultData> Good(size_t count, int64_t offset_us = 1500) {
-    return std::vector<NtpResultData>(count, NtpResultData{offset_us, 20000});
-  }
-  // Offsets too far apart: a result, but an inaccurate one.
-  static std::vector<NtpResultData> Poor(size_t count) {
-    std::vector<NtpResultData> samples;
-    for (size_t i = 0; i < count; ++i) {
-      samples.push_back({static_cast<int64_t>(i) * 100000, 20000});
-    }
-    return samples;
-  }
-
   // The first address that `name` stands for is 192.0.2.21, the second 192.0.2.22, ...
   void SetHostWithAddresses(const std::string& name, int count) {
     sim::HostEntry host;
@@ -242,7 +231,8 @@ TEST_F(SampleIntakeTest, ADomainIsEvaluatedByItsTimeOrByItsSamples) {
     Record(kFirst).is_requesting = true;
     Domain(0)->samples() = Poor(c.samples);
     const size_t posted = world.posted().size();
-    OnQueue([&] { peer.CheckServerResult(peer.GetNowSystemTimestampUs() - c.age_us, Domain(0)); });
+    world.RunAsTask(core::BusinessID::kNtpTime,
+                    [&] { peer.CheckServerResult(peer.GetNowSystemTimestampUs() - c.age_us, Domain(0)); });
     EXPECT_EQ(Record(kFirst).is_requesting, !c.is_evaluated);
     EXPECT_EQ(Domain(0)->samples().size(), c.is_evaluated ? 0 : c.samples);
     ASSERT_EQ(world.posted().size() - posted, c.is_evaluated ? 0u : 1u);
@@ -299,7 +289,7 @@ TEST_F(SampleIntakeTest, ARepostedCheckKeepsTheTimeAtWhichItsBurstStarted) {
   BeginAttempt({kFirst, kSecond});
   UseUpRepetition(0);
   const int64_t start_us = peer.GetNowSystemTimestampUs() - 2700000;
-  OnQueue([&] { peer.CheckServerResult(start_us, Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.CheckServerResult(start_us, Domain(0)); });
   world.RunFor(Us(399999));
   EXPECT_TRUE(Record(kFirst).is_requesting);
   world.RunFor(Us(1));
@@ -319,7 +309,7 @@ TEST_F(SampleIntakeTest, ARetryHasChecksAndATimeLimitOfItsOwn) {
 TEST_F(SampleIntakeTest, TheFirstCheckRunsWithinTheTaskThatPostsTheBurst) {
   BeginAttempt({kFirst, kSecond});
   Domain(0)->samples() = Poor(6);
-  OnQueue([&] { peer.SendPacketToServer(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.SendPacketToServer(Domain(0)); });
   EXPECT_FALSE(Record(kFirst).is_requesting);
   EXPECT_TRUE(Domain(0)->samples().empty());
 }
@@ -339,7 +329,8 @@ TEST_F(SampleIntakeTest, ACheckOfAStoppedManagerNeitherEvaluatesNorPosts) {
   Domain(0)->samples() = Good(6);
   peer.is_started() = false;
   const size_t posted = world.posted().size();
-  OnQueue([&] { peer.CheckServerResult(peer.GetNowSystemTimestampUs() - 4000000, Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime,
+                  [&] { peer.CheckServerResult(peer.GetNowSystemTimestampUs() - 4000000, Domain(0)); });
   EXPECT_EQ(Domain(0)->samples().size(), 6u);
   EXPECT_TRUE(Record(kFirst).is_requesting);
   EXPECT_EQ(world.posted().size(), posted);

@@ -133,7 +133,7 @@ TEST_F(SyncAttemptTest, ADomainThatIsAlreadyRequestingIsNotStartedAgain) {
   world.RunFor(Us(0));
   ASSERT_TRUE(Record("a.test").is_requesting);
   const size_t before = world.posted().size();
-  OnQueue([&] { peer.StartRequest(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.StartRequest(); });
   EXPECT_EQ(CountLog(0, "Start request: a.test"), 1u);
   EXPECT_EQ(world.posted().size(), before);
 }
@@ -157,7 +157,7 @@ TEST_F(SyncAttemptTest, AllIdleDomainsStartInListOrderInTheSameTask) {
 TEST_F(SyncAttemptTest, ADomainWithoutARecordIsNotStarted) {
   AddDomains({"a.test"});
   peer.domain_results().clear();
-  OnQueue([&] { peer.StartRequest(); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.StartRequest(); });
   EXPECT_EQ(CountLog(1, "Not query domain:a.test"), 1u);
   EXPECT_TRUE(LogLinesWith("Start request").empty());
 }
@@ -182,7 +182,7 @@ TEST_F(SyncAttemptTest, AMissingRecordDoesNotStopABurst) {
   world.RunFor(Us(0));
   peer.domain_results().clear();
   const size_t before = world.posted().size();
-  OnQueue([&] { peer.SendPacketToServer(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.SendPacketToServer(Domain(0)); });
   EXPECT_EQ(world.posted().size(), before + 21);
 }
 
@@ -334,7 +334,8 @@ TEST_F(SyncAttemptTest, AStoppedManagerRetriesFinishesAndCountsNothing) {
   peer.is_started() = false;
   log.clear();
   const size_t before = world.posted().size();
-  OnQueue([&] { EXPECT_FALSE(peer.CheckAndRetryDomainRequestIfPending(Domain(0))); });
+  world.RunAsTask(core::BusinessID::kNtpTime,
+                  [&] { EXPECT_FALSE(peer.CheckAndRetryDomainRequestIfPending(Domain(0))); });
   EXPECT_EQ(world.posted().size(), before);
   EXPECT_TRUE(Record("two.test").is_requesting);
   EXPECT_EQ(Domain(0)->GetCurrentIPAddress(), Address("192.0.2.8"));
@@ -346,7 +347,7 @@ TEST_F(SyncAttemptTest, ADomainWithoutARecordIsNeitherRetriedNorFinished) {
   AddDomains({"two.test"});
   peer.domain_results().clear();
   peer.is_started() = true;
-  OnQueue([&] {
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] {
     EXPECT_FALSE(peer.RetryDomainRequestIfNeeded(Domain(0)));
     EXPECT_FALSE(peer.CheckAndRetryDomainRequestIfPending(Domain(0)));
     EXPECT_TRUE(peer.IsAllDomainRequestsFinished());
@@ -356,12 +357,12 @@ TEST_F(SyncAttemptTest, ADomainWithoutARecordIsNeitherRetriedNorFinished) {
 }
 
 TEST_F(SyncAttemptTest, AllRequestsAreFinishedOnceNoDomainIsRequesting) {
-  OnQueue([&] { EXPECT_TRUE(peer.IsAllDomainRequestsFinished()); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { EXPECT_TRUE(peer.IsAllDomainRequestsFinished()); });
   AddDomains({"a.test", "b.test"});
   Record("b.test").is_requesting = true;
-  OnQueue([&] { EXPECT_FALSE(peer.IsAllDomainRequestsFinished()); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { EXPECT_FALSE(peer.IsAllDomainRequestsFinished()); });
   Record("b.test").is_requesting = false;
-  OnQueue([&] { EXPECT_TRUE(peer.IsAllDomainRequestsFinished()); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { EXPECT_TRUE(peer.IsAllDomainRequestsFinished()); });
 }
 
 TEST_F(SyncAttemptTest, TheFirstDomainToFinishBecomesTheReferenceOnlyOnce) {
@@ -371,7 +372,7 @@ TEST_F(SyncAttemptTest, TheFirstDomainToFinishBecomesTheReferenceOnlyOnce) {
   UseUpRepetition(1);
   Record("a.test").is_requesting = true;
   Record("b.test").is_requesting = true;
-  OnQueue([&] {
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] {
     EXPECT_FALSE(peer.CheckAndRetryDomainRequestIfPending(Domain(1)));
     EXPECT_EQ(peer.current_domain_info(), Domain(1));
     EXPECT_TRUE(peer.CheckAndRetryDomainRequestIfPending(Domain(0)));

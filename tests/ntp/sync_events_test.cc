@@ -345,11 +345,12 @@ Course RunCourse(const std::shared_ptr<NtpSyncListener>& listener) {
   sim::Network network(world);
   NtpAddressLedger::GetInstance()->Clear();
   AddNtpSyncListener(listener);
-  base::SetLogThreshold(base::kLogProgress);
-  base::SetLogSink([&](const base::LogLine& line) { course.log.push_back(base::FormatLogLine(line)); });
+  const LogSinkScope log_sink(
+      [&](const base::LogLine& line) { course.log.push_back(base::FormatLogLine(line)); },
+      base::kLogProgress);
   world.SetSeamHook([&](sim::SeamCall call) { course.seam_calls.push_back(call); });
-  const auto server = *net::IPEndPoint::FromLiteral(kName, 123);
-  const auto liar = *net::IPEndPoint::FromLiteral("192.0.2.12", 123);
+  const auto server = Address(kName);
+  const auto liar = Address("192.0.2.12");
   network.AddServer(server, {.clock_error_us = 700});
   network.AddServer(liar, {.leap_indicator = kNtpLeapUnsynchronized});
   {
@@ -364,7 +365,6 @@ Course RunCourse(const std::shared_ptr<NtpSyncListener>& listener) {
     world.RunFor(base::TimeDelta::FromSeconds(60));
   }
   world.SetSeamHook(nullptr);
-  base::SetLogSink(nullptr);
   RemoveNtpSyncListener(listener.get());
   for (const sim::PostedTask& task : world.posted()) {
     course.tasks.push_back(task.posted_ticks_us - world.begin_ticks_us() + task.delay_us);

@@ -3,6 +3,7 @@
 // How an attempt ends: which result is kept, what is logged and counted, and what the observers hear.
 #include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
+#include "testing/samples.h"
 #include "testing/ticking_clocks.h"
 
 namespace skorra {
@@ -47,19 +48,6 @@ class SyncOutcomeTest : public ManagerTest {
     peer.system_offset_from_steady_us() = kept.system_offset_us;
   }
 
-  // Six samples that give this offset, a code of 0 or of 1.
-  static std::vector<NtpResultData> Good(int64_t offset_us) {
-    return std::vector<NtpResultData>(6, NtpResultData{offset_us, 20000});
-  }
-  static std::vector<NtpResultData> Poor(int64_t offset_us) {
-    std::vector<NtpResultData> samples(6, NtpResultData{offset_us, 20000});
-    samples[0].offset_us -= 100000;
-    samples[1].offset_us -= 100000;
-    samples[2].offset_us += 100000;
-    samples[3].offset_us += 100000;
-    return samples;
-  }
-
   // One attempt of a single domain with an answered burst, or one without a usable reply, up to its outcome.
   void Attempt(const std::vector<NtpResultData>& samples) {
     BeginAttempt({kFirst});
@@ -98,7 +86,7 @@ TEST_F(SyncOutcomeTest, ANewResultReplacesTheKeptOneOnlyWhenItIsAtLeastAsGood) {
       record.offset_us = c.now == kNone ? INT64_MAX : 22;
       record.is_rtt_reliable = !flag;
       record.is_reliable = flag;
-      OnQueue([&] { peer.UpdateNtpResultIfBetter(&record, 6); });
+      world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.UpdateNtpResultIfBetter(&record, 6); });
       if (c.is_replaced) {
         EXPECT_EQ(kept(), (Kept{record.offset_us, c.now, !flag, flag, 6}));
         EXPECT_TRUE(log.empty());
@@ -118,7 +106,7 @@ TEST_F(SyncOutcomeTest, ANewResultReplacesTheKeptOneOnlyWhenItIsAtLeastAsGood) {
 TEST_F(SyncOutcomeTest, TheFirstSuccessReplacesTheProvisionalOffset) {
   BeginAttempt({kFirst});
   peer.manager().OnFirstPacketReceived(999);
-  Receive(first, Good(1500));
+  Receive(first, GoodBurst(1500));
   world.RunFor(Ms(200));
   EXPECT_EQ(kept(), (Kept{1500, kGood, true, true, world.wall_us() - world.steady_ticks_us()}));
   ASSERT_EQ(observer->outcomes.size(), 1u);
@@ -130,7 +118,7 @@ TEST_F(SyncOutcomeTest, TheFirstSuccessReplacesTheProvisionalOffset) {
 TEST_F(SyncOutcomeTest, ASuccessStampsBothClocksAndTheCostOfTheLastRequest) {
   BeginAttempt({kFirst});
   world.RunFor(Ms(200));
-  Receive(first, Good(1500));
+  Receive(first, GoodBurst(1500));
   world.RunFor(Ms(200));
   EXPECT_EQ(peer.last_request_cost_ms(), 400u);
   EXPECT_EQ(peer.last_sync_ntp_timestamp_us(), world.wall_us() + 1500 - base::kWindowsToUnixEpochUs);
@@ -144,7 +132,7 @@ TEST_F(SyncOutcomeTest, ASuccessStampsTheNtpClockThenTheWallClockThenReadsTheNtp
   // Readings come 1 ms apart: what a stamp shows tells which reading it was.
   const int64_t before_us = world.wall_us();
   const TickingClocks clocks(world);
-  OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
   const int64_t ntp_us = peer.last_sync_ntp_timestamp_us() + base::kWindowsToUnixEpochUs;
   EXPECT_GT(ntp_us, before_us) << "the costs are computed from an earlier reading";
   EXPECT_EQ(peer.last_sync_local_time_ms(), ntp_us / 1000 + 1);
@@ -159,7 +147,7 @@ TEST_F(SyncOutcomeTest, ASuccessIsLoggedWithItsMeasuresTheTimeTheDomainAndTheAdd
   world.SetHost("two.test", {{Address("192.0.2.21"), Address("192.0.2.22")}});
   BeginAttempt({"two.test"});
   world.RunFor(S(3));
-  Receive(Address("192.0.2.22"), Good(-250));
+  Receive(Address("192.0.2.22"), GoodBurst(-250));
   log.clear();
   world.RunFor(Ms(200));
   EXPECT_THAT(log, ::testing::ElementsAre(Line{
@@ -175,7 +163,7 @@ TEST_F(SyncOutcomeTest, TheObserversHearTheAnsweringAddressWhereTheSuccessLineNa
   BeginAttempt({kFirst});
   Record(kFirst).result = kGood;
   Record(kFirst).endpoint = Address("192.0.2.77", 1123);
-  OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
   EXPECT_EQ(observer->outcomes.at(0).server, Address("192.0.2.77", 1123));
   const auto lines = LogLinesWith("NTP time sync successful");
   ASSERT_EQ(lines.size(), 1u);
@@ -185,7 +173,7 @@ TEST_F(SyncOutcomeTest, TheObserversHearTheAnsweringAddressWhereTheSuccessLineNa
 TEST_F(SyncOutcomeTest, ASuccessCountsTheDomainsRequestAndTheAttempt) {
   const uint64_t finished = base::KeyMetrics::GetPV(37006);
   const uint64_t succeeded = base::KeyMetrics::GetPV(37005);
-  Attempt(Good(0));
+  Attempt(GoodBurst(0));
   for (const int kind : {0, 2}) {
     EXPECT_EQ(Stats(kind), (NtpFunctionRequestStats{200, 200, 1, 1, kind, 0, 200}));
   }
@@ -196,7 +184,7 @@ TEST_F(SyncOutcomeTest, ASuccessCountsTheDomainsRequestAndTheAttempt) {
 
 TEST_F(SyncOutcomeTest, WhenTheSuccessLineIsWrittenTheResultIsKeptAndTheAttemptStillOpen) {
   BeginAttempt({kFirst});
-  Receive(first, Good(1500));
+  Receive(first, GoodBurst(1500));
   int lines = 0;
   base::SetLogSink([&](const base::LogLine& line) {
     ++lines;
@@ -220,7 +208,7 @@ TEST_F(SyncOutcomeTest, WhenTheSuccessLineIsWrittenTheResultIsKeptAndTheAttemptS
 
 TEST_F(SyncOutcomeTest, WhenObserversHearOfASuccessItIsCountedAndTheRecordsAreStillThere) {
   BeginAttempt({kFirst});
-  Receive(first, Good(1500));
+  Receive(first, GoodBurst(1500));
   observer->on_outcome = [&] {
     EXPECT_TRUE(peer.is_sync_finished());
     EXPECT_FALSE(peer.is_started());
@@ -252,14 +240,14 @@ TEST_F(SyncOutcomeTest, ASuccessResetsAllDomainsButKeepsTheWinner) {
 }
 
 TEST_F(SyncOutcomeTest, ASuccessKeepsTheTimeBaseThatItsSamplesWereMeasuredAgainst) {
-  Attempt(Good(100));
+  Attempt(GoodBurst(100));
   world.StepWall(S(2));
   const int64_t step_us = 2000000;
   const int64_t base_us = peer.system_offset_from_steady_us();
   ASSERT_EQ(manager().Start(), 0);
   world.RunFor(Us(0));
   EXPECT_EQ(peer.system_offset_from_steady_us(), base_us) << "changed before there was a result";
-  Receive(first, Good(100 - step_us));
+  Receive(first, GoodBurst(100 - step_us));
   log.clear();
   world.RunFor(Ms(200));
   EXPECT_EQ(kept(), (Kept{100 - step_us, kGood, true, true, base_us + step_us}));
@@ -268,7 +256,7 @@ TEST_F(SyncOutcomeTest, ASuccessKeepsTheTimeBaseThatItsSamplesWereMeasuredAgains
 }
 
 TEST_F(SyncOutcomeTest, AWallClockStepDuringTheAttemptDoesNotChangeTheTimeBaseOfItsResult) {
-  for (const auto& samples : {Poor(100), Good(200)}) {
+  for (const auto& samples : {PoorBurst(100), GoodBurst(200)}) {
     const int64_t base_us = peer.system_offset_from_steady_us();
     BeginAttempt({kFirst});
     Receive(first, samples);
@@ -290,7 +278,7 @@ TEST_F(SyncOutcomeTest, ASuccessWithoutARecordLeavesTheAttemptOpen) {
     EXPECT_EQ(line.text, "Not query domain:192.0.2.11");
     best_domains.push_back(peer.current_domain_info());
   });
-  OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
   EXPECT_THAT(best_domains, ::testing::ElementsAre(nullptr, Domain(0)))
       << "the lookup for the statistics comes before the domain is taken, its own after that";
   EXPECT_EQ(peer.current_domain_info(), Domain(0));
@@ -331,7 +319,7 @@ TEST_F(SyncOutcomeTest, APoorResultAlongsideAKeptSuccessIsReportedAsInaccurate) 
   BeginAttempt({kFirst});
   KeepGoodResult(500);
   const Kept before = kept();
-  Receive(first, Poor(7000));
+  Receive(first, PoorBurst(7000));
   world.RunFor(Ms(200));
   EXPECT_EQ(kept(), before);
   EXPECT_THAT(log, ::testing::ElementsAre(
@@ -363,7 +351,7 @@ TEST_F(SyncOutcomeTest, AFailureAlongsideAKeptSuccessIsReportedAsInaccurate) {
 }
 
 TEST_F(SyncOutcomeTest, AFailureAlongsideAKeptPoorResultPrintsThatItHadNoOffset) {
-  Attempt(Poor(4000));
+  Attempt(PoorBurst(4000));
   ASSERT_EQ(peer.ntp_offset_us(), 4000);
   observer->outcomes.clear();
   Attempt({});
@@ -381,19 +369,19 @@ TEST_F(SyncOutcomeTest, AFailureAlongsideAKeptPoorResultPrintsThatItHadNoOffset)
 }
 
 TEST_F(SyncOutcomeTest, OfTwoPoorResultsTheNewerOneIsKept) {
-  Attempt(Poor(4000));
+  Attempt(PoorBurst(4000));
   EXPECT_EQ(peer.ntp_offset_us(), 4000);
-  Attempt(Poor(5000));
+  Attempt(PoorBurst(5000));
   EXPECT_EQ(kept(), (Kept{5000, kPoor, true, false, world.wall_us() - world.steady_ticks_us()}));
   EXPECT_EQ(observer->outcomes.size(), 2u);
 }
 
 TEST_F(SyncOutcomeTest, AnAttemptWithoutSuccessTouchesNeitherTheStampsNorTheCost) {
-  Attempt(Good(0));
+  Attempt(GoodBurst(0));
   const int64_t ntp_us = peer.last_sync_ntp_timestamp_us();
   const int64_t local_ms = peer.last_sync_local_time_ms();
   ASSERT_NE(ntp_us, 0);
-  for (const auto& samples : {Poor(50), {}}) {
+  for (const auto& samples : {PoorBurst(50), {}}) {
     peer.last_request_cost_ms() = 900;  // so that the result is not fresh
     Attempt(samples);
     EXPECT_EQ(peer.last_request_cost_ms(), 900u);
@@ -404,13 +392,13 @@ TEST_F(SyncOutcomeTest, AnAttemptWithoutSuccessTouchesNeitherTheStampsNorTheCost
 }
 
 TEST_F(SyncOutcomeTest, AKeptPoorResultKeepsTheTimeBaseOfItsOwnAttempt) {
-  Attempt(Good(0));
+  Attempt(GoodBurst(0));
   world.StepWall(S(-3));
   const int64_t base_us = peer.system_offset_from_steady_us();
   Attempt({});
   EXPECT_EQ(peer.system_offset_from_steady_us(), base_us) << "a failure replaced the time base";
   ASSERT_EQ(peer.last_result(), kPoor) << "the step was not noticed";
-  Attempt(Poor(3000000));
+  Attempt(PoorBurst(3000000));
   EXPECT_EQ(kept(), (Kept{3000000, kPoor, true, false, base_us - 3000000}));
 }
 
@@ -429,7 +417,7 @@ TEST_F(SyncOutcomeTest, TheFailureLineGivesTheSampleCountOfTheRecord) {
   BeginAttempt({kFirst});
   peer.current_domain_info() = Domain(0);
   Record(kFirst).sample_count = 4;
-  OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpErrorResult(Domain(0)); });
   EXPECT_EQ(CountLog(0, "NTP time sync failed:192.0.2.11, use sample count:4, IP:192.0.2.11:123"), 1u);
 }
 
@@ -509,7 +497,7 @@ TEST_F(SyncOutcomeTest, AnAttemptWithoutSuccessIsReportedForTheDomainWithTheLarg
     BeginAttempt({kFirst, kSecond});
     // Five samples are evaluated at three seconds; two say nothing.
     auto samples_of = [](bool is_poor, int64_t offset_us) {
-      auto samples = Poor(offset_us);
+      auto samples = PoorBurst(offset_us);
       samples.resize(is_poor ? 5 : 2);
       return samples;
     };
@@ -534,7 +522,7 @@ TEST_F(SyncOutcomeTest, TheErrorPathDoesNotCountTheDomainsRequestAgain) {
   BeginAttempt({kFirst});
   peer.current_domain_info() = Domain(0);
   Record(kFirst).cost_ms = 77;
-  OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpErrorResult(Domain(0)); });
   EXPECT_EQ(peer.function_request_stats().size(), 1u);
   EXPECT_EQ(Stats(2), (NtpFunctionRequestStats{77, 77, 1, 0, 2, 1, 77}));
   EXPECT_TRUE(peer.is_sync_finished());
@@ -543,14 +531,14 @@ TEST_F(SyncOutcomeTest, TheErrorPathDoesNotCountTheDomainsRequestAgain) {
 TEST_F(SyncOutcomeTest, AnAttemptTooShortToBeMeasuredIsCountedAsAnAttempt) {
   BeginAttempt({kFirst});
   Record(kFirst).result = kGood;
-  OnQueue([&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpSuccessResult(Domain(0)); });
   EXPECT_EQ(peer.function_request_stats().size(), 1u);
   EXPECT_EQ(Stats(2), (NtpFunctionRequestStats{0, 0, 1, 1, 2, 0, 0}));
 }
 
 TEST_F(SyncOutcomeTest, TheBestDomainOutlivesTheAttemptAndTheStop) {
   BeginAttempt({kFirst, kSecond});
-  Receive(second, Good(0));
+  Receive(second, GoodBurst(0));
   world.RunFor(Ms(200));
   EXPECT_EQ(peer.current_domain_info(), Domain(1));
   world.RunFor(S(60));
@@ -562,7 +550,7 @@ TEST_F(SyncOutcomeTest, TheBestDomainOutlivesTheAttemptAndTheStop) {
 // The comparison starts from the domain that the previous outcome left, whose record is of this attempt.
 TEST_F(SyncOutcomeTest, OnATieTheDomainOfThePreviousOutcomeIsReported) {
   BeginAttempt({kFirst, kSecond});
-  Receive(second, Good(0));
+  Receive(second, GoodBurst(0));
   world.RunFor(Ms(200));
   peer.last_result() = kNone;
   log.clear();
@@ -577,7 +565,7 @@ TEST_F(SyncOutcomeTest, AnErrorWithoutARecordOfTheBestDomainLeavesTheAttemptOpen
   Record(kSecond).result = kPoor;
   const NtpDomainResult other = Record(kSecond);
   const Kept before = kept();
-  OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(1)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpErrorResult(Domain(1)); });
   EXPECT_THAT(log, ::testing::ElementsAre(Line{1, "Not query domain:192.0.2.11"},
                                           Line{1, "Not query domain:192.0.2.11"}))
       << "one lookup for the choice, one of its own";
@@ -594,7 +582,7 @@ TEST_F(SyncOutcomeTest, AnErrorWithoutARecordOfTheLastDomainIsReportedForTheOthe
   BeginAttempt({kFirst, kSecond});
   peer.current_domain_info() = Domain(0);
   peer.domain_results().erase(kSecond);
-  OnQueue([&] { peer.HandleServerNtpErrorResult(Domain(1)); });
+  world.RunAsTask(core::BusinessID::kNtpTime, [&] { peer.HandleServerNtpErrorResult(Domain(1)); });
   EXPECT_EQ(CountLog(1, "Not query domain:192.0.2.12"), 1u);
   EXPECT_EQ(LogLinesWith("NTP time sync failed:192.0.2.11").size(), 1u);
   EXPECT_EQ(observer->outcomes.size(), 1u);
@@ -602,7 +590,7 @@ TEST_F(SyncOutcomeTest, AnErrorWithoutARecordOfTheLastDomainIsReportedForTheOthe
 
 TEST_F(SyncOutcomeTest, TheNextAttemptStartsFromCleanDomains) {
   Attempt({});
-  Attempt(Good(42));
+  Attempt(GoodBurst(42));
   ASSERT_EQ(observer->outcomes.size(), 2u);
   EXPECT_EQ(observer->outcomes[1].result, kGood);
   EXPECT_EQ(peer.ntp_offset_us(), 42);

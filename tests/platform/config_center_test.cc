@@ -13,6 +13,8 @@
 #include "platform/base/log.h"
 #include "platform/config/vorq_env_config.h"
 #include "sim/world.h"
+#include "testing/config_scope.h"
+#include "testing/log_recorder.h"
 
 namespace config {
 namespace {
@@ -27,24 +29,9 @@ constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
 // Each test begins and ends without values in the program's and the environment's layers.
 class ConfigCenterTest : public ::testing::Test {
  protected:
-  ConfigCenterTest() {
-    base::SetLogSink([this](const base::LogLine& line) { lines_.push_back(line); });
-    Clear();
-  }
+  ConfigCenterTest() { center_.LoadEnvironment(); }
   ~ConfigCenterTest() override {
-    Clear();
-    base::SetLogSink({});
-  }
-
-  void Clear() {
-    for (const NumberEntry* entry : BaseCfg().numbers()) {
-      world_.SetEnvironmentVariable(entry->environment_variable, std::nullopt);
-      center_.Set(*entry, std::nullopt);
-    }
-    for (const TextEntry* entry : BaseCfg().texts()) {
-      world_.SetEnvironmentVariable(entry->environment_variable, std::nullopt);
-      center_.Set(*entry, std::nullopt);
-    }
+    const skorra::sim::World without_variables;
     center_.LoadEnvironment();
   }
 
@@ -57,9 +44,10 @@ class ConfigCenterTest : public ::testing::Test {
     return center_.GetValueWithPriority(BaseCfg().ntp_sync_interval, std::nullopt);
   }
 
+  const skorra::ConfigScope no_values_;
   skorra::sim::World world_;
   ConfigCenterImpl& center_ = *ConfigCenterImpl::GetInstance();
-  std::vector<base::LogLine> lines_;
+  skorra::LogRecorder log_;
 };
 
 TEST_F(ConfigCenterTest, ThereIsOneCenter) {
@@ -135,7 +123,7 @@ TEST_F(ConfigCenterTest, WholeNumbersAreReadFromTheEnvironment) {
     EXPECT_THAT(LoadEnvironmentWith("SKORRA_NTP_SYNC_INTERVAL", c.text), IsEmpty()) << c.what;
     EXPECT_EQ(Interval(), c.value) << c.what;
   }
-  EXPECT_THAT(lines_, IsEmpty());
+  EXPECT_THAT(log_.lines, IsEmpty());
 }
 
 TEST_F(ConfigCenterTest, ABadEnvironmentValueIsReportedWithItsVariableAndIgnored) {
@@ -158,14 +146,14 @@ TEST_F(ConfigCenterTest, ABadEnvironmentValueIsReportedWithItsVariableAndIgnored
       {"SKORRA_NTP_RESOLVE_TIMEOUT_MS", "60001", "above the range"},
   };
   for (const Case& c : cases) {
-    Clear();
-    lines_.clear();
+    log_.lines.clear();
     EXPECT_THAT(LoadEnvironmentWith(c.variable, c.text), ElementsAre(HasSubstr(c.variable))) << c.what;
-    ASSERT_EQ(lines_.size(), 1u) << c.what;
-    EXPECT_EQ(lines_[0].level, base::kLogFailure) << c.what;
-    EXPECT_THAT(lines_[0].text, HasSubstr(c.variable)) << c.what;
+    ASSERT_EQ(log_.lines.size(), 1u) << c.what;
+    EXPECT_EQ(log_.lines[0].level, base::kLogFailure) << c.what;
+    EXPECT_THAT(log_.lines[0].text, HasSubstr(c.variable)) << c.what;
     EXPECT_EQ(Interval(), std::nullopt) << c.what;
     EXPECT_EQ(center_.GetValueWithPriority(BaseCfg().ntp_resolve_timeout_ms, 2000), 2000u) << c.what;
+    world_.SetEnvironmentVariable(c.variable, std::nullopt);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
+#include "testing/log_recorder.h"
 #include "testing/seam_world.h"
 #include "testing/temp_dir.h"
 
@@ -20,13 +21,7 @@ using ::testing::SizeIs;
 
 class ConfigFileTest : public ::testing::Test {
  protected:
-  ConfigFileTest() : path_(directory_ / "skorra.toml") {
-    base::SetLogSink([this](const base::LogLine& line) { lines_.push_back(line); });
-  }
-  ~ConfigFileTest() override {
-    center_.LoadFile(directory_ / "absent");
-    base::SetLogSink({});
-  }
+  ~ConfigFileTest() override { center_.LoadFile(directory_ / "absent"); }
 
   std::vector<std::string> Load(const std::string& text) {
     skorra::WriteFile(path_, text);
@@ -42,9 +37,9 @@ class ConfigFileTest : public ::testing::Test {
 
   skorra::SeamWorld world_;
   const skorra::TempDir directory_;
-  const std::string path_;
+  const std::string path_ = directory_ / "skorra.toml";
   ConfigCenterImpl& center_ = *ConfigCenterImpl::GetInstance();
-  std::vector<base::LogLine> lines_;
+  skorra::LogRecorder log_;
 };
 
 TEST_F(ConfigFileTest, EveryEntryIsRead) {
@@ -54,7 +49,7 @@ TEST_F(ConfigFileTest, EveryEntryIsRead) {
   EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), 9223372036854775807u);
   EXPECT_EQ(Number(BaseCfg().ntp_resolve_timeout_ms), 1500u);
   EXPECT_EQ(Domain(), "ntp.example.org");
-  EXPECT_THAT(lines_, IsEmpty());
+  EXPECT_THAT(log_.lines, IsEmpty());
 }
 
 TEST_F(ConfigFileTest, DottedKeysAreTheSameAsTables) {
@@ -100,12 +95,12 @@ TEST_F(ConfigFileTest, ABadLineIsReportedWithFileAndLineAndTheOthersCount) {
       {"sync_interval.seconds = 60", "ntp.sync_interval: must be a whole number", "a key below an entry"},
   };
   for (const Case& c : cases) {
-    lines_.clear();
+    log_.lines.clear();
     const auto messages = Load("[ntp]\ndefault_domain = \"ntp.example.org\"\n" + std::string(c.line) + "\n");
     EXPECT_THAT(messages, ElementsAre(HasSubstr(path_ + ":3: " + c.message))) << c.what;
-    ASSERT_THAT(lines_, SizeIs(1)) << c.what;
-    EXPECT_EQ(lines_[0].level, base::kLogFailure) << c.what;
-    EXPECT_EQ(lines_[0].text, messages[0]) << c.what;
+    ASSERT_THAT(log_.lines, SizeIs(1)) << c.what;
+    EXPECT_EQ(log_.lines[0].level, base::kLogFailure) << c.what;
+    EXPECT_EQ(log_.lines[0].text, messages[0]) << c.what;
     EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), std::nullopt) << c.what;
     EXPECT_EQ(Number(BaseCfg().ntp_resolve_timeout_ms), std::nullopt) << c.what;
     EXPECT_EQ(Domain(), "ntp.example.org") << c.what;
@@ -171,9 +166,9 @@ TEST_F(ConfigFileTest, AFileThatCannotBeReadIsReportedAndClearsTheLayer) {
   };
   for (const Case& c : cases) {
     Load("[ntp]\nsync_interval = 60\n");
-    lines_.clear();
+    log_.lines.clear();
     EXPECT_THAT(center_.LoadFile(c.path), ElementsAre(HasSubstr(c.message))) << c.path;
-    EXPECT_THAT(lines_, SizeIs(1)) << c.path;
+    EXPECT_THAT(log_.lines, SizeIs(1)) << c.path;
     EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), std::nullopt) << c.path;
   }
 }

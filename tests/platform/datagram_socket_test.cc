@@ -10,36 +10,23 @@
 #include <time.h>
 
 #include <atomic>
-#include <future>
 #include <numeric>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "platform/base/clock.h"
-#include "platform/core/thread_manager.h"
 #include "testing/loopback_udp.h"
+#include "testing/ntp_queue.h"
 #include "testing/refuse_system_call.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace net {
 namespace {
 
 using skorra::LoopbackUdp;
-
-constexpr base::Location kHere = base::Location::CreateFromHere("tests/datagram_socket_test", 1);
-
-// Runs `function` as a task and waits for its end.
-template <class Function>
-void RunAsTask(Function function, int64_t instance = -1) {
-  std::promise<void> done;
-  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, {})
-      ->PostTask(kHere, base::BindOnce([&] {
-                   function();
-                   done.set_value();
-                 }));
-  done.get_future().wait();
-}
+using skorra::RunOnNtpQueue;
 
 struct Received {
   std::vector<uint8_t> bytes;
@@ -90,7 +77,7 @@ class Client {
   // Runs `function` on the socket's queue.
   template <class Function>
   void Run(Function function) {
-    RunAsTask(function, instance_);
+    RunOnNtpQueue(function, instance_);
   }
   // On the queue only.
   SocketError Send(const std::vector<uint8_t>& bytes, uint32_t* send_id = nullptr) {
@@ -158,7 +145,7 @@ TEST(DatagramSocketTest, IPv6WorksLikeIPv4) {
     GTEST_SKIP() << "no IPv6 loopback address here";
   }
   Client client(peer.local());
-  RunAsTask([&] { EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone); });
+  RunOnNtpQueue([&] { EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone); });
   EXPECT_EQ(peer.Receive(skorra::kPatienceMs), Bytes(48));
   ASSERT_TRUE(peer.SendTo(client.local, Bytes(60)));
   ASSERT_TRUE(client.WaitForDatagrams(1));
@@ -179,7 +166,7 @@ void ExpectTimeOfArrival(int64_t busy_us) {
     int64_t before_ticks_us = 0;
     int64_t after_ticks_us = 0;
     int64_t read_ticks_us = 0;
-    RunAsTask([&] {
+    RunOnNtpQueue([&] {
       before_ticks_us = base::GetSteadyTimeTicks();
       EXPECT_TRUE(peer.SendTo(client.local, Bytes(48)));
       after_ticks_us = base::GetSteadyTimeTicks();
@@ -202,7 +189,7 @@ TEST(DatagramSocketTest, TheReceiveTimeIsThatOfTheArrivalAlsoWhenTheQueueIsBusyF
 
 TEST(DatagramSocketTest, AMessageAboutAnEarlierDatagramDoesNotCostTheNextOne) {
   Client client(skorra::UnusedEndPoint());
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     // On loopback the message of the first is there when the second is sent.
     EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone);
     EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone);
@@ -222,7 +209,7 @@ TEST(DatagramSocketTest, EachSendIsNumberedAndReportedWithTheMomentAtWhichItLeft
     int64_t after_ticks_us;
   };
   std::vector<Limits> limits;
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     for (uint32_t i = 0; i < 5; ++i) {
       uint32_t id = 99;
       const int64_t before_ticks_us = base::GetSteadyTimeTicks();
@@ -245,7 +232,7 @@ TEST(DatagramSocketTest, EachSendIsNumberedAndReportedWithTheMomentAtWhichItLeft
 TEST(DatagramSocketTest, TheMomentOfSendingIsReportedBeforeTheAnswerIsDelivered) {
   const LoopbackUdp peer;
   Client client(peer.local());
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     // All is there before the queue can read any of it.
     for (int i = 0; i < 3; ++i) {
       EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone);
@@ -276,7 +263,7 @@ void ExpectIdle(Client& client) {
 TEST(DatagramSocketTest, StampsOfSendsDoNotKeepTheQueueBusy) {
   const LoopbackUdp peer;
   Client client(peer.local());
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     for (int i = 0; i < 100; ++i) {
       EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone);
     }
@@ -290,7 +277,7 @@ TEST(DatagramSocketTest, StampsOfSendsDoNotKeepTheQueueBusy) {
 
 TEST(DatagramSocketTest, MessagesAboutClosedPortsDoNotKeepTheQueueBusy) {
   Client client(skorra::UnusedEndPoint());
-  RunAsTask([&] { EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone); });
+  RunOnNtpQueue([&] { EXPECT_EQ(client.Send(Bytes(48)), SocketError::kNone); });
   ASSERT_TRUE(client.WaitForErrors(1));
   ExpectIdle(client);
   EXPECT_EQ(client.error_count, 1);
@@ -299,7 +286,7 @@ TEST(DatagramSocketTest, MessagesAboutClosedPortsDoNotKeepTheQueueBusy) {
 TEST(DatagramSocketTest, MoreDatagramsThanOneWakeUpReadsAllArrive) {
   const LoopbackUdp peer;
   Client client(peer.local());
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     for (int i = 0; i < 150; ++i) {
       EXPECT_TRUE(peer.SendTo(client.local, Bytes(48)));
     }
@@ -324,7 +311,8 @@ TEST(DatagramSocketTest, AFailedConnectNamesItsReason) {
   };
   const Case cases[] = {
       {IPEndPoint(), SocketError::kOther, "the empty end point"},
-      {IPEndPoint::FromIPv4({255, 255, 255, 255}, 123), SocketError::kDenied, "the broadcast address"},
+      {IPEndPoint::FromIPv4({255, 255, 255, 255}, skorra::kNtpPort), SocketError::kDenied,
+       "the broadcast address"},
   };
   for (const Case& c : cases) {
     const Client client(c.remote);
@@ -367,7 +355,7 @@ TEST(DatagramSocketTest, AFailedSystemCallOfAConnectIsNamed) {
   const IPEndPoint remote = skorra::UnusedEndPoint();
   for (const int call : {SYS_socket, SYS_connect}) {
     for (const Refusal& refusal : kRefusals) {
-      RunAsTask(
+      RunOnNtpQueue(
           [&] {
             EXPECT_TRUE(skorra::RefuseSystemCallOnThisThread(call, refusal.system_error));
             SocketError error = SocketError::kNone;
@@ -438,7 +426,7 @@ TEST(DatagramSocketTest, WithoutTheKernelsStampsThereAreOurOwn) {
   const LoopbackUdp peer;
   for (const Case& c : cases) {
     const int64_t thread = NewThread();
-    RunAsTask(
+    RunOnNtpQueue(
         [&] { EXPECT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_setsockopt, ENOPROTOOPT, c.option, 2)); },
         thread);
     Client client(peer.local(), thread);
@@ -490,7 +478,7 @@ TEST(DatagramSocketTest, AReadThatFailsForGoodIsReportedAndTriedAgainAfterTheNex
 TEST(DatagramSocketTest, ASocketThatTheLoopDoesNotWatchSaysSoAfterEachSend) {
   const LoopbackUdp peer;
   const int64_t thread = NewThread();
-  RunAsTask([&] { EXPECT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_epoll_ctl, EPERM)); }, thread);
+  RunOnNtpQueue([&] { EXPECT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_epoll_ctl, EPERM)); }, thread);
   Client client(peer.local(), thread);
   ASSERT_TRUE(client.is_open());
   ExpectErrors(client, 1);

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -17,17 +16,21 @@
 
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
-#include "platform/base/log.h"
 #include "platform/linux/name_lookup.h"
+#include "testing/addresses.h"
 #include "testing/fake_name_server.h"
+#include "testing/log_recorder.h"
 #include "testing/loopback_udp.h"
 #include "testing/refuse_system_call.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace net {
 namespace {
 
 using skorra::FakeNameServer;
+using skorra::kNtpPort;
+using skorra::Texts;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -58,15 +61,6 @@ std::string FirstNameOfHostsFile() {
   return {};
 }
 
-std::vector<std::string> Texts(const ResolveResult& result) {
-  std::vector<std::string> texts;
-  for (const IPEndPoint& address : result.addresses) {
-    texts.push_back(address.ToString());
-  }
-  std::sort(texts.begin(), texts.end());
-  return texts;
-}
-
 TEST(HostResolverTest, BothFamiliesAreFoundWithThePortAndWithoutRepetitions) {
   const FakeNameServer server({{false, 0, {kFirst, kSecond, kFirst}}, {false, 0, {kSixth}}, 0});
   const ResolveResult result = internal::LookUpHost(kName, 4123, kLong, server.address());
@@ -77,13 +71,14 @@ TEST(HostResolverTest, BothFamiliesAreFoundWithThePortAndWithoutRepetitions) {
 
 TEST(HostResolverTest, ANameOfOneFamilyIsFound) {
   const FakeNameServer server({{false, 0, {kFirst}}, {}, 0});
-  EXPECT_THAT(Texts(internal::LookUpHost(kName, 123, kLong, server.address())), ElementsAre("192.0.2.1:123"));
+  EXPECT_THAT(Texts(internal::LookUpHost(kName, kNtpPort, kLong, server.address())),
+              ElementsAre("192.0.2.1:123"));
 }
 
 TEST(HostResolverTest, ALostQuestionIsRepeated) {
   const FakeNameServer server({{false, 0, {kFirst}}, {false, 0, {kSixth}}, 2});
   const ResolveResult result =
-      internal::LookUpHost(kName, 123, base::TimeDelta::FromSeconds(2), server.address());
+      internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromSeconds(2), server.address());
   EXPECT_THAT(Texts(result), ElementsAre("192.0.2.1:123", "[2001:db8::6]:123"));
   EXPECT_GE(server.question_count(), 4);
 }
@@ -91,14 +86,14 @@ TEST(HostResolverTest, ALostQuestionIsRepeated) {
 TEST(HostResolverTest, TheSecondNameServerIsAskedWhenTheFirstIsSilent) {
   const FakeNameServer silent({{true, 0, {}}, {true, 0, {}}, 0});
   const FakeNameServer good({{false, 0, {kFirst}}, {}, 0});
-  EXPECT_THAT(Texts(internal::LookUpHost(kName, 123, base::TimeDelta::FromSeconds(2),
+  EXPECT_THAT(Texts(internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromSeconds(2),
                                          silent.address() + ',' + good.address())),
               ElementsAre("192.0.2.1:123"));
 }
 
 TEST(HostResolverTest, AnUnknownNameIsNotFound) {
   const FakeNameServer server({{false, 3, {}}, {false, 3, {}}, 0});
-  const ResolveResult result = internal::LookUpHost(kName, 123, kLong, server.address());
+  const ResolveResult result = internal::LookUpHost(kName, kNtpPort, kLong, server.address());
   EXPECT_EQ(result.error, ResolveError::kNotFound);
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_THAT(result.detail, HasSubstr("'ntp.example.'"));
@@ -106,13 +101,13 @@ TEST(HostResolverTest, AnUnknownNameIsNotFound) {
 
 TEST(HostResolverTest, ANameWithoutAnAddressIsNotFound) {
   const FakeNameServer server({{}, {}, 0});
-  EXPECT_EQ(internal::LookUpHost(kName, 123, kLong, server.address()).error, ResolveError::kNotFound);
+  EXPECT_EQ(internal::LookUpHost(kName, kNtpPort, kLong, server.address()).error, ResolveError::kNotFound);
 }
 
 TEST(HostResolverTest, ANameThatCannotExistIsNotFoundAndNotAskedFor) {
   const FakeNameServer server({{false, 0, {kFirst}}, {}, 0});
   for (const std::string& name : {std::string("a..b"), std::string(64, 'a') + ".", std::string()}) {
-    EXPECT_EQ(internal::LookUpHost(name, 123, kLong, server.address()).error, ResolveError::kNotFound)
+    EXPECT_EQ(internal::LookUpHost(name, kNtpPort, kLong, server.address()).error, ResolveError::kNotFound)
         << name;
   }
   EXPECT_EQ(server.question_count(), 0);
@@ -122,18 +117,18 @@ TEST(HostResolverTest, ANameUnderInvalidIsNotFoundAndNotAskedFor) {
   const FakeNameServer server({{false, 0, {kFirst}}, {}, 0});
   for (const char* const name : {"invalid", "nosuch.invalid", "NoSuch.INVALID.", "a.b.invalid"}) {
     SCOPED_TRACE(name);
-    EXPECT_EQ(internal::LookUpHost(name, 123, kLong, server.address()).error, ResolveError::kNotFound);
+    EXPECT_EQ(internal::LookUpHost(name, kNtpPort, kLong, server.address()).error, ResolveError::kNotFound);
   }
   EXPECT_EQ(server.question_count(), 0);
   // A name that only looks alike is asked for.
-  EXPECT_THAT(Texts(internal::LookUpHost("ntp.notinvalid.", 123, kLong, server.address())),
+  EXPECT_THAT(Texts(internal::LookUpHost("ntp.notinvalid.", kNtpPort, kLong, server.address())),
               ElementsAre("192.0.2.1:123"));
 }
 
 TEST(HostResolverTest, ANameServerThatRefusesIsAFailure) {
   for (const uint8_t response_code : {uint8_t{2}, uint8_t{5}}) {  // server failure, refused
     const FakeNameServer server({{false, response_code, {}}, {false, response_code, {}}, 0});
-    const ResolveResult result = internal::LookUpHost(kName, 123, kLong, server.address());
+    const ResolveResult result = internal::LookUpHost(kName, kNtpPort, kLong, server.address());
     EXPECT_EQ(result.error, ResolveError::kFailed) << result.detail;
     EXPECT_THAT(result.detail, HasSubstr("/etc/resolv.conf"));
   }
@@ -141,7 +136,7 @@ TEST(HostResolverTest, ANameServerThatRefusesIsAFailure) {
 
 TEST(HostResolverTest, AClosedPortEndsInTimeAndPointsToTheConfiguration) {
   const int64_t start_ticks_us = base::GetSteadyTimeTicks();
-  const ResolveResult result = internal::LookUpHost(kName, 123, base::TimeDelta::FromMilliseconds(400),
+  const ResolveResult result = internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromMilliseconds(400),
                                                     skorra::UnusedEndPoint().ToString());
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_TRUE(result.error == ResolveError::kFailed || result.error == ResolveError::kTimedOut);
@@ -153,7 +148,7 @@ TEST(HostResolverTest, ASilentNameServerEndsAtTheDeadline) {
   const FakeNameServer server({{true, 0, {}}, {true, 0, {}}, 0});
   const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const ResolveResult result =
-      internal::LookUpHost(kName, 123, base::TimeDelta::FromMilliseconds(200), server.address());
+      internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromMilliseconds(200), server.address());
   const int64_t taken_us = base::GetSteadyTimeTicks() - start_ticks_us;
   EXPECT_EQ(result.error, ResolveError::kTimedOut);
   EXPECT_THAT(result.detail, HasSubstr("at most 200 ms"));
@@ -165,14 +160,14 @@ TEST(HostResolverTest, ASilentNameServerEndsAtTheDeadline) {
 TEST(HostResolverTest, AnAnswerForOneFamilyCountsWhenTheOtherNeverComes) {
   const FakeNameServer server({{false, 0, {kFirst}}, {true, 0, {}}, 0});
   const ResolveResult result =
-      internal::LookUpHost(kName, 123, base::TimeDelta::FromMilliseconds(300), server.address());
+      internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromMilliseconds(300), server.address());
   EXPECT_THAT(Texts(result), ElementsAre("192.0.2.1:123")) << result.detail;
 }
 
 TEST(HostResolverTest, LocalhostIsTheLoopbackAddressWithoutALookup) {
   const FakeNameServer server({{false, 0, {kFirst}}, {false, 0, {kSixth}}, 0});
   for (const char* name : {"localhost", "LocalHost", "localhost."}) {
-    const ResolveResult result = internal::LookUpHost(name, 123, base::TimeDelta(), server.address());
+    const ResolveResult result = internal::LookUpHost(name, kNtpPort, base::TimeDelta(), server.address());
     EXPECT_THAT(Texts(result), ElementsAre("127.0.0.1:123", "[::1]:123")) << name;
   }
   EXPECT_EQ(server.question_count(), 0);
@@ -184,7 +179,7 @@ TEST(HostResolverTest, ANameOfTheHostsFileNeedsNoNameServer) {
     GTEST_SKIP() << "this machine's hosts file has no name but localhost";
   }
   const FakeNameServer silent({{true, 0, {}}, {true, 0, {}}, 0});
-  const ResolveResult result = internal::LookUpHost(name, 123, kLong, silent.address());
+  const ResolveResult result = internal::LookUpHost(name, kNtpPort, kLong, silent.address());
   EXPECT_THAT(result.addresses, Not(IsEmpty())) << name << ": " << result.detail;
   EXPECT_EQ(result.ttl, base::TimeDelta::Max());
   EXPECT_EQ(silent.question_count(), 0);
@@ -221,7 +216,7 @@ TEST(HostResolverTest, TheShortestTimeToLiveCounts) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const FakeNameServer server({row.ipv4, row.ipv6, 0});
-    const ResolveResult result = internal::LookUpHost(kName, 123, kLong, server.address());
+    const ResolveResult result = internal::LookUpHost(kName, kNtpPort, kLong, server.address());
     EXPECT_THAT(result.addresses, Not(IsEmpty())) << result.detail;
     EXPECT_EQ(result.ttl, base::TimeDelta::FromSeconds(row.expected_s));
   }
@@ -231,7 +226,7 @@ TEST(HostResolverTest, ALookupInTheBackgroundWhoseThreadCannotStartWaitsForALate
   base::Lock lock;
   std::vector<std::string> reported;
   const auto look_up = [&](const std::string& literal) {
-    ResolveHostInBackground(literal, 123, kLong, [&](const ResolveResult& result) {
+    ResolveHostInBackground(literal, kNtpPort, kLong, [&](const ResolveResult& result) {
       const base::AutoLock guard(lock);
       reported.push_back(result.addresses.at(0).ToString());
     });
@@ -240,13 +235,12 @@ TEST(HostResolverTest, ALookupInTheBackgroundWhoseThreadCannotStartWaitsForALate
     const base::AutoLock guard(lock);
     return reported.size();
   };
-  base::SetLogSink([](const base::LogLine&) {});
   bool is_refused = false;
   std::thread([&] {
+    const skorra::LogSilence silence;
     is_refused = skorra::RefuseSystemCallOnThisThread(SYS_clone3, EAGAIN);
     look_up("192.0.2.1");
   }).join();
-  base::SetLogSink({});
   ASSERT_TRUE(is_refused);
   EXPECT_EQ(reported_count(), 0u);
   look_up("192.0.2.2");
@@ -260,7 +254,7 @@ TEST(HostResolverTest, ALookupThatCannotWaitFailsAtOnce) {
   const int64_t before_ticks_us = base::GetSteadyTimeTicks();
   std::thread([&] {
     ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_poll, ENOMEM));
-    result = internal::LookUpHost(kName, 123, kLong, silent.local().ToString());
+    result = internal::LookUpHost(kName, kNtpPort, kLong, silent.local().ToString());
   }).join();
   EXPECT_EQ(result.error, ResolveError::kFailed) << result.detail;
   EXPECT_LT(base::GetSteadyTimeTicks() - before_ticks_us, kLong.InMicroseconds() / 2);
@@ -268,7 +262,7 @@ TEST(HostResolverTest, ALookupThatCannotWaitFailsAtOnce) {
 
 TEST(HostResolverTest, ATimeoutOfZeroAsksNobodyForLong) {
   const FakeNameServer silent({{true, 0, {}}, {true, 0, {}}, 0});
-  EXPECT_EQ(internal::LookUpHost(kName, 123, base::TimeDelta(), silent.address()).error,
+  EXPECT_EQ(internal::LookUpHost(kName, kNtpPort, base::TimeDelta(), silent.address()).error,
             ResolveError::kTimedOut);
 }
 

@@ -13,22 +13,15 @@
 #include <vector>
 
 #include "sim/world.h"
+#include "testing/log_recorder.h"
 
 namespace base {
 namespace {
 
 class LogTest : public ::testing::Test {
  protected:
-  LogTest() {
-    SetLogSink([this](const LogLine& line) { lines_.push_back(line); });
-  }
-  ~LogTest() override {
-    SetLogSink({});
-    SetLogThreshold(kLogFailure);
-  }
-
   skorra::sim::World world_;
-  std::vector<LogLine> lines_;
+  skorra::LogRecorder log_;
 };
 
 TEST_F(LogTest, TheLevelsHaveTheNumbersThatAreDocumented) {
@@ -39,11 +32,11 @@ TEST_F(LogTest, TheLevelsHaveTheNumbersThatAreDocumented) {
 
 TEST_F(LogTest, ALineReachesTheSinkWithItsPlaceAndText) {
   LocalLog(kLogFailure, "folder/part", 42, "%s is %d", "answer", 42);
-  ASSERT_EQ(lines_.size(), 1u);
-  EXPECT_EQ(lines_[0].level, kLogFailure);
-  EXPECT_STREQ(lines_[0].file, "folder/part");
-  EXPECT_EQ(lines_[0].line, 42);
-  EXPECT_EQ(lines_[0].text, "answer is 42");
+  ASSERT_EQ(log_.lines.size(), 1u);
+  EXPECT_EQ(log_.lines[0].level, kLogFailure);
+  EXPECT_STREQ(log_.lines[0].file, "folder/part");
+  EXPECT_EQ(log_.lines[0].line, 42);
+  EXPECT_EQ(log_.lines[0].text, "answer is 42");
 }
 
 TEST_F(LogTest, LinesBelowTheThresholdAreDropped) {
@@ -55,9 +48,9 @@ TEST_F(LogTest, LinesBelowTheThresholdAreDropped) {
   LocalLog(kLogProgress, "f", 3, "progress");
   SetLogThreshold(kLogNothing);
   LocalLog(kLogFailure, "f", 4, "failure");
-  ASSERT_EQ(lines_.size(), 2u);
-  EXPECT_EQ(lines_[0].line, 2);
-  EXPECT_EQ(lines_[1].line, 3);
+  ASSERT_EQ(log_.lines.size(), 2u);
+  EXPECT_EQ(log_.lines[0].line, 2);
+  EXPECT_EQ(log_.lines[1].line, 3);
 }
 
 TEST_F(LogTest, ADroppedLineIsNotFormatted) {
@@ -70,26 +63,26 @@ TEST_F(LogTest, ADroppedLineIsNotFormatted) {
 TEST_F(LogTest, TextsAreCutAt4096Bytes) {
   for (const size_t size : {4095u, 4096u, 4097u, 100000u}) {
     LocalLog(kLogFailure, "f", 1, "%s", std::string(size, 'x').c_str());
-    EXPECT_EQ(lines_.back().text, std::string(std::min<size_t>(size, 4096), 'x'));
+    EXPECT_EQ(log_.lines.back().text, std::string(std::min<size_t>(size, 4096), 'x'));
   }
 }
 
 TEST_F(LogTest, ATextThatCannotBeFormattedShowsItsFormat) {
   const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
   LocalLog(kLogFailure, "f", 1, "wide %ls", no_character);
-  ASSERT_EQ(lines_.size(), 1u);
-  EXPECT_EQ(lines_[0].text, "wide %ls");
+  ASSERT_EQ(log_.lines.size(), 1u);
+  EXPECT_EQ(log_.lines[0].text, "wide %ls");
 }
 
 TEST_F(LogTest, AReplacedSinkIsNoLongerCalledAndReleased) {
   const auto token = std::make_shared<int>(0);
   SetLogSink([token](const LogLine&) { ++*token; });
   LocalLog(kLogFailure, "f", 1, "first");
-  SetLogSink([this](const LogLine& line) { lines_.push_back(line); });
+  SetLogSink([this](const LogLine& line) { log_.lines.push_back(line); });
   EXPECT_EQ(token.use_count(), 1);
   LocalLog(kLogFailure, "f", 2, "second");
   EXPECT_EQ(*token, 1);
-  ASSERT_EQ(lines_.size(), 1u);
+  ASSERT_EQ(log_.lines.size(), 1u);
 }
 
 TEST_F(LogTest, ALineShowsTimeLevelPlaceAndText) {

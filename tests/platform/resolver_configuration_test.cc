@@ -4,7 +4,6 @@
 // behind a name server that is silent. Each case runs in a forked child with an empty /etc and a network of
 // its own, so that nothing of this machine is touched and no question leaves it.
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -14,12 +13,9 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -28,13 +24,21 @@
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
 #include "platform/net/host_resolver.h"
+#include "testing/addresses.h"
 #include "testing/fake_name_server.h"
+#include "testing/forked_child.h"
+#include "testing/namespaces.h"
+#include "testing/temp_dir.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace net {
 namespace {
 
 using skorra::FakeNameServer;
+using skorra::kNtpPort;
+using skorra::Texts;
+using skorra::WriteFile;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -42,32 +46,19 @@ using ::testing::IsEmpty;
 constexpr char kConfiguration[] = "/etc/resolv.conf";
 constexpr uint16_t kNameServerPort = 53;
 
-void WriteFile(const char* path, const std::string& text) {
-  std::ofstream(path, std::ios::trunc | std::ios::binary) << text;
-}
+constexpr char kNotPermitted[] = "the system does not permit it: ";
 
-std::string Refused(const char* what) { return std::string(what) + ": " + strerror(errno); }
-
-// Takes this process into namespaces of its own and mounts an empty /etc there. What the system refused, or
-// nothing.
+// Takes this process into namespaces of its own and mounts an empty /etc there. "" or why it cannot be done.
 std::string Isolate() {
-  const auto user = std::to_string(geteuid());
-  const auto group = std::to_string(getegid());
-  const bool is_root = user == "0";
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET | (is_root ? 0 : CLONE_NEWUSER)) != 0) {
-    return Refused("unshare");
-  }
-  if (!is_root) {
-    WriteFile("/proc/self/setgroups", "deny");
-    WriteFile("/proc/self/uid_map", "0 " + user + " 1");
-    WriteFile("/proc/self/gid_map", "0 " + group + " 1");
+  if (std::string reason = skorra::EnterNamespaces(CLONE_NEWNS | CLONE_NEWNET); !reason.empty()) {
+    return reason;
   }
   // Before anything is mounted: it must not spread to this machine.
   if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return Refused("mount");
+    return std::string("mount: ") + strerror(errno);
   }
   if (mount("none", "/etc", "tmpfs", 0, "mode=755") != 0) {
-    return Refused("mount tmpfs");
+    return std::string("mount tmpfs: ") + strerror(errno);
   }
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ifreq request{};
@@ -75,42 +66,24 @@ std::string Isolate() {
   request.ifr_flags = IFF_UP | IFF_RUNNING;
   const bool is_up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
   close(fd);
-  return is_up ? std::string() : Refused("the loopback interface");
+  return is_up ? std::string() : std::string("the loopback interface: ") + strerror(errno);
 }
-
-constexpr int kNotPermitted = 77;
 
 // Runs `body` there; its failed expectations are printed by the child and fail the test.
 void RunIsolated(const std::function<void()>& body) {
   fflush(nullptr);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    alarm(skorra::kPatienceMs / 1000);
-    const std::string refused = Isolate();
-    if (!refused.empty()) {
-      printf("the system does not permit it: %s\n", refused.c_str());
-    } else {
-      body();
+  const std::string report = skorra::RunInChild([&]() -> std::string {
+    if (const std::string reason = Isolate(); !reason.empty()) {
+      return kNotPermitted + reason;
     }
+    body();
     fflush(nullptr);
-    _exit(!refused.empty() ? kNotPermitted : testing::Test::HasFailure() ? 1 : 0);
+    return testing::Test::HasFailure() ? "expectations of the child failed" : "";
+  });
+  if (report.starts_with(kNotPermitted)) {
+    GTEST_SKIP() << report;
   }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotPermitted) {
-    GTEST_SKIP() << "needs namespaces of its own";
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child ended with status " << status;
-}
-
-std::vector<std::string> Texts(const ResolveResult& result) {
-  std::vector<std::string> texts;
-  for (const IPEndPoint& address : result.addresses) {
-    texts.push_back(address.ToString());
-  }
-  std::sort(texts.begin(), texts.end());
-  return texts;
+  EXPECT_EQ(report, "");
 }
 
 struct ConfigurationRow {
@@ -171,16 +144,17 @@ TEST_P(ResolverConfigurationTest, NamesFailInTimeAndWhatNeedsNoNameServerWorks) 
     GetParam().prepare();
     const auto timeout = base::TimeDelta::FromMilliseconds(400);
     const int64_t start_ticks_us = base::GetSteadyTimeTicks();
-    const ResolveResult failed = ResolveHost("ntp.example.", 123, timeout);
+    const ResolveResult failed = ResolveHost("ntp.example.", kNtpPort, timeout);
     EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 5000000);
     EXPECT_THAT(failed.addresses, IsEmpty());
     EXPECT_TRUE(failed.error == ResolveError::kFailed || failed.error == ResolveError::kTimedOut);
     EXPECT_THAT(failed.detail, HasSubstr(kConfiguration));
 
-    EXPECT_THAT(Texts(ResolveHost("192.0.2.1", 123, timeout)), ElementsAre("192.0.2.1:123"));
-    EXPECT_THAT(Texts(ResolveHost("localhost", 123, timeout)), ElementsAre("127.0.0.1:123", "[::1]:123"));
+    EXPECT_THAT(Texts(ResolveHost("192.0.2.1", kNtpPort, timeout)), ElementsAre("192.0.2.1:123"));
+    EXPECT_THAT(Texts(ResolveHost("localhost", kNtpPort, timeout)),
+                ElementsAre("127.0.0.1:123", "[::1]:123"));
     WriteFile("/etc/hosts", "192.0.2.77 here.example\n2001:db8::77 here.example\n");
-    const ResolveResult here = ResolveHost("here.example", 123, timeout);
+    const ResolveResult here = ResolveHost("here.example", kNtpPort, timeout);
     EXPECT_THAT(Texts(here), ElementsAre("192.0.2.77:123", "[2001:db8::77]:123")) << here.detail;
     EXPECT_EQ(here.ttl, base::TimeDelta::Max());
   });
@@ -189,7 +163,7 @@ TEST_P(ResolverConfigurationTest, NamesFailInTimeAndWhatNeedsNoNameServerWorks) 
 TEST_P(ResolverConfigurationTest, ALaterLookupUsesTheMendedConfiguration) {
   RunIsolated([] {
     GetParam().prepare();
-    EXPECT_NE(ResolveHost("ntp.example.", 123, base::TimeDelta::FromMilliseconds(100)).error,
+    EXPECT_NE(ResolveHost("ntp.example.", kNtpPort, base::TimeDelta::FromMilliseconds(100)).error,
               ResolveError::kNone);
     if (unlink(kConfiguration) != 0) {
       rmdir(kConfiguration);
@@ -198,7 +172,7 @@ TEST_P(ResolverConfigurationTest, ALaterLookupUsesTheMendedConfiguration) {
     const FakeNameServer server(
         {.ipv4 = {.addresses = {{192, 0, 2, 1}}}, .ipv6 = {}, .port = kNameServerPort});
     const ResolveResult result =
-        ResolveHost("ntp.example.", 123, base::TimeDelta::FromMilliseconds(skorra::kPatienceMs));
+        ResolveHost("ntp.example.", kNtpPort, base::TimeDelta::FromMilliseconds(skorra::kPatienceMs));
     EXPECT_THAT(Texts(result), ElementsAre("192.0.2.1:123")) << result.detail;
   });
 }
@@ -211,12 +185,12 @@ TEST(HostsFileTest, AFileThatIsNoTextIsPassedOver) {
     const auto timeout = base::TimeDelta::FromMilliseconds(400);
     const std::string entry = "192.0.2.77 here.example\n";
     WriteFile("/etc/hosts", entry);
-    EXPECT_EQ(ResolveHost("here.example", 123, timeout).error, ResolveError::kNone);
+    EXPECT_EQ(ResolveHost("here.example", kNtpPort, timeout).error, ResolveError::kNone);
     WriteFile("/etc/hosts", std::string("\0\n", 2) + entry);
-    EXPECT_THAT(ResolveHost("here.example", 123, timeout).addresses, IsEmpty());
+    EXPECT_THAT(ResolveHost("here.example", kNtpPort, timeout).addresses, IsEmpty());
     EXPECT_EQ(unlink("/etc/hosts"), 0);
     EXPECT_EQ(mkfifo("/etc/hosts", 0644), 0);
-    EXPECT_THAT(ResolveHost("here.example", 123, timeout).addresses, IsEmpty());
+    EXPECT_THAT(ResolveHost("here.example", kNtpPort, timeout).addresses, IsEmpty());
   });
 }
 
@@ -234,7 +208,7 @@ TEST(BackgroundLookupTest, EachLookupInTheBackgroundHasItsOwnTimeout) {
     WriteFile(kConfiguration, "nameserver 127.0.0.1\n");
     const int64_t start_ticks_us = base::GetSteadyTimeTicks();
     for (const char* host : {"one.example.", "two.example.", "three.example.", "192.0.2.1"}) {
-      ResolveHostInBackground(host, 123, base::TimeDelta::FromMilliseconds(200),
+      ResolveHostInBackground(host, kNtpPort, base::TimeDelta::FromMilliseconds(200),
                               [&, host](const ResolveResult& result) {
                                 const base::AutoLock guard(lock);
                                 reports.push_back({host, result.error, base::GetSteadyTimeTicks()});

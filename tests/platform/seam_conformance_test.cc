@@ -23,6 +23,7 @@
 #include "platform/net/datagram_socket.h"
 #include "platform/net/host_resolver.h"
 #include "platform/net/interface_index.h"
+#include "testing/addresses.h"
 #include "testing/seam_world.h"
 
 namespace skorra {
@@ -477,13 +478,11 @@ TEST_F(NameSeamTest, LiteralsAreTheirOwnAddress) {
 }
 
 TEST_F(NameSeamTest, LocalhostIsThisMachine) {
-  const net::ResolveResult result = net::ResolveHost("localhost", 123, Ms(5000));
+  const net::ResolveResult result = net::ResolveHost("localhost", skorra::kNtpPort, Ms(5000));
   ASSERT_EQ(result.error, net::ResolveError::kNone) << result.detail;
   ASSERT_FALSE(result.addresses.empty());
   for (const net::IPEndPoint& address : result.addresses) {
-    EXPECT_TRUE(address == *net::IPEndPoint::FromLiteral("127.0.0.1", 123) ||
-                address == *net::IPEndPoint::FromLiteral("::1", 123))
-        << address.ToString();
+    EXPECT_TRUE(address == Address("127.0.0.1") || address == Address("::1")) << address.ToString();
   }
 }
 
@@ -513,7 +512,7 @@ TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
 
 TEST_F(NameSeamTest, AnAddressThatNoNameServerGaveHoldsForever) {
   for (const char* host : {"192.0.2.1", "2001:db8::1", "localhost"}) {
-    EXPECT_EQ(net::ResolveHost(host, 123, Ms(5000)).ttl, base::TimeDelta::Max()) << host;
+    EXPECT_EQ(net::ResolveHost(host, skorra::kNtpPort, Ms(5000)).ttl, base::TimeDelta::Max()) << host;
   }
 }
 

@@ -12,18 +12,22 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/base/clock.h"
 #include "platform/base/log.h"
+#include "testing/log_recorder.h"
+#include "testing/ntp_queue.h"
 #include "testing/refuse_system_call.h"
 #include "testing/wait_until.h"
 
 namespace core {
 namespace {
 
+using skorra::RunOn;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -31,15 +35,6 @@ constexpr base::Location kHere = base::Location::CreateFromHere("tests/thread_ma
 
 std::shared_ptr<TaskQueue> Queue(int64_t instance, base::Optional<ThreadOption> option = {}) {
   return ThreadManager::GetTaskQueue(BusinessID::kNtpTime, instance, std::move(option));
-}
-
-// Runs `function` on `queue` and gives what it returns.
-template <class Function>
-auto RunOn(TaskQueue& queue, Function function) {
-  std::promise<decltype(function())> promise;
-  auto future = promise.get_future();
-  queue.PostTask(kHere, base::BindOnce([&] { promise.set_value(function()); }));
-  return future.get();
 }
 
 std::string CurrentThreadName() {
@@ -72,19 +67,24 @@ TEST(ThreadManagerTest, SignalsStayWithTheHostProgramsThreads) {
 }
 
 TEST(ThreadManagerTest, TasksOfTwoQueuesRunAtTheSameTime) {
-  std::promise<void> first;
-  std::promise<void> second;
-  std::promise<void> both;
-  Queue(4)->PostTask(kHere, base::BindOnce([&] {
-                       first.set_value();
-                       second.get_future().wait();
-                       both.set_value();
-                     }));
-  Queue(5)->PostTask(kHere, base::BindOnce([&] {
-                       first.get_future().wait();
-                       second.set_value();
-                     }));
-  both.get_future().wait();
+  struct Meeting {
+    std::atomic<int> begun{0};
+    std::atomic<int> met{0};
+    std::atomic<int> over{0};
+  };
+  const auto meeting = std::make_shared<Meeting>();  // a task that is late must find it
+  for (const int64_t instance : {4, 5}) {
+    Queue(instance)->PostTask(
+        kHere, base::BindOnce([meeting] {
+          ++meeting->begun;
+          // Each task waits for the other one, and gives up before the test does.
+          meeting->met +=
+              skorra::WaitUntil([&] { return meeting->begun == 2; }, skorra::kPatienceMs / 4) ? 1 : 0;
+          ++meeting->over;
+        }));
+  }
+  EXPECT_TRUE(skorra::WaitUntil([&] { return meeting->over == 2; }));
+  EXPECT_EQ(meeting->met, 2);
 }
 
 TEST(ThreadManagerTest, ADelayThatPassedWhileATaskRanComesBeforeWhatIsPostedAfterIt) {
@@ -146,8 +146,7 @@ TEST(ThreadManagerTest, EveryThreadsOrderIsKept) {
 }
 
 TEST(ThreadManagerTest, TasksOfAThreadThatCannotStartWaitUntilALaterCallStartsIt) {
-  std::vector<base::LogLine> lines;
-  base::SetLogSink([&](const base::LogLine& line) { lines.push_back(line); });
+  const skorra::LogRecorder log;
   std::atomic<int> run_count{0};
   const auto count = [&] { return base::BindOnce([&] { ++run_count; }); };
   std::shared_ptr<TaskQueue> refused;
@@ -160,11 +159,10 @@ TEST(ThreadManagerTest, TasksOfAThreadThatCannotStartWaitUntilALaterCallStartsIt
       refused->PostDelayedTask(kHere, count(), base::TimeDelta::FromMilliseconds(1));
     }).join();
   }
-  base::SetLogSink({});
   // Logged once, not at every call.
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].level, 1);
-  EXPECT_THAT(lines[0].text, HasSubstr("skorra-701"));
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0].level, 1);
+  EXPECT_THAT(log.lines[0].text, HasSubstr("skorra-701"));
   EXPECT_EQ(run_count, 0);
 
   const auto granted = Queue(6);

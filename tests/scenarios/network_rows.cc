@@ -234,7 +234,7 @@ std::vector<Scenario> PartitionRows() {
 // asked.
 void SyncThenMoveTheServer(Run& run, const std::string& asked_for) {
   SyncOnce(run);
-  run.network.RemoveServer(Run::Address(kA));
+  run.network.RemoveServer(Address(kA));
   run.AddServer(kB, {});
   run.SetHost("time.test", {kB});
   run.For(11 * kMinute);
@@ -247,8 +247,7 @@ void SyncThenMoveTheServer(Run& run, const std::string& asked_for) {
 std::function<void(Run&)> OneServerWithTtl(int64_t ttl_s) {
   return [=](Run& run) {
     run.AddServer(kA, {});
-    run.world.SetHost("time.test",
-                      {.addresses = {Run::Address(kA)}, .ttl = base::TimeDelta::FromSeconds(ttl_s)});
+    run.world.SetHost("time.test", {.addresses = {Address(kA)}, .ttl = base::TimeDelta::FromSeconds(ttl_s)});
   };
 }
 
@@ -256,7 +255,7 @@ std::function<void(Run&)> OneServerWithTtl(int64_t ttl_s) {
 std::function<void(Run&)> OneServerFoundAfter(int64_t lookup_us) {
   return [=](Run& run) {
     run.AddServer(kA, {});
-    run.world.SetHost("time.test", {.addresses = {Run::Address(kA)}, .delay_us = lookup_us});
+    run.world.SetHost("time.test", {.addresses = {Address(kA)}, .delay_us = lookup_us});
   };
 }
 
@@ -356,8 +355,8 @@ std::vector<Scenario> LateNetworkRows() {
        "the address is known and nothing can be sent: an attempt fails after 3 s, the next one succeeds",
        [](Run& run) {
          run.AddServer(kA, {});
-         run.world.SetSendError(Run::Address(kA), net::SocketError::kNetworkUnreachable);
-         run.At(10 * kSecond, [&run] { run.world.SetSendError(Run::Address(kA), net::SocketError::kNone); });
+         run.world.SetSendError(Address(kA), net::SocketError::kNetworkUnreachable);
+         run.At(10 * kSecond, [&run] { run.world.SetSendError(Address(kA), net::SocketError::kNone); });
        },
        [](Run& run) {
          run.AddDomains({kA});
@@ -380,8 +379,7 @@ std::vector<Scenario> AttackRows() {
        AttackedPath({.nonce = AttackerOptions::Nonce::kZero}), SyncOnce, unharmed},
       {"spoofed_replies_from_elsewhere_with_nonce",
        "even with the right nonce a reply from another address is dropped, and does not use the nonce up",
-       AttackedPath({.nonce = AttackerOptions::Nonce::kKnown, .source = Run::Address(kC)}), SyncOnce,
-       unharmed},
+       AttackedPath({.nonce = AttackerOptions::Nonce::kKnown, .source = Address(kC)}), SyncOnce, unharmed},
       {"spoofed_replies_of_a_dead_server",
        "forged replies do not make a result where nobody answers, nor do they count as something that came "
        "back",

@@ -21,7 +21,7 @@ struct RequestMeasure {
 
 RequestMeasure MeasureRequests(Run& run, const std::string& address) {
   RequestMeasure measure;
-  const auto& requests = run.network.requests(Run::Address(address));
+  const auto& requests = run.network.requests(Address(address));
   measure.count = requests.size();
   for (size_t i = 1; i < requests.size(); ++i) {
     measure.min_spacing_us =

@@ -17,6 +17,7 @@
 #include "sim/attacker.h"
 #include "sim/network.h"
 #include "sim/world.h"
+#include "testing/addresses.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
 #include "testing/ntp_time_manager_peer.h"
@@ -65,9 +66,6 @@ class Run {
   sim::World world;
   sim::Network network{world};
 
-  static net::IPEndPoint Address(const std::string& address, uint16_t port = 123) {
-    return *net::IPEndPoint::FromLiteral(address, port);
-  }
   void AddServer(const std::string& address, netmodel::ServerOptions options) {
     network.AddServer(Address(address), std::move(options));
   }

@@ -15,6 +15,7 @@
 #include "sim/clock_model.h"
 #include "sim/network.h"
 #include "sim/world.h"
+#include "testing/addresses.h"
 
 namespace skorra::sim {
 namespace {
@@ -25,10 +26,6 @@ using ::testing::IsEmpty;
 
 constexpr int64_t kSecond = base::kUsPerSecond;
 constexpr int64_t kDay = 86400 * kSecond;
-
-net::IPEndPoint Address(const std::string& text, uint16_t port = 123) {
-  return *net::IPEndPoint::FromLiteral(text, port);
-}
 
 // --- Clock model.
 
@@ -111,7 +108,7 @@ class WorldTest : public ::testing::Test {
   // A socket on the queue of the manager, and what it receives.
   std::unique_ptr<net::DatagramSocket> Connect(const net::IPEndPoint& server) {
     std::unique_ptr<net::DatagramSocket> socket;
-    OnQueue([&] {
+    world_.RunAsTask(core::BusinessID::kNtpTime, [&] {
       net::SocketError error = net::SocketError::kNone;
       socket = net::DatagramSocket::Connect(
           server,
@@ -125,11 +122,8 @@ class WorldTest : public ::testing::Test {
     });
     return socket;
   }
-  void OnQueue(const std::function<void()>& function) {
-    world_.RunAsTask(core::BusinessID::kNtpTime, function);
-  }
   void SendRequest(net::DatagramSocket& socket, uint64_t nonce) {
-    OnQueue([&] { socket.Send(EncodePacket(MakeRequest(nonce))); });
+    world_.RunAsTask(core::BusinessID::kNtpTime, [&] { socket.Send(EncodePacket(MakeRequest(nonce))); });
   }
 
   World world_;
@@ -218,17 +212,17 @@ TEST_F(WorldTest, RunOneTakesTheEarliestEventAndMovesTimeToIt) {
 
 TEST_F(WorldTest, ALookupMayFail) {
   world_.SetHost("down.test", {{Address("203.0.113.1")}, 0, net::ResolveError::kFailed});
-  const net::ResolveResult result = net::ResolveHost("down.test", 123, TimeDelta::FromSeconds(1));
+  const net::ResolveResult result = net::ResolveHost("down.test", kNtpPort, TimeDelta::FromSeconds(1));
   EXPECT_EQ(result.error, net::ResolveError::kFailed);
   EXPECT_THAT(result.addresses, IsEmpty());
 }
 
 TEST_F(WorldTest, ALookupGivesTheAddressesSetLast) {
   world_.SetHost("moving.test", {{Address("203.0.113.1")}});
-  EXPECT_THAT(net::ResolveHost("moving.test", 123, TimeDelta::FromSeconds(1)).addresses,
+  EXPECT_THAT(net::ResolveHost("moving.test", kNtpPort, TimeDelta::FromSeconds(1)).addresses,
               ElementsAre(Address("203.0.113.1")));
   world_.SetHost("moving.test", {{Address("203.0.113.2")}});
-  EXPECT_THAT(net::ResolveHost("moving.test", 123, TimeDelta::FromSeconds(1)).addresses,
+  EXPECT_THAT(net::ResolveHost("moving.test", kNtpPort, TimeDelta::FromSeconds(1)).addresses,
               ElementsAre(Address("203.0.113.2")));
 }
 
@@ -266,7 +260,7 @@ TEST_F(WorldTest, AnAttackerForgesSourceAndNonceAsTold) {
     Network network(world_);
     Attacker attacker(world_, network, row.options);
     received_.clear();
-    const auto server = net::IPEndPoint::FromIPv4({203, 0, 113, ++host}, 123);
+    const auto server = net::IPEndPoint::FromIPv4({203, 0, 113, ++host}, kNtpPort);
     const auto socket = Connect(server);
     SendRequest(*socket, 0xABCD);
     world_.RunFor(TimeDelta::FromSeconds(1));

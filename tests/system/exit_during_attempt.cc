@@ -20,6 +20,7 @@
 #include "testing/loopback_udp.h"
 #include "testing/ntp_queue.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace skorra {
 namespace {
@@ -126,7 +127,8 @@ bool WindDown(const std::string& server, const std::string&) {
 bool Resolving(const std::string& server, const std::string&) {
   static base::NoDestructor<LoopbackUdp> name_server;
   NtpQueue()->PostTask(kTestLocation, base::BindOnce([] {
-                         net::internal::LookUpHost("silent.example", 123, base::TimeDelta::FromSeconds(60),
+                         net::internal::LookUpHost("silent.example", kNtpPort,
+                                                   base::TimeDelta::FromSeconds(60),
                                                    name_server->local().ToString());
                        }));
   Start(server);

@@ -26,7 +26,6 @@
 #include <thread>
 #include <vector>
 
-#include "apps/skorra-ntp/demo_server.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
@@ -41,89 +40,56 @@
 #include "platform/metrics/key_metrics.h"
 #include "platform/net/datagram_socket.h"
 #include "testing/attempt_runner.h"
+#include "testing/clock_reading.h"
+#include "testing/counting_observer.h"
 #include "testing/forked_child.h"
+#include "testing/log_recorder.h"
+#include "testing/loopback_demo_server.h"
 #include "testing/loopback_udp.h"
+#include "testing/ntp_queue.h"
 #include "testing/refuse_system_call.h"
 #include "testing/temp_dir.h"
 #include "testing/wait_until.h"
+#include "transport/ntp_packet.h"
 
 namespace skorra {
 namespace {
 
-constexpr base::Location kHere = base::Location::CreateFromHere("tests/fork_test", 1);
 constexpr int64_t kClockErrorUs = 7000000;
-// Offsets measured on a busy loopback differ by less than the evaluation's own limit on their spread.
-constexpr int64_t kToleranceUs = 30000;
-
-std::unique_ptr<DemoServer> OpenServer(int64_t delay_us = 0) {
-  std::string error;
-  auto server = DemoServer::Open({.listen = net::IPEndPoint::FromIPv4({127, 0, 0, 1}, 0),
-                                  .clock_error_us = kClockErrorUs,
-                                  .delay_us = delay_us},
-                                 &error);
-  EXPECT_NE(server, nullptr) << error;
-  return server;
-}
 
 NtpTimeManager& Manager() { return *NtpTimeManager::GetInstance(); }
 
-// Counts the outcomes of attempts; a kept result that is announced again names no server.
-class Recorder : public NtpTimeManager::Observer {
- public:
-  void OnNtpResult(NtpResult result, const std::string&, const net::IPEndPoint& server) override {
-    (result != NtpResult::kSuccess ? failures : server.address_empty() ? repeats : successes).fetch_add(1);
-  }
-
-  std::atomic<int> successes{0};
-  std::atomic<int> repeats{0};
-  std::atomic<int> failures{0};
-};
-
 // "" when a read gives the server's time, or 0 where that is allowed.
 std::string CheckRead(bool may_be_empty = false) {
-  const auto wall_us = [] { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); };
-  const int64_t wall_before_us = wall_us();
-  const int64_t ntp_us = Manager().GetNtpTimestampFrom1970();
-  const int64_t wall_after_us = wall_us();
-  const bool is_good =
-      (may_be_empty && ntp_us == 0) || (ntp_us >= wall_before_us + kClockErrorUs - kToleranceUs &&
-                                        ntp_us <= wall_after_us + kClockErrorUs + kToleranceUs);
-  return is_good ? "" : "a read gave " + std::to_string(ntp_us) + " at " + std::to_string(wall_before_us);
-}
-
-// Runs `function` as a task of the manager's queue and waits for its end.
-template <class Function>
-void RunAsTask(Function function) {
-  std::promise<void> done;
-  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})->PostTask(kHere, base::BindOnce([&] {
-                                                                                    function();
-                                                                                    done.set_value();
-                                                                                  }));
-  done.get_future().wait();
+  const ClockReading reading;
+  const bool is_good = reading.has_result() ? reading.Shows(kClockErrorUs) : may_be_empty;
+  return is_good ? ""
+                 : "a read gave " + std::to_string(reading.ntp_us) + " at " +
+                       std::to_string(reading.wall_before_us);
 }
 
 // A sync of this process's own, after a stop that clears what a parent had begun. "" when it succeeds.
 std::string SyncOnOnesOwn() {
-  const auto recorder = std::make_shared<Recorder>();
-  Manager().AddObserver(recorder);
+  const auto observer = std::make_shared<CountingObserver>();
+  Manager().AddObserver(observer);
   Manager().Stop();
-  RunAsTask([] {});
+  RunOnNtpQueue([] {});
   if (Manager().Start() != 0) {
     return "no attempt could be started";
   }
-  if (!WaitUntil([&] { return recorder->successes + recorder->repeats + recorder->failures > 0; })) {
+  if (!WaitUntil([&] { return observer->all() > 0; })) {
     return "the attempt has no outcome";
   }
-  return recorder->failures == 0 ? CheckRead() : "the attempt failed";
+  return observer->failures == 0 ? CheckRead() : "the attempt failed";
 }
 
 TEST(ForkTest, AChildOfAnIdleProcessGoesOnWithTheResult) {
-  const auto server = OpenServer();
-  const auto recorder = std::make_shared<Recorder>();
-  Manager().AddObserver(recorder);
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
+  const auto observer = std::make_shared<CountingObserver>();
+  Manager().AddObserver(observer);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
   Manager().Start();
-  ASSERT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return observer->successes == 1; }));
   ASSERT_EQ(CheckRead(), "");
   // A result of this very millisecond does not count as kept: Start would sync again.
   const int64_t seen_ticks_us = base::GetSteadyTimeTicks();
@@ -134,7 +100,7 @@ TEST(ForkTest, AChildOfAnIdleProcessGoesOnWithTheResult) {
                 return error;
               }
               // The result is fresh, and the child's own queue announces it.
-              if (Manager().Start() != 0 || !WaitUntil([&] { return recorder->repeats == 1; })) {
+              if (Manager().Start() != 0 || !WaitUntil([&] { return observer->repeats == 1; })) {
                 return "the result was not announced again";
               }
               // A grandchild is no different.
@@ -142,15 +108,15 @@ TEST(ForkTest, AChildOfAnIdleProcessGoesOnWithTheResult) {
             }),
             "");
   EXPECT_EQ(CheckRead(), "");
-  EXPECT_EQ(recorder->repeats, 0);
+  EXPECT_EQ(observer->repeats, 0u);
   EXPECT_EQ(Manager().Start(), 0);
-  EXPECT_TRUE(WaitUntil([&] { return recorder->repeats == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return observer->repeats == 1; }));
 }
 
 TEST(ForkTest, AReadInAChildWithoutAResultStartsASyncThere) {
-  const auto server = OpenServer();
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
-  RunAsTask([] {});
+  RunOnNtpQueue([] {});
   EXPECT_EQ(RunInChild([]() -> std::string {
               if (Manager().GetNtpTimestampFrom1970() != 0) {
                 return "there is a result";
@@ -166,9 +132,9 @@ TEST(ForkTest, AReadInAChildWithoutAResultStartsASyncThere) {
 
 TEST(ForkTest, AForkInTheMiddleOfABurstDisturbsNeither) {
   // The answers are under way when the burst is half sent.
-  const auto server = OpenServer(150000);
-  const auto recorder = std::make_shared<Recorder>();
-  Manager().AddObserver(recorder);
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs, .delay_us = 150000});
+  const auto observer = std::make_shared<CountingObserver>();
+  Manager().AddObserver(observer);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
   Manager().Start();
   ASSERT_TRUE(WaitUntil([] { return base::KeyMetrics::GetCount("ntp.requests_sent") >= 8; }));
@@ -197,7 +163,7 @@ TEST(ForkTest, AForkInTheMiddleOfABurstDisturbsNeither) {
     return std::string();
   });
 
-  EXPECT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return observer->successes == 1; }));
   EXPECT_TRUE(WaitUntil([] { return base::KeyMetrics::GetCount("ntp.samples_received") == 20; }));
   EXPECT_EQ(child.Report(), "");
   EXPECT_EQ(CheckRead(), "");
@@ -215,7 +181,7 @@ TEST(ForkTest, ASocketOfTheParentStaysTheParents) {
   std::unique_ptr<net::DatagramSocket> socket;  // touched on the queue only
   std::atomic<int> received{0};
   net::IPEndPoint local;
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     net::SocketError error = net::SocketError::kNone;
     socket = net::DatagramSocket::Connect(
         peer.local(), {.on_datagram = [&](const net::ReceivedDatagram&) { ++received; }}, &error);
@@ -225,20 +191,20 @@ TEST(ForkTest, ASocketOfTheParentStaysTheParents) {
 
   EXPECT_EQ(RunInChild([&]() -> std::string {
               net::SocketError error = net::SocketError::kNone;
-              RunAsTask([&] { error = socket->Send(bytes); });
-              RunAsTask([&] { socket = nullptr; });
+              RunOnNtpQueue([&] { error = socket->Send(bytes); });
+              RunOnNtpQueue([&] { socket = nullptr; });
               return error == net::SocketError::kOther ? "" : "it was sent";
             }),
             "");
 
   EXPECT_FALSE(peer.Receive(0));
-  RunAsTask([&] { EXPECT_EQ(socket->Send(bytes), net::SocketError::kNone); });
+  RunOnNtpQueue([&] { EXPECT_EQ(socket->Send(bytes), net::SocketError::kNone); });
   EXPECT_EQ(peer.Receive(kPatienceMs), bytes);
   for (int i = 1; i <= 3; ++i) {
     ASSERT_TRUE(peer.SendTo(local, bytes));
     EXPECT_TRUE(WaitUntil([&] { return received == i; }));
   }
-  RunAsTask([&] { socket = nullptr; });
+  RunOnNtpQueue([&] { socket = nullptr; });
 }
 
 // What event loops watch, by the kernel's account.
@@ -258,7 +224,7 @@ TEST(ForkTest, ASocketThatTheParentClosesIsGoneThereAlthoughAChildHasIt) {
   const LoopbackUdp peer;
   std::unique_ptr<net::DatagramSocket> socket;
   net::IPEndPoint local;
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     net::SocketError error = net::SocketError::kNone;
     socket = net::DatagramSocket::Connect(peer.local(), {}, &error);
     local = socket->local();
@@ -268,7 +234,7 @@ TEST(ForkTest, ASocketThatTheParentClosesIsGoneThereAlthoughAChildHasIt) {
     return std::string();
   });
   const size_t before = WatchedDescriptors();
-  RunAsTask([&] { socket = nullptr; });
+  RunOnNtpQueue([&] { socket = nullptr; });
   EXPECT_EQ(WatchedDescriptors(), before - 1);
 }
 
@@ -276,7 +242,7 @@ TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
   const LoopbackUdp peer;
   std::unique_ptr<net::DatagramSocket> socket;
   std::atomic<int> errors{0};
-  RunAsTask([&] {
+  RunOnNtpQueue([&] {
     net::SocketError error = net::SocketError::kNone;
     socket =
         net::DatagramSocket::Connect(peer.local(), {.on_error = [&](net::SocketError) { ++errors; }}, &error);
@@ -285,7 +251,7 @@ TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
   });
   // Two for each read: after these the socket gives up reading.
   ASSERT_TRUE(WaitUntil([&] { return errors == 32; }));
-  RunAsTask([] {});
+  RunOnNtpQueue([] {});
   const size_t before = WatchedDescriptors();
   EXPECT_EQ(RunInChild([&]() -> std::string {
               // While the number is good, unregistering it here would act on the parent's loop.
@@ -297,7 +263,7 @@ TEST(ForkTest, AChildLeavesASocketInTheParentsLoopAlsoWhenNobodyWaitsForIt) {
             }),
             "");
   EXPECT_EQ(WatchedDescriptors(), before);
-  RunAsTask([&] { socket = nullptr; });
+  RunOnNtpQueue([&] { socket = nullptr; });
 }
 
 // A change in two steps, with the fork asked for between them.
@@ -384,27 +350,27 @@ TEST(ForkTest, AForkUnderALockKeepsTheLockAndDoesNotWaitForThreadsThatWantIt) {
 }
 
 TEST(ForkTest, AQueueOfTheParentDropsWhatAChildPosts) {
-  const auto parents = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {});
+  const auto parents = NtpQueue();
   std::atomic<int> run_count{0};
   EXPECT_EQ(RunInChild([&]() -> std::string {
               const auto token = std::make_shared<int>();
               const auto task = [&] { return base::BindOnce([&run_count, token] { ++run_count; }); };
-              parents->PostTask(kHere, task());
-              parents->PostDelayedTask(kHere, task(), base::TimeDelta::FromMicroseconds(1));
-              RunAsTask([] {});
+              parents->PostTask(kTestLocation, task());
+              parents->PostDelayedTask(kTestLocation, task(), base::TimeDelta::FromMicroseconds(1));
+              RunOnNtpQueue([] {});
               if (token.use_count() != 1) {
                 return "it keeps a task";
               }
               return run_count == 0 ? "" : "it ran a task";
             }),
             "");
-  parents->PostTask(kHere, base::BindOnce([&] { ++run_count; }));
+  parents->PostTask(kTestLocation, base::BindOnce([&] { ++run_count; }));
   EXPECT_TRUE(WaitUntil([&] { return run_count == 1; }));
 }
 
 TEST(ForkTest, AChangeByATaskIsWholeInTheChild) {
   Change change;
-  std::thread poster([&] { RunAsTask([&] { change.Make(); }); });
+  std::thread poster([&] { RunOnNtpQueue([&] { change.Make(); }); });
   ASSERT_TRUE(WaitUntil([&] { return change.first == 1; }));
   EXPECT_EQ(RunInChild([&] { return change.Check(); }), "");
   poster.join();
@@ -431,14 +397,14 @@ TEST(ForkTest, AnObserverMayFork) {
     int returned_status = -1;
     std::atomic<bool> is_done{false};
   };
-  const auto server = OpenServer();
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
   const auto forker = std::make_shared<Forker>();
-  const auto recorder = std::make_shared<Recorder>();
+  const auto observer = std::make_shared<CountingObserver>();
   Manager().AddObserver(forker);
-  Manager().AddObserver(recorder);
+  Manager().AddObserver(observer);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
   Manager().Start();
-  ASSERT_TRUE(WaitUntil([&] { return forker->is_done && recorder->successes == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return forker->is_done && observer->successes == 1; }));
   EXPECT_EQ(forker->reader_report, "");
   EXPECT_TRUE(WIFEXITED(forker->returned_status)) << forker->returned_status;
   EXPECT_EQ(base::KeyMetrics::GetCount("test.child"), 0u);
@@ -447,7 +413,7 @@ TEST(ForkTest, AnObserverMayFork) {
 
 TEST(ForkTest, ALogSinkMayFork) {
   std::string report = "never called";
-  base::SetLogSink([&](const base::LogLine&) {
+  const LogSinkScope sink([&](const base::LogLine&) {
     report = RunInChild([]() -> std::string {
       base::KeyMetrics::Count("test.child");
       base::LocalLog(2, "tests/fork_test", __LINE__, "from a child of a sink");
@@ -455,7 +421,6 @@ TEST(ForkTest, ALogSinkMayFork) {
     });
   });
   base::LocalLog(2, "tests/fork_test", __LINE__, "hello");
-  base::SetLogSink({});
   EXPECT_EQ(report, "");
 }
 
@@ -487,12 +452,12 @@ TEST(ForkTest, ASinkThatNeverReturnsHoldsUpNeitherTheForkNorTheChild) {
 TEST(ForkTest, ALongLookupDoesNotHoldUpTheFork) {
   const LoopbackUdp name_server;
   std::promise<void> done;
-  core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, {})
-      ->PostTask(kHere, base::BindOnce([&] {
-                   net::internal::LookUpHost("silent.example", 123, base::TimeDelta::FromSeconds(2),
-                                             name_server.local().ToString());
-                   done.set_value();
-                 }));
+  NtpQueue()->PostTask(kTestLocation, base::BindOnce([&] {
+                         net::internal::LookUpHost("silent.example", kNtpPort,
+                                                   base::TimeDelta::FromSeconds(2),
+                                                   name_server.local().ToString());
+                         done.set_value();
+                       }));
   ASSERT_TRUE(name_server.Receive(kPatienceMs));
   EXPECT_LT(ShortestForkUs([] { return CheckRead(true); }), 60000);
   done.get_future().wait();
@@ -515,15 +480,15 @@ std::map<std::string, bool> Descriptors() {
 
 TEST(ForkTest, NoDescriptorOfTheLibraryOutlivesAnExec) {
   const TempDir folder;
-  const auto server = OpenServer();
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
   const auto before = Descriptors();
   ASSERT_EQ(base::LogToFile({.path = folder / "log"}), "");
   base::LocalLog(2, "tests/fork_test", __LINE__, "hello");
-  const auto recorder = std::make_shared<Recorder>();
-  Manager().AddObserver(recorder);
+  const auto observer = std::make_shared<CountingObserver>();
+  Manager().AddObserver(observer);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
   Manager().Start();
-  ASSERT_TRUE(WaitUntil([&] { return recorder->successes == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return observer->successes == 1; }));
   size_t count = 0;
   for (const auto& [name, closes_on_exec] : Descriptors()) {
     if (!before.contains(name) && name.find("/fd") == std::string::npos) {
@@ -563,10 +528,10 @@ class ForkStressTest : public testing::Test {
 std::string TouchEverything() {
   base::KeyMetrics::Count("test.child");
   base::KeyMetrics::CountPV(1, 1);
-  base::SetLogSink([](const base::LogLine&) {});
+  const LogSilence silence;
   base::LocalLog(2, "tests/fork_test", __LINE__, "from a child");
   config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, std::string("x"));
-  Manager().AddObserver(std::make_shared<Recorder>());
+  Manager().AddObserver(std::make_shared<CountingObserver>());
   Manager().GetAndResetNtpQualityStats();
   Manager().Start();
   Manager().UpdateNtpTimeDomain({"nosuch.invalid"});
@@ -578,12 +543,11 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   const char* const seed_text = std::getenv("SKORRA_FORK_SEED");
   uint64_t seed = seed_text != nullptr ? std::strtoull(seed_text, nullptr, 10) : base::RandUint64();
   std::printf("SKORRA_FORK_SEED=%llu\n", static_cast<unsigned long long>(seed));
-  const auto server = OpenServer();
+  const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
   config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);
-  base::SetLogSink([](const base::LogLine&) {});
-  base::SetLogThreshold(base::kLogProgress);
-  const auto recorder = std::make_shared<Recorder>();
-  Manager().AddObserver(recorder);
+  const LogSilence silence(base::kLogProgress);
+  const auto observer = std::make_shared<CountingObserver>();
+  Manager().AddObserver(observer);
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
 
   std::atomic<int> wrong_reads{0};
@@ -600,7 +564,7 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   Repeat([] { base::LocalLog(2, "tests/fork_test", __LINE__, "hello"); });
   Repeat([] { base::KeyMetrics::Count("test.parent"); });
   Repeat([] {
-    Manager().AddObserver(std::make_shared<Recorder>());
+    Manager().AddObserver(std::make_shared<CountingObserver>());
     config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_default_domain, std::string("y"));
   });
 
@@ -616,8 +580,7 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   }
   Finish();
   EXPECT_EQ(wrong_reads, 0);
-  EXPECT_GT(recorder->successes, 0);
-  base::SetLogSink({});
+  EXPECT_GT(observer->successes, 0u);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ struct Hostility {
   std::function<void(NtpPacket&)> change = [](NtpPacket&) {};
   std::function<void(Bytes&)> change_bytes = [](Bytes&) {};
   const char* source = "192.0.2.10";
-  uint16_t port = 123;
+  uint16_t port = kNtpPort;
 
   friend void PrintTo(const Hostility& hostility, std::ostream* out) { *out << hostility.name; }
 };

@@ -83,7 +83,7 @@ TEST_F(KissCodeTest, TheBurstEndsWithTheRefusal) {
 
 TEST_F(KissCodeTest, TheOtherAddressOfTheDomainKeepsBeingAsked) {
   const auto addresses =
-      net::ResolveHost("localhost", 123, base::TimeDelta::FromMilliseconds(kPatienceMs)).addresses;
+      net::ResolveHost("localhost", kNtpPort, base::TimeDelta::FromMilliseconds(kPatienceMs)).addresses;
   ASSERT_GE(addresses.size(), 2u);
   const auto on_port = [&](size_t i, uint16_t port) {
     const bool is_v6 = addresses[i].family() == net::IPEndPoint::Family::kIPv6;

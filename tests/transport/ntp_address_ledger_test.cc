@@ -7,6 +7,7 @@
 
 #include "platform/base/time.h"
 #include "platform/metrics/key_metrics.h"
+#include "testing/addresses.h"
 
 namespace skorra {
 namespace {
@@ -16,8 +17,8 @@ constexpr int64_t kMinute = 60 * kSecond;
 constexpr int64_t kHour = 60 * kMinute;
 constexpr int64_t kNow = 5000 * kSecond;
 
-const net::IPEndPoint kServer = net::IPEndPoint::FromLiteral("192.0.2.10", 123).value();
-const net::IPEndPoint kOtherServer = net::IPEndPoint::FromLiteral("192.0.2.11", 123).value();
+const net::IPEndPoint kServer = Address("192.0.2.10");
+const net::IPEndPoint kOtherServer = Address("192.0.2.11");
 
 class NtpAddressLedgerTest : public testing::Test {
  protected:
@@ -42,14 +43,14 @@ class NtpAddressLedgerTest : public testing::Test {
   }
   SendRefusal Check(int64_t now_ticks_us) { return ledger_.Check(kServer, now_ticks_us); }
 
-  static net::IPEndPoint Address(size_t i) {
+  static net::IPEndPoint NumberedAddress(size_t i) {
     return net::IPEndPoint::FromIPv4({198, 51, static_cast<uint8_t>(100 + i / 256), static_cast<uint8_t>(i)},
-                                     123);
+                                     kNtpPort);
   }
   // A burst to each of `count` addresses, a microsecond apart.
   void FillUp(size_t count) {
     for (size_t i = 0; i < count; ++i) {
-      Burst(kNow + 1 + static_cast<int64_t>(i), Address(i));
+      Burst(kNow + 1 + static_cast<int64_t>(i), NumberedAddress(i));
     }
   }
 
@@ -339,19 +340,19 @@ TEST_F(NtpAddressLedgerTest, TheAddressAskedLongestAgoIsEvictedButNotOneThatIsHe
   EXPECT_EQ(counts.size(), NtpAddressLedger::kMaxAddresses);
   EXPECT_TRUE(counts.contains(kServer));
   EXPECT_TRUE(counts.contains(kOtherServer));
-  EXPECT_FALSE(counts.contains(Address(0)));
-  EXPECT_TRUE(counts.contains(Address(1)));
+  EXPECT_FALSE(counts.contains(NumberedAddress(0)));
+  EXPECT_TRUE(counts.contains(NumberedAddress(1)));
 }
 
 TEST_F(NtpAddressLedgerTest, WhenAllAddressesAreHeldTheOneAskedLongestAgoIsEvicted) {
   FillUp(NtpAddressLedger::kMaxAddresses);
   for (size_t i = 0; i < NtpAddressLedger::kMaxAddresses; ++i) {
-    ledger_.OnRefusal(Address(i), KissCode::kDeny, kNow + kSecond, 0);
+    ledger_.OnRefusal(NumberedAddress(i), KissCode::kDeny, kNow + kSecond, 0);
   }
   Burst(kNow + 2 * kSecond);
   const auto counts = ledger_.GetCounts();
   EXPECT_EQ(counts.size(), NtpAddressLedger::kMaxAddresses);
-  EXPECT_FALSE(counts.contains(Address(0)));
+  EXPECT_FALSE(counts.contains(NumberedAddress(0)));
   EXPECT_TRUE(counts.contains(kServer));
 }
 
@@ -360,7 +361,7 @@ TEST_F(NtpAddressLedgerTest, AnAddressWhoseBurstIsUnderWayIsNotEvicted) {
   constexpr size_t kMany = NtpAddressLedger::kMaxAddresses + 10;
   for (int call = 0; call < 20; ++call) {
     for (size_t i = 0; i < kMany; ++i) {
-      EXPECT_EQ(ledger_.Admit(Address(i), kNow + call, 1), call == 0);
+      EXPECT_EQ(ledger_.Admit(NumberedAddress(i), kNow + call, 1), call == 0);
     }
   }
   EXPECT_EQ(ledger_.GetCounts().size(), kMany);

@@ -10,6 +10,7 @@
 #include "platform/config/base_cfg.h"
 #include "platform/metrics/key_metrics.h"
 #include "sim/world.h"
+#include "testing/addresses.h"
 #include "testing/config_scope.h"
 #include "testing/fresh_ledger.h"
 #include "transport/name_addresses.h"
@@ -18,18 +19,14 @@
 namespace skorra {
 namespace {
 
-net::IPEndPoint EndPoint(std::string_view address, uint16_t port) {
-  return net::IPEndPoint::FromLiteral(address, port).value();
-}
-
 uint64_t Count(const std::string& reason) { return base::KeyMetrics::GetCount("ntp.domain." + reason); }
 
 class NtpTimeDomainInfoTest : public testing::Test {
  protected:
   NtpTimeDomainInfoTest() {
-    world_.SetHost("one.test", {{EndPoint("192.0.2.1", 0)}});
+    world_.SetHost("one.test", {{Address("192.0.2.1", 0)}});
     world_.SetHost("three.test",
-                   {{EndPoint("192.0.2.1", 0), EndPoint("2001:db8::2", 0), EndPoint("192.0.2.3", 0)}});
+                   {{Address("192.0.2.1", 0), Address("2001:db8::2", 0), Address("192.0.2.3", 0)}});
   }
 
   void SetResolveTimeout(uint64_t timeout_ms) {
@@ -47,13 +44,13 @@ TEST_F(NtpTimeDomainInfoTest, EveryWayToWriteAServerGivesItsAddressAndPort) {
     const char* domain;
     net::IPEndPoint expected;
   } rows[] = {
-      {"A name alone has the port of NTP.", "one.test", EndPoint("192.0.2.1", 123)},
-      {"A name with a port.", "one.test:11123", EndPoint("192.0.2.1", 11123)},
-      {"An IPv4 address.", "192.0.2.7", EndPoint("192.0.2.7", 123)},
-      {"An IPv4 address with the largest port.", "192.0.2.7:65535", EndPoint("192.0.2.7", 65535)},
-      {"A bare IPv6 address, whose colons are none of a port.", "2001:db8::7", EndPoint("2001:db8::7", 123)},
-      {"An IPv6 address in brackets.", "[2001:db8::7]", EndPoint("2001:db8::7", 123)},
-      {"An IPv6 address with the smallest port.", "[2001:db8::7]:1", EndPoint("2001:db8::7", 1)},
+      {"A name alone has the port of NTP.", "one.test", Address("192.0.2.1")},
+      {"A name with a port.", "one.test:11123", Address("192.0.2.1", 11123)},
+      {"An IPv4 address.", "192.0.2.7", Address("192.0.2.7")},
+      {"An IPv4 address with the largest port.", "192.0.2.7:65535", Address("192.0.2.7", 65535)},
+      {"A bare IPv6 address, whose colons are none of a port.", "2001:db8::7", Address("2001:db8::7")},
+      {"An IPv6 address in brackets.", "[2001:db8::7]", Address("2001:db8::7")},
+      {"An IPv6 address with the smallest port.", "[2001:db8::7]:1", Address("2001:db8::7", 1)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -101,8 +98,8 @@ TEST_F(NtpTimeDomainInfoTest, ANameThatDoesNotExistIsCountedAsNotFound) {
 }
 
 TEST_F(NtpTimeDomainInfoTest, TwoSecondsAreAllowedForANameUnlessConfigured) {
-  world_.SetHost("slow.test", {{EndPoint("192.0.2.1", 0)}, 2000000});
-  world_.SetHost("slower.test", {{EndPoint("192.0.2.1", 0)}, 2000001});
+  world_.SetHost("slow.test", {{Address("192.0.2.1", 0)}, 2000000});
+  world_.SetHost("slower.test", {{Address("192.0.2.1", 0)}, 2000001});
   const uint64_t before = Count("timed_out");
   EXPECT_FALSE(NtpTimeDomainInfo("slow.test").addresses().empty());
   EXPECT_EQ(Count("timed_out"), before);
@@ -114,7 +111,7 @@ TEST_F(NtpTimeDomainInfoTest, TwoSecondsAreAllowedForANameUnlessConfigured) {
 }
 
 TEST_F(NtpTimeDomainInfoTest, TheConfiguredLimitHoldsForTheNextName) {
-  world_.SetHost("slow.test", {{EndPoint("192.0.2.1", 0)}, 150000});
+  world_.SetHost("slow.test", {{Address("192.0.2.1", 0)}, 150000});
   SetResolveTimeout(100);
   const int64_t start_ticks_us = world_.steady_ticks_us();
   EXPECT_TRUE(NtpTimeDomainInfo("slow.test").addresses().empty());
@@ -126,11 +123,11 @@ TEST_F(NtpTimeDomainInfoTest, TheConfiguredLimitHoldsForTheNextName) {
 TEST_F(NtpTimeDomainInfoTest, RetriesWalkTheAddressesInOrderAndAreCounted) {
   NtpTimeDomainInfo info("three.test:99");
   uint32_t total_retry_count = 7;
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1", 99));
   EXPECT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("2001:db8::2", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("2001:db8::2", 99));
   EXPECT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.3", 99));
   EXPECT_EQ(total_retry_count, 9u);
 }
 
@@ -142,7 +139,7 @@ TEST_F(NtpTimeDomainInfoTest, NoRetryIsGrantedBeyondTheLastAddress) {
   EXPECT_FALSE(info.Retry(total_retry_count));
   EXPECT_FALSE(info.Retry(total_retry_count));
   EXPECT_EQ(total_retry_count, 2u);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.3"));
 
   NtpTimeDomainInfo nobody("nobody.test");
   EXPECT_FALSE(nobody.Retry(total_retry_count));
@@ -155,7 +152,7 @@ TEST_F(NtpTimeDomainInfoTest, ResetGoesBackToTheFirstAddressAndDropsTheSamples) 
   ASSERT_TRUE(info.Retry(total_retry_count));
   info.samples().push_back({.offset_us = 1, .rtt_us = 2});
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1"));
   EXPECT_TRUE(info.samples().empty());
   EXPECT_EQ(info.addresses().size(), 3u);
   EXPECT_EQ(info.domain(), "three.test");
@@ -175,7 +172,7 @@ TEST_F(NtpTimeDomainInfoTest, ACopyGoesItsOwnWay) {
   EXPECT_EQ(copy.GetCurrentIPAddress(), info.GetCurrentIPAddress());
 
   copy.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("2001:db8::2", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("2001:db8::2"));
   EXPECT_EQ(info.samples().size(), 1u);
 }
 
@@ -218,11 +215,11 @@ TEST_F(NtpTimeDomainInfoTest, TheFamiliesTakeTurns) {
     SCOPED_TRACE(row.what);
     sim::HostEntry entry;
     for (const char* const address : row.resolved) {
-      entry.addresses.push_back(EndPoint(address, 0));
+      entry.addresses.push_back(Address(address, 0));
     }
     std::vector<net::IPEndPoint> expected;
     for (const char* const address : row.expected) {
-      expected.push_back(EndPoint(address, 123));
+      expected.push_back(Address(address));
     }
     world_.SetHost("many.test", entry);
     const NtpTimeDomainInfo info("many.test");
@@ -241,7 +238,7 @@ class RefreshTest : public NtpTimeDomainInfoTest {
                     int64_t delay_us = 1000) {
     sim::HostEntry entry{.addresses = {}, .delay_us = delay_us, .ttl = ttl};
     for (const char* const address : addresses) {
-      entry.addresses.push_back(EndPoint(address, 0));
+      entry.addresses.push_back(Address(address, 0));
     }
     world_.SetHost("moving.test", entry);
   }
@@ -259,19 +256,19 @@ TEST_F(RefreshTest, TheNewListComesWithTheResetAndNotBefore) {
   NtpTimeDomainInfo info("moving.test:99");
   SetAddresses({"2001:db8::5", "2001:db8::5", "192.0.2.5"});
   RunFor(kTtlUs);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1", 99));
   ASSERT_TRUE(IsLookingUp());
   RunFor(kSecondUs);
   ASSERT_FALSE(IsLookingUp());
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1", 99));
   uint32_t total_retry_count = 0;
   ASSERT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.2", 99));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.2", 99));
   EXPECT_FALSE(info.Retry(total_retry_count));
 
   info.Reset();
-  EXPECT_EQ(info.addresses(), (std::vector{EndPoint("2001:db8::5", 99), EndPoint("192.0.2.5", 99)}));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("2001:db8::5", 99));
+  EXPECT_EQ(info.addresses(), (std::vector{Address("2001:db8::5", 99), Address("192.0.2.5", 99)}));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("2001:db8::5", 99));
   EXPECT_FALSE(IsLookingUp());
 }
 
@@ -280,12 +277,12 @@ TEST_F(RefreshTest, AUseDoesNotWaitForTheLookupThatItStarts) {
   SetAddresses({"192.0.2.5"});
   RunFor(kTtlUs);
   const int64_t before_ticks_us = world_.steady_ticks_us();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1"));
   EXPECT_EQ(world_.steady_ticks_us(), before_ticks_us);
   EXPECT_TRUE(IsLookingUp());
   RunFor(kSecondUs);
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
 // The time manager resets its domains while it holds a lock.
@@ -294,7 +291,7 @@ TEST_F(RefreshTest, AResetStartsNoLookup) {
   RunFor(kTtlUs);
   info.Reset();
   EXPECT_FALSE(IsLookingUp());
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1"));
   EXPECT_TRUE(IsLookingUp());
 }
 
@@ -320,11 +317,11 @@ TEST_F(RefreshTest, AShorterListTakesThePlaceOfALongerOneInUse) {
   ASSERT_TRUE(info.Retry(total_retry_count));
   SetAddresses({"192.0.2.5"});
   RunFor(kTtlUs);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.3"));
   RunFor(kSecondUs);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.3", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.3"));
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
 TEST_F(RefreshTest, TheTimeToLiveCountsBetweenAMinuteAndADay) {
@@ -379,7 +376,7 @@ TEST_F(RefreshTest, AFailedLookupKeepsTheListAndIsRepeatedAMinuteAfterItsBeginni
     sim::HostEntry entry;
   } rows[] = {
       {"not_found", {}},
-      {"timed_out", {.addresses = {EndPoint("192.0.2.66", 0)}, .delay_us = 2000001}},
+      {"timed_out", {.addresses = {Address("192.0.2.66", 0)}, .delay_us = 2000001}},
       {"failed", {.addresses = {}, .error = net::ResolveError::kFailed}},
   };
   for (const auto& row : rows) {
@@ -409,7 +406,7 @@ TEST_F(RefreshTest, AFailedLookupKeepsTheListAndIsRepeatedAMinuteAfterItsBeginni
     info.GetCurrentIPAddress();
     RunFor(kSecondUs);
     info.Reset();
-    EXPECT_EQ(info.addresses(), std::vector{EndPoint("192.0.2.5", 123)});
+    EXPECT_EQ(info.addresses(), std::vector{Address("192.0.2.5")});
   }
 }
 
@@ -436,7 +433,7 @@ TEST_F(RefreshTest, ALookupThatNeverReportsIsTakenForLostAfterTenMinutes) {
   EXPECT_EQ(Count("refresh_failed"), all_before + 1);
   RunFor(kSecondUs);
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
 TEST_F(RefreshTest, ALookupMayOutliveItsDomain) {
@@ -461,12 +458,12 @@ TEST_F(RefreshTest, CopiesShareALookupAndAdoptItEachInItsOwnReset) {
   EXPECT_EQ(world_.pending_count(), 1u);
   RunFor(kSecondUs);
   copy.Reset();
-  EXPECT_EQ(copy.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.1", 123));
+  EXPECT_EQ(copy.GetCurrentIPAddress(), Address("192.0.2.5"));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.1"));
   // The list that waits for the original is fresh: there is nothing to look up.
   EXPECT_FALSE(IsLookingUp());
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("192.0.2.5", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
 TEST_F(RefreshTest, ALiteralOrANameWithoutAddressIsNeverLookedUpAgain) {
@@ -489,7 +486,7 @@ class HeldAddressTest : public NtpTimeDomainInfoTest {
  protected:
   // Asked once, the server sends `code`.
   void Hold(const char* address, KissCode code) {
-    const net::IPEndPoint server = EndPoint(address, 123);
+    const net::IPEndPoint server = Address(address);
     Ask(server);
     NtpAddressLedger::GetInstance()->OnReply(server);
     NtpAddressLedger::GetInstance()->OnRefusal(server, code, world_.steady_ticks_us(), 0);
@@ -503,7 +500,7 @@ class HeldAddressTest : public NtpTimeDomainInfoTest {
   void SetHost(const std::vector<const char*>& addresses) {
     sim::HostEntry entry;
     for (const char* const address : addresses) {
-      entry.addresses.push_back(EndPoint(address, 0));
+      entry.addresses.push_back(Address(address, 0));
     }
     world_.SetHost("held.test", entry);
   }
@@ -515,24 +512,24 @@ TEST_F(HeldAddressTest, AHeldAddressIsPassedOver) {
   Hold("198.51.100.3", KissCode::kDeny);
   NtpTimeDomainInfo info("held.test");
   EXPECT_EQ(info.addresses().size(), 4u);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.2"));
   uint32_t total_retry_count = 0;
   EXPECT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.4", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.4"));
   EXPECT_EQ(total_retry_count, 1u);
   EXPECT_FALSE(info.Retry(total_retry_count));
 
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.2"));
   Hold("198.51.100.4", KissCode::kRstr);
   EXPECT_FALSE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.2", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.2"));
   EXPECT_EQ(total_retry_count, 1u);
 
   // Four hours later all have been served.
   world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kDeniedUs));
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.1"));
 }
 
 TEST_F(HeldAddressTest, AnAddressPassedOverAtTheBeginningIsTriedAtTheEndWhenItIsFreeByThen) {
@@ -540,13 +537,13 @@ TEST_F(HeldAddressTest, AnAddressPassedOverAtTheBeginningIsTriedAtTheEndWhenItIs
   Hold("198.51.100.1", KissCode::kRate);
   Hold("198.51.100.2", KissCode::kDeny);
   NtpTimeDomainInfo info("held.test");
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.3", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.3"));
   world_.RunFor(base::TimeDelta::FromSeconds(3600));  // the next attempt
   uint32_t total_retry_count = 0;
   EXPECT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.4", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.4"));
   EXPECT_TRUE(info.Retry(total_retry_count));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.1", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.1"));
   EXPECT_FALSE(info.Retry(total_retry_count));
   EXPECT_EQ(total_retry_count, 2u);
 }
@@ -555,13 +552,13 @@ TEST_F(HeldAddressTest, TheAddressInUseStaysAlsoWhenItComesToBeHeld) {
   SetHost({"198.51.100.11", "198.51.100.12"});
   NtpTimeDomainInfo info("held.test");
   Hold("198.51.100.11", KissCode::kRate);
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.11", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.11"));
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.12"));
   // And when it is held no longer: the retry went on from there.
   Hold("198.51.100.12", KissCode::kDeny);
   world_.RunFor(base::TimeDelta::FromMicroseconds(NtpAddressLedger::kDeniedUs));
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.12", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.12"));
 }
 
 TEST_F(HeldAddressTest, WhenAllAreHeldTheFirstIsStillHandedOut) {
@@ -569,11 +566,11 @@ TEST_F(HeldAddressTest, WhenAllAreHeldTheFirstIsStillHandedOut) {
   Hold("198.51.100.21", KissCode::kDeny);
   Hold("198.51.100.22", KissCode::kRate);
   NtpTimeDomainInfo info("held.test");
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.21", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.21"));
   uint32_t total_retry_count = 0;
   EXPECT_FALSE(info.Retry(total_retry_count));
   info.Reset();
-  EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.21", 123));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.21"));
 }
 
 TEST_F(HeldAddressTest, AnOnlyAddressIsAskedTwiceWhenNothingComesBack) {
@@ -584,7 +581,7 @@ TEST_F(HeldAddressTest, AnOnlyAddressIsAskedTwiceWhenNothingComesBack) {
     SCOPED_TRACE(attempt);
     Ask(info.GetCurrentIPAddress());
     EXPECT_TRUE(info.Retry(total_retry_count));
-    EXPECT_EQ(info.GetCurrentIPAddress(), EndPoint("198.51.100.31", 123));
+    EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.31"));
     EXPECT_FALSE(info.Retry(total_retry_count));
     info.Reset();
   }

@@ -297,7 +297,8 @@ TEST_F(NtpTimePacketHandlerTest, TheSystemOffsetIsTheBaseOfTheNextSample) {
   world_.StepWall(TimeDelta::FromSeconds(5));
   Send();
   Run();
-  OnQueue([&] { handler_->UpdateSystemTimeOffsetFromSteady(base_us + 5000000); });
+  world_.RunAsTask(core::BusinessID::kNtpTime,
+                   [&] { handler_->UpdateSystemTimeOffsetFromSteady(base_us + 5000000); });
   EXPECT_EQ(handler_->GetSystemTimeOffsetFromSteady(), base_us + 5000000);
   Send();
   Run();
@@ -311,7 +312,7 @@ TEST_F(NtpTimePacketHandlerTest, TheSystemOffsetIsTheBaseOfTheNextSample) {
 TEST_F(NtpTimePacketHandlerTest, ARequestUnderWayIsMeasuredAgainstTheNewSystemOffsetAtBothEnds) {
   Prepare();
   Send();
-  OnQueue([this] {
+  world_.RunAsTask(core::BusinessID::kNtpTime, [this] {
     handler_->UpdateSystemTimeOffsetFromSteady(handler_->GetSystemTimeOffsetFromSteady() - 3000000);
   });
   Run();
@@ -323,7 +324,8 @@ TEST_F(NtpTimePacketHandlerTest, ARequestUnderWayIsMeasuredAgainstTheNewSystemOf
 TEST_F(NtpTimePacketHandlerTest, AnySystemOffsetIsSurvived) {
   Prepare();
   for (const int64_t offset_us : {std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()}) {
-    OnQueue([&] { handler_->UpdateSystemTimeOffsetFromSteady(offset_us); });
+    world_.RunAsTask(core::BusinessID::kNtpTime,
+                     [&] { handler_->UpdateSystemTimeOffsetFromSteady(offset_us); });
     Send();
     Run();
   }

@@ -213,8 +213,8 @@ TEST_F(PacketHandlerBurstsTest, DenialHoldsTheAddressForHours) {
     const char* name;
     const net::IPEndPoint server;
   } rows[] = {
-      {"Denied.", kDeny, "deny", net::IPEndPoint::FromLiteral("192.0.2.20", 123).value()},
-      {"Restricted.", kRstr, "rstr", net::IPEndPoint::FromLiteral("192.0.2.21", 123).value()},
+      {"Denied.", kDeny, "deny", Address("192.0.2.20")},
+      {"Restricted.", kRstr, "rstr", Address("192.0.2.21")},
   };
   is_answering_ = false;
   for (const auto& row : rows) {
