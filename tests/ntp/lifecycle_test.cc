@@ -234,6 +234,16 @@ TEST_F(LifecycleTest, AStopAfterTheQueueHasGoneDoesNothing) {
   EXPECT_EQ(StopLines(), stops);
 }
 
+TEST_F(LifecycleTest, AStopBeforeThereIsAQueueDoesNotHinderALaterOne) {
+  world.SetQueueAvailable(false);
+  manager().Stop();
+  world.SetQueueAvailable(true);
+  EXPECT_TRUE(world.posted().empty());
+  manager().Stop();
+  world.RunFor(Us(0));
+  EXPECT_EQ(StopLines(), 1u);
+}
+
 TEST_F(LifecycleTest, WithoutAQueueTheDelayedStopIsNotPosted) {
   world.SetQueueAvailable(false);
   peer.DelayStopNtpQueueIfNeeded();

@@ -356,6 +356,41 @@ TEST_F(NtpAddressLedgerTest, WhenAllAddressesAreHeldTheOneAskedLongestAgoIsEvict
   EXPECT_TRUE(counts.contains(kServer));
 }
 
+TEST_F(NtpAddressLedgerTest, ABurstUnderWayDoesNotKeepAHeldAddressFromBeingEvicted) {
+  FillUp(NtpAddressLedger::kMaxAddresses);
+  for (size_t i = 0; i < NtpAddressLedger::kMaxAddresses; ++i) {
+    ledger_.OnRefusal(NumberedAddress(i), KissCode::kDeny, kNow + 1000, 0);
+  }
+  Burst(kNow + 2000);
+  const auto counts = ledger_.GetCounts();
+  EXPECT_EQ(counts.size(), NtpAddressLedger::kMaxAddresses);
+  EXPECT_FALSE(counts.contains(NumberedAddress(0)));
+  EXPECT_TRUE(counts.contains(kServer));
+}
+
+TEST_F(NtpAddressLedgerTest, ARefusalOfAnEvictedAddressMakesRoomForItself) {
+  FillUp(NtpAddressLedger::kMaxAddresses);
+  EXPECT_TRUE(ledger_.OnRefusal(kServer, KissCode::kDeny, kNow + 2 * kSecond, 0));
+  const auto counts = ledger_.GetCounts();
+  EXPECT_EQ(counts.size(), NtpAddressLedger::kMaxAddresses);
+  EXPECT_FALSE(counts.contains(NumberedAddress(0)));
+  EXPECT_EQ(Check(kNow + 2 * kSecond), SendRefusal::kDenied);
+}
+
+// Such an account comes from a refusal that arrived after the address had been evicted.
+TEST_F(NtpAddressLedgerTest, AnAddressWithoutABurstStaysWhileItIsHeldAndIsEvictedFirstAfterThat) {
+  const int64_t free_ticks_us = kNow + 2 * kSecond;
+  ledger_.OnRefusal(kServer, KissCode::kDeny, free_ticks_us - NtpAddressLedger::kDeniedUs, 0);
+  FillUp(NtpAddressLedger::kMaxAddresses - 1);
+  Burst(free_ticks_us - 1, kOtherServer);
+  EXPECT_TRUE(ledger_.GetCounts().contains(kServer));
+  EXPECT_FALSE(ledger_.GetCounts().contains(NumberedAddress(0)));
+  Burst(free_ticks_us, NumberedAddress(0));
+  EXPECT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses);
+  EXPECT_FALSE(ledger_.GetCounts().contains(kServer));
+  EXPECT_TRUE(ledger_.GetCounts().contains(NumberedAddress(1)));
+}
+
 // Evicted, each of them would get one burst after another.
 TEST_F(NtpAddressLedgerTest, AnAddressWhoseBurstIsUnderWayIsNotEvicted) {
   constexpr size_t kMany = NtpAddressLedger::kMaxAddresses + 10;

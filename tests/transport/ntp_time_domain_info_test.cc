@@ -436,6 +436,37 @@ TEST_F(RefreshTest, ALookupThatNeverReportsIsTakenForLostAfterTenMinutes) {
   EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
+TEST_F(RefreshTest, ALateReportOfALostLookupDoesNotReplaceANewerList) {
+  NtpTimeDomainInfo info("moving.test");
+  SetAddresses({"192.0.2.5"});
+  RunFor(kTtlUs);
+  info.GetCurrentIPAddress();
+  ASSERT_TRUE(IsLookingUp());
+  // The log hears of an answer before the lookup reports it: there the first lookup is held up until it
+  // counts as lost and a second one has reported.
+  int lookups = 0;
+  world_.SetEventLog([&](const std::string&) {
+    if (++lookups == 1) {
+      SetAddresses({"192.0.2.6"});
+      world_.Block(base::TimeDelta::FromMicroseconds(NameAddresses::kLostAfterUs));
+      info.GetCurrentIPAddress();
+      ASSERT_TRUE(world_.RunOne());
+    }
+  });
+  const uint64_t lost_before = Count("refresh_failed.lost");
+  ASSERT_TRUE(world_.RunOne());
+  world_.SetEventLog(nullptr);
+  ASSERT_EQ(lookups, 2);
+  EXPECT_EQ(Count("refresh_failed.lost"), lost_before + 1);
+  info.Reset();
+  EXPECT_EQ(info.addresses(), std::vector{Address("192.0.2.6")});
+
+  // Nor does the late report make the second lookup look as if it were under way.
+  RunFor(kTtlUs);
+  info.GetCurrentIPAddress();
+  EXPECT_TRUE(IsLookingUp());
+}
+
 TEST_F(RefreshTest, ALookupMayOutliveItsDomain) {
   SetAddresses({"192.0.2.1"}, base::TimeDelta());
   {
