@@ -35,7 +35,6 @@
 #include "platform/base/time.h"
 #include "platform/config/base_cfg.h"
 #include "platform/config/config_center.h"
-#include "platform/core/thread_manager.h"
 #include "platform/linux/name_lookup.h"
 #include "platform/metrics/key_metrics.h"
 #include "platform/net/datagram_socket.h"
