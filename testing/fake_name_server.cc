@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <utility>
 
@@ -73,7 +75,10 @@ FakeNameServer::FakeNameServer(Options options)
   local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   local.sin_port = htons(options_.port);
   socklen_t size = sizeof local;
-  bind(fd_, reinterpret_cast<sockaddr*>(&local), size);
+  if (bind(fd_, reinterpret_cast<sockaddr*>(&local), size) != 0) {
+    std::perror("FakeNameServer");
+    std::abort();
+  }
   getsockname(fd_, reinterpret_cast<sockaddr*>(&local), &size);
   address_ = "127.0.0.1:" + std::to_string(ntohs(local.sin_port));
   thread_ = std::thread([this] { Serve(); });
