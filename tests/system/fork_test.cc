@@ -448,6 +448,22 @@ TEST(ForkTest, ASinkThatNeverReturnsHoldsUpNeitherTheForkNorTheChild) {
   base::SetLogSink({});
 }
 
+TEST(ForkTest, AThreadThatWaitsForTheOutsideWorldHoldsUpNoForkHoweverDeepItIsInside) {
+  std::atomic<bool> is_waiting{false};
+  std::atomic<bool> is_over{false};
+  std::thread thread([&] {
+    const base::NoForkScope outer;
+    const base::NoForkScope inner;
+    const base::ForkAllowedScope fork_allowed;
+    is_waiting = true;
+    WaitUntil([&] { return is_over.load(); });
+  });
+  ASSERT_TRUE(WaitUntil([&] { return is_waiting.load(); }));
+  EXPECT_LT(ShortestForkUs([] { return CheckRead(true); }), 60000);
+  is_over = true;
+  thread.join();
+}
+
 TEST(ForkTest, ALongLookupDoesNotHoldUpTheFork) {
   const LoopbackUdp name_server;
   std::promise<void> done;
