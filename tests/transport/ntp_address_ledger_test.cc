@@ -319,6 +319,13 @@ TEST_F(NtpAddressLedgerTest, ARefusalCountsAlsoWhenTheAddressWasEvicted) {
   EXPECT_EQ(Check(kNow), SendRefusal::kDenied);
 }
 
+TEST_F(NtpAddressLedgerTest, ARateForAnEvictedAddressHoldsItForTheBackOffAlone) {
+  EXPECT_TRUE(Rate(kNow));
+  EXPECT_EQ(Check(kNow + NtpAddressLedger::kFirstBackOffUs - 1), SendRefusal::kBackOff);
+  EXPECT_EQ(Check(kNow + NtpAddressLedger::kFirstBackOffUs), SendRefusal::kNone)
+      << "no burst is known that the next one must keep away from";
+}
+
 TEST_F(NtpAddressLedgerTest, ABurstThatEndedInADenialDoesNotBringTheFirstBackOffBack) {
   Burst(kNow);
   Rate(kNow);
