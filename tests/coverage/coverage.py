@@ -14,6 +14,8 @@ import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 REASONS = pathlib.Path(__file__).with_name("reasons.txt")
+# A reason that begins so also holds for a run that took the line.
+BY_CHANCE = "By chance: "
 
 
 def read_reasons():
@@ -75,7 +77,8 @@ def main():
         print_row(file["file"], counts)
         totals += counts
     print_row("all", totals)
-    problems += [f"explained, but covered or gone: {key}" for key in reasons if key not in used]
+    problems += [f"explained, but covered or gone: {key}" for key, reason in reasons.items()
+                 if key not in used and not reason.startswith(BY_CHANCE)]
     for problem in problems:
         print(problem)
     return 1 if problems else 0
