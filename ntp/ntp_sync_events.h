@@ -18,7 +18,7 @@
 // Course: listening changes nothing of what the manager does. It costs no clock reading, no task and no log
 // line, and without listeners one load of an atomic for each report. The time that a listener takes counts
 // into the costs of the requests under way, since their replies wait for it. A listener may call the
-// manager's operations: a start takes effect at once, everything else when its task runs.
+// manager's operations: a start takes effect at once, a stop and new domains when their tasks run.
 //
 // The outcome for a program's users is the observer's (ntp_time_manager.h); it also hears of a kept result
 // that is announced again, which is no attempt and has no report here.

@@ -15,7 +15,7 @@
 namespace skorra {
 
 // Makes managers that are not the process's one, and reaches members and private functions by their names.
-// Only one thread uses such a manager, so that its members need no locks.
+// The members that a lock guards are reached without it: only while no other thread works with the manager.
 class NtpTimeManagerPeer {
  public:
   using Impl = NtpTimeManagerImpl;

@@ -141,6 +141,13 @@ TEST_F(WorldTest, BothClocksFollowTheOscillatorAndTheTruthDoesNot) {
   EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 1e10 / 1.0001, 20);
 }
 
+TEST_F(WorldTest, AnOscillatorIsAtMostAThirdTooSlow) {
+  const int64_t begin_true_us = world_.true_us();
+  world_.SetSteadyError({.frequency_ppb = -1000000000});
+  world_.RunFor(TimeDelta::FromSeconds(2));
+  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 3e6, 10);
+}
+
 TEST_F(WorldTest, ASlewedWallClockLeavesSteadyTimeAndTruthAlone) {
   const int64_t begin_true_us = world_.true_us();
   world_.SetWallError({.frequency_ppb = -50000});
