@@ -138,11 +138,11 @@ class Exchanges {
 
   int64_t OffsetUs(const skorra::NtpPacket& reply, int64_t send_ticks_us, int64_t receive_ticks_us) const {
     const int64_t receive_us = receive_ticks_us + wall_minus_steady_us_;
-    return skorra::ComputeSample(
-               {.send_local_us = send_ticks_us + wall_minus_steady_us_,
-                .server_receive_ntp_us = skorra::NtpTimestampToUs(reply.receive_timestamp, receive_us),
-                .server_transmit_ntp_us = skorra::NtpTimestampToUs(reply.transmit_timestamp, receive_us),
-                .receive_local_us = receive_us})
+    const skorra::ServerTimes server = skorra::ReadServerTimes(reply);
+    return skorra::ComputeSample({.send_local_us = send_ticks_us + wall_minus_steady_us_,
+                                  .server_receive_ntp_us = server.receive_ntp_us,
+                                  .server_transmit_ntp_us = server.transmit_ntp_us,
+                                  .receive_local_us = receive_us})
         .offset_us;
   }
 

@@ -110,7 +110,7 @@ std::array<IPEndPoint, kServerCount> MakeServers(uint32_t run) {
 
 sim::World::Options WorldOptions(int64_t steady_ticks_us) {
   sim::World::Options options;
-  options.wall_us = kEarliestPivotUs + 300 * kDayUs;
+  options.wall_us = base::kWindowsToUnixEpochUs + int64_t{20754} * kDayUs;
   options.steady_ticks_us = steady_ticks_us;
   return options;
 }

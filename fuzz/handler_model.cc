@@ -204,8 +204,9 @@ void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int
   ExchangeTimes times;
   times.send_local_us = LocalUs(request.stamp_ticks_us);
   times.receive_local_us = LocalUs(receive_ticks_us);
-  times.server_receive_ntp_us = ExpectedTimestampToUs(NumberAt(bytes, 32, 8), times.receive_local_us);
-  times.server_transmit_ntp_us = ExpectedTimestampToUs(NumberAt(bytes, 40, 8), times.server_receive_ntp_us);
+  const ServerTimes server = ExpectedServerTimes(NumberAt(bytes, 32, 8), NumberAt(bytes, 40, 8));
+  times.server_receive_ntp_us = server.receive_ntp_us;
+  times.server_transmit_ntp_us = server.transmit_ntp_us;
   const NtpResultData data = ExpectedSample(times);
   if (data.rtt_us < 0) {
     Reject(ReplyRejection::kNegativeRoundTrip);

@@ -90,24 +90,19 @@ bool ExpectedExtensionFields(std::span<const uint8_t> bytes) {
   return is_row[0];
 }
 
-Wide ExpectedPivotUs(int64_t pivot_us) {
-  return std::clamp<Wide>(pivot_us, kEarliestPivotUs, std::numeric_limits<int64_t>::max() - kEraUs);
+int64_t ExpectedTimestampToUs(NtpTimestamp timestamp) {
+  // In units of 2^-32 us, from the era before the window on.
+  Wide exact = kNtpEpochUs * kTwoTo32 + Wide{timestamp} * kUsPerSecond;
+  while (exact < kWindowBeginUs * kTwoTo32) {
+    exact += kEraUs * kTwoTo32;
+  }
+  return static_cast<int64_t>((exact + kTwoTo32 / 2) / kTwoTo32);
 }
 
-int64_t ExpectedTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us) {
-  const Wide pivot = ExpectedPivotUs(pivot_us);
-  const Wide in_era_0 = kNtpEpochUs + (Wide{timestamp} * kUsPerSecond + kTwoTo32 / 2) / kTwoTo32;
-  // From the era before the pivot's to the one after it.
-  const Wide first = in_era_0 + std::max<Wide>(0, (pivot - in_era_0) / kEraUs - 1) * kEraUs;
-  Wide nearest = first;
-  for (Wide us = first; us <= pivot + kEraUs; us += kEraUs) {
-    const Wide distance = us < pivot ? pivot - us : us - pivot;
-    const Wide best = nearest < pivot ? pivot - nearest : nearest - pivot;
-    if (distance < best) {
-      nearest = us;
-    }
-  }
-  return static_cast<int64_t>(nearest);
+ServerTimes ExpectedServerTimes(NtpTimestamp receive, NtpTimestamp transmit) {
+  const int64_t receive_us = ExpectedTimestampToUs(receive);
+  const int64_t transmit_us = ExpectedTimestampToUs(transmit);
+  return {receive_us, transmit_us + (transmit_us < receive_us ? static_cast<int64_t>(kEraUs) : 0)};
 }
 
 NtpResultData ExpectedSample(const ExchangeTimes& times) {

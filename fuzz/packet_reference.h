@@ -34,10 +34,11 @@ KissCode ExpectedKissCode(std::span<const uint8_t> bytes);
 
 bool ExpectedExtensionFields(std::span<const uint8_t> bytes);
 
-// The pivot as it is used: brought into its range.
-Wide ExpectedPivotUs(int64_t pivot_us);
-// Of two times that are equally near to the pivot, the earlier.
-int64_t ExpectedTimestampToUs(NtpTimestamp timestamp, int64_t pivot_us);
+// The window of 2^32 s from 1980-01-01, which is 379 years with 91 leap days after 1601-01-01.
+inline constexpr Wide kWindowBeginUs = Wide{379 * 365 + 91} * 86400 * kUsPerSecond;
+int64_t ExpectedTimestampToUs(NtpTimestamp timestamp);
+// The server's two times, the second of them not before the first.
+ServerTimes ExpectedServerTimes(NtpTimestamp receive, NtpTimestamp transmit);
 
 NtpResultData ExpectedSample(const ExchangeTimes& times);
 

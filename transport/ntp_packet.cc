@@ -16,9 +16,6 @@ using base::SaturatingSubtract;
 
 // From 1601-01-01 to 1900-01-01: 109207 days.
 constexpr int64_t kWindowsToNtpEpochSeconds = int64_t{109207} * 86400;
-constexpr int64_t kWindowsToNtpEpochUs = kWindowsToNtpEpochSeconds * kUsPerSecond;
-constexpr int64_t kEraUs = (int64_t{1} << 32) * kUsPerSecond;
-constexpr int64_t kLatestPivotUs = std::numeric_limits<int64_t>::max() - kEraUs;
 
 // Write and read numbers in network order, one after the other.
 class Writer {
@@ -273,22 +270,15 @@ int64_t RootDistanceUs(const NtpPacket& reply) {
   return (distance * kUsPerSecond) >> 17;
 }
 
-int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_local_us) {
-  // Within this range neither the position of the pivot since 1900 nor the result can overflow.
-  const int64_t clamped_pivot_us = std::clamp(pivot_local_us, kEarliestPivotUs, kLatestPivotUs);
-  const auto seconds = static_cast<int64_t>(timestamp >> 32);
+int64_t NtpTimestampToUs(NtpTimestamp timestamp) {
+  constexpr auto kBeginSeconds =
+      static_cast<uint32_t>(kTimeWindowBeginUs / kUsPerSecond - kWindowsToNtpEpochSeconds);
+  // Modulo 2^32: the seconds since the window began.
+  const uint32_t seconds = static_cast<uint32_t>(timestamp >> 32) - kBeginSeconds;
   const uint64_t fraction = timestamp & 0xffffffff;
   const auto fraction_us =
       static_cast<int64_t>((fraction * kUsPerSecond + (uint64_t{1} << 31)) >> 32);  // may be a whole second
-
-  int64_t distance_us =
-      seconds * kUsPerSecond + fraction_us - (clamped_pivot_us - kWindowsToNtpEpochUs) % kEraUs;
-  if (distance_us >= kEraUs / 2) {
-    distance_us -= kEraUs;
-  } else if (distance_us < -kEraUs / 2) {
-    distance_us += kEraUs;
-  }
-  return clamped_pivot_us + distance_us;
+  return kTimeWindowBeginUs + seconds * kUsPerSecond + fraction_us;
 }
 
 NtpTimestamp NtpTimestampFromUs(int64_t ntp_us) {
@@ -301,6 +291,14 @@ NtpTimestamp NtpTimestampFromUs(int64_t ntp_us) {
   const auto era_seconds = static_cast<uint64_t>(seconds - kWindowsToNtpEpochSeconds);
   const uint64_t fraction = ((static_cast<uint64_t>(fraction_us) << 32) + kUsPerSecond / 2) / kUsPerSecond;
   return era_seconds << 32 | fraction;
+}
+
+ServerTimes ReadServerTimes(const NtpPacket& reply) {
+  ServerTimes times{NtpTimestampToUs(reply.receive_timestamp), NtpTimestampToUs(reply.transmit_timestamp)};
+  if (times.transmit_ntp_us < times.receive_ntp_us) {
+    times.transmit_ntp_us += kNtpEraUs;
+  }
+  return times;
 }
 
 NtpResultData ComputeSample(const ExchangeTimes& times) {

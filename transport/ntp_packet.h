@@ -6,9 +6,9 @@
 //   ...
 //   const std::optional<NtpPacket> reply = DecodePacket(datagram);
 //   if (reply && CheckReply(*reply, max_root_distance_us) == ReplyRejection::kNone) {
-//     const int64_t t2_ntp_us = NtpTimestampToUs(reply->receive_timestamp, t4_local_us);
-//     const int64_t t3_ntp_us = NtpTimestampToUs(reply->transmit_timestamp, t2_ntp_us);
-//     const NtpResultData sample = ComputeSample({t1_local_us, t2_ntp_us, t3_ntp_us, t4_local_us});
+//     const ServerTimes server = ReadServerTimes(*reply);
+//     const NtpResultData sample =
+//         ComputeSample({t1_local_us, server.receive_ntp_us, server.transmit_ntp_us, t4_local_us});
 //   }
 //
 // Everything here is a pure function of its arguments: any thread, no clock, no random number, no lock. Every
@@ -132,19 +132,19 @@ ReplyRejection CheckReply(const NtpPacket& reply, int64_t max_root_distance_us);
 // polls).
 int64_t RootDistanceUs(const NtpPacket& reply);
 
-// The oldest pivot in use, 2026-01-01 UTC. A machine whose clock starts in 1970 must still place the server's
-// time in the right era, and no server can genuinely tell a time before this code was written.
-inline constexpr int64_t kEarliestPivotUs =
-    base::kWindowsToUnixEpochUs + int64_t{1767225600} * base::kUsPerSecond;
+// A time stamp counts from the start of an era and does not tell which one. Every time stamp is placed into
+// the one window of 2^32 s that begins here, 1980-01-01 UTC, and ends 2116-02-07T06:28:16Z. The local clock
+// has no say: it may show any time at all before it is corrected.
+inline constexpr int64_t kTimeWindowBeginUs =
+    base::kWindowsToUnixEpochUs + int64_t{315532800} * base::kUsPerSecond;
+inline constexpr int64_t kNtpEraUs = (int64_t{1} << 32) * base::kUsPerSecond;
 
-// The time that a time stamp stands for, in microseconds since 1601, rounded to the nearest. There is one
-// such time in each era of 136 years; this returns the one nearest to `pivot_local_us`, a local timestamp,
-// and the earlier of two equally near. The pivot is clamped to the range from kEarliestPivotUs to one era
-// before the largest number.
-int64_t NtpTimestampToUs(NtpTimestamp timestamp, int64_t pivot_local_us);
+// The time that a time stamp stands for within the window, in microseconds since 1601, rounded to the
+// nearest.
+int64_t NtpTimestampToUs(NtpTimestamp timestamp);
 
 // The time stamp of a time in microseconds since 1601, without the era, rounded to the nearest unit of 2^-32
-// s. `NtpTimestampToUs` with a pivot nearby gives the same microsecond back.
+// s. `NtpTimestampToUs` gives the same microsecond back for a time within the window.
 NtpTimestamp NtpTimestampFromUs(int64_t ntp_us);
 
 // The four times of one exchange, microseconds since 1601 (RFC 5905, section 8): T1 and T4 by the local
@@ -155,6 +155,15 @@ struct ExchangeTimes {
   int64_t server_transmit_ntp_us = 0;  // T3
   int64_t receive_local_us = 0;        // T4
 };
+
+// What a reply that passed `CheckReply` says of the server's clock: T2 and T3. The later one may lie beyond
+// the window, when its end falls between the two.
+struct ServerTimes {
+  int64_t receive_ntp_us = 0;
+  int64_t transmit_ntp_us = 0;
+};
+
+ServerTimes ReadServerTimes(const NtpPacket& reply);
 
 // offset = ((T2 - T1) + (T3 - T4)) / 2, truncated toward zero, and delay = (T4 - T1) - (T3 - T2). Every sum
 // and difference saturates, so the offset is never kNoOffsetUs. The delay is negative when the server claims

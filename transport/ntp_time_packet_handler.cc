@@ -224,10 +224,9 @@ ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Reque
   ExchangeTimes times;
   times.send_local_us = ToLocalTimestampUs(request.send_ticks_us);
   times.receive_local_us = ToLocalTimestampUs(receive_ticks_us);
-  times.server_receive_ntp_us = NtpTimestampToUs(reply.receive_timestamp, times.receive_local_us);
-  // The receive time stamp is the pivot of the transmit time stamp, so that both fall into the same era, also
-  // for a server that is half an era away.
-  times.server_transmit_ntp_us = NtpTimestampToUs(reply.transmit_timestamp, times.server_receive_ntp_us);
+  const ServerTimes server = ReadServerTimes(reply);
+  times.server_receive_ntp_us = server.receive_ntp_us;
+  times.server_transmit_ntp_us = server.transmit_ntp_us;
   *sample = ComputeSample(times);
   if (sample->rtt_us < 0) {
     return ReplyRejection::kNegativeRoundTrip;

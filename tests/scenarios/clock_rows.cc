@@ -12,7 +12,9 @@ constexpr int64_t kEraOne = 13730452096 * kSecond;
 constexpr int64_t kYear2038 = 13791957248 * kSecond;
 constexpr int64_t kYear2104 = 15877935744 * kSecond;
 constexpr int64_t kYear2030 = 13537929600 * kSecond;
-constexpr int64_t kEraLength = 4294967296 * kSecond;
+constexpr int64_t kYear2024 = 13348540800 * kSecond;
+constexpr int64_t kYear2026 = 13411699200 * kSecond;
+constexpr int64_t kYear2137 = 16914528000 * kSecond;
 
 struct Step {
   const char* name;
@@ -233,17 +235,12 @@ std::vector<Scenario> EraRows() {
        "a clock that woke up in 1970 is set right: eras are placed near 2026",
        wall_off_by(base::kWindowsToUnixEpochUs - kYear2030), SyncOnce, right, kYear2030},
       {"client_in_1970_server_in_2104",
-       "a time stamp does not tell its era, and 1968 is nearer to 2026 than 2104: wrong by one era, and "
-       "unavoidably so",
-       wall_off_by(base::kWindowsToUnixEpochUs - kYear2104),
-       SyncOnce,
-       {.max_error_us = kEraLength + 10,
-        .rms_error_us = kEraLength + 10,
-        .first_result_us = 20 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0},
-        .min_error_at_end_us = kEraLength - 10},
-       kYear2104 + kDay},
+       "a clock that woke up in 1970 is set right in the second half of era 1, too",
+       wall_off_by(base::kWindowsToUnixEpochUs - kYear2104), SyncOnce, right, kYear2104 + kDay},
+      {"client_in_2137_server_in_2026", "a clock beyond the window of the servers' times is set right",
+       wall_off_by(kYear2137 - kYear2026), SyncOnce, right, kYear2026},
+      {"laboratory_of_2024", "client and server both live two years ago", OneServer({}), SyncOnce, right,
+       kYear2024},
   };
 }
 

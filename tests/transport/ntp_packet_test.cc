@@ -24,6 +24,8 @@ constexpr int64_t At(int64_t unix_seconds, int64_t us = 0) {
 
 constexpr int64_t k1900 = At(-2208988800);
 constexpr int64_t kStartOf1970 = At(0);
+constexpr int64_t kStartOf1980 = At(315532800);
+constexpr int64_t kEndOfWindow = At(4610500096);  // 2116-02-07T06:28:16Z
 constexpr int64_t kStartOf2026 = At(1767225600);
 constexpr int64_t kEra1 = At(2085978496);       // 2036-02-07T06:28:16Z
 constexpr int64_t kAfter2038 = At(2147483648);  // 2038-01-19T03:14:08Z
@@ -410,60 +412,53 @@ TEST(NtpPacketTest, EveryRejectionHasItsName) {
 struct Conversion {
   const char* what;
   NtpTimestamp timestamp;
-  int64_t pivot_us;
   int64_t expected_us;
 };
 
 const Conversion kConversions[] = {
-    {"A time stamp of the pivot's own instant.", 0xed00378000000000, kStartOf2026, kStartOf2026},
-    {"Zero is the start of era 1 for a pivot nearer to 2036 than to 1900.", 0, kStartOf2026, kEra1},
-    {"The last unit of era 0 rounds up to the start of era 1.", ~uint64_t{0}, kStartOf2026, kEra1},
-    {"One microsecond before the end of era 0.", 0xffffffffffffef39, kStartOf2026, kEra1 - 1},
-    {"One microsecond into era 1, seen from era 0.", 0x00000000000010c7, kEra1 - 1, kEra1 + 1},
-    {"One microsecond before the end of era 0, seen from era 1.", 0xffffffffffffef39, kEra1 + 1, kEra1 - 1},
-    {"The last second of era 0, seen from its own end.", 0xffffffff00000000, kEra1, kEra1 - 1000000},
-    {"The second in which 32-bit Unix time ends.", 0x03aa7e8000000000, kStartOf2026, kAfter2038},
-    {"The same second, seen from itself.", 0x03aa7e8000000000, kAfter2038, kAfter2038},
-    {"The middle of era 1, where its seconds need the top bit, seen from 2038.", 0x8000000000000000,
-     kAfter2038, kIn2104},
-    {"The start of era 2, seen from 2104 plus one microsecond.", 0, kIn2104 + 1, kEra2},
-    {"The start of era 1, seen from 2104 minus one microsecond.", 0, kIn2104 - 1, kEra1},
-    {"Exactly half an era away, the later of two equally near times.", 0, kIn2104, kEra1},
-    {"Half an era ahead is taken for half an era ago.", 0x8000000000000000, kEra1, kIn2104 - (kEra2 - kEra1)},
-    {"One microsecond less than half an era ahead is ahead.", 0x7fffffffffffef39, kEra1, kIn2104 - 1},
-    {"A machine that woke up in 1970 is told a time of 2026.", 0xed00378000000000, kStartOf1970,
-     kStartOf2026},
-    {"The same machine, told a time of era 1.", 0x0000000100000000, kStartOf1970, kEra1 + 1000000},
-    {"A machine that woke up in 1601.", 0xed00378000000000, 0, kStartOf2026},
-    {"A server that itself woke up in 1970 is taken at its word.", 0x83aa7e8000000000, kStartOf2026,
-     kStartOf1970},
-    {"The smallest pivot there is counts as 2026.", 0, kMinInt64, kEra1},
-    {"The largest pivot there is leaves room for the result.", 0, kMaxInt64, 9217845367424000000},
-    {"The same with half an era in the time stamp.", 0x8000000000000000, kMaxInt64, 9219992851072000000},
-    {"The same with the last unit of an era.", ~uint64_t{0}, kMaxInt64, 9217845367424000000},
-    {"A fraction just below half a microsecond is rounded down.", 0xed00378000000000 + 2147, kStartOf2026,
-     kStartOf2026},
-    {"A fraction just above half a microsecond is rounded up.", 0xed00378000000000 + 2148, kStartOf2026,
-     kStartOf2026 + 1},
-    {"Just below half a microsecond before the next second.", 0xed00378100000000 - 2148, kStartOf2026,
+    {"The start of the window, in era 0.", 0x9679248000000000, kStartOf1980},
+    {"One unit before it is the end of the window, in era 1.", 0x9679247fffffffff, kEndOfWindow},
+    {"The last second of the window.", 0x9679247f00000000, kEndOfWindow - 1000000},
+    {"The start of 2024.", 0xe93c7f0000000000, At(1704067200)},
+    {"The start of 2026.", 0xed00378000000000, kStartOf2026},
+    {"The last unit of era 0 rounds up to the start of era 1.", ~uint64_t{0}, kEra1},
+    {"One microsecond before the end of era 0.", 0xffffffffffffef39, kEra1 - 1},
+    {"Zero is the start of era 1.", 0, kEra1},
+    {"One microsecond into era 1.", 0x00000000000010c7, kEra1 + 1},
+    {"The second in which 32-bit Unix time ends.", 0x03aa7e8000000000, kAfter2038},
+    {"The middle of era 1, where its seconds need the top bit.", 0x8000000000000000, kIn2104},
+    {"A server that itself woke up in 1970 is a hundred and thirty-six years ahead.", 0x83aa7e8000000000,
+     kStartOf1970 + (kEra2 - kEra1)},
+    {"A fraction just below half a microsecond is rounded down.", 0xed00378000000000 + 2147, kStartOf2026},
+    {"A fraction just above half a microsecond is rounded up.", 0xed00378000000000 + 2148, kStartOf2026 + 1},
+    {"Just below half a microsecond before the next second.", 0xed00378100000000 - 2148,
      kStartOf2026 + 999999},
-    {"Just above it, the rounding carries into the seconds.", 0xed00378100000000 - 2147, kStartOf2026,
+    {"Just above it, the rounding carries into the seconds.", 0xed00378100000000 - 2147,
      kStartOf2026 + 1000000},
-    {"Half a second is a fraction of one bit.", 0xed00378080000000, kStartOf2026, kStartOf2026 + 500000},
+    {"Half a second is a fraction of one bit.", 0xed00378080000000, kStartOf2026 + 500000},
 };
 
-TEST(NtpTimestampTest, TheNearestTimeToThePivotIsTaken) {
+TEST(NtpTimestampTest, EveryTimeStampStandsForATimeInTheWindow) {
   for (const Conversion& row : kConversions) {
-    EXPECT_EQ(NtpTimestampToUs(row.timestamp, row.pivot_us), row.expected_us) << row.what;
+    EXPECT_EQ(NtpTimestampToUs(row.timestamp), row.expected_us) << row.what;
   }
 }
 
-TEST(NtpTimestampTest, TheEarliestPivotIsTheStartOf2026) {
-  EXPECT_EQ(kEarliestPivotUs, kStartOf2026);
-  // Half an era after it ends what a clock that is older can be told, whatever that clock shows.
-  const NtpTimestamp half_an_era_on = 0x6d00378000000000;
-  EXPECT_EQ(NtpTimestampToUs(half_an_era_on - 4295, kStartOf1970), kStartOf2026 + (kIn2104 - kEra1) - 1);
-  EXPECT_EQ(NtpTimestampToUs(half_an_era_on, kStartOf1970), kStartOf2026 - (kIn2104 - kEra1));
+TEST(NtpTimestampTest, TheWindowBeginsIn1980AndIsOneEraLong) {
+  EXPECT_EQ(kTimeWindowBeginUs, kStartOf1980);
+  EXPECT_EQ(kTimeWindowBeginUs + kNtpEraUs, kEndOfWindow);
+  EXPECT_EQ(kNtpEraUs, kEra2 - kEra1);
+}
+
+TEST(NtpTimestampTest, AServersLaterTimeFollowsTheEarlierOneBeyondTheEndOfTheWindow) {
+  NtpPacket reply;
+  reply.receive_timestamp = 0x9679247f00000000;   // the window's last second
+  reply.transmit_timestamp = 0x9679248100000000;  // two seconds later
+  const ServerTimes across = ReadServerTimes(reply);
+  EXPECT_EQ(across.receive_ntp_us, kEndOfWindow - 1000000);
+  EXPECT_EQ(across.transmit_ntp_us, kEndOfWindow + 1000000);
+  reply.transmit_timestamp = reply.receive_timestamp;
+  EXPECT_EQ(ReadServerTimes(reply).transmit_ntp_us, kEndOfWindow - 1000000);
 }
 
 struct Stamp {
@@ -500,7 +495,7 @@ TEST(NtpTimestampTest, EveryTimeConvertsToItsNtpTimestamp) {
 
 TEST(NtpTimestampTest, EveryMicrosecondOfASecondSurvivesTheTimeStamp) {
   for (int64_t us = 0; us < 1000000; ++us) {
-    ASSERT_EQ(NtpTimestampToUs(NtpTimestampFromUs(kEra1 - 500000 + us), kEra1), kEra1 - 500000 + us);
+    ASSERT_EQ(NtpTimestampToUs(NtpTimestampFromUs(kEra1 - 500000 + us)), kEra1 - 500000 + us);
   }
 }
 

@@ -506,24 +506,72 @@ INSTANTIATE_TEST_SUITE_P(, EraChangeTest,
                                                    {5000, 5000, -10000000, 10}}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// Half an era after the first day of 2026, where the time stamps of one reply stand on either side of the
-// farthest point from a clock that is too old.
-class FarthestServerTest : public NtpTimePacketHandlerTest {
- protected:
-  FarthestServerTest() : NtpTimePacketHandlerTest({.wall_us = kEarliestPivotUs}) {}
+// The local clock, and the year that it shows.
+struct LocalClock {
+  int year;
+  int64_t unix_s;
+  friend void PrintTo(const LocalClock& row, std::ostream* out) { *out << row.year; }
 };
 
-TEST_F(FarthestServerTest, BothTimeStampsOfAReplyFallIntoTheSameEra) {
-  constexpr int64_t kHalfEraUs = (int64_t{1} << 31) * 1000000;
-  // Received 5 ms before that point, transmitted 15 ms after it.
-  link_ = {.out_us = 10000, .home_us = 10000, .server_ahead_us = kHalfEraUs, .work_us = 20000};
-  link_.server_ahead_us += link_.home_us + link_.work_us - 5000;
+class LocalClockTest : public NtpTimePacketHandlerTest, public testing::WithParamInterface<LocalClock> {
+ protected:
+  static constexpr int64_t kIn2026 = base::kWindowsToUnixEpochUs + int64_t{1767225600} * 1000000;
+
+  LocalClockTest() : NtpTimePacketHandlerTest({.wall_us = WallUs()}) {}
+
+  static int64_t WallUs() { return base::kWindowsToUnixEpochUs + GetParam().unix_s * 1000000; }
+};
+
+TEST_P(LocalClockTest, ARightServerIsBelievedWhateverTheLocalClockSays) {
+  link_ = {.out_us = 10000, .home_us = 10000, .server_ahead_us = kIn2026 - WallUs(), .work_us = 200};
   Prepare();
   Send();
   Run();
   const auto samples = client_.Samples();
   ASSERT_EQ(samples.size(), 1u);
-  EXPECT_EQ(samples[0].data, (NtpResultData{link_.ExpectedOffsetUs(), link_.ExpectedRttUs()}));
+  EXPECT_EQ(samples[0].data, (NtpResultData{kIn2026 - WallUs(), 20000}));
+}
+
+INSTANTIATE_TEST_SUITE_P(, LocalClockTest,
+                         testing::Values(LocalClock{1970, 0}, LocalClock{1980, 315532800},
+                                         LocalClock{1999, 946684799}, LocalClock{2024, 1704067200},
+                                         LocalClock{2026, 1767225600}, LocalClock{2036, 2085978496},
+                                         LocalClock{2038, 2147483648}, LocalClock{2069, 3124224000},
+                                         LocalClock{2094, 3944592000}, LocalClock{2095, 3976128000},
+                                         LocalClock{2104, 4233462144}, LocalClock{2116, 4610500096},
+                                         LocalClock{2137, 5270054400}),
+                         [](const auto& row) { return std::to_string(row.param.year); });
+
+class LaboratoryTest : public NtpTimePacketHandlerTest {
+ protected:
+  LaboratoryTest()
+      : NtpTimePacketHandlerTest({.wall_us = base::kWindowsToUnixEpochUs + int64_t{1704067200} * 1000000}) {}
+};
+
+TEST_F(LaboratoryTest, ClocksAndServerThatAllSay2024AreTakenAtTheirWord) {
+  link_ = {.out_us = 10000, .home_us = 10000, .server_ahead_us = 1500, .work_us = 200};
+  Prepare();
+  Send();
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{1500, 20000}));
+}
+
+class WindowsEndTest : public NtpTimePacketHandlerTest {
+ protected:
+  WindowsEndTest() : NtpTimePacketHandlerTest({.wall_us = kTimeWindowBeginUs + kNtpEraUs - 10000}) {}
+};
+
+TEST_F(WindowsEndTest, BothTimeStampsOfAReplyStandOnTheSameSideOfIt) {
+  // Received 5 ms before the end, transmitted 15 ms after it.
+  link_ = {.out_us = 5000, .home_us = 5000, .server_ahead_us = 0, .work_us = 20000};
+  Prepare();
+  Send();
+  Run();
+  const auto samples = client_.Samples();
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].data, (NtpResultData{0, 10000}));
 }
 
 }  // namespace
