@@ -286,9 +286,7 @@ void Run::SendMany(uint8_t how) {
   const int64_t gap_us = how < 12 ? 0 : 10000;
   for (int i = 0; i < count; ++i) {
     Send(how % 4 % kServerCount);
-    if (gap_us != 0) {
-      world_.RunFor(base::TimeDelta::FromMicroseconds(gap_us));
-    }
+    world_.RunFor(base::TimeDelta::FromMicroseconds(gap_us));
   }
 }
 
@@ -309,6 +307,9 @@ void Run::Send(size_t server) {
     error = send_errors_[server];
   }
   CheckSent(server, nonce, error);
+  if (nonce != 0) {
+    model_.ResumeReading(server, world_.steady_ticks_us());
+  }
 }
 
 void Run::CheckSent(size_t server, uint64_t nonce, SocketError error) {
@@ -501,7 +502,7 @@ void Run::OnFirstPacketReceived(int64_t offset_us) {
 void Run::OnPacketReceived(NtpResultData data, const IPEndPoint& server) {
   SKORRA_FUZZ_CHECK(!model_.reports().empty());
   const SampleReport expected = model_.reports()[0];
-  model_.reports().clear();
+  model_.reports().erase(model_.reports().begin());
   SKORRA_FUZZ_CHECK(expected.is_first == is_first_told_);
   SKORRA_FUZZ_CHECK(data.offset_us == expected.data.offset_us && data.rtt_us == expected.data.rtt_us);
   SKORRA_FUZZ_CHECK(server == servers_[expected.server]);

@@ -2,6 +2,7 @@
 #include "fuzz/handler_model.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "fuzz/check.h"
 #include "fuzz/packet_reference.h"
@@ -126,8 +127,20 @@ std::optional<size_t> HandlerModel::FindSocket(const net::IPEndPoint& client) co
   return std::nullopt;
 }
 
-void HandlerModel::Reject(ReplyRejection rejection) {
+void HandlerModel::Reject(size_t server, ReplyRejection rejection, int64_t receive_ticks_us) {
   counters_->Count(std::string("ntp.rejected.") + ReplyRejectionName(rejection));
+  const bool is_done = std::none_of(requests_.begin(), requests_.end(), [&](const Request& request) {
+    return request.server == server && !request.is_forgotten && !request.is_used_up &&
+           receive_ticks_us - request.stamp_ticks_us <= 3 * kSecondUs;
+  });
+  peers_[server].is_reading = peers_[server].is_reading && !is_done;
+}
+
+void HandlerModel::ResumeReading(size_t server, int64_t now_ticks_us) {
+  peers_[server].is_reading = true;
+  for (const Datagram& datagram : std::exchange(peers_[server].unread, {})) {
+    OnDatagram(server, datagram.source, datagram.bytes, datagram.receive_ticks_us, now_ticks_us);
+  }
 }
 
 ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& source,
@@ -173,10 +186,16 @@ ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& s
 
 void HandlerModel::OnDatagram(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
                               int64_t receive_ticks_us, int64_t now_ticks_us) {
+  if (Peer& peer = peers_[server]; !peer.is_reading) {
+    if (peer.unread.size() < 256) {
+      peer.unread.push_back({source, {bytes.begin(), bytes.end()}, receive_ticks_us});
+    }
+    return;
+  }
   Request* request = nullptr;
   if (const auto rejection = FindRequest(server, source, bytes, receive_ticks_us, &request);
       rejection != ReplyRejection::kNone) {
-    Reject(rejection);
+    Reject(server, rejection, receive_ticks_us);
     return;
   }
   ledger_.Answered(static_cast<int>(server));
@@ -184,7 +203,7 @@ void HandlerModel::OnDatagram(size_t server, const net::IPEndPoint& source, std:
     OnKissCode(code, *request, now_ticks_us);
   } else if (const auto rejection = ExpectedReplyCheck(bytes, limits_.max_root_distance_us);
              rejection != ReplyRejection::kNone) {
-    Reject(rejection);
+    Reject(server, rejection, receive_ticks_us);
   } else {
     Measure(bytes, *request, receive_ticks_us);
   }
@@ -209,11 +228,11 @@ void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int
   times.server_transmit_ntp_us = server.transmit_ntp_us;
   const NtpResultData data = ExpectedSample(times);
   if (data.rtt_us < 0) {
-    Reject(ReplyRejection::kNegativeRoundTrip);
+    Reject(request.server, ReplyRejection::kNegativeRoundTrip, receive_ticks_us);
     return;
   }
   if (data.rtt_us > limits_.max_round_trip_us) {
-    Reject(ReplyRejection::kLongRoundTrip);
+    Reject(request.server, ReplyRejection::kLongRoundTrip, receive_ticks_us);
     return;
   }
   request.is_used_up = true;

@@ -85,24 +85,34 @@ class HandlerModel {
   void OnReceiveError(net::SocketError error);
   void OnDatagram(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
                   int64_t receive_ticks_us, int64_t now_ticks_us);
+  // The socket was told to send: what has waited unread is read.
+  void ResumeReading(size_t server, int64_t now_ticks_us);
 
   // All requests of the run, those of earlier attempts too.
   std::vector<Request>& requests() { return requests_; }
   bool has_socket(size_t server) const { return peers_[server].has_socket; }
   // The server whose open socket this is.
   std::optional<size_t> FindSocket(const net::IPEndPoint& client) const;
-  // The reports of the last datagram that the client has not heard yet.
+  // Those that the client has not heard yet.
   std::vector<SampleReport>& reports() { return reports_; }
   void CheckLedger() const;
 
  private:
+  struct Datagram {
+    net::IPEndPoint source;
+    std::vector<uint8_t> bytes;
+    int64_t receive_ticks_us = 0;
+  };
   struct Peer {
     bool has_socket = false;
     net::IPEndPoint client{};  // once something has left
     uint32_t send_count = 0;
+    bool is_reading = true;
+    std::vector<Datagram> unread{};
   };
 
-  void Reject(ReplyRejection rejection);
+  // Rejects what `server`'s socket received.
+  void Reject(size_t server, ReplyRejection rejection, int64_t receive_ticks_us);
   ReplyRejection FindRequest(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
                              int64_t receive_ticks_us, Request** request);
   void OnKissCode(KissCode code, Request& request, int64_t now_ticks_us);

@@ -193,6 +193,7 @@ std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote
 SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {
   sim::WorldState& state = sim::WorldState::Current();
   sim::OpenSocket& socket = impl_->socket;
+  state.ResumeReading(socket);
   if (const SocketError error = sim::ErrorFor(state.send_errors, socket.remote);
       error != SocketError::kNone) {
     return error;
@@ -210,6 +211,8 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   }
   return SocketError::kNone;
 }
+
+void DatagramSocket::StopReading() { impl_->socket.is_reading = false; }
 
 IPEndPoint DatagramSocket::local() const { return impl_->socket.local; }
 

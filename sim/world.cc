@@ -172,30 +172,51 @@ void World::DeliverFromAnywhere(const net::IPEndPoint& source, const net::IPEndP
   state_->ScheduleArrival(source, client, std::move(bytes), state_->After(delay), false);
 }
 
-// The arrival is stamped with its own moment, also when a blocked task keeps it from being read at once.
 void WorldState::ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
                                  std::vector<uint8_t> bytes, int64_t arrival_ticks_us, bool is_filtered) {
   AddEvent(arrival_ticks_us, [=, this, bytes = std::move(bytes)] {
-    const OpenSocket* const socket = FindSocket(client);
-    const bool is_heard = socket != nullptr && (!is_filtered || socket->remote == source) &&
-                          socket->callbacks.on_datagram && !IsSuspendedAt(arrival_ticks_us);
-    if (event_log) {
-      World::Current().Log("%s %s -> %s", is_heard ? "arrives" : "dropped at arrival",
-                           source.ToString().c_str(), client.ToString().c_str());
-    }
-    if (!is_heard) {
-      return;
-    }
-    RunOn(socket->queue, [&] {
-      const bool is_truncated = bytes.size() > net::kMaxDatagramBytes;
-      const std::span<const uint8_t> read(bytes);
-      socket->callbacks.on_datagram({.bytes = is_truncated ? read.first(net::kMaxDatagramBytes) : read,
-                                     .source = source,
-                                     .receive_ticks_us = arrival_ticks_us,
-                                     .stamp_source = net::StampSource::kKernel,
-                                     .is_truncated = is_truncated});
-    });
+    Arrive(source, client, bytes, arrival_ticks_us, is_filtered);
   });
+}
+
+// The arrival is stamped with its own moment, also when it is read later: a task blocked, or the socket was
+// not being read.
+void WorldState::Arrive(const net::IPEndPoint& source, const net::IPEndPoint& client,
+                        const std::vector<uint8_t>& bytes, int64_t arrival_ticks_us, bool is_filtered) {
+  OpenSocket* const socket = FindSocket(client);
+  const bool is_heard = socket != nullptr && (!is_filtered || socket->remote == source) &&
+                        socket->callbacks.on_datagram && !IsSuspendedAt(arrival_ticks_us);
+  const bool is_kept = is_heard && !socket->is_reading && socket->unread.size() < OpenSocket::kMaxUnread;
+  const bool is_read = is_heard && socket->is_reading;
+  if (event_log) {
+    World::Current().Log("%s %s -> %s",
+                         is_read   ? "arrives"
+                         : is_kept ? "waits to be read"
+                                   : "dropped at arrival",
+                         source.ToString().c_str(), client.ToString().c_str());
+  }
+  if (is_kept) {
+    socket->unread.push_back([=, this] { Arrive(source, client, bytes, arrival_ticks_us, is_filtered); });
+  }
+  if (!is_read) {
+    return;
+  }
+  RunOn(socket->queue, [&] {
+    const bool is_truncated = bytes.size() > net::kMaxDatagramBytes;
+    const std::span<const uint8_t> read(bytes);
+    socket->callbacks.on_datagram({.bytes = is_truncated ? read.first(net::kMaxDatagramBytes) : read,
+                                   .source = source,
+                                   .receive_ticks_us = arrival_ticks_us,
+                                   .stamp_source = net::StampSource::kKernel,
+                                   .is_truncated = is_truncated});
+  });
+}
+
+void WorldState::ResumeReading(OpenSocket& socket) {
+  socket.is_reading = true;
+  for (std::function<void()>& arrive : std::exchange(socket.unread, {})) {
+    AddEvent(steady_ticks_us, std::move(arrive));
+  }
 }
 
 OpenSocket* WorldState::FindSocket(const net::IPEndPoint& local) const {

@@ -26,6 +26,10 @@ struct OpenSocket {
   net::DatagramSocket::Callbacks callbacks;
   const core::TaskQueue* queue = nullptr;  // the one that connected; the callbacks run there
   uint32_t send_count = 0;
+  bool is_reading = true;  // false: not until the next send
+  // What has arrived meanwhile, at most as many as a receive buffer holds.
+  std::vector<std::function<void()>> unread = {};
+  static constexpr size_t kMaxUnread = 256;
 };
 
 struct WorldState {
@@ -44,6 +48,12 @@ struct WorldState {
   void RunOn(const core::TaskQueue* queue, const std::function<void()>& function);
   // Null when none is open there.
   OpenSocket* FindSocket(const net::IPEndPoint& local) const;
+  // Delivers a datagram of the network that arrived at `arrival_ticks_us`, or keeps it for a socket that is
+  // not reading.
+  void Arrive(const net::IPEndPoint& source, const net::IPEndPoint& client, const std::vector<uint8_t>& bytes,
+              int64_t arrival_ticks_us, bool is_filtered);
+  // Lets a socket read again.
+  void ResumeReading(OpenSocket& socket);
   void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
                        std::vector<uint8_t> bytes, int64_t arrival_ticks_us, bool is_filtered);
   bool IsSuspendedAt(int64_t ticks_us) const;

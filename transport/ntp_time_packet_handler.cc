@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "transport/ntp_time_packet_handler.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -19,7 +20,6 @@ namespace {
 constexpr int64_t kNonceLifetimeUs = 3 * base::kUsPerSecond;
 // Nonces are remembered this long, so that late and duplicate replies are not counted as unknown.
 constexpr int64_t kRememberUs = 10 * base::kUsPerSecond;
-constexpr size_t kMaxRequests = 4096;
 
 static_assert(config::kBaseConfig.ntp_requests_per_burst.max == kCallsPerBurst);
 
@@ -71,29 +71,29 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   if (!ledger->Admit(server, now_ticks_us, requests_per_burst_)) {
     return;
   }
-  net::SocketError error = net::SocketError::kNone;
-  net::DatagramSocket* const socket = FindOrOpenSocket(server, &error);
-  if (socket == nullptr) {
-    CountSendError(error);
-    return;
-  }
-
-  uint64_t nonce = 0;
-  while (nonce == 0) {  // zero stands for "no time stamp"
-    nonce = base::RandUint64();
-  }
-  const auto bytes = EncodePacket(MakeRequest(nonce));
-  Request request{.server = server};
-  // Read the clock immediately before sending: anything in between counts as network delay unless a kernel
-  // time stamp replaces it.
-  request.send_ticks_us = base::GetSteadyTimeTicks();
-  error = socket->Send(bytes, &request.send_id);
+  Peer& peer = peers_[server];
+  net::SocketError error = OpenSocket(server, peer);
   if (error != net::SocketError::kNone) {
     CountSendError(error);
     return;
   }
-  requests_.insert_or_assign(nonce, request);
-  send_order_.emplace_back(request.send_ticks_us, nonce);
+
+  Request request{.server = server};
+  while (request.nonce == 0) {  // zero stands for "no time stamp"
+    request.nonce = base::RandUint64();
+  }
+  const auto bytes = EncodePacket(MakeRequest(request.nonce));
+  // Read the clock immediately before sending: anything in between counts as network delay unless a kernel
+  // time stamp replaces it.
+  request.send_ticks_us = base::GetSteadyTimeTicks();
+  error = peer.socket->Send(bytes, &request.send_id);
+  if (error != net::SocketError::kNone) {
+    CountSendError(error);
+    return;
+  }
+  peer.requests.push_back(request);
+  requests_[request.nonce] = &peer.requests.back();
+  send_order_.emplace_back(request.send_ticks_us, &peer);
   ledger->OnRequestSent(server);
   base::KeyMetrics::Count("ntp.requests_sent");
 }
@@ -102,29 +102,27 @@ void NtpTimePacketHandler::Clean() {
   is_prepared_ = false;
   requests_.clear();
   send_order_.clear();
-  sockets_.clear();
+  peers_.clear();
 }
 
-net::DatagramSocket* NtpTimePacketHandler::FindOrOpenSocket(const net::IPEndPoint& server,
-                                                            net::SocketError* error) {
-  // A failure is not kept, so that the next send tries again.
-  std::unique_ptr<net::DatagramSocket>& socket = sockets_[server];
-  if (socket == nullptr) {
-    socket = net::DatagramSocket::Connect(
+net::SocketError NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server, Peer& peer) {
+  net::SocketError error = net::SocketError::kNone;
+  if (peer.socket == nullptr) {
+    peer.socket = net::DatagramSocket::Connect(
         server,
-        {.on_datagram = [this,
-                         server](const net::ReceivedDatagram& datagram) { OnDatagram(server, datagram); },
+        {.on_datagram = [this, server, &peer](
+                            const net::ReceivedDatagram& datagram) { OnDatagram(server, peer, datagram); },
          .on_error = CountReceiveError,
-         .on_sent = [this, server](uint32_t send_id,
-                                   int64_t send_ticks_us) { OnSent(server, send_id, send_ticks_us); }},
-        error);
+         .on_sent = [&peer](uint32_t send_id,
+                            int64_t send_ticks_us) { OnSent(peer, send_id, send_ticks_us); }},
+        &error);
   }
-  return socket.get();
+  return error;
 }
 
-void NtpTimePacketHandler::OnSent(const net::IPEndPoint& server, uint32_t send_id, int64_t send_ticks_us) {
-  for (auto& [nonce, request] : requests_) {
-    if (request.send_id == send_id && request.server == server) {
+void NtpTimePacketHandler::OnSent(Peer& peer, uint32_t send_id, int64_t send_ticks_us) {
+  for (Request& request : peer.requests) {
+    if (request.send_id == send_id) {
       request.send_ticks_us = send_ticks_us;
       request.has_kernel_stamp = true;
       return;
@@ -132,7 +130,14 @@ void NtpTimePacketHandler::OnSent(const net::IPEndPoint& server, uint32_t send_i
   }
 }
 
-void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram) {
+bool NtpTimePacketHandler::CanAccept(const Peer& peer, int64_t receive_ticks_us) {
+  return std::any_of(peer.requests.rbegin(), peer.requests.rend(), [&](const Request& request) {
+    return !request.is_answered && receive_ticks_us - request.send_ticks_us <= kNonceLifetimeUs;
+  });
+}
+
+void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
+                                      const net::ReceivedDatagram& datagram) {
   NtpPacket reply;
   Request* request = nullptr;
   NtpResultData sample;
@@ -146,6 +151,9 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, const net::
     rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
   }
   if (rejection != ReplyRejection::kNone) {
+    if (!CanAccept(peer, datagram.receive_ticks_us)) {
+      peer.socket->StopReading();
+    }
     client_->OnReplyRejected(server, CountUnder("rejected", ReplyRejectionName(rejection)));
     return;
   }
@@ -188,17 +196,18 @@ ReplyRejection NtpTimePacketHandler::FindRequest(const net::IPEndPoint& server,
   if (found == requests_.end()) {
     return ReplyRejection::kUnknownNonce;
   }
-  if (found->second.server != server) {
+  Request& asked = *found->second;
+  if (asked.server != server) {
     return ReplyRejection::kWrongSource;
   }
-  if (found->second.is_answered) {
+  if (asked.is_answered) {
     return ReplyRejection::kDuplicate;
   }
-  if (datagram.receive_ticks_us - found->second.send_ticks_us > kNonceLifetimeUs) {
+  if (datagram.receive_ticks_us - asked.send_ticks_us > kNonceLifetimeUs) {
     return ReplyRejection::kExpired;
   }
   *reply = *packet;
-  *request = &found->second;
+  *request = &asked;
   return ReplyRejection::kNone;
 }
 
@@ -235,14 +244,14 @@ ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Reque
 }
 
 void NtpTimePacketHandler::ForgetOldRequests(int64_t now_ticks_us) {
-  while (!send_order_.empty() &&
-         (now_ticks_us - send_order_.front().first > kRememberUs || send_order_.size() >= kMaxRequests)) {
-    requests_.erase(send_order_.front().second);
+  while (!send_order_.empty() && now_ticks_us - send_order_.front().first > kRememberUs) {
+    std::deque<Request>& requests = send_order_.front().second->requests;
+    requests_.erase(requests.front().nonce);
+    requests.pop_front();
     send_order_.pop_front();
   }
 }
 
-// Modulo 2^64, as the time manager computes the local timestamps that the offset is added to.
 int64_t NtpTimePacketHandler::ToLocalTimestampUs(int64_t steady_ticks_us) const {
   return base::WrappingAdd(steady_ticks_us, system_offset_from_steady_us_);
 }

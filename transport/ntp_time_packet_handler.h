@@ -9,6 +9,9 @@
 // duplicate. A nonce is accepted for 3 s and remembered for 10 s, so that late and duplicate replies can be
 // counted as such.
 //
+// Once every nonce that a server got is used up or expired, the first datagram that is rejected is the last
+// one read from its socket until the next request: a flood then costs no more than a full receive buffer.
+//
 // The address ledger (ntp_address_ledger.h) decides which calls of `SendPacket` become requests. A refusal by
 // the server ends the burst to its address at once.
 //
@@ -77,16 +80,25 @@ class NtpTimePacketHandler {
  private:
   struct Request {
     net::IPEndPoint server;
+    uint64_t nonce = 0;
     uint32_t send_id = 0;
     int64_t send_ticks_us = 0;
     bool has_kernel_stamp = false;
     bool is_answered = false;
   };
 
-  // The server's socket, opened if necessary; null, with `*error` set, when there can be none.
-  net::DatagramSocket* FindOrOpenSocket(const net::IPEndPoint& server, net::SocketError* error);
-  void OnSent(const net::IPEndPoint& server, uint32_t send_id, int64_t send_ticks_us);
-  void OnDatagram(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram);
+  // One server in this attempt.
+  struct Peer {
+    std::unique_ptr<net::DatagramSocket> socket;
+    std::deque<Request> requests;  // in the order of their sends
+  };
+
+  // Opens the peer's socket unless it is open. Returns why it cannot be.
+  net::SocketError OpenSocket(const net::IPEndPoint& server, Peer& peer);
+  static void OnSent(Peer& peer, uint32_t send_id, int64_t send_ticks_us);
+  // Whether a reply that arrived then could be the first to one of the requests.
+  static bool CanAccept(const Peer& peer, int64_t receive_ticks_us);
+  void OnDatagram(const net::IPEndPoint& server, Peer& peer, const net::ReceivedDatagram& datagram);
   // Finds the request that the datagram answers.
   ReplyRejection FindRequest(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram,
                              NtpPacket* reply, Request** request);
@@ -105,10 +117,10 @@ class NtpTimePacketHandler {
   uint32_t requests_per_burst_ = 0;
   int64_t max_root_distance_us_ = 0;
   int64_t max_round_trip_us_ = 0;
-  std::map<uint64_t, Request> requests_;  // by nonce
-  // Of each request the steady ticks of its send and its nonce, in the order of the sends.
-  std::deque<std::pair<int64_t, uint64_t>> send_order_;
-  std::map<net::IPEndPoint, std::unique_ptr<net::DatagramSocket>> sockets_;  // by server, of this attempt
+  std::map<net::IPEndPoint, Peer> peers_;  // by server
+  std::map<uint64_t, Request*> requests_;  // of all peers, by nonce
+  // Of each request the steady ticks of its send and its peer, in the order of the sends.
+  std::deque<std::pair<int64_t, Peer*>> send_order_;
   base::WeakPtrOwner<NtpTimePacketHandler> weak_owner_{this};
 };
 

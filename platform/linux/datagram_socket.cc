@@ -122,6 +122,7 @@ struct DatagramSocket::Impl {
 
     // Returns an error number, or 0.
     int Open(const IPEndPoint& remote);
+    // Does nothing when a wait has begun already.
     void WaitForDatagrams();
     void ReadDatagrams();
     // Delivers all send stamps, then one datagram or error. Returns false when nothing is left.
@@ -142,8 +143,9 @@ struct DatagramSocket::Impl {
     Callbacks callbacks;
     internal::StampClock stamp_clock{internal::ReadClocks()};
     bool is_closed = false;
-    int failed_reads = 0;               // in a row
-    bool has_given_up_reading = false;  // until the next send
+    int failed_reads = 0;     // in a row
+    bool is_waiting = false;  // the event loop will call when there is something to read
+    bool is_reading = true;   // false: not until the next send
     uint32_t next_send_id = 0;
     // While true, the kernel numbers the datagrams as we do. A failed send may use up a number or not: after
     // one, no send is stamped, rather than stamped with the time of another.
@@ -179,9 +181,13 @@ int DatagramSocket::Impl::State::Open(const IPEndPoint& remote) {
 }
 
 void DatagramSocket::Impl::State::WaitForDatagrams() {
+  if (std::exchange(is_waiting, true)) {
+    return;
+  }
   // A message in the error queue ends this wait, too.
   descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                         [self = shared_from_this()](const std::error_code& error) {
+                          self->is_waiting = false;
                           if (self->is_closed) {
                             return;
                           }
@@ -190,20 +196,19 @@ void DatagramSocket::Impl::State::WaitForDatagrams() {
                             return;
                           }
                           // Waiting failed; the next send starts it again.
-                          self->has_given_up_reading = true;
+                          self->is_reading = false;
                           self->ReportError(SocketError::kOther);
                         });
 }
 
 void DatagramSocket::Impl::State::ReadDatagrams() {
-  for (int i = 0; i < kMaxDatagramsPerWakeUp && !is_closed && ReadOne(); ++i) {
+  for (int i = 0; i < kMaxDatagramsPerWakeUp && !is_closed && is_reading && ReadOne(); ++i) {
     if (failed_reads == kMaxFailedReads) {
       failed_reads = 0;
-      has_given_up_reading = true;
-      return;
+      is_reading = false;
     }
   }
-  if (!is_closed) {
+  if (!is_closed && is_reading) {
     WaitForDatagrams();
   }
 }
@@ -366,7 +371,7 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   if (state.fork_generation != base::ForkGeneration()) {
     return SocketError::kOther;
   }
-  if (std::exchange(state.has_given_up_reading, false)) {
+  if (!std::exchange(state.is_reading, true)) {
     state.WaitForDatagrams();
   }
   int error = state.TrySend(bytes);
@@ -387,6 +392,8 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   ++state.next_send_id;
   return SocketError::kNone;
 }
+
+void DatagramSocket::StopReading() { impl_->state->is_reading = false; }
 
 IPEndPoint DatagramSocket::local() const {
   sockaddr_storage address{};

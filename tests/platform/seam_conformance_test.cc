@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <set>
@@ -312,6 +313,9 @@ class DatagramSeamTest : public SeamTest {
                                           receive_ticks_us_.Add(datagram.receive_ticks_us);
                                           is_truncated_.Add(datagram.is_truncated);
                                           received_.Add(Bytes(datagram.bytes.begin(), datagram.bytes.end()));
+                                          if (on_received_) {
+                                            on_received_();
+                                          }
                                         },
                                         [this](net::SocketError reported) {
                                           on_queue_count_ += Queue(instance_)->IsCurrent() ? 1 : 0;
@@ -336,6 +340,7 @@ class DatagramSeamTest : public SeamTest {
 
   int64_t instance_ = -1;
 
+  std::function<void()> on_received_;
   std::unique_ptr<net::DatagramSocket> socket_;
   net::IPEndPoint local_;
   Notes<Bytes> received_;
@@ -412,6 +417,43 @@ TEST_F(DatagramSeamTest, NothingIsHeardAfterTheSocketIsGone) {
   world_.SendFrom(server, local_, {4});
   ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
   EXPECT_THAT(received_.All(), ElementsAre(Bytes{4}));
+}
+
+TEST_F(DatagramSeamTest, ASocketThatStoppedReadingReadsAgainWithItsNextSend) {
+  const net::IPEndPoint server = world_.AddServer();
+  const net::IPEndPoint other_server = world_.AddServer();
+  Connect(server);
+  Send({1});
+  ASSERT_TRUE(world_.ReceiveAt(server));
+  RunAsTask([&] { socket_->StopReading(); });
+  world_.SendFrom(server, local_, {2});
+  world_.SendFrom(server, local_, {3});
+  // Another socket's datagram comes through meanwhile: the first ones have had their time.
+  auto stopped = std::move(socket_);
+  const net::IPEndPoint stopped_at = local_;
+  Connect(other_server);
+  world_.SendFrom(other_server, local_, {4});
+  EXPECT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{4}));
+  RunAsTask([&] { EXPECT_EQ(stopped->Send(Bytes{5}), net::SocketError::kNone); });
+  EXPECT_TRUE(world_.WaitUntil([&] { return received_.size() >= 3; }));
+  world_.SendFrom(server, stopped_at, {6});
+  EXPECT_TRUE(world_.WaitUntil([&] { return received_.size() >= 4; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{4}, Bytes{2}, Bytes{3}, Bytes{6}));
+  RunAsTask([&] { stopped = nullptr; });
+}
+
+TEST_F(DatagramSeamTest, ASocketMayStopReadingInsideItsOwnCallback) {
+  const net::IPEndPoint server = world_.AddServer();
+  on_received_ = [this] { socket_->StopReading(); };
+  Connect(server);
+  world_.SendFrom(server, local_, {1});
+  world_.SendFrom(server, local_, {2});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 1; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{1}));
+  Send({3});
+  ASSERT_TRUE(world_.WaitUntil([&] { return received_.size() >= 2; }));
+  EXPECT_THAT(received_.All(), ElementsAre(Bytes{1}, Bytes{2}));
 }
 
 TEST_F(DatagramSeamTest, EachSocketNumbersItsSendsFromZero) {
