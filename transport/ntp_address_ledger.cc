@@ -82,6 +82,13 @@ void NtpAddressLedger::OnReply(const net::IPEndPoint& address) {
   }
 }
 
+void NtpAddressLedger::OnPortClosed(const net::IPEndPoint& address, int64_t now_ticks_us) {
+  const base::AutoLock lock(lock_);
+  if (const auto found = accounts_.find(address); found != accounts_.end()) {
+    found->second.closed_ticks_us = now_ticks_us;
+  }
+}
+
 bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_ticks_us,
                                  uint64_t random) {
   const base::AutoLock lock(lock_);
@@ -109,6 +116,23 @@ bool NtpAddressLedger::HasAnswered(const net::IPEndPoint& address) const {
   const base::AutoLock lock(lock_);
   const auto found = accounts_.find(address);
   return found != accounts_.end() && found->second.has_answered;
+}
+
+bool NtpAddressLedger::IsSilent(const net::IPEndPoint& address, int64_t now_ticks_us) const {
+  const base::AutoLock lock(lock_);
+  const auto found = accounts_.find(address);
+  if (found == accounts_.end() || !found->second.asked_ticks_us || found->second.has_answered) {
+    return false;
+  }
+  const int64_t age_us = now_ticks_us - *found->second.asked_ticks_us;
+  return age_us >= kSilentAfterUs && age_us < kForgetSilenceUs;
+}
+
+bool NtpAddressLedger::WasClosedSince(const net::IPEndPoint& address, int64_t since_ticks_us) const {
+  const base::AutoLock lock(lock_);
+  const auto found = accounts_.find(address);
+  return found != accounts_.end() && !found->second.has_answered && found->second.closed_ticks_us &&
+         *found->second.closed_ticks_us >= since_ticks_us;
 }
 
 std::map<net::IPEndPoint, NtpAddressLedger::Counts> NtpAddressLedger::GetCounts() const {
@@ -155,6 +179,7 @@ void NtpAddressLedger::BeginBurst(Account& account, int64_t now_ticks_us, uint32
   account.asked_ticks_us = now_ticks_us;
   account.has_answered = false;
   account.has_refused = false;
+  account.closed_ticks_us.reset();
 }
 
 int64_t NtpAddressLedger::BackOffUs(uint32_t earlier_rates, uint64_t random) {

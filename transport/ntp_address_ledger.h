@@ -9,7 +9,8 @@
 //
 // An address includes its port. The process has one ledger, so that two domains that share an address, and
 // one attempt after another, are bound by what the server told any of them. Only a server that answers a
-// request's nonce can bind us; an ICMP error or a silent network never does.
+// request's nonce can bind us; an ICMP error or a silent network never does. They only change which of
+// several addresses is asked next.
 //
 // Bursts. The calls for an address form bursts, whatever domain or attempt they come from:
 //   - A call begins a burst when the last burst began 1 s ago or more, or when that burst has had its 20
@@ -27,6 +28,8 @@
 //     instead (RFC 5905, section 7.4). A burst that was answered and not refused resets the wait. From the
 //     first RATE on, bursts to the address are at least 2 minutes apart.
 //   - DENY and RSTR: wait 4 hours. RATE never shortens this.
+//
+// Silence: an address is silent from 2 s after its last burst began, while no reply has come, for an hour.
 //
 // Counts (docs/counters.md): ntp.send_withheld.<reason> and ntp.send_thinned.
 //
@@ -70,6 +73,8 @@ class NtpAddressLedger {
   static constexpr int64_t kDeniedUs = 4 * 60 * 60 * base::kUsPerSecond;
   static constexpr int64_t kBurstSpacingUs = 2 * 60 * base::kUsPerSecond;
   static constexpr uint32_t kLimitedBurst = 8;
+  static constexpr int64_t kSilentAfterUs = 2 * base::kUsPerSecond;  // longer than a round trip may take
+  static constexpr int64_t kForgetSilenceUs = 60 * 60 * base::kUsPerSecond;
   // One address more evicts the least recently asked, preferring one that is not held. An address that may be
   // asked and whose burst is under way stays: evicted, it would get a second burst at once.
   static constexpr size_t kMaxAddresses = 256;
@@ -94,6 +99,8 @@ class NtpAddressLedger {
   void OnRequestSent(const net::IPEndPoint& address);
   // A reply with a good nonce came.
   void OnReply(const net::IPEndPoint& address);
+  // The system reports that nobody listens on the port (ICMP; may be forged).
+  void OnPortClosed(const net::IPEndPoint& address, int64_t now_ticks_us);
   // RATE, DENY or RSTR came with a good nonce; call it after `OnReply` for the same datagram. `random` is 64
   // random bits for the jitter. Returns false if the address was already held: the server refused requests
   // sent before its first refusal reached us.
@@ -101,6 +108,11 @@ class NtpAddressLedger {
 
   // Whether a reply with a good nonce has come since the last admitted burst began.
   bool HasAnswered(const net::IPEndPoint& address) const;
+  // Whether the last admitted burst brought no reply: ask other addresses first.
+  bool IsSilent(const net::IPEndPoint& address, int64_t now_ticks_us) const;
+  // Whether the port was reported closed at `since_ticks_us` or later, and nothing speaks against it since
+  // the last admitted burst began.
+  bool WasClosedSince(const net::IPEndPoint& address, int64_t since_ticks_us) const;
 
   std::map<net::IPEndPoint, Counts> GetCounts() const;
 
@@ -121,10 +133,11 @@ class NtpAddressLedger {
     std::optional<Burst> burst;  // the last one
     // When the last burst began that was not withheld.
     std::optional<int64_t> asked_ticks_us;
-    bool has_answered = false;  // since then
-    bool has_refused = false;   // since then
-    uint32_t rate_count = 0;    // bursts in a row that ended in RATE
-    bool was_limited = false;   // it sent RATE at some time
+    bool has_answered = false;               // since then
+    std::optional<int64_t> closed_ticks_us;  // when the port was reported closed since then, the last time
+    bool has_refused = false;                // since then
+    uint32_t rate_count = 0;                 // bursts in a row that ended in RATE
+    bool was_limited = false;                // it sent RATE at some time
     int64_t held_until_ticks_us = std::numeric_limits<int64_t>::min();
     SendRefusal held_for = SendRefusal::kNone;
   };

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "transport/ntp_time_domain_info.h"
 
-#include <algorithm>
-
 #include "platform/base/clock.h"
 #include "transport/ntp_address_ledger.h"
 
 namespace skorra {
 namespace {
 
-bool IsHeld(const net::IPEndPoint& address) {
-  return NtpAddressLedger::GetInstance()->Check(address, base::GetSteadyTimeTicks()) != SendRefusal::kNone;
+bool IsHeld(const net::IPEndPoint& address, int64_t now_ticks_us) {
+  return NtpAddressLedger::GetInstance()->Check(address, now_ticks_us) != SendRefusal::kNone;
 }
 
 }  // namespace
@@ -24,7 +22,7 @@ net::IPEndPoint NtpTimeDomainInfo::GetCurrentIPAddress() const {
     return {};
   }
   addresses_.RefreshIfExpired();
-  return addresses()[(first_address_ + position_) % addresses().size()];
+  return addresses()[position_];
 }
 
 void NtpTimeDomainInfo::Reset() {
@@ -39,30 +37,52 @@ bool NtpTimeDomainInfo::Retry(uint32_t& total_retry_count) {
   if (list.size() == 1) {
     // Common rate limits answer the first burst and refuse the second: repeat only a burst that brought no
     // answer.
-    if (is_only_address_retried_ || IsHeld(list.front()) ||
-        NtpAddressLedger::GetInstance()->HasAnswered(list.front())) {
+    const auto* const ledger = NtpAddressLedger::GetInstance();
+    if (is_only_address_retried_ || IsHeld(list.front(), base::GetSteadyTimeTicks()) ||
+        ledger->HasAnswered(list.front()) || ledger->WasClosedSince(list.front(), reset_ticks_us_)) {
       return false;
     }
     is_only_address_retried_ = true;
     ++total_retry_count;
     return true;
   }
-  // In a circle: an address that was held when the attempt's first one was chosen may be free by now.
-  for (size_t position = position_ + 1; position < list.size(); ++position) {
-    if (!IsHeld(list[(first_address_ + position) % list.size()])) {
-      position_ = position;
-      ++total_retry_count;
-      return true;
-    }
+  const std::optional<size_t> next = NextAddress(position_ + 1);
+  if (!next) {
+    return false;
   }
-  return false;
+  position_ = *next;
+  is_used_[position_] = true;
+  ++total_retry_count;
+  return true;
 }
 
 void NtpTimeDomainInfo::ChooseFirstAddress() {
+  reset_ticks_us_ = base::GetSteadyTimeTicks();
+  is_used_.assign(addresses().size(), false);
+  position_ = NextAddress(0).value_or(0);
+  if (!addresses().empty()) {
+    is_used_[position_] = true;
+  }
+}
+
+std::optional<size_t> NtpTimeDomainInfo::NextAddress(size_t from) const {
   const std::vector<net::IPEndPoint>& list = addresses();
-  const auto free = std::find_if_not(list.begin(), list.end(), IsHeld);
-  first_address_ = free == list.end() ? 0 : static_cast<size_t>(free - list.begin());
-  position_ = 0;
+  const auto* const ledger = NtpAddressLedger::GetInstance();
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  std::optional<size_t> silent;
+  for (size_t i = 0; i < list.size(); ++i) {
+    const size_t position = (from + i) % list.size();
+    const net::IPEndPoint& address = list[position];
+    if (is_used_[position] || IsHeld(address, now_ticks_us) ||
+        ledger->WasClosedSince(address, reset_ticks_us_)) {
+      continue;
+    }
+    if (!ledger->IsSilent(address, now_ticks_us)) {
+      return position;
+    }
+    silent = silent.value_or(position);
+  }
+  return silent;
 }
 
 }  // namespace skorra

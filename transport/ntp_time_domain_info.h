@@ -4,7 +4,8 @@
 // the samples of the current request.
 //
 // The address in use changes in the constructor, in `Reset` and in `Retry`, and at no other moment, since
-// replies are told apart by it. All three pass over addresses that the ledger holds (ntp_address_ledger.h).
+// replies are told apart by it. All three pass over addresses that the ledger holds (ntp_address_ledger.h),
+// and take silent ones only when no other is left.
 //
 // The addresses follow the name (name_addresses.h): using the domain after they expired starts a lookup, and
 // the next `Reset` adopts its result.
@@ -15,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,25 +43,30 @@ class NtpTimeDomainInfo {
   // when the addresses have expired: hold no lock.
   net::IPEndPoint GetCurrentIPAddress() const;
 
-  // Back to the state before any request: the newest list, its first address that is not held (the very first
-  // when all are), no samples. Starts no lookup, so it may be called with a lock held.
+  // Back to the state before any request: the newest list, no samples, and of the list the first address that
+  // is neither held nor silent, or the first that is not held, or the very first. Starts no lookup, so it may
+  // be called with a lock held.
   void Reset();
 
-  // Whether the domain may be asked once more. True moves on to the next address that is not held, from the
-  // end of the list to the addresses at its beginning that were passed over, and counts the retry in
-  // `total_retry_count`. A domain with one address keeps it: once until `Reset`, and only while the address
-  // is not held and nothing at all has come back from it. False, with nothing changed, when no address is
-  // left.
+  // Whether the domain may be asked once more. True moves on to an address that was not in use since `Reset`,
+  // is not held and was not found closed since then: the next one in a circle that is not silent, or the next
+  // one; it counts the retry in `total_retry_count`. A domain with one address keeps it: once until `Reset`,
+  // and only while the address is not held and nothing at all has come back from it. False, with nothing
+  // changed, when no address is left.
   bool Retry(uint32_t& total_retry_count);
 
  private:
   void ChooseFirstAddress();
+  // The next address to use, looked for in a circle that begins at position `from`; nothing when none is
+  // left.
+  std::optional<size_t> NextAddress(size_t from) const;
 
   std::string domain_;
   NameAddresses addresses_;
   std::vector<NtpResultData> samples_;
-  size_t first_address_ = 0;  // of the attempt
-  size_t position_ = 0;       // of the address in use, counted from there in a circle
+  int64_t reset_ticks_us_ = 0;
+  std::vector<bool> is_used_;  // since then, by position in the list
+  size_t position_ = 0;        // of the address in use
   bool is_only_address_retried_ = false;
 };
 

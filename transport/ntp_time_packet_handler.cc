@@ -30,9 +30,13 @@ std::string CountUnder(const char* group, const char* name) {
   return counter;
 }
 
-void CountSendError(net::SocketError error) { CountUnder("send_error", net::SocketErrorName(error)); }
-
-void CountReceiveError(net::SocketError error) { CountUnder("receive_error", net::SocketErrorName(error)); }
+// `group` is send_error or receive_error.
+void OnSocketError(const char* group, const net::IPEndPoint& server, net::SocketError error) {
+  CountUnder(group, net::SocketErrorName(error));
+  if (error == net::SocketError::kRefused) {
+    NtpAddressLedger::GetInstance()->OnPortClosed(server, base::GetSteadyTimeTicks());
+  }
+}
 
 // A configured limit in milliseconds.
 int64_t LimitUs(const config::NumberEntry& entry) {
@@ -74,7 +78,7 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   Peer& peer = peers_[server];
   net::SocketError error = OpenSocket(server, peer);
   if (error != net::SocketError::kNone) {
-    CountSendError(error);
+    OnSocketError("send_error", server, error);
     return;
   }
 
@@ -88,7 +92,7 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   request.send_ticks_us = base::GetSteadyTimeTicks();
   error = peer.socket->Send(bytes, &request.send_id);
   if (error != net::SocketError::kNone) {
-    CountSendError(error);
+    OnSocketError("send_error", server, error);
     return;
   }
   peer.requests.push_back(request);
@@ -112,7 +116,7 @@ net::SocketError NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server,
         server,
         {.on_datagram = [this, server, &peer](
                             const net::ReceivedDatagram& datagram) { OnDatagram(server, peer, datagram); },
-         .on_error = CountReceiveError,
+         .on_error = [server](net::SocketError what) { OnSocketError("receive_error", server, what); },
          .on_sent = [&peer](uint32_t send_id,
                             int64_t send_ticks_us) { OnSent(peer, send_id, send_ticks_us); }},
         &error);

@@ -44,6 +44,16 @@ bool LedgerModel::IsHeard(int address) const {
   return found != accounts_.end() && found->second.is_heard;
 }
 
+// From two seconds to an hour after a burst that nothing has answered.
+bool LedgerModel::IsSilent(int address, int64_t now_ticks_us) const {
+  const auto found = accounts_.find(address);
+  if (found == accounts_.end() || found->second.is_heard || !found->second.last_asked_ticks_us) {
+    return false;
+  }
+  const int64_t asked_ticks_us = *found->second.last_asked_ticks_us;
+  return now_ticks_us >= asked_ticks_us + 2 * kSecondUs && now_ticks_us < asked_ticks_us + kHourUs;
+}
+
 NtpAddressLedger::Counts LedgerModel::Counts(int address) const {
   const auto found = accounts_.find(address);
   return found == accounts_.end() ? NtpAddressLedger::Counts() : found->second.counts;

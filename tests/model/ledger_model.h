@@ -32,6 +32,7 @@ class LedgerModel {
   bool Refused(int address, bool is_rate, int64_t now_ticks_us, uint64_t bits);
 
   bool IsHeard(int address) const;
+  bool IsSilent(int address, int64_t now_ticks_us) const;
   SendRefusal Check(int address, int64_t now_ticks_us) const;
   NtpAddressLedger::Counts Counts(int address) const;
 

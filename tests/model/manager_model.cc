@@ -108,8 +108,7 @@ void ManagerModel::RunNext() {
     case Kind::kCheck:
       return RunCheck(task.number, task.index);
     case Kind::kArrival:
-      return RunArrival(requests_[static_cast<size_t>(task.index)], static_cast<ArrivalKind>(task.number),
-                        task.due_ticks_us);
+      return RunArrival(static_cast<size_t>(task.index));
     case Kind::kLookUp:
       return RunLookUp(static_cast<size_t>(task.index), static_cast<int>(task.number));
   }
@@ -318,18 +317,36 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   if (answer.ttl_us) {
     domain.expires_ticks_us = now_ticks_us + Believed(*answer.ttl_us);
   }
-  domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
+  BeginWithBest(domain);
   domains.push_back(std::move(domain));
   return true;
 }
 
-// The first address, from a place on, that is not held; the end when all are.
-size_t ManagerModel::FirstFree(const Domain& domain, size_t from) const {
-  while (from < domain.addresses.size() &&
-         ledger_.Check(Surroundings::IndexOf(domain.addresses[from]), now_ticks_us) != SendRefusal::kNone) {
-    ++from;
+bool ManagerModel::IsFree(const net::IPEndPoint& address) const {
+  return ledger_.Check(Surroundings::IndexOf(address), now_ticks_us) == SendRefusal::kNone;
+}
+
+// The place of the best of the free addresses that were not current yet, or -1: one that is not silent, and
+// of several the next one round from `from`.
+int ManagerModel::BestLeft(const Domain& domain, size_t from) const {
+  const size_t size = domain.addresses.size();
+  for (const bool may_be_silent : {false, true}) {
+    for (size_t place = from; place < from + size; ++place) {
+      const net::IPEndPoint& address = domain.addresses[place % size];
+      if (domain.used.count(place % size) == 0 && IsFree(address) &&
+          (may_be_silent || !ledger_.IsSilent(Surroundings::IndexOf(address), now_ticks_us))) {
+        return static_cast<int>(place % size);
+      }
+    }
   }
-  return from;
+  return -1;
+}
+
+void ManagerModel::BeginWithBest(Domain& domain) const {
+  domain.used.clear();
+  const int best = BestLeft(domain, 0);
+  domain.current = best < 0 ? 0 : static_cast<size_t>(best);
+  domain.used.insert(domain.current);
 }
 
 // A minute lies between two lookups; one that does not end counts as lost after ten.
@@ -389,7 +406,7 @@ void ManagerModel::ResetDomains() {
       domain.addresses = *std::exchange(domain.next_addresses, std::nullopt);
       domain.expires_ticks_us = domain.next_expires_ticks_us;
     }
-    domain.current = domain.first = FirstFree(domain, 0) % domain.addresses.size();
+    BeginWithBest(domain);
     domain.is_repeated = false;
     domain.samples.clear();
     domain.record = NtpDomainResult();
@@ -418,78 +435,6 @@ void ManagerModel::SendBurst(int index) {
     Post(Kind::kSend, delay_us, 0, 0, domain.addresses[domain.current]);
   }
   RunCheck(LocalNow(), index);
-}
-
-// --- The packet handler.
-
-void ManagerModel::MakeHandler() {
-  if (!has_handler) {
-    has_handler = true;
-    handler_offset_us = system_offset_from_steady_us;
-  }
-}
-
-void ManagerModel::CleanHandler() {
-  is_handler_prepared_ = false;
-  ++generation_;
-  open_sockets.clear();
-}
-
-void ManagerModel::PrepareHandler() {
-  CleanHandler();
-  is_handler_prepared_ = true;
-  is_first_packet_reported_ = false;
-}
-
-void ManagerModel::RunSend(const net::IPEndPoint& address) {
-  const int index = Surroundings::IndexOf(address);
-  if (!is_handler_prepared_ || !ledger_.Call(index, now_ticks_us).leaves) {
-    return;
-  }
-  while (random_.Next() == 0) {  // the nonce
-  }
-  if (std::find(open_sockets.begin(), open_sockets.end(), address) == open_sockets.end()) {
-    open_sockets.push_back(address);
-  }
-  const Fate fate = surroundings_.FateOf(index, request_counts_[static_cast<size_t>(index)]++);
-  trace.sent.push_back({address, now_ticks_us});
-  requests_.push_back({index, now_ticks_us, fate, generation_});
-  for (size_t i = 0; i < fate.arrival_count; ++i) {
-    Add(Kind::kArrival, fate.arrivals[i].delay_us, static_cast<int64_t>(fate.arrivals[i].kind),
-        static_cast<int>(requests_.size()) - 1, {});
-  }
-}
-
-// RFC 5905, section 8.
-void ManagerModel::RunArrival(Request& request, ArrivalKind kind, int64_t arrival_ticks_us) {
-  const bool is_spoofed = kind == ArrivalKind::kOtherSource || kind == ArrivalKind::kSpoofedAsOther;
-  if (request.generation != generation_ || !request.is_open || is_spoofed ||
-      arrival_ticks_us > request.sent_ticks_us + 3000000) {
-    return;
-  }
-  ledger_.Answered(request.address);
-  if (kind == ArrivalKind::kRate || kind == ArrivalKind::kDeny) {
-    request.is_open = false;
-    ledger_.Refused(request.address, kind == ArrivalKind::kRate, now_ticks_us, random_.Next());
-  }
-  if (kind != ArrivalKind::kGenuine) {
-    return;
-  }
-  const int64_t t1 = request.sent_ticks_us + handler_offset_us;
-  const int64_t t2 = request.sent_ticks_us + surroundings_.true_offset_us + request.fate.server_receive_us;
-  const int64_t t3 = request.sent_ticks_us + surroundings_.true_offset_us + request.fate.server_transmit_us;
-  const int64_t t4 = arrival_ticks_us + handler_offset_us;
-  const NtpResultData sample{((t2 - t1) + (t3 - t4)) / 2, (t4 - t1) - (t3 - t2)};
-  if (sample.rtt_us < 0 || sample.rtt_us > 1500000) {
-    return;
-  }
-  request.is_open = false;
-  const net::IPEndPoint server = Surroundings::Address(request.address);
-  if (!is_first_packet_reported_) {
-    is_first_packet_reported_ = true;
-    FirstPacket(sample.offset_us);
-  }
-  Packet(sample, server);
 }
 
 // --- Samples and their evaluation.
@@ -591,23 +536,18 @@ NtpResult ManagerModel::Evaluate(Domain& domain) {
 // A domain with one address asks that once more, when it may and nothing has come back.
 bool ManagerModel::TakeNextAddress(Domain& domain) {
   if (domain.addresses.size() == 1) {
-    const bool is_free = FirstFree(domain, 0) == 0;
-    if (domain.is_repeated || !is_free || ledger_.IsHeard(Surroundings::IndexOf(domain.addresses[0]))) {
+    if (domain.is_repeated || !IsFree(domain.addresses[0]) ||
+        ledger_.IsHeard(Surroundings::IndexOf(domain.addresses[0]))) {
       return false;
     }
     return domain.is_repeated = true;
   }
-  // The addresses that were passed over at the beginning come last.
-  const size_t end = domain.addresses.size();
-  const bool is_around = domain.current < domain.first;
-  size_t next = is_around ? end : FirstFree(domain, domain.current + 1);
-  if (next == end) {
-    next = FirstFree(domain, is_around ? domain.current + 1 : 0);
-    if (next >= domain.first) {
-      return false;
-    }
+  const int next = BestLeft(domain, domain.current + 1);
+  if (next < 0) {
+    return false;
   }
-  domain.current = next;
+  domain.current = static_cast<size_t>(next);
+  domain.used.insert(domain.current);
   return true;
 }
 

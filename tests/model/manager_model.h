@@ -11,8 +11,10 @@
 #include <cstdint>
 #include <deque>
 #include <limits>
+#include <map>
 #include <optional>
 #include <queue>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,7 +34,7 @@ class ManagerModel final : public Side {
   struct Domain {
     std::string name;
     std::vector<net::IPEndPoint> addresses;
-    size_t first = 0;  // of the attempt
+    std::set<size_t> used;  // places of the addresses that were current since the reset
     size_t current = 0;
     bool is_repeated = false;  // the only address was asked a second time
     std::vector<NtpResultData> samples;
@@ -113,8 +115,8 @@ class ManagerModel final : public Side {
     int64_t due_ticks_us;
     uint64_t sequence;
     Kind kind;
-    int64_t number = 0;  // notify: the code; check: the start time; arrival: the kind; lookup: its number
-    int index = 0;       // update: which list; check: which domain; arrival: which request; lookup: which
+    int64_t number = 0;  // notify: the code; check: the start time; lookup: its number
+    int index = 0;       // update: which list; check: which domain; arrival, lookup: which
     net::IPEndPoint address;
 
     friend bool operator>(const Pending& a, const Pending& b) {
@@ -127,6 +129,11 @@ class ManagerModel final : public Side {
     Fate fate;
     int generation;
     bool is_open = true;
+  };
+  struct Arriving {
+    size_t request;
+    ArrivalKind kind;
+    int64_t at_ticks_us;
   };
 
   void Log(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -148,14 +155,18 @@ class ManagerModel final : public Side {
   void RunUpdate(const std::vector<std::string>& names);
   void RunSend(const net::IPEndPoint& address);
   void RunCheck(int64_t start_wall_us, int domain);
-  void RunArrival(Request& request, ArrivalKind kind, int64_t arrival_ticks_us);
+  void RunArrival(size_t which);
   void RunLookUp(size_t which, int number);
 
   void MakeHandler();
   void PrepareHandler();
   void CleanHandler();
+  bool TakeReply(Request& request, ArrivalKind kind, int64_t arrival_ticks_us);
+  bool IsAnythingOpen(int address, int64_t arrival_ticks_us) const;
   bool AddDomain(const std::string& name, bool is_logged);
-  size_t FirstFree(const Domain& domain, size_t from) const;
+  bool IsFree(const net::IPEndPoint& address) const;
+  int BestLeft(const Domain& domain, size_t from) const;
+  void BeginWithBest(Domain& domain) const;
   bool TakeNextAddress(Domain& domain);
   void ResetDomains();
   void StartIdleDomains();
@@ -173,6 +184,8 @@ class ManagerModel final : public Side {
   uint64_t next_sequence_ = 0;
   std::vector<std::vector<std::string>> updates_;
   std::vector<Request> requests_;
+  std::vector<Arriving> arrivals_;
+  std::map<int, std::vector<size_t>> unread_;  // arrivals at the sockets that are not read, by address
   std::vector<std::pair<Domain*, Surroundings::Answer>> look_ups_;
   LedgerModel ledger_;
   // Draws the numbers that the manager's side draws: a nonce for each request, a jitter for each refusal.

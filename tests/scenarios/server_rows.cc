@@ -60,21 +60,34 @@ std::vector<Scenario> SeveralServerRows() {
        },
        NoResult({Bursts(kA, 2), Bursts(kB, 2), Bursts(kC, 2)}, {-1})},
       {"closed_ports",
-       "errors of the network neither end an attempt early nor count as something that came back: they may "
-       "be forged",
+       "errors of the network do not end an attempt early, for they may be forged, but a port that is "
+       "closed is not asked twice",
        [](Run& run) {
          run.SetHost("time.test", {kA});
          run.network.AddListener([&run](const sim::SentDatagram& sent) {
            run.At(5 * kMs, [&run, sent] { run.world.ReportError(sent.client, net::SocketError::kRefused); });
          });
        },
-       SyncWithRepetition, NoResult({Bursts(kA, 2)}, {-1})},
+       SyncWithRepetition, NoResult({Bursts(kA, 1)}, {-1})},
       {"three_addresses_two_dead", "the addresses of one name are asked one after another, 3 s each",
        [](Run& run) {
          run.SetHost("time.test", {kA, kB, kC});
          run.AddServer(kC, {});
        },
        [](Run& run) { Sync(run, 10 * kSecond); }, Right(6020 * kMs, each, {0})},
+      {"dead_addresses_are_asked_last",
+       "a later attempt begins with the address that answered the one before",
+       [](Run& run) {
+         run.SetHost("time.test", {kA, kB, kC});
+         run.AddServer(kC, {});
+       },
+       [](Run& run) {
+         Sync(run, 10 * kSecond);
+         run.For(50 * kMinute);
+         run.Start();
+         run.For(kSecond);
+       },
+       Right(6020 * kMs, {OneBurst(kA), OneBurst(kB), Bursts(kC, 2)}, {0, 0})},
       {"two_names_for_one_address",
        "their calls share one burst: the server is asked twenty times, and the samples go to the first",
        [](Run& run) {

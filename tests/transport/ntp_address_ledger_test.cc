@@ -291,6 +291,40 @@ TEST_F(NtpAddressLedgerTest, AnAnswerCountsUntilTheNextBurstBegins) {
   EXPECT_FALSE(ledger_.HasAnswered(kServer));
 }
 
+TEST_F(NtpAddressLedgerTest, AnAddressIsSilentFromTwoSecondsAfterAnUnansweredBurstUntilAnHourAfterIt) {
+  const auto is_silent = [this](int64_t ticks_us) { return ledger_.IsSilent(kServer, ticks_us); };
+  EXPECT_FALSE(is_silent(kNow)) << "it was never asked";
+  Burst(kNow);
+  EXPECT_FALSE(is_silent(kNow + 2 * kSecond - 1));
+  EXPECT_TRUE(is_silent(kNow + 2 * kSecond));
+  EXPECT_TRUE(is_silent(kNow + kHour - 1));
+  EXPECT_FALSE(is_silent(kNow + kHour));
+  EXPECT_FALSE(ledger_.IsSilent(kOtherServer, kNow + 2 * kSecond));
+  ledger_.OnReply(kServer);
+  EXPECT_FALSE(is_silent(kNow + 2 * kSecond));
+  // The last burst counts, whatever the one before brought.
+  Burst(kNow + kMinute);
+  EXPECT_TRUE(is_silent(kNow + kMinute + 2 * kSecond));
+}
+
+TEST_F(NtpAddressLedgerTest, AClosedPortCountsUntilAReplyComesOrTheNextBurstBegins) {
+  ledger_.OnPortClosed(kServer, kNow);
+  EXPECT_FALSE(ledger_.WasClosedSince(kServer, 0)) << "it was never asked";
+  Burst(kNow);
+  EXPECT_FALSE(ledger_.WasClosedSince(kServer, 0));
+  ledger_.OnPortClosed(kServer, kNow + 5);
+  EXPECT_TRUE(ledger_.WasClosedSince(kServer, kNow + 5));
+  EXPECT_FALSE(ledger_.WasClosedSince(kServer, kNow + 6));
+  EXPECT_FALSE(ledger_.WasClosedSince(kOtherServer, 0));
+  ledger_.OnReply(kServer);
+  EXPECT_FALSE(ledger_.WasClosedSince(kServer, 0)) << "somebody listens there";
+  Burst(kNow + kSecond);
+  ledger_.OnPortClosed(kServer, kNow + kSecond);
+  ASSERT_TRUE(ledger_.WasClosedSince(kServer, 0));
+  Burst(kNow + 2 * kSecond);
+  EXPECT_FALSE(ledger_.WasClosedSince(kServer, 0));
+}
+
 TEST_F(NtpAddressLedgerTest, EachAddressHasItsNumbers) {
   Burst(kNow);
   ledger_.OnRequestSent(kServer);

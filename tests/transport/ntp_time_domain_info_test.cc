@@ -667,5 +667,120 @@ TEST_F(HeldAddressTest, AnOnlyAddressThatIsHeldIsNotAskedTwice) {
   EXPECT_TRUE(info.Retry(total_retry_count));
 }
 
+// --- Silent addresses and closed ports.
+
+class SilentAddressTest : public HeldAddressTest {
+ protected:
+  void BeSilent(const char* address) {
+    Ask(Address(address));
+    RunFor(NtpAddressLedger::kSilentAfterUs);
+    ASSERT_TRUE(NtpAddressLedger::GetInstance()->IsSilent(Address(address), world_.steady_ticks_us()));
+  }
+  void Answer(const char* address) {
+    Ask(Address(address));
+    NtpAddressLedger::GetInstance()->OnReply(Address(address));
+  }
+  void CloseThePort(const char* address) {
+    NtpAddressLedger::GetInstance()->OnPortClosed(Address(address), world_.steady_ticks_us());
+  }
+  void RunFor(int64_t duration_us) { world_.RunFor(base::TimeDelta::FromMicroseconds(duration_us)); }
+  // The addresses in the order in which an attempt that begins now asks them.
+  std::vector<net::IPEndPoint> Order(NtpTimeDomainInfo& info) {
+    info.Reset();
+    std::vector<net::IPEndPoint> order = {info.GetCurrentIPAddress()};
+    uint32_t total_retry_count = 0;
+    while (info.Retry(total_retry_count)) {
+      order.push_back(info.GetCurrentIPAddress());
+    }
+    EXPECT_EQ(total_retry_count + 1, order.size());
+    return order;
+  }
+};
+
+TEST_F(SilentAddressTest, AnAddressThatDidNotAnswerIsAskedAfterThoseThatDidOrWereNeverAsked) {
+  SetHost({"198.51.100.1", "198.51.100.2", "198.51.100.3", "198.51.100.4"});
+  NtpTimeDomainInfo info("held.test");
+  Answer("198.51.100.4");
+  BeSilent("198.51.100.1");
+  EXPECT_EQ(Order(info), (std::vector{Address("198.51.100.2"), Address("198.51.100.3"),
+                                      Address("198.51.100.4"), Address("198.51.100.1")}));
+  BeSilent("198.51.100.3");
+  EXPECT_EQ(Order(info), (std::vector{Address("198.51.100.2"), Address("198.51.100.4"),
+                                      Address("198.51.100.1"), Address("198.51.100.3")}));
+}
+
+TEST_F(SilentAddressTest, WhenAllAreSilentTheirOrderStays) {
+  SetHost({"198.51.100.1", "198.51.100.2"});
+  NtpTimeDomainInfo info("held.test");
+  BeSilent("198.51.100.2");
+  BeSilent("198.51.100.1");
+  EXPECT_EQ(Order(info), (std::vector{Address("198.51.100.1"), Address("198.51.100.2")}));
+}
+
+TEST_F(SilentAddressTest, SilenceIsForgottenAfterAnHourAndWithTheNextReply) {
+  SetHost({"198.51.100.1", "198.51.100.2"});
+  NtpTimeDomainInfo info("held.test");
+  const std::vector in_order = {Address("198.51.100.1"), Address("198.51.100.2")};
+  BeSilent("198.51.100.1");
+  ASSERT_NE(Order(info), in_order);
+  RunFor(NtpAddressLedger::kForgetSilenceUs);
+  EXPECT_EQ(Order(info), in_order);
+  BeSilent("198.51.100.1");
+  ASSERT_NE(Order(info), in_order);
+  NtpAddressLedger::GetInstance()->OnReply(Address("198.51.100.1"));
+  EXPECT_EQ(Order(info), in_order);
+}
+
+TEST_F(SilentAddressTest, ADomainAddedLaterKnowsWhichAddressesAreSilent) {
+  SetHost({"198.51.100.1", "198.51.100.2"});
+  BeSilent("198.51.100.1");
+  const NtpTimeDomainInfo info("held.test");
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.2"));
+}
+
+TEST_F(SilentAddressTest, ASilentAddressThatIsFreeComesBeforeAHeldOne) {
+  SetHost({"198.51.100.1", "198.51.100.2"});
+  NtpTimeDomainInfo info("held.test");
+  BeSilent("198.51.100.2");
+  Hold("198.51.100.1", KissCode::kDeny);
+  EXPECT_EQ(Order(info), std::vector{Address("198.51.100.2")});
+}
+
+TEST_F(SilentAddressTest, AnOnlyAddressWhosePortIsClosedIsNotAskedTwice) {
+  SetHost({"198.51.100.1"});
+  NtpTimeDomainInfo info("held.test");
+  Ask(info.GetCurrentIPAddress());
+  CloseThePort("198.51.100.1");
+  uint32_t total_retry_count = 0;
+  EXPECT_FALSE(info.Retry(total_retry_count));
+  EXPECT_EQ(total_retry_count, 0u);
+}
+
+TEST_F(SilentAddressTest, APortThatAnotherDomainFoundClosedIsPassedOverUntilTheReset) {
+  SetHost({"198.51.100.1", "198.51.100.2", "198.51.100.3"});
+  NtpTimeDomainInfo info("held.test");
+  Ask(Address("198.51.100.2"));
+  CloseThePort("198.51.100.2");
+  uint32_t total_retry_count = 0;
+  EXPECT_TRUE(info.Retry(total_retry_count));
+  EXPECT_EQ(info.GetCurrentIPAddress(), Address("198.51.100.3"));
+  EXPECT_FALSE(info.Retry(total_retry_count));
+}
+
+TEST_F(SilentAddressTest, AClosedPortIsAskedAgainInTheNextAttempt) {
+  SetHost({"198.51.100.1", "198.51.100.2"});
+  NtpTimeDomainInfo info("held.test");
+  Ask(Address("198.51.100.2"));
+  CloseThePort("198.51.100.2");
+  RunFor(1);
+  EXPECT_EQ(Order(info), (std::vector{Address("198.51.100.1"), Address("198.51.100.2")}));
+  // As one that did not answer, it is asked last.
+  Ask(Address("198.51.100.1"));
+  CloseThePort("198.51.100.1");
+  Answer("198.51.100.2");
+  RunFor(NtpAddressLedger::kSilentAfterUs);
+  EXPECT_EQ(Order(info), (std::vector{Address("198.51.100.2"), Address("198.51.100.1")}));
+}
+
 }  // namespace
 }  // namespace skorra

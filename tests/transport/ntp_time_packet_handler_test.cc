@@ -14,6 +14,7 @@
 #include "platform/base/clock.h"
 #include "platform/core/thread_manager.h"
 #include "testing/packet_handler_fixture.h"
+#include "transport/ntp_address_ledger.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra {
@@ -382,6 +383,28 @@ TEST_F(NtpTimePacketHandlerTest, AnErrorBetweenSendsIsCountedAndHarmsNoRequest) 
   }
   Run();
   EXPECT_EQ(client_.Samples().size(), 1u);
+}
+
+TEST_F(NtpTimePacketHandlerTest, AClosedPortIsRememberedWhereverItIsReported) {
+  const auto is_closed = [](const net::IPEndPoint& server) {
+    return NtpAddressLedger::GetInstance()->WasClosedSince(server, 0);
+  };
+  is_answering_ = false;
+  Prepare();
+  Send();
+  Send(kOtherServer);
+  for (const net::SocketError error : kSocketErrors) {
+    if (error != net::SocketError::kRefused) {
+      world_.ReportError(sent_[0].client, error);
+    }
+  }
+  EXPECT_FALSE(is_closed(kServer));
+  world_.ReportError(sent_[0].client, net::SocketError::kRefused);
+  EXPECT_TRUE(is_closed(kServer));
+  EXPECT_FALSE(is_closed(kOtherServer));
+  world_.SetSendError(kOtherServer, net::SocketError::kRefused);
+  Send(kOtherServer);
+  EXPECT_TRUE(is_closed(kOtherServer));
 }
 
 TEST_F(NtpTimePacketHandlerTest, AClientMaySendFromItsCallback) {
