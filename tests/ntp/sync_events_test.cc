@@ -219,10 +219,25 @@ TEST_F(SyncEventsTest, AFailureWithoutAnySampleEndsWithoutAResult) {
   EXPECT_EQ(recorder->ends[0].record.sample_count, 0u);
 }
 
-TEST_F(SyncEventsTest, AnAttemptWithoutAnyServerEndsWithNoServer) {
+TEST_F(SyncEventsTest, AnAttemptWithoutAnyServerHasNoOutcomeAndIsReportedAsNoServer) {
+  manager().AddObserver(observer);
   ASSERT_EQ(manager().Start(), 0);
-  world.RunFor(Us(0));
+  world.RunFor(S(60));
+  EXPECT_TRUE(observer->outcomes.empty());
   EXPECT_THAT(recorder->heard, ::testing::ElementsAre("begun", "ended no_server"));
+  EXPECT_EQ(recorder->ends[0].end, NtpAttemptEnd::kNoServer);
+  EXPECT_EQ(recorder->ends[0].result, NtpResult::kNoResult);
+}
+
+TEST_F(SyncEventsTest, AnAttemptThatAStopCutsOffHasNoOutcomeAndIsReportedAsStopped) {
+  network.AddServer(Address(kName), {});
+  BeginAttempt({kName});
+  world.RunFor(Ms(55));
+  manager().Stop();
+  world.RunFor(S(60));
+  EXPECT_TRUE(observer->outcomes.empty());
+  ASSERT_EQ(recorder->ends.size(), 1u);
+  EXPECT_EQ(recorder->ends[0].end, NtpAttemptEnd::kStopped);
   EXPECT_EQ(recorder->ends[0].result, NtpResult::kNoResult);
 }
 
