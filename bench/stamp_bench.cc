@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the kernel's time stamps are worth: the worst offset that exchanges with a server on this machine
-// measure while busy loops compete for every core, with the stamps of the socket and with times taken in user
-// space, in the same exchanges. The true offset is zero: chronyd serves the clock that it is measured with.
+// What the kernel's time stamps are worth: the offsets that exchanges with a server on this machine measure
+// while busy loops compete for every core, with the stamps of the socket and with times taken in user space,
+// in the same exchanges. The true offset is zero: chronyd serves the clock that it is measured with. The
+// verdict is that of stamp_verdict.h; the rows with the worst offsets are for people, and differ from run to
+// run.
 //
 //   stamp_bench [--requests N] [--tiny]
 #include <algorithm>
@@ -21,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/stamp_verdict.h"
 #include "platform/base/clock.h"
 #include "platform/base/log.h"
 #include "platform/base/random.h"
@@ -35,9 +38,12 @@ namespace {
 constexpr base::Location kHere = base::Location::CreateFromHere("bench/stamp_bench", 1);
 constexpr int kLoopsPerCore = 2;
 constexpr int64_t kSpacingMs = 5;
-constexpr double kTargetRatio = 10;
+// So often the exchanges are made until enough of them were disturbed.
+constexpr int kRounds = 3;
 // As many samples as one attempt of the time manager may have.
 constexpr size_t kAttemptSamples = 20;
+// The exit status where there is nothing to judge.
+constexpr int kNoVerdict = 77;
 
 // Between the wall clock and the steady one. Of many readings the middle one, since any may be disturbed.
 int64_t WallMinusSteadyUs() {
@@ -46,11 +52,6 @@ int64_t WallMinusSteadyUs() {
   std::sort(readings.begin(), readings.end());
   return readings[readings.size() / 2];
 }
-
-struct Sample {
-  int64_t kernel_offset_us;
-  int64_t user_offset_us;
-};
 
 // Everything on the queue, but for what is read after `Wait`.
 class Exchanges {
@@ -68,7 +69,7 @@ class Exchanges {
     return !samples.empty();
   }
 
-  std::vector<Sample> samples;
+  std::vector<skorra::StampSample> samples;
   int kernel_sends = 0;
   int kernel_receives = 0;
 
@@ -192,31 +193,59 @@ Spread SpreadOf(std::vector<int64_t> offsets_us) {
   return {at(50), at(99), at(100)};
 }
 
-// A target of 0: none. Returns the ratio of the worst offsets.
-double PrintRows(const char* what, const std::vector<int64_t>& kernel_us, const std::vector<int64_t>& user_us,
-                 double target) {
-  const Spread kernel = SpreadOf(kernel_us);
-  const Spread user = SpreadOf(user_us);
+void PrintRows(const char* what, const std::vector<int64_t>& kernel_us, const std::vector<int64_t>& user_us) {
   std::printf("\n%-24s %10s %10s %10s   |offset| in us\n", what, "median", "99 %", "worst");
-  for (const auto& [name, spread] : {std::pair{"kernel stamps", kernel}, {"user-space stamps", user}}) {
+  for (const auto& [name, spread] :
+       {std::pair{"kernel stamps", SpreadOf(kernel_us)}, {"user-space stamps", SpreadOf(user_us)}}) {
     std::printf("%-24s %10lld %10lld %10lld\n", name, (long long)spread.median_us,
                 (long long)spread.percentile_99_us, (long long)spread.worst_us);
   }
-  // Below a microsecond there is nothing to measure.
-  const double ratio =
-      static_cast<double>(user.worst_us) / static_cast<double>(std::max<int64_t>(kernel.worst_us, 1));
-  std::printf("%-24s %32.1f", "worst user / kernel", ratio);
-  if (target > 0) {
-    std::printf("   target %.0f", target);
+}
+
+void PrintJudgement(const skorra::StampJudgement& judgement) {
+  std::printf("\ndisturbed exchanges: %zu (a stamp of one kind is off by %lld us or more)\n",
+              judgement.disturbed, (long long)skorra::kDisturbedUs);
+  std::printf("mended by the kernel's stamps: %zu (off by a tenth of the user-space stamps at most)\n",
+              judgement.mended);
+  if (judgement.verdict == skorra::StampVerdict::kTooFewDisturbed) {
+    std::printf("no verdict: it needs %zu disturbed exchanges\n", skorra::kLeastDisturbed);
+  } else {
+    std::printf("mended / disturbed: %zu %%   target %zu %%\n", judgement.mended * 100 / judgement.disturbed,
+                skorra::kTargetPercent);
   }
-  std::printf("\n");
-  return ratio;
+}
+
+// Exchanges with `server` until enough of them were disturbed. Empty when they could not be made.
+std::vector<skorra::StampSample> Sample(const net::IPEndPoint& server, int count, int rounds) {
+  std::vector<skorra::StampSample> samples;
+  for (int round = 0; round < rounds; ++round) {
+    Exchanges exchanges(server, count);
+    if (!exchanges.Run()) {
+      std::fputs("stamp_bench: no exchange was answered\n", stderr);
+      return {};
+    }
+    std::printf(
+        "%zu of %d exchanges with chronyd on loopback, %lld ms apart; with the kernel's send stamp: %d, "
+        "with its receive stamp: %d\n",
+        exchanges.samples.size(), count, (long long)kSpacingMs, exchanges.kernel_sends,
+        exchanges.kernel_receives);
+    if (exchanges.kernel_sends == 0 || exchanges.kernel_receives == 0) {
+      std::fprintf(stderr, "stamp_bench: the kernel's %s stamps never came: there is nothing to compare\n",
+                   exchanges.kernel_sends == 0 ? "send" : "receive");
+      return {};
+    }
+    samples.insert(samples.end(), exchanges.samples.begin(), exchanges.samples.end());
+    if (skorra::JudgeStamps(samples).verdict != skorra::StampVerdict::kTooFewDisturbed) {
+      break;
+    }
+  }
+  return samples;
 }
 
 int Measure(int count, bool must_reach_target) {
   if (const std::string reason = skorra::Chronyd::WhyNotHere(); !reason.empty()) {
     std::printf("no comparison of time stamps: %s\n", reason.c_str());
-    return 77;
+    return kNoVerdict;
   }
   const skorra::Chronyd server;
   if (!server.IsUp()) {
@@ -228,39 +257,36 @@ int Measure(int count, bool must_reach_target) {
   for (int i = 0; i < cores * kLoopsPerCore; ++i) {
     loops.emplace_back(std::vector<std::string>{"/proc/self/exe", "--loop"});
   }
-  Exchanges exchanges(server.endpoint(), count);
-  if (!exchanges.Run()) {
-    std::fputs("stamp_bench: no exchange was answered\n", stderr);
+  std::printf("busy loops: %d on %d cores\n", cores * kLoopsPerCore, cores);
+  const std::vector<skorra::StampSample> samples =
+      Sample(server.endpoint(), count, must_reach_target ? kRounds : 1);
+  loops.clear();
+  if (samples.empty()) {
     return 1;
   }
-  loops.clear();
 
   std::vector<int64_t> kernel_us;
   std::vector<int64_t> user_us;
-  for (const Sample& sample : exchanges.samples) {
+  for (const skorra::StampSample& sample : samples) {
     kernel_us.push_back(sample.kernel_offset_us);
     user_us.push_back(sample.user_offset_us);
   }
-  std::printf("%zu of %d exchanges with chronyd on loopback, %lld ms apart; busy loops: %d on %d cores\n",
-              exchanges.samples.size(), count, (long long)kSpacingMs, cores * kLoopsPerCore, cores);
-  std::printf("with the kernel's send stamp: %d, with its receive stamp: %d\n", exchanges.kernel_sends,
-              exchanges.kernel_receives);
-  if (exchanges.kernel_sends == 0 || exchanges.kernel_receives == 0) {
-    std::fprintf(stderr, "stamp_bench: the kernel's %s stamps never came: there is nothing to compare\n",
-                 exchanges.kernel_sends == 0 ? "send" : "receive");
-    return 1;
-  }
-  const double ratio = PrintRows("single exchanges", kernel_us, user_us, kTargetRatio);
-  PrintRows("attempts of 20 samples", Attempts(kernel_us), Attempts(user_us), 0);
+  PrintRows("single exchanges", kernel_us, user_us);
+  PrintRows("attempts of 20 samples", Attempts(kernel_us), Attempts(user_us));
+  const skorra::StampJudgement judgement = skorra::JudgeStamps(samples);
+  PrintJudgement(judgement);
   std::fflush(stdout);
-  if (must_reach_target && ratio < kTargetRatio) {
-    std::fprintf(stderr,
-                 "stamp_bench: %.1f is below the target of %.0f: the kernel's stamps may be missing or badly "
-                 "converted in some exchanges, or the busy loops did not compete with this process\n",
-                 ratio, kTargetRatio);
+  if (!must_reach_target || judgement.verdict == skorra::StampVerdict::kGood) {
+    return 0;
+  }
+  if (judgement.verdict == skorra::StampVerdict::kBad) {
+    std::fputs(
+        "stamp_bench: below the target: stamps of the kernel are missing or badly converted, or the "
+        "kernel itself was late\n",
+        stderr);
     return 1;
   }
-  return 0;
+  return kNoVerdict;
 }
 
 }  // namespace

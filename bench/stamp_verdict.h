@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Whether the kernel's time stamps keep what they are there for, judged from exchanges whose true offset is zero.
+// Whether the kernel's time stamps keep what they are there for, judged from exchanges whose true offset is
+// zero.
 //
-// The worst offset of a run is a matter of luck: one exchange in thousands decides it, on either side. So each
-// exchange is judged alone. It is disturbed when one kind of stamp is off by kDisturbedUs or more, and mended
-// when the kernel's stamps are off by a tenth of the user-space ones at most. The figure is the share of the
-// disturbed exchanges that is mended; a few exchanges more or less hardly move it.
+// The worst offset of a run is a matter of luck: one exchange in thousands decides it, on either side. So
+// each exchange is judged alone. It is disturbed when one kind of stamp is off by kDisturbedUs or more, and
+// mended when the kernel's stamps are off by a tenth of the user-space ones at most. The figure is the share
+// of the disturbed exchanges that is mended; a few exchanges more or less hardly move it.
 #pragma once
 
 #include <algorithm>
