@@ -20,8 +20,9 @@
 // into the costs of the requests under way, since their replies wait for it. A listener may call the
 // manager's operations: a start takes effect at once, a stop and new domains when their tasks run.
 //
-// The outcome for a program's users is the observer's (ntp_time_manager.h); it also hears of a kept result
-// that is announced again, which is no attempt and has no report here.
+// Observers (ntp_time_manager.h) hear an outcome, and a kept result that is announced again, which is no
+// attempt and has no report here. They hear nothing of an attempt that ends without an outcome: only
+// OnAttemptEnded reports that there was no server (kNoServer), or that a stop cut the attempt off (kStopped).
 #pragma once
 
 #include <cstddef>
