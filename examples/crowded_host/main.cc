@@ -3,14 +3,34 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <string>
 
 #include "./host.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/config/base_cfg.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
+
+namespace {
+
+// Notes that an attempt had a result. Before that a reading is provisional.
+class Outcomes : public skorra::NtpTimeManager::Observer {
+ public:
+  void OnNtpResult(skorra::NtpResult result, const std::string& /*message*/,
+                   const net::IPEndPoint& /*server*/) override {
+    if (result != skorra::NtpResult::kNoResult) {
+      has_time.store(true);
+    }
+  }
+
+  std::atomic<bool> has_time{false};
+};
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -21,17 +41,18 @@ int main(int argc, char** argv) {
   config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_requests_per_burst, 8);
 
   auto* clock = skorra::NtpTimeManager::GetInstance();
+  const auto outcomes = std::make_shared<Outcomes>();
+  clock->AddObserver(outcomes);
   clock->UpdateNtpTimeDomain({argv[1]});
   clock->Start();
-  int64_t now_us = 0;
-  for (int i = 0; i < 100 && now_us == 0; ++i) {
+  for (int i = 0; i < 100 && !outcomes->has_time.load(); ++i) {
     usleep(50000);
-    now_us = clock->GetNtpTimestampFrom1970();
   }
+  const int64_t now_us = clock->GetNtpTimestampFrom1970();
   timespec system{};
   clock_gettime(CLOCK_REALTIME, &system);
   const int64_t system_us = static_cast<int64_t>(system.tv_sec) * 1000000 + system.tv_nsec / 1000;
   std::printf("requests sent %d\n", static_cast<int>(base::KeyMetrics::GetCount("ntp.requests_sent")));
   std::printf("offset %lld us\n", static_cast<long long>(now_us - system_us));
-  return now_us != 0 ? 0 : 1;
+  return outcomes->has_time.load() ? 0 : 1;
 }

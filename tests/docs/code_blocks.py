@@ -5,7 +5,8 @@
     cmake   is a part of the consumer's CMakeLists.txt
     cpp     is the next source file that an add_executable of the document's cmake blocks names; it is compiled,
             linked and run, on an empty network that holds one NTP server: a test must pass, any other program must
-            print the time
+            print the time. The first reply of that server lies (first_reply_lies.py), so a program that does not
+            wait for an outcome prints a wrong time
     toml    is a configuration file, which the program must read without a warning
     sh      is run line by line, except for the commands of NOT_RUN; what is in build/release/bin/ is taken from the
             folder of SKORRA_NTP_PROGRAM
@@ -40,15 +41,15 @@ SKIPPED = 77
 
 # The server that the README's program names; it answers in a network namespace of its own.
 SERVER = "192.0.2.1"
+SERVER_PROGRAM = SOURCE / "tests/embed/first_reply_lies.py"
 ON_EMPTY_NETWORK = f"""
 set -e
 ip link set lo up
 ip address add {SERVER}/32 dev lo
-"$1" serve --listen {SERVER}:123 >server.log &
+{SERVER_PROGRAM} {SERVER}:123 0 >server.log &
 server=$!
 trap 'kill "$server"; wait "$server"' EXIT
 until grep -q listening server.log; do kill -0 "$server"; done
-shift
 "$@"
 """
 
@@ -136,10 +137,10 @@ def has_empty_networks():
     return probe.returncode == 0
 
 
-def run_consumer(programs, skorra_ntp, build):
+def run_consumer(programs, build):
     for program, is_test in programs:
         begin_s = time.time()
-        output = run("unshare", "--map-root-user", "--net", "sh", "-c", ON_EMPTY_NETWORK, "sh", skorra_ntp,
+        output = run("unshare", "--map-root-user", "--net", "sh", "-c", ON_EMPTY_NETWORK, "sh",
                      build / program, folder=build)
         if is_test:
             if not re.search(r"^\[  PASSED  \] [1-9]", output, re.MULTILINE):
@@ -210,7 +211,7 @@ def main():
     if not has_empty_networks():
         print("skipped: this machine makes no network namespaces, so the documents' programs are built but not run")
         return SKIPPED
-    run_consumer(programs, skorra_ntp, build)
+    run_consumer(programs, build)
     return 0
 
 

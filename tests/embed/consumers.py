@@ -2,13 +2,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """Builds the projects of examples/ from nothing, as a host would, and runs them against a server on loopback.
 
-usage: consumers.py EXAMPLE SKORRA_NTP_PROGRAM WORK_FOLDER [-DOPTION=VALUE...]
+The server's first reply lies (first_reply_lies.py): an example that takes a reading before the outcome is an hour off.
+
+usage: consumers.py EXAMPLE WORK_FOLDER [-DOPTION=VALUE...]
 """
 import difflib
 import json
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import sys
 
@@ -32,11 +35,11 @@ def run(*command, timeout=300):
 
 
 class Server:
-    """`skorra-ntp serve` on a free port of this machine."""
+    """A server on a free port of this machine."""
 
-    def __init__(self, program):
-        self.process = subprocess.Popen([program, "serve", "--offset", str(CLOCK_ERROR_S)],
-                                        stdout=subprocess.PIPE, text=True)
+    def __init__(self):
+        self.process = subprocess.Popen([pathlib.Path(__file__).parent / "first_reply_lies.py", "127.0.0.1:0",
+                                         str(CLOCK_ERROR_S)], stdout=subprocess.PIPE, text=True)
         line = self.process.stdout.readline()
         found = re.fullmatch(r"listening on (\S+)\n", line)
         if not found:
@@ -103,9 +106,21 @@ def expect_listed_symbols(library):
     print(f"{library.name} exports {len(actual)} symbols")
 
 
+def expect_no_time(reason, *command):
+    """The command ends by itself with status 1 and says why there is no time."""
+    done = subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=50, check=False)
+    if done.returncode != 1 or reason not in done.stdout or "offset" in done.stdout:
+        fail(f"{command} ended with {done.returncode}, not for '{reason}':\n{done.stdout}")
+
+
 def clock_reader(build, server):
     expect_listed_symbols(build / "skorra-ntp/libskorra_ntp.so")
     expect_offset(run(build / "clock_reader", server))
+    expect_no_time("the attempt ended with no_server", build / "clock_reader", "not:an:address")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 0))
+        expect_no_time("no usable result", build / "clock_reader", f"127.0.0.1:{silent.getsockname()[1]}")
     run("ctest", "--test-dir", build, "--output-on-failure", "--no-tests=error")
 
 
@@ -146,14 +161,14 @@ EXAMPLES = {"clock_reader": clock_reader, "crowded_host": crowded_host, "plugin"
 
 
 def main():
-    if len(sys.argv) < 4 or sys.argv[1] not in EXAMPLES:
+    if len(sys.argv) < 3 or sys.argv[1] not in EXAMPLES:
         fail(__doc__)
-    example, program, work = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3])
+    example, work = sys.argv[1], pathlib.Path(sys.argv[2])
     build = work / example
-    steps = configure_and_build(example, build, sys.argv[4:])
+    steps = configure_and_build(example, build, sys.argv[3:])
     if example == "crowded_host" and steps > MAX_STEPS:
         fail(f"{steps} steps; a host builds at most {MAX_STEPS}")
-    with Server(program) as server:
+    with Server() as server:
         EXAMPLES[example](build, server.address)
 
 
