@@ -39,7 +39,7 @@ constexpr base::Location kHere = base::Location::CreateFromHere("bench/stamp_ben
 constexpr int kLoopsPerCore = 2;
 constexpr int64_t kSpacingMs = 5;
 // So often the exchanges are made until enough of them were disturbed.
-constexpr int kRounds = 3;
+constexpr int kRounds = 4;
 // As many samples as one attempt of the time manager may have.
 constexpr size_t kAttemptSamples = 20;
 // The exit status where there is nothing to judge.

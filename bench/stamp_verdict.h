@@ -26,7 +26,7 @@ inline constexpr int64_t kDisturbedUs = 200;
 inline constexpr int64_t kMendedRatio = 10;
 inline constexpr size_t kTargetPercent = 80;
 // With fewer disturbed exchanges there is nothing to judge: nothing competed with this process.
-inline constexpr size_t kLeastDisturbed = 10;
+inline constexpr size_t kLeastDisturbed = 20;
 
 enum class StampVerdict { kGood, kTooFewDisturbed, kBad };
 

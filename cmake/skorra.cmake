@@ -85,7 +85,8 @@ function(skorra_library name level)
   if(type STREQUAL SHARED_LIBRARY)
     # The templates of the standard library and of others' headers are visible in objects of ours.
     set(exported ${PROJECT_SOURCE_DIR}/cmake/exported.map)
-    target_link_options(${name} PRIVATE LINKER:--version-script=${exported})
+    # nodelete: its threads never end, so dlclose must not unmap it.
+    target_link_options(${name} PRIVATE LINKER:--version-script=${exported} LINKER:-z,nodelete)
     set_target_properties(${name} PROPERTIES LINK_DEPENDS ${exported} VERSION ${PROJECT_VERSION} SOVERSION 0)
   endif()
 endfunction()

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Loads the plugin, asks it for the time, unloads it while its threads run, and does so again:
-// plugin_host PLUGIN SERVER
+// Loads the plugin and unloads it unused, then asks it for the time and unloads it while its threads run, and
+// asks again: plugin_host PLUGIN SERVER
 #include <dlfcn.h>
 #include <time.h>
 #include <unistd.h>
@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: plugin_host PLUGIN SERVER\n");
     return 2;
   }
+  Ask(argv[1], argv[2], 0);  // unloaded before any use of the library
   Ask(argv[1], argv[2], 1);  // unloaded in the middle of the first attempt
   usleep(300000);            // its thread goes on
   const int64_t now_us = Ask(argv[1], argv[2], 100);

@@ -106,6 +106,13 @@ def expect_listed_symbols(library):
     print(f"{library.name} exports {len(actual)} symbols")
 
 
+def expect_never_unloaded(library):
+    """dlclose leaves the library in memory, used or not."""
+    flags = re.findall(r"\(FLAGS_1\)\s+Flags: (.*)", run("readelf", "-d", library))
+    if not flags or "NODELETE" not in flags[0].split():
+        fail(f"dlclose may unload {library.name}: its flags are {flags}")
+
+
 def expect_no_time(reason, *command):
     """The command ends by itself with status 1 and says why there is no time."""
     done = subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
@@ -115,7 +122,9 @@ def expect_no_time(reason, *command):
 
 
 def clock_reader(build, server):
-    expect_listed_symbols(build / "skorra-ntp/libskorra_ntp.so")
+    library = build / "skorra-ntp/libskorra_ntp.so"
+    expect_listed_symbols(library)
+    expect_never_unloaded(library)
     expect_offset(run(build / "clock_reader", server))
     expect_no_time("the attempt ended with no_server", build / "clock_reader", "not:an:address")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
@@ -147,6 +156,10 @@ def crowded_host(build, server):
 
 
 def plugin(build, server):
+    library = build / "skorra-ntp/libskorra_ntp.so"
+    if library.exists():
+        expect_never_unloaded(library)
+        expect_never_unloaded(build / "time_plugin.so")
     expect_offset(run(build / "plugin_host", build / "time_plugin.so", server))
     names = exported_symbols(build / "time_plugin.so")
     # What the compilers leave visible although it names hidden types: g++ type information of function types, clang++
