@@ -27,29 +27,30 @@
 // What may surprise you, and what to do:
 //
 // - A reading is provisional until an observer has heard kSuccess or kMaybeInaccurate. It is what the first
-//   reply alone said: unchecked and ungraded. It goes back to 0 when the attempt ends with kNoResult, and the
-//   first reply after that sets it again. Use no reading before one of these two outcomes. After it, a reading
-//   is graded and never goes back to 0.
-// - A provisional reading stays after a stop in mid-attempt. Start again, and wait for that attempt's outcome.
-// - An attempt may have no outcome: when no domain with an address is known, and when a stop cuts it off. Wait
-//   with a time limit; an attempt takes up to about 30 s when its servers are silent. When no outcome comes,
-//   call Stop, a second later Start. NtpAttemptEnded (ntp_sync_events.h) reports such ends.
+//   reply alone said: unchecked and ungraded. It goes back to 0 when the attempt ends with kNoResult, and
+//   the first reply after that sets it again. Use no reading before one of these two outcomes. After it, a
+//   reading is graded and never goes back to 0.
+// - A provisional reading stays after a stop in mid-attempt. Start again, and wait for that attempt's
+//   outcome.
+// - An attempt may have no outcome: when no domain with an address is known, and when a stop cuts it off.
+//   Wait with a time limit; an attempt takes up to about 30 s when its servers are silent. When no outcome
+//   comes, call Stop, a second later Start. NtpAttemptEnded (ntp_sync_events.h) reports such ends.
 // - 30 s after each outcome, and 30 s after domains given while no attempt runs, a stop closes the sockets.
-//   Nothing takes it back: it cuts off an attempt that runs at that moment. Start again after that; or start
+//   Nothing takes it back: it cuts off an attempt that runs at that moment. Start again after it, or start
 //   when these 30 s are over.
-// - `Stop(); Start();` back to back starts nothing useful, since the stop is a task and runs later. While an
-//   attempt runs, Start returns -1. Otherwise the stop cancels the start; the attempt's domains stay marked as
-//   being asked, and later attempts skip them until the next stop. Wait a second between the two.
-// - The ten minutes between two syncs that reads start are kept by the wall clock. If it is set back by a day,
-//   reads start no sync for a day. Call Start when you know of such a step, or once an hour.
-// - The manager compares the wall clock with NTP time by reading one after the other. A busy machine may put
-//   the thread aside in between. More than 4 ms of that look like clocks that ran apart: the kept result, once
-//   kSuccess, becomes kMaybeInaccurate, and a sync starts. Nothing needs to be done; the reading stays good.
+// - `Stop(); Start();` back to back starts nothing useful, since the stop is a task and runs later. While
+//   an attempt runs, Start returns -1. Otherwise the stop cancels the start; the attempt's domains stay
+//   marked as being asked, and later attempts skip them until the next stop. Wait a second between the two.
+// - The ten minutes between two syncs that reads start are kept by the wall clock. If it is set back by a
+//   day, reads start no sync for a day. Call Start when you know of such a step, or once an hour.
+// - The manager compares the wall clock with NTP time by reading one after the other. A busy machine may
+//   put the thread aside in between. More than 4 ms of that look like clocks that ran apart: a kept
+//   kSuccess becomes kMaybeInaccurate, and a sync starts. Nothing needs to be done; the reading stays good.
 // - A name that has no address when it is given is dropped, and no observer hears of it. NtpDomainsUpdated
 //   (ntp_sync_events.h) names it with the reason. Give it again later.
-// - Replies that disagree are averaged: the outcome is kMaybeInaccurate, and the reading may be a time that no
-//   server told. Look at the outcome's result, and give better servers or start again later. After a success,
-//   kMaybeInaccurate only says that a later attempt was no better: the earlier result is kept.
+// - Replies that disagree are averaged: the outcome is kMaybeInaccurate, and the reading may be a time that
+//   no server told. Look at the outcome's result, and give better servers or start again later. After a
+//   kSuccess, it may also say that a later attempt was no better, and that the earlier result is kept.
 // - An observer that throws ends the process. Catch inside it.
 #pragma once
 
@@ -107,8 +108,8 @@ class NtpTimeManager {
   virtual int64_t GetNtpTimestampFrom1970() = 0;
 
   // Adds server domains ("host", "host:port", "192.0.2.1", "[2001:db8::1]:123") behind those already known;
-  // known names are skipped, none is ever removed. While an attempt runs, every domain that is not being asked
-  // is asked as well.
+  // known names are skipped, none is ever removed. While an attempt runs, every domain that is not being
+  // asked is asked as well.
   virtual void UpdateNtpTimeDomain(const std::vector<std::string>& domains) = 0;
 
   // Hands over the statistics since the previous report and begins a new period.

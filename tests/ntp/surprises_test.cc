@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // What may surprise a user of the manager. The header ntp_time_manager.h tells each of these, with what to do
-// about it; a change here needs a change there.
+// about it; a change here needs a change there. An observer that throws needs a real queue:
+// tests/system/throwing_observer_test.cc.
 #include <vector>
 
 #include "testing/manager_fixture.h"
@@ -16,21 +17,20 @@ class SurprisesTest : public ManagerTest {
   int64_t Read() { return manager().GetNtpTimestampFrom1970(); }
   int64_t TrueSince1970Us() { return world.true_us() - base::kWindowsToUnixEpochUs; }
 
-  // A server whose first reply is an hour ahead; what follows is `then`.
-  void AddServerWhoseFirstReplyLies(netmodel::ServerOptions then = {}) {
-    then.script = [](netmodel::Exchange& exchange) {
-      if (exchange.index == 0) {
-        exchange.clock_error_us = kHourUs;
-      }
+  // A server whose first reply is an hour ahead of its others.
+  void AddServerWhoseFirstReplyLies() {
+    const auto script = [](netmodel::Exchange& exchange) {
+      exchange.clock_error_us = exchange.index == 0 ? kHourUs : 0;
     };
-    network.AddServer(Address(kName), then);
+    network.AddServer(Address(kName), {.script = script});
   }
   // Answers the first two requests of all, which are too few for a result, and then nothing.
   void AddServerThatFallsSilent() {
-    network.AddServer(Address(kName), {.script = [](netmodel::Exchange& exchange) {
-                        exchange.is_answered = exchange.index < 2;
-                        exchange.clock_error_us = kHourUs;
-                      }});
+    const auto script = [](netmodel::Exchange& exchange) {
+      exchange.is_answered = exchange.index < 2;
+      exchange.clock_error_us = kHourUs;
+    };
+    network.AddServer(Address(kName), {.script = script});
   }
 
   void Begin() {
@@ -270,9 +270,10 @@ TEST_F(SurprisesTest, ANameWithoutAnAddressIsForgottenAndMayBeGivenAgain) {
 }
 
 TEST_F(SurprisesTest, RepliesThatDisagreeAreAveragedAndGradedAsMaybeInaccurate) {
-  network.AddServer(Address(kName), {.script = [](netmodel::Exchange& exchange) {
-                      exchange.clock_error_us = exchange.index % 2 == 0 ? -kHourUs : kHourUs + 2000000;
-                    }});
+  const auto script = [](netmodel::Exchange& exchange) {
+    exchange.clock_error_us = exchange.index % 2 == 0 ? -kHourUs : kHourUs + 2000000;
+  };
+  network.AddServer(Address(kName), {.script = script});
   Begin();
   ASSERT_TRUE(world.RunUntil([&] { return !observer->outcomes.empty(); }, S(60)));
   EXPECT_EQ(observer->outcomes[0].result, NtpResult::kMaybeInaccurate);
