@@ -1,7 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 # ctest reads this before it runs the tests. Whatever they draw at random comes from the commit, so that a failure is
 # the commit's doing and comes again: SKORRA_SEED is the first 32 bits of its hash, or 1 where git knows no commit.
-# A number in SKORRA_SEED takes its place; "fresh" draws one. Each test that draws prints the number.
+# A number in SKORRA_SEED takes its place; "fresh" draws one. Each test that draws prints the number. Any other text is
+# an error: another seed than the one asked for would mislead.
+if(NOT "$ENV{SKORRA_SEED}" MATCHES "^([0-9]+|fresh)?$")
+  message(FATAL_ERROR "SKORRA_SEED must be a whole number from 0 to 18446744073709551615, or \"fresh\"")
+endif()
 if(NOT "$ENV{SKORRA_SEED}" MATCHES "^[0-9]+$")
   set(digits "")
   if("$ENV{SKORRA_SEED}" STREQUAL "fresh")

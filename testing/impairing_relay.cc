@@ -7,11 +7,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <utility>
 
 #include "platform/base/clock.h"
 #include "platform/base/time.h"
+#include "testing/environment_number.h"
 
 namespace skorra {
 namespace {
@@ -27,8 +27,7 @@ bool IsReadable(int fd) {
 }  // namespace
 
 uint64_t RelaySeed() {
-  const char* const given = std::getenv("SKORRA_RELAY_SEED");
-  const uint64_t seed = given == nullptr ? 1 : std::strtoull(given, nullptr, 0);
+  const uint64_t seed = EnvironmentNumber("SKORRA_RELAY_SEED").value_or(1);
   std::printf("relay with seed %llu (SKORRA_RELAY_SEED)\n", static_cast<unsigned long long>(seed));
   std::fflush(stdout);
   return seed;

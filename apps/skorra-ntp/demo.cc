@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/skorra-ntp/demo.h"
 
-#include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "apps/skorra-ntp/demo_server.h"
+#include "apps/skorra-ntp/exit_status.h"
 #include "apps/skorra-ntp/sync.h"
+#include "apps/skorra-ntp/terminal.h"
 
 namespace skorra {
 namespace {
@@ -24,37 +26,34 @@ int RunDemo() {
   std::string error;
   const auto server = DemoServer::Open(options, &error);
   if (server == nullptr) {
-    std::fprintf(stderr,
-                 "skorra-ntp: cannot open a server on the loopback interface: %s\n"
-                 "Check that the interface lo is up and has the address 127.0.0.1.\n",
-                 error.c_str());
+    PrintProblem("cannot open a server on the loopback interface: " + error,
+                 "Check that the interface lo is up and has the address 127.0.0.1.");
     return kExitNoResult;
   }
   const std::string name = server->local().ToString();
-  std::printf(
-      "A server on %s whose clock is off by %s, over a network\n"
-      "with 20 ms delay, up to 2 ms jitter each way and 10 %% loss:\n\n",
-      name.c_str(), FormatOffset(options.clock_error_us).c_str());
-  std::fflush(stdout);
+  if (!PrintText("A server on " + name + " whose clock is off by " + FormatOffset(options.clock_error_us) +
+                 ", over a network\nwith 20 ms delay, up to 2 ms jitter each way and 10 % loss:\n\n")) {
+    return kExitOutput;
+  }
 
   const SyncReport report = RunAttempt({.servers = {name}});
-  std::fputs(ToText(report).c_str(), stdout);
+  std::string text = ToText(report);
   const auto offset_us = OffsetUs(report);
+  const int64_t error_us = offset_us.value_or(0) - options.clock_error_us;
+  if (offset_us) {
+    text += "\n  true offset      " + FormatOffset(options.clock_error_us) + "\n  measured offset  " +
+            FormatOffset(*offset_us) + "\n  error            " + FormatOffset(error_us) + "\n";
+  }
+  const bool is_printed = PrintText(text);
+  int status = ExitStatus(report);
   if (!offset_us) {
-    std::fprintf(stderr, "skorra-ntp: %s\n", Advice(report).c_str());
-    return ExitStatus(report);
+    PrintProblem(Advice(report));
+  } else if (std::llabs(error_us) > kMaxErrorUs) {
+    PrintProblem("the error is more than 5 ms",
+                 "If the machine is busy, or its clock was set meanwhile, try again.");
+    status = kExitWrongDemo;
   }
-  const int64_t error_us = *offset_us - options.clock_error_us;
-  std::printf("\n  true offset      %s\n  measured offset  %s\n  error            %s\n",
-              FormatOffset(options.clock_error_us).c_str(), FormatOffset(*offset_us).c_str(),
-              FormatOffset(error_us).c_str());
-  if (std::llabs(error_us) > kMaxErrorUs) {
-    std::fprintf(stderr,
-                 "skorra-ntp: the error is more than 5 ms. If the machine is busy, or its clock was set "
-                 "meanwhile, try again.\n");
-    return kExitWrongDemo;
-  }
-  return ExitStatus(report);
+  return is_printed ? status : kExitOutput;
 }
 
 }  // namespace skorra

@@ -6,7 +6,8 @@
 
 namespace skorra {
 
-// Returns the exit status of a sync, or 3 when the measured offset is more than 5 ms off.
+// Returns the exit status of a sync, or 3 when the measured offset is more than 5 ms off; 74 when not
+// everything could be printed.
 int RunDemo();
 
 }  // namespace skorra

@@ -2,14 +2,14 @@
 
 // The command line; what the commands do is in sync.h, serve.h and demo.h.
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "apps/skorra-ntp/command_line.h"
 #include "apps/skorra-ntp/demo.h"
-#include "apps/skorra-ntp/report.h"
+#include "apps/skorra-ntp/exit_status.h"
 #include "apps/skorra-ntp/serve.h"
 #include "apps/skorra-ntp/sync.h"
+#include "apps/skorra-ntp/terminal.h"
 #include "platform/base/environment.h"
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
@@ -23,7 +23,9 @@ constexpr const char* kFooter =
     "  skorra-ntp sync ntp.example.org\n"
     "  skorra-ntp demo\n"
     "  skorra-ntp serve --offset 1.5 --delay 40\n"
-    "Each command explains itself: skorra-ntp sync --help\n\n";
+    "Each command explains itself: skorra-ntp sync --help\n\n"
+    "Exit status: 0 success, 64 wrong usage, 74 standard output is full, closed or no longer read;\n"
+    "the others are those of the command.\n\n";
 
 constexpr const char* kSyncFooter =
     "Examples:\n"
@@ -34,7 +36,8 @@ constexpr const char* kSyncFooter =
     "  0   success\n"
     "  1   an offset was measured, but it may be inaccurate\n"
     "  2   no result, or the time allowed has passed\n"
-    "  64  wrong usage\n\n";
+    "  64  wrong usage\n"
+    "  74  the report was lost: standard output is full, closed or no longer read\n\n";
 
 constexpr const char* kServeFooter =
     "Examples:\n"
@@ -43,12 +46,14 @@ constexpr const char* kServeFooter =
     "The first line of the output is \"listening on ADDR:PORT\"; ask there:\n"
     "  skorra-ntp sync 127.0.0.1:12300\n"
     "SIGINT (Ctrl-C) or SIGTERM ends the server.\n\n"
-    "Exit status: 0 after a signal, 1 when the address cannot be used, 64 wrong usage";
+    "Exit status: 0 after a signal, 1 when the address cannot be used, 64 wrong usage,\n"
+    "74 when standard output is full, closed or no longer read";
 
 constexpr const char* kDemoFooter =
     "Example:\n"
     "  skorra-ntp demo\n\n"
-    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one";
+    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one;\n"
+    "74 when standard output is full, closed or no longer read, whatever was measured";
 
 // The environment variables, with those of the configuration's table.
 std::string EnvironmentHelp() {
@@ -68,24 +73,6 @@ std::string EnvironmentHelp() {
   return text;
 }
 
-// Accepts numbers from `min` to `max`, without `min` itself when `excludes_min`. Unlike the parser's own
-// range check it rejects "nan".
-CLI::Validator Number(double min, double max, bool excludes_min = false) {
-  const auto check = [=](const std::string& text) {
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (end != text.c_str() && *end == '\0' && value <= max && (excludes_min ? value > min : value >= min)) {
-      return std::string();
-    }
-    char message[128];
-    std::snprintf(message, sizeof message,
-                  excludes_min ? "must be greater than %g and at most %g" : "must be from %g to %g", min,
-                  max);
-    return "\"" + text + "\" is not valid: " + message;
-  };
-  return CLI::Validator(check, "");
-}
-
 // The library logs the same problems; without the threshold each would be printed twice.
 void LoadConfiguration() {
   base::SetLogThreshold(base::kLogNothing);
@@ -97,7 +84,7 @@ void LoadConfiguration() {
     }
   }
   for (const auto& problem : problems) {
-    std::fprintf(stderr, "skorra-ntp: warning: %s\n", problem.c_str());
+    skorra::PrintProblem("warning: " + problem);
   }
 }
 
@@ -110,11 +97,11 @@ void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
   command->add_flag("--json", as_json, "Print one JSON object and nothing else");
   command
       ->add_option("--timeout", options.timeout_s, "Seconds for the whole attempt (default 15, at most 3600)")
-      ->check(Number(0, 3600, true));
+      ->check(skorra::Number(0, 3600, true));
   command
       ->add_option("--log-level", options.log_level,
                    "The library's log on standard error: 0 all lines, 1 failures, 2 nothing (default 2)")
-      ->check(CLI::Range(0, 2));
+      ->transform(skorra::WholeNumber(0, 2));
   command->footer(kSyncFooter + EnvironmentHelp());
 }
 
@@ -125,22 +112,24 @@ void AddServe(CLI::App& app, skorra::ServeOptions& options) {
   command
       ->add_option("--offset", options.offset_s,
                    "Clock error in seconds; may be negative or fractional (default 0)")
-      ->check(Number(-1e9, 1e9));
+      ->check(skorra::Number(-1e9, 1e9));
   command->add_option("--delay", options.delay_ms, "Round-trip delay in milliseconds (default 0)")
-      ->check(Number(0, 60000));
+      ->check(skorra::Number(0, 60000));
   command
       ->add_option("--jitter", options.jitter_ms,
                    "Up to this many milliseconds more in each direction (default 0)")
-      ->check(Number(0, 60000));
+      ->check(skorra::Number(0, 60000));
   command->add_option("--loss", options.loss, "Share of requests that get no answer, 0 to 1 (default 0)")
-      ->check(Number(0, 1));
-  command->add_option("--seed", options.seed, "Seed of the random jitter and loss (default 1)");
+      ->check(skorra::Number(0, 1));
+  command->add_option("--seed", options.seed, "Seed of the random jitter and loss (default 1)")
+      ->transform(skorra::WholeNumber());
   command->footer(kServeFooter);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  skorra::PrepareStandardStreams();
   CLI::App app{"Network time without touching the system clock", "skorra-ntp"};
   app.set_version_flag("--version", "skorra-ntp " SKORRA_VERSION);
   app.require_subcommand(1);
@@ -157,14 +146,8 @@ int main(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
-  } catch (const CLI::RequiredError& error) {
-    if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
-      std::fprintf(stderr, "There is no command '%s'; the commands are sync, serve and demo.\n", argv[1]);
-    }
-    app.exit(error);
-    return skorra::kExitUsage;
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? skorra::kExitSuccess : skorra::kExitUsage;
+    return skorra::ExitAfterParsing(app, error);
   }
 
   LoadConfiguration();

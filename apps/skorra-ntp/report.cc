@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "apps/skorra-ntp/exit_status.h"
 #include "platform/base/time.h"
 
 namespace skorra {
@@ -39,6 +40,12 @@ uint64_t Refusals(const SyncReport& report) {
 
 // Why an attempt gave no result, as far as the counters tell.
 std::string AdviceWithoutResult(const SyncReport& report) {
+  // Without its timer the library neither sends nor waits as it should: what the network did tells nothing.
+  if (report.timers_failed > 0) {
+    return "This system does not let the program set a timer, and requests leave by it (a sandbox that "
+           "forbids "
+           "timerfd_settime?). Allow that system call.";
+  }
   // Kiss codes come first: they carried our nonce, while errors of the network may be forged.
   if (report.samples_received == 0 && Refusals(report) > 0) {
     return report.asked + " does not serve this machine now (kiss codes: " + ListReasons(report.kiss_codes) +
@@ -97,6 +104,10 @@ std::string Message(const SyncReport& report) {
 }
 
 std::string Advice(const SyncReport& report) {
+  const bool has_result = report.end == SyncEnd::kOutcome && report.result != NtpResult::kNoResult;
+  if (report.timers_failed > 0 && !has_result) {
+    return AdviceWithoutResult(report);
+  }
   switch (report.end) {
     case SyncEnd::kOutcome:
       if (report.result == NtpResult::kNoResult) {
@@ -196,7 +207,7 @@ std::string ToJson(const SyncReport& report) {
       {"receive_stamps", report.receive_stamps},
       {"addresses", addresses},
   };
-  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+  return json.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 int ExitStatus(const SyncReport& report) {

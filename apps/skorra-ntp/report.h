@@ -12,13 +12,6 @@
 
 namespace skorra {
 
-// The program's exit statuses.
-inline constexpr int kExitSuccess = 0;
-inline constexpr int kExitMaybeInaccurate = 1;
-inline constexpr int kExitNoResult = 2;
-inline constexpr int kExitWrongDemo = 3;  // `demo` measured something other than the truth
-inline constexpr int kExitUsage = 64;     // EX_USAGE of sysexits.h
-
 // How the attempt ended.
 enum class SyncEnd {
   kOutcome,      // the library announced one
@@ -62,6 +55,7 @@ struct SyncReport {
   ReasonCounts withheld = {};       // requests that the library did not send
   ReasonCounts socket_errors = {};  // of sending and receiving
   ReasonCounts domain_errors = {};  // of names
+  uint64_t timers_failed = 0;       // times that the system did not set the event loop's timer
   ReasonCounts send_stamps = {};    // source of each sample's send time stamp
   ReasonCounts receive_stamps = {};
   std::map<std::string, AddressReport> addresses = {};
@@ -79,9 +73,11 @@ std::string Advice(const SyncReport& report);
 // The summary for people, several lines.
 std::string ToText(const SyncReport& report);
 
-// The summary for programs: one JSON object in several lines, null for what does not exist.
+// The summary for programs: one JSON object in several lines, null for what does not exist. It is ASCII, so
+// that it steers no terminal.
 std::string ToJson(const SyncReport& report);
 
+// 0, 1 or 2 (exit_status.h).
 int ExitStatus(const SyncReport& report);
 
 // Microseconds as signed seconds, "+2.345678 s".

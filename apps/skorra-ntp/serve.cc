@@ -9,13 +9,13 @@
 #include <string_view>
 
 #include "apps/skorra-ntp/demo_server.h"
+#include "apps/skorra-ntp/exit_status.h"
 #include "apps/skorra-ntp/report.h"
+#include "apps/skorra-ntp/terminal.h"
 #include "platform/base/time.h"
 
 namespace skorra {
 namespace {
-
-constexpr int kExitCannotListen = 1;
 
 // An address with or without a port. Port 0 asks for a free one.
 std::optional<net::IPEndPoint> ParseListen(std::string_view text, std::string* error) {
@@ -39,16 +39,30 @@ int64_t ToMicroseconds(double value, double us_per_unit) {
   return static_cast<int64_t>(std::llround(value * us_per_unit));
 }
 
+// What the server says of itself before it answers.
+std::string Greeting(const ServeOptions& options, const net::IPEndPoint& local) {
+  char numbers[128];
+  std::snprintf(numbers, sizeof numbers, "delay %g ms, jitter up to %g ms, loss %g", options.delay_ms,
+                options.jitter_ms, options.loss);
+  return "listening on " + local.ToString() + "\nclock error " +
+         FormatOffset(ToMicroseconds(options.offset_s, base::kUsPerSecond)) + ", " + numbers + ", seed " +
+         std::to_string(options.seed) + "\n";
+}
+
+std::string CountsText(const DemoServerCounts& counts) {
+  return "received " + std::to_string(counts.received) + ", answered " + std::to_string(counts.answered) +
+         ", lost on purpose " + std::to_string(counts.lost) + ", ignored " + std::to_string(counts.ignored) +
+         ", failed " + std::to_string(counts.failed) + "\n";
+}
+
 }  // namespace
 
 int RunServe(const ServeOptions& options) {
   std::string error;
   const auto listen = ParseListen(options.listen, &error);
   if (!listen) {
-    std::fprintf(stderr,
-                 "skorra-ntp: bad --listen %s\nGive an address and a port: 127.0.0.1:12300, [::1]:0 "
-                 "(port 0 takes a free one)\n",
-                 error.c_str());
+    PrintProblem("bad --listen " + error,
+                 "Give an address and a port: 127.0.0.1:12300, [::1]:0 (port 0 takes a free one)");
     return kExitUsage;
   }
   // Blocked before the server's thread starts: the thread inherits the mask, and sigwait below gets the
@@ -68,28 +82,19 @@ int RunServe(const ServeOptions& options) {
                         .seed = options.seed},
                        &error);
   if (server == nullptr) {
-    std::fprintf(stderr,
-                 "skorra-ntp: cannot listen on %s: %s\nChoose another port (0 takes a free one; those below "
-                 "1024 need privileges) or an address of this machine.\n",
-                 options.listen.c_str(), error.c_str());
+    PrintProblem("cannot listen on " + options.listen + ": " + error,
+                 "Choose another port (0 takes a free one; those below 1024 need privileges) or an address "
+                 "of this machine.");
     return kExitCannotListen;
   }
-  std::printf("listening on %s\n", server->local().ToString().c_str());
-  std::printf("clock error %s, delay %g ms, jitter up to %g ms, loss %g, seed %llu\n",
-              FormatOffset(ToMicroseconds(options.offset_s, base::kUsPerSecond)).c_str(), options.delay_ms,
-              options.jitter_ms, options.loss, static_cast<unsigned long long>(options.seed));
-  std::fflush(stdout);
-
+  // A server whose address nobody learns is of no use.
+  if (!PrintText(Greeting(options, server->local()))) {
+    return kExitOutput;
+  }
   int signal_number = 0;
   sigwait(&signals, &signal_number);
   server->Stop();
-
-  const DemoServerCounts counts = server->counts();
-  const auto number = [](uint64_t count) { return static_cast<unsigned long long>(count); };
-  std::printf("received %llu, answered %llu, lost on purpose %llu, ignored %llu, failed %llu\n",
-              number(counts.received), number(counts.answered), number(counts.lost), number(counts.ignored),
-              number(counts.failed));
-  return kExitSuccess;
+  return PrintText(CountsText(server->counts())) ? kExitSuccess : kExitOutput;
 }
 
 }  // namespace skorra

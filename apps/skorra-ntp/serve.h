@@ -17,7 +17,8 @@ struct ServeOptions {
   uint64_t seed = 1;
 };
 
-// Returns the exit status: 0 after a signal, 1 when the address cannot be used, 64 when it is malformed.
+// Returns the exit status: 0 after a signal, 1 when the address cannot be used, 64 when it is malformed, 74
+// when not everything could be printed.
 int RunServe(const ServeOptions& options);
 
 }  // namespace skorra

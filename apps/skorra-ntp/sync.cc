@@ -11,6 +11,8 @@
 #include <semaphore>
 #include <string_view>
 
+#include "apps/skorra-ntp/exit_status.h"
+#include "apps/skorra-ntp/terminal.h"
 #include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
@@ -24,6 +26,7 @@ namespace skorra {
 namespace {
 
 constexpr int64_t kProgressIntervalUs = 100'000;
+constexpr const char* kClearLine = "\r\x1b[K";
 
 std::string JoinNames(const std::vector<std::string>& names) {
   std::string text;
@@ -82,7 +85,7 @@ class Watch final : public NtpSyncListener {
       wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
     }
     if (shows_progress_) {
-      std::fputs("\r\x1b[K", stderr);
+      WriteError(kClearLine);
     }
   }
 
@@ -140,9 +143,7 @@ class Watch final : public NtpSyncListener {
     }
   }
 
-  void PrintLine(const std::string& line) const {
-    std::fprintf(stderr, "%s%s\n", shows_progress_ ? "\r\x1b[K" : "", line.c_str());
-  }
+  void PrintLine(const std::string& line) const { PrintErrorLine(line, shows_progress_ ? kClearLine : ""); }
 
   void ShowProgress(int64_t elapsed_us) const {
     if (!shows_progress_) {
@@ -151,10 +152,11 @@ class Watch final : public NtpSyncListener {
     const auto count = [](std::string_view name) {
       return static_cast<unsigned long long>(base::KeyMetrics::GetCount(name));
     };
-    std::fprintf(stderr, "\r\x1b[K%.1f s: %llu requests sent, %llu answers",
-                 static_cast<double>(elapsed_us) / base::kUsPerSecond, count("ntp.requests_sent"),
-                 count("ntp.samples_received"));
-    std::fflush(stderr);
+    char text[96];
+    std::snprintf(text, sizeof text, "%s%.1f s: %llu requests sent, %llu answers", kClearLine,
+                  static_cast<double>(elapsed_us) / base::kUsPerSecond, count("ntp.requests_sent"),
+                  count("ntp.samples_received"));
+    WriteError(text);
   }
 
   const bool shows_progress_;
@@ -166,8 +168,6 @@ class Watch final : public NtpSyncListener {
   std::optional<std::string> bad_server_ SKORRA_GUARDED_BY(lock_);
   std::optional<NtpAttemptEnded> outcome_ SKORRA_GUARDED_BY(lock_);
 };
-
-void Warn(const std::string& text) { std::fprintf(stderr, "skorra-ntp: %s\n", text.c_str()); }
 
 // The library's counters since the process began, which are those of this attempt.
 void FillInCounters(SyncReport& report) {
@@ -199,6 +199,7 @@ void FillInCounters(SyncReport& report) {
   collect("ntp.receive_stamp.", report.receive_stamps);
   collect("ntp.send_error.", report.socket_errors);
   collect("ntp.receive_error.", report.socket_errors);
+  report.timers_failed = count_of("core.queue.timer_failed");
   for (const auto& [address, account] : NtpAddressLedger::GetInstance()->GetCounts()) {
     report.addresses[address.ToString()] = {.requests_sent = account.requests_sent,
                                             .requests_withheld = account.requests_withheld,
@@ -247,19 +248,26 @@ SyncReport RunAttempt(const SyncOptions& options) {
 }
 
 int RunSync(const SyncOptions& options, bool as_json) {
+  // The command line's parser takes "-4" for a number, and what follows "--" for a server.
+  for (const std::string& server : options.servers) {
+    if (server.starts_with('-')) {
+      PrintProblem("there is no option '" + server + "', and no server's name begins with '-'",
+                   "Run 'skorra-ntp sync --help' to see what it takes.");
+      return kExitUsage;
+    }
+  }
   const SyncReport report = RunAttempt(options);
   if (report.bad_server) {
-    Warn("bad SERVER " + *report.bad_server +
-         "\nGive a host name or an address, with a port if it is not 123: ntp.example.org, 192.0.2.1:123,"
-         " [2001:db8::1]:123");
+    PrintProblem("bad SERVER " + *report.bad_server,
+                 "Give a host name or an address, with a port if it is not 123: ntp.example.org, "
+                 "192.0.2.1:123, [2001:db8::1]:123");
     return kExitUsage;
   }
-  std::fputs((as_json ? ToJson(report) : ToText(report)).c_str(), stdout);
-  std::fflush(stdout);
+  const bool is_printed = as_json ? PrintJson(ToJson(report)) : PrintText(ToText(report));
   if (const std::string advice = Advice(report); !advice.empty()) {
-    Warn(advice);
+    PrintProblem(advice);
   }
-  return ExitStatus(report);
+  return is_printed ? ExitStatus(report) : kExitOutput;
 }
 
 }  // namespace skorra

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The program as its users meet it: command lines in, exit statuses and texts out.
+#include "tests/apps/program.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -8,10 +10,10 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/config/base_cfg.h"
-#include "testing/child_process.h"
 #include "testing/loopback_udp.h"
 
 namespace skorra {
@@ -22,43 +24,6 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
-using Arguments = std::vector<std::string>;
-
-Arguments Command(Arguments arguments) {
-  arguments.insert(arguments.begin(), SKORRA_NTP_PROGRAM);
-  return arguments;
-}
-
-ChildExit RunProgram(const Arguments& arguments, const std::vector<std::string>& environment = {}) {
-  return RunChild(Command(arguments), environment);
-}
-
-// `skorra-ntp serve` with its end point.
-class Server {
- public:
-  explicit Server(const Arguments& options = {}) : child_(Command(WithServe(options))) {
-    const std::string line = child_.ReadLine().value_or("");
-    EXPECT_THAT(line, StartsWith(kGreeting));
-    name_ = line.substr(std::min(line.size(), kGreeting.size()));
-  }
-
-  const std::string& name() const { return name_; }
-  ChildExit End(int signal_number) {
-    child_.Signal(signal_number);
-    return child_.Wait();
-  }
-
- private:
-  static Arguments WithServe(Arguments options) {
-    options.insert(options.begin(), "serve");
-    return options;
-  }
-
-  inline static const std::string kGreeting = "listening on ";
-  ChildProcess child_;
-  std::string name_;
-};
-
 TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
   struct Case {
     const char* what;
@@ -67,7 +32,7 @@ TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
   };
   const Case cases[] = {
       {"no command", {}, "A subcommand is required"},
-      {"an unknown command", {"synchronise"}, "There is no command 'synchronise'"},
+      {"an unknown command", {"synchronise"}, "there is no command 'synchronise'"},
       {"no server", {"sync"}, "SERVER is required"},
       {"an unknown option", {"sync", "--fast", "127.0.0.1"}, "--fast"},
       {"no time at all", {"sync", "127.0.0.1", "--timeout", "0"}, "must be greater than 0 and at most 3600"},
@@ -78,8 +43,8 @@ TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
       {"an option without its value", {"sync", "127.0.0.1", "--timeout"}, "--timeout"},
       {"a log level beyond the last",
        {"sync", "127.0.0.1", "--log-level", "3"},
-       "Value 3 not in range 0 to 2"},
-      {"half a log level", {"sync", "127.0.0.1", "--log-level", "0.5"}, "Value 0.5 not in range 0 to 2"},
+       "\"3\" is not valid: must be a whole number from 0 to 2"},
+      {"half a log level", {"sync", "127.0.0.1", "--log-level", "0.5"}, "\"0.5\" is not valid"},
       {"a port beyond the last", {"sync", "host:99999"}, "bad SERVER 'host:99999': "},
       {"a bracket left open", {"sync", "[::1"}, "bad SERVER '[::1': "},
       {"an empty server", {"sync", ""}, "bad SERVER '': "},
@@ -104,6 +69,118 @@ TEST(ProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
   }
 }
 
+TEST(ProgramTest, AnUnknownOptionIsAnErrorWithItsNameAndTheRemedy) {
+  struct Case {
+    const char* what;
+    Arguments arguments;
+    const char* option;
+    const char* help;
+  };
+  const Case cases[] = {
+      {"a digit, which looks like a number", {"sync", "-4", "localhost"}, "-4", "sync --help"},
+      {"a digit after the server", {"sync", "localhost", "-6"}, "-6", "sync --help"},
+      {"a number", {"sync", "-4.5", "localhost"}, "-4.5", "sync --help"},
+      {"a letter", {"sync", "-x", "localhost"}, "-x", "sync --help"},
+      {"a word", {"sync", "--nope", "localhost"}, "--nope", "sync --help"},
+      {"a word and its value", {"sync", "localhost", "--nope=5"}, "--nope=5", "sync --help"},
+      {"a word without a server", {"sync", "--nope"}, "--nope", "sync --help"},
+      {"an option in the servers' place", {"sync", "--", "-4"}, "-4", "sync --help"},
+      {"a digit to serve", {"serve", "-4"}, "-4", "serve --help"},
+      {"a letter to serve", {"serve", "-x"}, "-x", "serve --help"},
+      {"a word to serve", {"serve", "--nope"}, "--nope", "serve --help"},
+      {"a digit to demo", {"demo", "-4"}, "-4", "demo --help"},
+      {"a letter to demo", {"demo", "-x"}, "-x", "demo --help"},
+      {"a word to demo", {"demo", "--nope"}, "--nope", "demo --help"},
+      {"a digit without a command", {"-4"}, "-4", "skorra-ntp --help"},
+      {"a word without a command", {"--nope"}, "--nope", "skorra-ntp --help"},
+      {"a word before the command", {"--nope", "demo"}, "--nope", "demo --help"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const ChildExit exit = RunProgram(c.arguments);
+    EXPECT_EQ(exit.status, 64);
+    EXPECT_THAT(exit.out, IsEmpty());
+    EXPECT_THAT(exit.err, HasSubstr("there is no option '" + std::string(c.option) + "'"));
+    EXPECT_THAT(exit.err, HasSubstr(c.help));
+  }
+}
+
+TEST(ProgramTest, ASeedIsAWholeNumberOf64Bits) {
+  for (const char* seed : {"-1", "", " 1", "+1", "1.5", "0x10", "1e3", "x", "18446744073709551616",
+                           "99999999999999999999999999"}) {
+    SCOPED_TRACE(seed);
+    const ChildExit exit = RunProgram({"serve", "--listen", "192.0.2.1:0", "--seed", seed});
+    EXPECT_EQ(exit.status, 64);
+    EXPECT_THAT(exit.err,
+                HasSubstr("--seed: \"" + std::string(seed) +
+                          "\" is not valid: must be a whole number from 0 to 18446744073709551615"));
+  }
+  for (const auto& [seed, shown] : {std::pair("0", "seed 0\n"),
+                                    {"010", "seed 10\n"},
+                                    {"18446744073709551615", "seed 18446744073709551615\n"}}) {
+    Server server({"--seed", seed});
+    EXPECT_THAT(server.End(SIGTERM).out, HasSubstr(shown));
+  }
+}
+
+TEST(ProgramTest, EveryNumberRejectsAnEmptyTextAndOneThatIsTooLarge) {
+  const Arguments options[] = {{"sync", "127.0.0.1", "--timeout"},
+                               {"sync", "127.0.0.1", "--log-level"},
+                               {"serve", "--offset"},
+                               {"serve", "--delay"},
+                               {"serve", "--jitter"},
+                               {"serve", "--loss"},
+                               {"serve", "--seed"}};
+  for (Arguments arguments : options) {
+    for (const char* value : {"", "1e999", "99999999999999999999999999"}) {
+      arguments.push_back(value);
+      SCOPED_TRACE(testing::PrintToString(arguments));
+      const ChildExit exit = RunProgram(arguments);
+      EXPECT_EQ(exit.status, 64);
+      EXPECT_THAT(exit.err, HasSubstr("\"" + std::string(value) + "\" is not valid: must be "));
+      arguments.pop_back();
+    }
+  }
+}
+
+TEST(ProgramTest, ANegativeNumberIsTheValueOfItsOption) {
+  Server server({"--offset", "-3.25"});
+  EXPECT_THAT(server.End(SIGTERM).out, HasSubstr("clock error -3.250000 s, "));
+}
+
+TEST(ProgramTest, TextFromOutsideIsShownWithItsControlCharactersEscaped) {
+  const std::string evil = "a\x1b[31mb\x7f\xc2\x9b\xff\nc";
+  const std::string shown = R"(a\x1b[31mb\x7f\xc2\x9b\xff\x0ac)";
+  struct Case {
+    const char* what;
+    Arguments arguments;
+    std::vector<std::string> environment;
+    int status;
+  };
+  const Case cases[] = {
+      {"a server", {"sync", evil}, {}, 64},
+      {"an unknown option", {"sync", "localhost", "--" + evil}, {}, 64},
+      {"an unknown option in a server's place", {"sync", "-4" + evil}, {}, 64},
+      {"the value of an option", {"sync", "localhost", "--timeout", evil}, {}, 64},
+      {"a seed", {"serve", "--seed", evil}, {}, 64},
+      {"a command", {evil}, {}, 64},
+      {"an argument too many", {"demo", evil}, {}, 64},
+      {"an address to listen on", {"serve", "--listen", evil}, {}, 64},
+      {"a configuration file",
+       {"serve", "--listen", "192.0.2.1:0"},
+       {"SKORRA_NTP_CONFIG=/nonexistent/" + evil},
+       1},
+      {"a configured number", {"serve", "--listen", "192.0.2.1:0"}, {"SKORRA_NTP_SYNC_INTERVAL=" + evil}, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const ChildExit exit = RunProgram(c.arguments, c.environment);
+    EXPECT_EQ(exit.status, c.status);
+    EXPECT_THAT(exit.err, HasSubstr(shown));
+    EXPECT_THAT(exit.err, Not(HasSubstr("\x1b")));
+  }
+}
+
 TEST(ProgramTest, HelpTeachesWithExamples) {
   struct Case {
     Arguments arguments;
@@ -112,7 +189,10 @@ TEST(ProgramTest, HelpTeachesWithExamples) {
   for (const Case& c :
        {Case{{"--help"}, "SKORRA_NTP_CONFIG"}, Case{{"--help"}, "skorra-ntp sync ntp.example.org"},
         Case{{"sync", "--help"}, "skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'"},
-        Case{{"sync", "--help"}, "Exit status:"},
+        Case{{"sync", "--help"}, "Exit status:"}, Case{{"--help"}, "74 standard output is full"},
+        Case{{"sync", "--help"}, "  74  the report was lost"},
+        Case{{"serve", "--help"}, "74 when standard output"},
+        Case{{"demo", "--help"}, "74 when standard output"},
         Case{{"serve", "--help"}, "skorra-ntp serve --listen 127.0.0.1:12300"},
         Case{{"demo", "--help"}, "skorra-ntp demo"}, Case{{"--version"}, "skorra-ntp "}}) {
     const ChildExit exit = RunProgram(c.arguments);

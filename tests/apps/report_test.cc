@@ -122,6 +122,12 @@ TEST(ReportTest, TheJsonIsValidEvenWhenATextIsNotUtf8) {
   EXPECT_TRUE(nlohmann::json::accept(ToJson(report)));
 }
 
+TEST(ReportTest, TheJsonIsAsciiWithoutControlCharacters) {
+  SyncReport report = Success();
+  report.server = "fe80::1%a\x1b\x7f\xc2\x9b\xc3\xa9";
+  EXPECT_THAT(ToJson(report), HasSubstr(R"("server": "fe80::1%a\u001b\u007f\u009b\u00e9")"));
+}
+
 TEST(ReportTest, OffsetsAreSignedSeconds) {
   EXPECT_EQ(FormatOffset(0), "+0.000000 s");
   EXPECT_EQ(FormatOffset(-1), "-0.000001 s");
@@ -229,6 +235,39 @@ std::vector<End> EndsByTheAnswers() {
       {"an attempt that the library closed", With(NoResult(), [](auto& r) { r.end = SyncEnd::kStopped; }), 2,
        "the attempt was stopped before it had an outcome", "Ask fewer"},
   };
+}
+
+TEST(ReportTest, ATimerThatTheSystemDidNotSetIsNamedInsteadOfTheNetwork) {
+  struct Case {
+    const char* what;
+    SyncReport report;
+  };
+  const Case cases[] = {
+      {"nothing left and nothing came", NoResult()},
+      {"the time passed in silence", With(NoResult(), [](auto& r) { r.end = SyncEnd::kTimedOut; })},
+      {"the time passed after some answers", With(NoResult(),
+                                                  [](auto& r) {
+                                                    r.end = SyncEnd::kTimedOut;
+                                                    r.samples_received = 2;
+                                                  })},
+      {"few answers", With(NoResult(), [](auto& r) { r.samples_received = 2; })},
+      {"lookups did not end", With(NoResult(), [](auto& r) { r.end = SyncEnd::kNotResolved; })},
+      {"the attempt did not end", With(NoResult(), [](auto& r) { r.end = SyncEnd::kStopped; })},
+      {"a socket failed, too", With(NoResult(),
+                                    [](auto& r) {
+                                      r.socket_errors = {{"network_unreachable", 1}};
+                                    })},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_THAT(Advice(c.report), Not(HasSubstr("timer")));
+    const std::string advice = Advice(With(c.report, [](auto& r) { r.timers_failed = 1; }));
+    EXPECT_THAT(advice, HasSubstr("does not let the program set a timer"));
+    EXPECT_THAT(advice, HasSubstr("timerfd_settime?). Allow that system call."));
+    EXPECT_THAT(advice, Not(HasSubstr("firewall")));
+  }
+  EXPECT_EQ(Advice(With(Success(), [](auto& r) { r.timers_failed = 1; })), "")
+      << "the timer was set in the end";
 }
 
 TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {

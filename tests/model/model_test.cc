@@ -6,12 +6,12 @@
 // ctest sets SKORRA_SEED from the commit. A run of the program by itself draws a fresh seed unless it is set.
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "ntp/ntp_sync_records.h"
+#include "testing/environment_number.h"
 #include "tests/model/walk.h"
 #include "tests/model/walks.h"
 
@@ -36,8 +36,8 @@ constexpr long kWalks = 1500;
 #endif
 
 uint64_t SeedOfThisRun() {
-  const char* const given = std::getenv("SKORRA_SEED");
-  return given == nullptr ? FreshWalkSeed() : std::strtoull(given, nullptr, 10);
+  const auto given = EnvironmentNumber("SKORRA_SEED");
+  return given ? *given : FreshWalkSeed();
 }
 
 TEST(ModelTest, TheManagerAndItsModelAgreeOnASliceOfRandomWalks) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tests/model/walk.h"
+#include "tests/scenarios/table.h"
 
 namespace skorra {
 namespace {
@@ -42,13 +43,13 @@ double MonotonicSeconds() {
 void PrintDifference(uint64_t seed, const model::WalkResult& result, std::vector<model::Event> events) {
   events.resize(result.event_count);
   std::printf("walk seed %llu differs after event %zu:\n%s", static_cast<unsigned long long>(seed),
-              result.event_count, result.difference.c_str());
+              result.event_count, Broken(result.difference, 6).c_str());
   const std::vector<model::Event> shrunk = model::ShrinkWalk(seed, events, kMaxShrinkRuns);
   std::printf("shrunk to %zu events:\n", shrunk.size());
   for (const model::Event& event : shrunk) {
-    std::printf("  %s\n", model::Describe(event).c_str());
+    std::fputs(Broken("  " + model::Describe(event), 6).c_str(), stdout);
   }
-  std::printf("after which:\n%s", model::RunWalk(seed, shrunk).difference.c_str());
+  std::printf("after which:\n%s", Broken(model::RunWalk(seed, shrunk).difference, 6).c_str());
   std::fflush(stdout);
 }
 
@@ -100,9 +101,8 @@ bool ReapAll(std::array<pid_t, kProcesses>& children, int* status) {
 }
 
 void PrintProgress(const Progress& progress, long count, double seconds, char end) {
-  std::printf("%ld of %ld walks, %ld events, %ld tasks and arrivals, %ld replaced after a tie, %.1f s%c",
-              progress.walks.load(), count, progress.events.load(), progress.steps.load(),
-              progress.ambiguous.load(), seconds, end);
+  std::printf("%ld of %ld walks, %ld events, %ld steps, %ld ties, %.1f s%c", progress.walks.load(), count,
+              progress.events.load(), progress.steps.load(), progress.ambiguous.load(), seconds, end);
   std::fflush(stdout);
 }
 

@@ -75,6 +75,20 @@ TEST(ScenarioTableTest, LongSentencesBreakBetweenWordsAndAreIndented) {
   EXPECT_EQ(Wrapped(half + " " + half.substr(1), 0), half + " " + half.substr(1) + "\n");
 }
 
+TEST(ScenarioTableTest, ALineThatIsTooLongGoesOnAfterTheIndent) {
+  const std::string full(kTableWidth, 'x');
+  EXPECT_EQ(Broken("", 2), "");
+  EXPECT_EQ(Broken("a  b\nc", 2), "a  b\nc\n") << "what fits stays as it is";
+  EXPECT_EQ(Broken(full, 2), full + "\n");
+  EXPECT_EQ(Broken("  " + full + " y", 2), "  " + full.substr(2) + "\n  xx y\n")
+      << "a word that fits no line";
+  EXPECT_EQ(Broken(full + " y\nz", 4), full + "\n    y\nz\n");
+  const std::string most = full.substr(40);
+  const std::string rest = full.substr(60);
+  EXPECT_EQ(Broken(most + " " + rest + " y", 2), most + "\n  " + rest + " y\n")
+      << "the second word ends too late";
+}
+
 TEST(ScenarioReplayTest, TheSameSeedGivesTheSameLogByteForByte) {
   for (const char* name : {"mobile_40ms_jitter", "loss_33_percent", "corrupted_datagrams",
                            "one_sided_queueing", "spoofed_replies_with_guessed_nonces"}) {

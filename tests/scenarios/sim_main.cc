@@ -6,13 +6,18 @@
 #include <cstdio>
 #include <string>
 
-#include "CLI/CLI.hpp"
+#include "apps/skorra-ntp/command_line.h"
+#include "apps/skorra-ntp/exit_status.h"
+#include "apps/skorra-ntp/terminal.h"
 #include "tests/model/walks.h"
 #include "tests/scenarios/scenario.h"
 #include "tests/scenarios/table.h"
 
 namespace skorra {
 namespace {
+
+// Days of walks; a number of 32 bits.
+constexpr uint64_t kMaxWalks = 1'000'000'000;
 
 void PrintFailures(const ScenarioReport& report) {
   for (const std::string& failure : report.failures) {
@@ -39,22 +44,23 @@ int PlayOne(const std::string& name, uint64_t seed) {
     if (scenario.name != name) {
       continue;
     }
-    std::printf("%s, seed %llu:\n%s", name.c_str(), static_cast<unsigned long long>(seed),
-                Wrapped(scenario.sentence, 4).c_str());
-    const ScenarioReport report =
-        PlayScenario(scenario, seed, [](const std::string& line) { std::puts(line.c_str()); });
+    std::printf("%s, seed %llu:\n%s%s\n", name.c_str(), static_cast<unsigned long long>(seed),
+                Wrapped(scenario.sentence, 4).c_str(), EventHeader().c_str());
+    const ScenarioReport report = PlayScenario(
+        scenario, seed, [](const std::string& line) { std::fputs(EventLines(line).c_str(), stdout); });
     for (const std::string& line : ReportLines(scenario, report)) {
-      std::puts(line.c_str());
+      std::fputs(Broken(line, 4).c_str(), stdout);
     }
     std::puts(report.failures.empty() ? "ok" : "FAIL");
     PrintFailures(report);
     return report.failures.empty() ? 0 : 1;
   }
-  std::fprintf(stderr, "skorra-sim: no scenario is called '%s'; --list shows them\n", name.c_str());
-  return 2;
+  PrintProblem("no scenario is called '" + name + "'", "Run 'skorra-sim --list' to see their names.");
+  return kExitUsage;
 }
 
 int List() {
+  std::printf("%zu scenarios, each with what it holds:\n", AllScenarios().size());
   for (const Scenario& scenario : AllScenarios()) {
     std::printf("%s\n%s", scenario.name.c_str(), Wrapped(scenario.sentence, 4).c_str());
   }
@@ -62,24 +68,31 @@ int List() {
 }
 
 int Main(int argc, char** argv) {
-  CLI::App app("Plays the scenarios of skorra NTP in a simulated world and holds them to their limits.");
+  PrepareStandardStreams();
+  CLI::App app("Plays the scenarios of skorra NTP in a simulated world and holds them to their limits.",
+               "skorra-sim");
   std::string name;
   uint64_t seed = 1;
   bool is_list = false;
   long walks = 0;
   const CLI::Option* const scenario_option =
       app.add_option("--scenario", name, "play this one, with its log of events");
-  const CLI::Option* const seed_option = app.add_option(
-      "--seed", seed, "where all random numbers come from; 1 unless given, for walks a fresh one");
+  const CLI::Option* const seed_option =
+      app.add_option("--seed", seed, "where all random numbers come from (default 1; for walks a fresh one)")
+          ->transform(WholeNumber());
   app.add_flag("--list", is_list, "list the scenarios");
   const CLI::Option* const walks_option =
-      app.add_option("--walks", walks,
-                     "instead take this many random walks of the manager alongside its model")
-          ->check(CLI::PositiveNumber);
+      app.add_option("--walks", walks, "instead take so many random walks of the manager and its model")
+          ->transform(WholeNumber(1, kMaxWalks));
   uint64_t walk_seed = 0;
   const CLI::Option* const walk_option =
-      app.add_option("--walk", walk_seed, "instead take the one walk with this seed, as a failure names it");
-  CLI11_PARSE(app, argc, argv);
+      app.add_option("--walk", walk_seed, "instead take the one walk with this seed, as a failure names it")
+          ->transform(WholeNumber());
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return ExitAfterParsing(app, error);
+  }
   if (walk_option->count() > 0) {
     return RunOneWalk(walk_seed);
   }
@@ -92,7 +105,17 @@ int Main(int argc, char** argv) {
   return scenario_option->count() == 0 ? PlayAll(seed) : PlayOne(name, seed);
 }
 
+// What is printed line by line may fail at any of them; the stream remembers it.
+int WithOutput(int status) {
+  const bool has_failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;
+  if (has_failed && status != kExitOutput) {
+    PrintProblem("cannot write to standard output, so lines are lost",
+                 "Send it to a terminal, a file or a pipe that takes all of them.");
+  }
+  return has_failed ? kExitOutput : status;
+}
+
 }  // namespace
 }  // namespace skorra
 
-int main(int argc, char** argv) { return skorra::Main(argc, argv); }
+int main(int argc, char** argv) { return skorra::WithOutput(skorra::Main(argc, argv)); }

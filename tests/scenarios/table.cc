@@ -5,9 +5,14 @@
 #include <cstdlib>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 namespace skorra {
 namespace {
+
+// Where the text of an event begins, after its time.
+constexpr size_t kEventColumn = 14;
+constexpr std::string_view kTimeTitle = "time (s)";
 
 // Four digits at most and a unit: short enough for a column.
 std::string ShortText(int64_t us) {
@@ -102,21 +107,33 @@ std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioRep
   return lines;
 }
 
-std::string Wrapped(const std::string& text, size_t indent) {
-  std::istringstream words(text);
+std::string Broken(const std::string& text, size_t indent) {
   const std::string begin(indent, ' ');
-  std::string lines;
-  std::string line = begin;
-  for (std::string word; words >> word;) {
-    const bool is_first = line.size() == indent;
-    if (!is_first && line.size() + 1 + word.size() > kTableWidth) {
-      lines += line + "\n";
-      line = begin + word;
-    } else {
-      line += (is_first ? "" : " ") + word;
+  std::istringstream lines(text);
+  std::string result;
+  for (std::string line; std::getline(lines, line);) {
+    while (line.size() > kTableWidth) {
+      const size_t gap = line.rfind(' ', kTableWidth);
+      const bool is_between_words = gap != std::string::npos && gap > indent;
+      const size_t end = is_between_words ? gap : kTableWidth;
+      result += line.substr(0, end) + "\n";
+      line = begin + line.substr(is_between_words ? end + 1 : end);
     }
+    result += line + "\n";
   }
-  return lines + line + "\n";
+  return result;
 }
+
+std::string Wrapped(const std::string& text, size_t indent) {
+  return Broken(std::string(indent, ' ') + text, indent);
+}
+
+std::string EventHeader() {
+  std::string header = "event";
+  header.insert(0, kEventColumn, ' ');
+  return header.replace(kEventColumn - 1 - kTimeTitle.size(), kTimeTitle.size(), kTimeTitle);
+}
+
+std::string EventLines(const std::string& event) { return Broken(event, kEventColumn); }
 
 }  // namespace skorra

@@ -25,7 +25,15 @@ std::string TableRow(const Scenario& scenario, const ScenarioReport& report);
 // Everything that was measured with its limit, one line each.
 std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioReport& report);
 
-// `text` broken into lines of at most kTableWidth columns, each begun with `indent` spaces and ended.
+// Each line of `text`, ended; one of more than kTableWidth columns is broken, between words where it can be,
+// and goes on after `indent` spaces.
+std::string Broken(const std::string& text, size_t indent);
+
+// The same with the first line indented, too.
 std::string Wrapped(const std::string& text, size_t indent);
+
+// The line above the log of events, and one event of it.
+std::string EventHeader();
+std::string EventLines(const std::string& event);
 
 }  // namespace skorra

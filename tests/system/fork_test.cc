@@ -41,6 +41,7 @@
 #include "testing/attempt_runner.h"
 #include "testing/clock_reading.h"
 #include "testing/counting_observer.h"
+#include "testing/environment_number.h"
 #include "testing/forked_child.h"
 #include "testing/log_recorder.h"
 #include "testing/loopback_demo_server.h"
@@ -555,8 +556,8 @@ std::string TouchEverything() {
 
 TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   constexpr int kForks = 100;
-  const char* const seed_text = std::getenv("SKORRA_FORK_SEED");
-  uint64_t seed = seed_text != nullptr ? std::strtoull(seed_text, nullptr, 10) : base::RandUint64();
+  const auto given_seed = EnvironmentNumber("SKORRA_FORK_SEED");
+  uint64_t seed = given_seed ? *given_seed : base::RandUint64();
   std::printf("SKORRA_FORK_SEED=%llu\n", static_cast<unsigned long long>(seed));
   const auto server = OpenDemoServer({.clock_error_us = kClockErrorUs});
   config::ConfigCenterImpl::GetInstance()->Set(config::BaseCfg().ntp_sync_interval, 1);

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -21,6 +20,7 @@
 #include "testing/child_process.h"
 #include "testing/chronyd.h"
 #include "testing/config_scope.h"
+#include "testing/environment_number.h"
 #include "testing/wait_until.h"
 
 namespace skorra {
@@ -32,8 +32,7 @@ constexpr uint64_t kBurst = 20;
 constexpr int kAttempts = 10;
 
 int AttemptMs() {
-  const char* const text = std::getenv("SKORRA_ATTEMPT_MS");
-  return text == nullptr ? 400 : std::atoi(text);
+  return static_cast<int>(EnvironmentNumber("SKORRA_ATTEMPT_MS", 1, kPatienceMs).value_or(400));
 }
 
 struct Figures {

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -18,6 +17,7 @@
 #include "testing/clock_reading.h"
 #include "testing/config_scope.h"
 #include "testing/counting_observer.h"
+#include "testing/environment_number.h"
 #include "testing/loopback_demo_server.h"
 #include "testing/ntp_queue.h"
 
@@ -26,10 +26,10 @@ namespace {
 
 constexpr int64_t kClockErrorUs = 7000000;
 constexpr int kWholeAttempt = 2;
+constexpr uint64_t kMaxStressSeconds = 86400;
 
 int StressSeconds() {
-  const char* const text = std::getenv("SKORRA_STRESS_SECONDS");
-  return text == nullptr ? 3 : std::atoi(text);
+  return static_cast<int>(EnvironmentNumber("SKORRA_STRESS_SECONDS", 1, kMaxStressSeconds).value_or(3));
 }
 
 // Leaves and joins the list from inside its callback.
