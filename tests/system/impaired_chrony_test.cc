@@ -83,14 +83,16 @@ class ImpairedChronyTest : public testing::TestWithParam<Row> {
   }
 };
 
-// All that was sent has met its fate, and all that arrived has been judged.
+// All that was sent has met its fate, and all that arrived has been judged. Once each request has made its
+// sample, the copies that are left need not be read.
 bool IsAllAccountedFor(const CountsSince& counts, const ImpairingRelay& relay) {
   const auto there = relay.to_server();
   const auto back = relay.to_client();
   return counts["ntp.requests_sent"] == kBurst && there.received == kBurst &&
          there.carried == there.received - there.lost + there.duplicated && back.received == there.carried &&
          back.carried == back.received - back.lost + back.duplicated &&
-         counts["ntp.samples_received"] + counts.SumOf("ntp.rejected.") == back.carried;
+         (counts["ntp.samples_received"] == kBurst ||
+          counts["ntp.samples_received"] + counts.SumOf("ntp.rejected.") == back.carried);
 }
 
 void ExpectTheRowsFigures(const Row& row, const ImpairingRelay& relay, const CountsSince& counts) {
@@ -99,8 +101,12 @@ void ExpectTheRowsFigures(const Row& row, const ImpairingRelay& relay, const Cou
   const uint64_t samples = counts["ntp.samples_received"];
   // A request makes one sample, however many copies of it or of its reply arrive.
   EXPECT_LE(samples, kBurst);
-  EXPECT_EQ(counts["ntp.rejected.duplicate"], back.carried - samples);
-  EXPECT_EQ(counts.SumOf("ntp.rejected."), counts["ntp.rejected.duplicate"]);
+  const uint64_t duplicates = counts["ntp.rejected.duplicate"];
+  EXPECT_LE(duplicates, back.carried - samples);
+  if (samples < kBurst) {
+    EXPECT_EQ(duplicates, back.carried - samples);
+  }
+  EXPECT_EQ(counts.SumOf("ntp.rejected."), duplicates);
   const bool has_loss = row.to_server.loss_permille > 0;
   EXPECT_EQ(there.lost + back.lost > 0, has_loss);
   if (!has_loss) {
@@ -108,9 +114,9 @@ void ExpectTheRowsFigures(const Row& row, const ImpairingRelay& relay, const Cou
   }
   const bool has_copies = row.to_server.duplicate_permille > 0;
   EXPECT_EQ(there.duplicated + back.duplicated > 0, has_copies);
-  EXPECT_EQ(counts["ntp.rejected.duplicate"] > 0, has_copies);
+  EXPECT_EQ(duplicates > 0, has_copies);
   if (row.to_server.duplicate_permille == 1000) {
-    EXPECT_EQ(counts["ntp.rejected.duplicate"], 3 * kBurst);
+    EXPECT_GE(duplicates, 3 * (kBurst - 1));
   }
   if (row.to_server.reorder_permille > 0) {
     EXPECT_GT(there.overtaken, 0u);
