@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <utility>
 
 #include "ntp/kept_result.h"
@@ -200,13 +201,16 @@ void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& d
   CheckOnQueue();
   const bool is_heard = HasSyncListeners();
   NtpDomainsUpdated update;
-  for (const std::string& name : domains) {
-    const bool is_known = std::any_of(domain_infos_.begin(), domain_infos_.end(),
-                                      [&](const auto& info) { return info->domain() == name; });
-    if (is_known) {
+  std::vector<std::string> unknown;
+  std::copy_if(domains.begin(), domains.end(), std::back_inserter(unknown),
+               [this](const std::string& name) { return !IsKnown(name); });
+  const std::map<std::string, NameLookup> lookups = LookUpNames(unknown);
+  for (const std::string& name : unknown) {
+    // An earlier occurrence in this call may have added it.
+    if (IsKnown(name)) {
       continue;
     }
-    const NtpTimeDomainInfo info(name);
+    const NtpTimeDomainInfo info(name, lookups.find(name)->second);
     if (info.addresses().empty()) {
       if (is_heard) {
         update.without_address.push_back({name, info.failure().reason, info.failure().detail});
@@ -232,6 +236,11 @@ void NtpTimeManagerImpl::DoUpdateNtpTimeDomain(const std::vector<std::string>& d
   } else {
     DelayStopNtpQueueIfNeeded();
   }
+}
+
+bool NtpTimeManagerImpl::IsKnown(const std::string& domain) const {
+  return std::any_of(domain_infos_.begin(), domain_infos_.end(),
+                     [&](const auto& info) { return info->domain() == domain; });
 }
 
 NtpDomainResult* NtpTimeManagerImpl::QueryDomainResult(const std::string& domain) {
@@ -277,7 +286,11 @@ void NtpTimeManagerImpl::PreparePacketHandler() {
 }
 
 bool NtpTimeManagerImpl::AddDefaultDomain() {
-  const NtpTimeDomainInfo info(config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain());
+  const std::string name = config::VorqEnvConfig::GetInstance()->GetDefaultNtpDomain();
+  if (name.empty()) {
+    return false;
+  }
+  const NtpTimeDomainInfo info(name);
   if (info.addresses().empty()) {
     return false;
   }

@@ -83,9 +83,12 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
 
   // --- Domains.
 
-  // [queue] Appends the names that are new and have an address, each with a fresh record. Then, while
-  // is_started_ is set, starts every domain that is not being asked; otherwise schedules the stop.
+  // [queue] Looks up the names that are new, all at the same time, and appends those that have an address,
+  // each with a fresh record. Then, while is_started_ is set, starts every domain that is not being asked;
+  // otherwise schedules the stop.
   void DoUpdateNtpTimeDomain(const std::vector<std::string>& domains);
+  // [queue] Whether the list has the domain.
+  bool IsKnown(const std::string& domain) const;
   // [queue] The record of the name, or null, which is logged. Valid as long as the manager; never makes one.
   NtpDomainResult* QueryDomainResult(const std::string& domain);
   // [queue] Every domain as before any request, every record fresh, no retries. The list stays, and so does
@@ -100,7 +103,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // [queue] Makes packet_handler_ when there is none, and lets it begin an attempt.
   void PreparePacketHandler();
   // [queue] Appends the environment's default domain, for a list that is empty. False, with nothing changed,
-  // when that domain has no address.
+  // when there is none, or when it has no address.
   bool AddDefaultDomain();
   // [queue] Begins an attempt: clears is_sync_finished_ and starts every domain. Without any usable domain it
   // stops the queue, and no observer hears of it.

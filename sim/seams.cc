@@ -3,8 +3,10 @@
 // The seams of platform/, each spoken to the current simulated world.
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
@@ -225,13 +227,25 @@ uint32_t GetInterfaceIndex(const std::string& name) {
   return found == state->interfaces.end() ? 0 : found->second;
 }
 
-ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
-  if (const auto literal = IPEndPoint::FromLiteral(host, port)) {
-    return {.addresses = {*literal}};
+// Every lookup sees the host table of the moment when the call begins, and the slowest one sets the time.
+std::vector<ResolveResult> ResolveHosts(const std::vector<HostPort>& hosts, base::TimeDelta timeout) {
+  std::vector<std::optional<sim::HostEntry>> entries;  // nothing for a literal
+  int64_t longest_us = 0;
+  for (const HostPort& host : hosts) {
+    auto& entry = entries.emplace_back();
+    if (!IPEndPoint::FromLiteral(host.host, host.port)) {
+      entry = sim::FindHost(host.host);
+      longest_us = std::max(longest_us, entry->delay_us);
+    }
   }
-  const sim::HostEntry entry = sim::FindHost(host);
-  sim::World::Current().Block(std::min(base::TimeDelta::FromMicroseconds(entry.delay_us), timeout));
-  return sim::AnswerLookup(entry, host, port, timeout);
+  sim::World::Current().Block(std::min(base::TimeDelta::FromMicroseconds(longest_us), timeout));
+  std::vector<ResolveResult> results;
+  for (size_t i = 0; i < hosts.size(); ++i) {
+    const auto& [host, port] = hosts[i];
+    results.push_back(entries[i] ? sim::AnswerLookup(*entries[i], host, port, timeout)
+                                 : ResolveResult{.addresses = {*IPEndPoint::FromLiteral(host, port)}});
+  }
+  return results;
 }
 
 // The result comes as on a real machine: on the queue of the lookups that nobody waits for. Lookups do not

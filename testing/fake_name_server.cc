@@ -31,6 +31,12 @@ std::optional<size_t> QuestionEnd(const std::vector<uint8_t>& packet) {
   return at <= packet.size() ? std::optional(at) : std::nullopt;
 }
 
+// The first label of the name in question.
+std::string FirstLabel(const std::vector<uint8_t>& packet) {
+  const auto begin = packet.begin() + kHeaderBytes + 1;
+  return std::string(begin, begin + packet[kHeaderBytes]);
+}
+
 // RFC 1035, section 4.1.3; the name of the record is that at `name_offset` of the packet.
 void AppendRecord(std::vector<uint8_t>* packet, size_t name_offset, uint8_t type, uint32_t ttl_s,
                   const std::vector<uint8_t>& data) {
@@ -114,7 +120,7 @@ void FakeNameServer::Serve() {
       continue;
     }
     const Behaviour& behaviour = type == kTypeIPv4 ? options_.ipv4 : options_.ipv6;
-    if (!behaviour.is_silent) {
+    if (!behaviour.is_silent && FirstLabel(packet) != options_.silent_label) {
       const auto answer = Answer(packet, *end, type, behaviour);
       sendto(fd_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&client), size);
     }

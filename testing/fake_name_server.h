@@ -30,6 +30,7 @@ class FakeNameServer {
     Behaviour ipv6;
     int ignored_count = 0;  // so many of the first questions get no answer, as if they were lost
     uint16_t port = 0;      // 0: any that is free; another one only in a network namespace of the test's own
+    std::string silent_label = {};  // names that begin with this label get no answer
   };
 
   explicit FakeNameServer(Options options);

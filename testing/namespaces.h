@@ -11,4 +11,8 @@ namespace skorra {
 // namespace too where that is needed. "" or why it cannot be done here.
 std::string EnterNamespaces(int flags);
 
+// Moves this process, which has one thread, onto a machine of its own: an empty /etc, and a network that is
+// nothing but the loopback interface. "" or why it cannot be done here.
+std::string EnterEmptyMachine();
+
 }  // namespace skorra

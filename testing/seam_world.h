@@ -41,6 +41,10 @@ class SeamWorld {
   // ResolveHost for a name that does not exist, and for one whose name server never answers.
   net::ResolveResult ResolveUnknownName(base::TimeDelta timeout);
   net::ResolveResult ResolveSilentName(base::TimeDelta timeout);
+  // ResolveHosts. Names that begin with "silent." are those of a name server that never answers; every other
+  // name has the address 192.0.2.1.
+  std::vector<net::ResolveResult> ResolveTogether(const std::vector<net::HostPort>& hosts,
+                                                  base::TimeDelta timeout);
   // ResolveHost for a name whose address holds for `ttl`, in whole seconds.
   net::ResolveResult ResolveNameWithTtl(base::TimeDelta ttl);
 

@@ -50,6 +50,13 @@ net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   return net::internal::LookUpHost("silent.example.", kNtpPort, timeout, server.address());
 }
 
+std::vector<net::ResolveResult> SeamWorld::ResolveTogether(const std::vector<net::HostPort>& hosts,
+                                                           base::TimeDelta timeout) {
+  const FakeNameServer server(
+      {.ipv4 = {.addresses = {{192, 0, 2, 1}}}, .ipv6 = {}, .silent_label = "silent"});
+  return net::internal::LookUpHosts(hosts, timeout, server.address());
+}
+
 net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   const auto ttl_s = static_cast<uint32_t>(ttl.InMicroseconds() / base::kUsPerSecond);
   const FakeNameServer server({{.addresses = {{192, 0, 2, 1}}, .ttl_s = ttl_s}, {}, 0});

@@ -77,6 +77,19 @@ net::ResolveResult SeamWorld::ResolveSilentName(base::TimeDelta timeout) {
   return net::ResolveHost("silent.example.", kNtpPort, timeout);
 }
 
+std::vector<net::ResolveResult> SeamWorld::ResolveTogether(const std::vector<net::HostPort>& hosts,
+                                                           base::TimeDelta timeout) {
+  for (const auto& [name, port] : hosts) {
+    if (name == "localhost") {
+      continue;
+    }
+    const bool is_silent = name.starts_with("silent.");
+    impl_->world.SetHost(name, {.addresses = {net::IPEndPoint::FromIPv4({192, 0, 2, 1}, 0)},
+                                .delay_us = is_silent ? (timeout + timeout).InMicroseconds() : 0});
+  }
+  return net::ResolveHosts(hosts, timeout);
+}
+
 net::ResolveResult SeamWorld::ResolveNameWithTtl(base::TimeDelta ttl) {
   impl_->world.SetHost("brief.example.", {.addresses = {impl_->NextEndPoint()}, .ttl = ttl});
   return net::ResolveHost("brief.example.", kNtpPort, kPatience);

@@ -10,7 +10,6 @@
 #include "platform/base/time.h"
 #include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
-#include "platform/net/host_resolver.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra {
@@ -110,15 +109,39 @@ void NameAddresses::Lookups::OnReport(uint64_t number, const net::ResolveResult&
   }
 }
 
-NameAddresses::NameAddresses(const std::string& name) {
-  const net::HostPortResult parsed = net::ParseHostPort(name, kNtpPort);
-  if (!parsed.value) {
-    failure_ = {"bad_name", parsed.error};
+std::map<std::string, NameLookup> LookUpNames(const std::vector<std::string>& names) {
+  std::map<std::string, NameLookup> lookups;
+  std::vector<net::HostPort> servers;
+  std::vector<net::ResolveResult*> results;
+  for (const std::string& name : names) {
+    const auto [entry, is_new] = lookups.try_emplace(name);
+    NameLookup& lookup = entry->second;
+    if (!is_new) {
+      continue;
+    }
+    lookup.server = net::ParseHostPort(name, kNtpPort);
+    if (lookup.server.value) {
+      servers.push_back(*lookup.server.value);
+      results.push_back(&lookup.result);
+    }
+  }
+  std::vector<net::ResolveResult> resolved = net::ResolveHosts(servers, ResolveTimeout());
+  for (size_t i = 0; i < resolved.size(); ++i) {
+    *results[i] = std::move(resolved[i]);
+  }
+  return lookups;
+}
+
+NameAddresses::NameAddresses(const std::string& name) : NameAddresses(LookUpNames({name}).at(name)) {}
+
+NameAddresses::NameAddresses(const NameLookup& first) {
+  if (!first.server.value) {
+    failure_ = {"bad_name", first.server.error};
     CountFailure(failure_.reason);
     return;
   }
-  const net::HostPort& server = *parsed.value;
-  const net::ResolveResult resolved = net::ResolveHost(server.host, server.port, ResolveTimeout());
+  const net::HostPort& server = *first.server.value;
+  const net::ResolveResult& resolved = first.result;
   if (resolved.error != net::ResolveError::kNone) {
     failure_ = {net::ResolveErrorName(resolved.error), resolved.detail};
     CountFailure(failure_.reason);

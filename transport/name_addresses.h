@@ -5,7 +5,7 @@
 // background, and its result takes the place of the list at the next `AdoptNewest`. A lookup that fails
 // leaves the list as it is. Address literals are never looked up.
 //
-// Threads: built and used on the time manager's queue. The constructor may block for the resolution limit
+// Threads: built and used on the time manager's queue. The first lookup may block for the resolution limit
 // (configuration entry `ntp_resolve_timeout_ms`), nothing else blocks. Copies share their lookups: each copy
 // adopts the result of a lookup that another one started.
 //
@@ -14,14 +14,26 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/base/time.h"
+#include "platform/net/host_resolver.h"
 #include "platform/net/ip_endpoint.h"
 
 namespace skorra {
+
+// The first lookup of a name, made.
+struct NameLookup {
+  net::HostPortResult server;  // the parts of the name, or why it is malformed
+  net::ResolveResult result;   // of a well-formed name
+};
+
+// Looks up all names at the same time, which takes no longer than the resolution limit. The result holds each
+// name once. For the forms of a name see `NameAddresses`.
+std::map<std::string, NameLookup> LookUpNames(const std::vector<std::string>& names);
 
 class NameAddresses {
  public:
@@ -41,6 +53,8 @@ class NameAddresses {
   // unless given. When the name is malformed or cannot be resolved in time, the list stays empty for good and
   // the reason is counted.
   explicit NameAddresses(const std::string& name);
+  // The same for a name whose first lookup has been made.
+  explicit NameAddresses(const NameLookup& first);
 
   // Why there is no list: the <reason> of the counter ntp.domain.<reason>, and the same in words for people.
   // Both are empty while there is one.

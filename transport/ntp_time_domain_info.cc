@@ -17,6 +17,11 @@ NtpTimeDomainInfo::NtpTimeDomainInfo(const std::string& domain) : domain_(domain
   ChooseFirstAddress();
 }
 
+NtpTimeDomainInfo::NtpTimeDomainInfo(const std::string& domain, const NameLookup& first)
+    : domain_(domain), addresses_(first) {
+  ChooseFirstAddress();
+}
+
 net::IPEndPoint NtpTimeDomainInfo::GetCurrentIPAddress() const {
   if (addresses().empty()) {
     return {};

@@ -10,7 +10,7 @@
 // The addresses follow the name (name_addresses.h): using the domain after they expired starts a lookup, and
 // the next `Reset` adopts its result.
 //
-// Threads: built and used on the time manager's queue. The constructor looks the name up and may block for
+// Threads: built and used on the time manager's queue. The constructor that looks the name up may block for
 // the resolution limit; nothing else blocks. Copies share their lookups.
 #pragma once
 
@@ -31,6 +31,8 @@ class NtpTimeDomainInfo {
   // For the forms of `domain` see `NameAddresses`. A domain whose name is malformed or cannot be resolved in
   // time has no addresses and cannot be used.
   explicit NtpTimeDomainInfo(const std::string& domain);
+  // The same with the domain's first lookup already made.
+  NtpTimeDomainInfo(const std::string& domain, const NameLookup& first);
   NtpTimeDomainInfo(const NtpTimeDomainInfo&) = default;
 
   const std::string& domain() const { return domain_; }

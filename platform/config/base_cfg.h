@@ -51,7 +51,7 @@ struct BaseConfig {
       "seconds of NTP time between two periodic syncs; 0 switches them off; only the low 32 bits count"};
   NumberEntry ntp_resolve_timeout_ms{
       "ntp.resolve_timeout_ms", "SKORRA_NTP_RESOLVE_TIMEOUT_MS", 1, 60000, 2000, 1,
-      "how long one name may take to resolve, in milliseconds"};
+      "how long the names of one call may take to resolve, in milliseconds"};
   NumberEntry ntp_requests_per_burst{
       "ntp.requests_per_burst", "SKORRA_NTP_REQUESTS_PER_BURST", 1, 20, 20, 2,
       "how many of a burst's 20 requests leave, evenly spread; set 8 for public servers"};

@@ -34,12 +34,31 @@ namespace {
 // whose layout on 32-bit Arm differs from the one that the installed library was built with.
 constexpr int64_t kPollSliceUs = 20000;
 
-// A lost request is repeated after 1/8 of the time allowed, then after twice and four times that.
-constexpr int64_t kTriesPerTimeout = 8;
-constexpr int kTries = 3;
+// A lost question is repeated after 1/8 of the time allowed, but not later than after 5 s. Each further wait
+// is twice as long as the one before; newer versions of c-ares take up to half of it off at random, and begin
+// with 250 ms where the name server has answered other questions of the call.
+constexpr int64_t kStepsPerTimeout = 8;
+constexpr int64_t kLongestFirstStepMs = 5000;
+constexpr int64_t kShortestFirstStepMs = 250;
+constexpr int kMinTries = 4;  // 1/8, 1/8, 2/8 and 4/8 at the least
+
+int64_t FirstStepMs(int64_t timeout_ms) {
+  return std::clamp<int64_t>((timeout_ms + kStepsPerTimeout - 1) / kStepsPerTimeout, 1, kLongestFirstStepMs);
+}
+
+// So many that c-ares never gives a question up before the deadline: n waits last at least 2^(n-1) times as
+// long as the first.
+int CountTries(int64_t timeout_ms) {
+  int tries = kMinTries;
+  for (int64_t least_ms = kShortestFirstStepMs << (kMinTries - 1); least_ms < timeout_ms; least_ms *= 2) {
+    ++tries;
+  }
+  return tries;
+}
 
 struct Lookup {
-  uint16_t port;
+  const HostPort* host;
+  size_t place;  // among the hosts of the call
   bool is_done = false;
   int status = ARES_SUCCESS;
   std::vector<IPEndPoint> addresses = {};
@@ -86,7 +105,7 @@ void OnLookupDone(void* argument, int status, int /*timeouts*/, ares_addrinfo* i
   }
   lookup.ttl = ShortestTtl(*info);
   for (const ares_addrinfo_node* node = info->nodes; node != nullptr; node = node->ai_next) {
-    const auto address = FromNode(*node, lookup.port);
+    const auto address = FromNode(*node, lookup.host->port);
     if (address &&
         std::find(lookup.addresses.begin(), lookup.addresses.end(), *address) == lookup.addresses.end()) {
       lookup.addresses.push_back(*address);
@@ -117,7 +136,7 @@ bool IsText(const char* path) {
   return is_text;
 }
 
-// One exchange with the name servers; destroying the object ends it.
+// The exchange with the name servers for all lookups of one call; destroying the object ends it.
 class Channel {
  public:
   Channel() = default;
@@ -131,8 +150,8 @@ class Channel {
 
   // Returns an ARES_ status.
   int Open(base::TimeDelta timeout, const std::string& name_servers);
-  // Runs `lookup` until it is done or the steady clock reaches the deadline.
-  void Run(const std::string& host, int64_t deadline_ticks_us, Lookup* lookup);
+  // Runs `lookups`, all at the same time, until they are done or the steady clock reaches the deadline.
+  void Run(std::vector<Lookup>& lookups, int64_t deadline_ticks_us);
 
  private:
   // c-ares reports what it waits for on one of its sockets; nothing means that it closes the socket.
@@ -159,9 +178,8 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
     return library_status;
   }
   ares_options options{};
-  options.timeout =
-      static_cast<int>(std::clamp<int64_t>(timeout.InMilliseconds() / kTriesPerTimeout, 1, 5000));
-  options.tries = kTries;
+  options.timeout = static_cast<int>(FirstStepMs(timeout.InMilliseconds()));
+  options.tries = CountTries(timeout.InMilliseconds());
   // The hosts file, then the name servers, whatever the system's order is.
   char both[] = "fb";
   char name_servers_only[] = "b";
@@ -182,25 +200,31 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   return name_servers.empty() ? ARES_SUCCESS : ares_set_servers_ports_csv(channel_, name_servers.c_str());
 }
 
-void Channel::Run(const std::string& host, int64_t deadline_ticks_us, Lookup* lookup) {
+void Channel::Run(std::vector<Lookup>& lookups, int64_t deadline_ticks_us) {
   ares_addrinfo_hints hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_DGRAM;
-  ares_getaddrinfo(channel_, host.c_str(), nullptr, &hints, OnLookupDone, lookup);
-  if (lookup->is_done) {
-    // Only the hosts file answers at once. c-ares gives its addresses a time to live of 0, but they hold
-    // until the file is edited.
-    lookup->ttl = base::TimeDelta::Max();
+  for (Lookup& lookup : lookups) {
+    ares_getaddrinfo(channel_, lookup.host->host.c_str(), nullptr, &hints, OnLookupDone, &lookup);
+    if (lookup.is_done) {
+      // Only the hosts file answers at once. c-ares gives its addresses a time to live of 0, but they hold
+      // until the file is edited.
+      lookup.ttl = base::TimeDelta::Max();
+    }
   }
-  while (!lookup->is_done) {
+  while (!std::all_of(lookups.begin(), lookups.end(), [](const Lookup& lookup) { return lookup.is_done; })) {
     const int64_t left_us = deadline_ticks_us - base::GetSteadyTimeTicks();
     if (left_us <= 0) {
-      ares_cancel(channel_);
+      ares_cancel(channel_);  // ends each lookup with what it has
       return;
     }
     if (!WaitAndProcess(std::min(left_us, kPollSliceUs))) {
       ares_cancel(channel_);
-      lookup->status = ARES_ENOMEM;  // the only reason for which waiting for valid sockets fails
+      for (Lookup& lookup : lookups) {
+        if (lookup.status == ARES_ECANCELLED) {
+          lookup.status = ARES_ENOMEM;  // the only reason for which waiting for valid sockets fails
+        }
+      }
       return;
     }
   }
@@ -271,36 +295,63 @@ ResolveResult Explain(const std::string& host, int status, base::TimeDelta timeo
   }
 }
 
-}  // namespace
-
-ResolveResult internal::LookUpHost(const std::string& host, uint16_t port, base::TimeDelta timeout,
-                                   const std::string& name_servers) {
+// What is known without a lookup; nothing for a name that must be looked up.
+std::optional<ResolveResult> AnswerAtOnce(const std::string& host, uint16_t port, base::TimeDelta timeout) {
   if (const auto literal = IPEndPoint::FromLiteral(host, port)) {
-    return {.addresses = {*literal}};
+    return ResolveResult{.addresses = {*literal}};
   }
   if (IsLocalhost(host)) {
     // Never asked of a name server (RFC 6761, section 6.3): not every hosts file has it.
-    return {.addresses = {IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}};
+    return ResolveResult{
+        .addresses = {IPEndPoint::FromIPv4({127, 0, 0, 1}, port), *IPEndPoint::FromLiteral("::1", port)}};
   }
   if (host.empty() || IsInvalid(host)) {
     // A name server would take the empty name for the root of all names.
     return Explain(host, ARES_EBADNAME, timeout);
   }
-  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
-  Lookup lookup{.port = port};
-  Channel channel;
-  if (const int status = channel.Open(timeout, name_servers); status != ARES_SUCCESS) {
-    return Explain(host, status, timeout);
-  }
-  channel.Run(host, (base::TimeDelta::FromMicroseconds(start_ticks_us) + timeout).InMicroseconds(), &lookup);
-  if (lookup.addresses.empty()) {
-    return Explain(host, lookup.status, timeout);
-  }
-  return {.addresses = std::move(lookup.addresses), .ttl = lookup.ttl};
+  return std::nullopt;
 }
 
-ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
-  return internal::LookUpHost(host, port, timeout, {});
+// Ends every lookup, and says of each how.
+void LookUp(std::vector<Lookup>& lookups, base::TimeDelta timeout, const std::string& name_servers) {
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
+  Channel channel;
+  if (const int status = channel.Open(timeout, name_servers); status != ARES_SUCCESS) {
+    for (Lookup& lookup : lookups) {
+      lookup.status = status;
+    }
+    return;
+  }
+  channel.Run(lookups, (base::TimeDelta::FromMicroseconds(start_ticks_us) + timeout).InMicroseconds());
+}
+
+}  // namespace
+
+std::vector<ResolveResult> internal::LookUpHosts(const std::vector<HostPort>& hosts, base::TimeDelta timeout,
+                                                 const std::string& name_servers) {
+  std::vector<ResolveResult> results(hosts.size());
+  std::vector<Lookup> lookups;
+  for (size_t i = 0; i < hosts.size(); ++i) {
+    if (auto answer = AnswerAtOnce(hosts[i].host, hosts[i].port, timeout)) {
+      results[i] = std::move(*answer);
+    } else {
+      lookups.push_back({.host = &hosts[i], .place = i});
+    }
+  }
+  if (lookups.empty()) {
+    return results;
+  }
+  LookUp(lookups, timeout, name_servers);
+  for (Lookup& lookup : lookups) {
+    results[lookup.place] = lookup.addresses.empty()
+                                ? Explain(lookup.host->host, lookup.status, timeout)
+                                : ResolveResult{.addresses = std::move(lookup.addresses), .ttl = lookup.ttl};
+  }
+  return results;
+}
+
+std::vector<ResolveResult> ResolveHosts(const std::vector<HostPort>& hosts, base::TimeDelta timeout) {
+  return internal::LookUpHosts(hosts, timeout, {});
 }
 
 void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,

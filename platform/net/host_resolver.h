@@ -32,11 +32,17 @@ struct ResolveResult {
   base::TimeDelta ttl = base::TimeDelta::Max();
 };
 
-// Looks up a host name or address literal in both families and gives every address the port `port`. Blocks at
-// most for `timeout`, whatever the name servers do. Literals, "localhost" and names of the hosts file need no
-// name server. Any thread. After kTimedOut or kFailed a later call may succeed; after kNotFound check the
-// spelling.
-ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout);
+// Looks up host names or address literals in both families, all at the same time, and gives the addresses of
+// each its port. Blocks at most for `timeout`, however many hosts there are and whatever the name servers do;
+// an answer counts until then. The results stand in the order of the hosts, and the error of one does not
+// touch the others. Literals, "localhost" and names of the hosts file need no name server. Any thread. After
+// kTimedOut or kFailed a later call may succeed; after kNotFound check the spelling.
+std::vector<ResolveResult> ResolveHosts(const std::vector<HostPort>& hosts, base::TimeDelta timeout);
+
+// The same for one host.
+inline ResolveResult ResolveHost(const std::string& host, uint16_t port, base::TimeDelta timeout) {
+  return ResolveHosts({{host, port}}, timeout).front();
+}
 
 // The same without blocking: `done` gets the result later, exactly once. `done` runs on an internal thread,
 // possibly while the caller still runs: return quickly and lock shared data. That one thread makes the

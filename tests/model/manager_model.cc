@@ -288,7 +288,7 @@ void ManagerModel::RunStartSync() {
   MakeHandler();
   PrepareHandler();
   Log(0, "Start NTP time sync");
-  if (domains.empty() && !AddDomain(surroundings_.default_domain, false)) {
+  if (domains.empty() && !AddDefaultDomain()) {
     Log(1, "NTP time sync failed: no correct NTP server");
     RunStopQueue();
     return;
@@ -301,10 +301,8 @@ void ManagerModel::RunStartSync() {
 
 // --- Domains.
 
-// Looks the name up, which may take time.
-bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
-  Surroundings::Answer answer = surroundings_.LookUp(name);
-  now_ticks_us += answer.delay_us;
+// With the name looked up by now.
+bool ManagerModel::AddDomain(const std::string& name, const Surroundings::Answer& answer, bool is_logged) {
   if (answer.addresses.empty()) {
     return false;
   }
@@ -320,6 +318,16 @@ bool ManagerModel::AddDomain(const std::string& name, bool is_logged) {
   BeginWithBest(domain);
   domains.push_back(std::move(domain));
   return true;
+}
+
+bool ManagerModel::AddDefaultDomain() {
+  const std::string& name = surroundings_.default_domain;
+  if (name.empty()) {
+    return false;
+  }
+  const Surroundings::Answer answer = surroundings_.LookUp(name);
+  now_ticks_us += answer.delay_us;
+  return AddDomain(name, answer, false);
 }
 
 bool ManagerModel::IsFree(const net::IPEndPoint& address) const {
@@ -382,11 +390,21 @@ void ManagerModel::RunLookUp(size_t which, int number) {
 }
 
 void ManagerModel::RunUpdate(const std::vector<std::string>& names) {
+  const auto is_known = [this](const std::string& name) {
+    return std::any_of(domains.begin(), domains.end(),
+                       [&](const Domain& domain) { return domain.name == name; });
+  };
+  // All lookups begin now; the slowest one sets the time.
+  std::vector<Surroundings::Answer> answers;
+  int64_t longest_us = 0;
   for (const std::string& name : names) {
-    const bool is_known = std::any_of(domains.begin(), domains.end(),
-                                      [&](const Domain& domain) { return domain.name == name; });
-    if (!is_known) {
-      AddDomain(name, true);
+    answers.push_back(surroundings_.LookUp(name));
+    longest_us = std::max(longest_us, is_known(name) ? 0 : answers.back().delay_us);
+  }
+  now_ticks_us += longest_us;
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (!is_known(names[i])) {
+      AddDomain(names[i], answers[i], true);
     }
   }
   if (!is_started) {

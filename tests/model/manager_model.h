@@ -163,7 +163,8 @@ class ManagerModel final : public Side {
   void CleanHandler();
   bool TakeReply(Request& request, ArrivalKind kind, int64_t arrival_ticks_us);
   bool IsAnythingOpen(int address, int64_t arrival_ticks_us) const;
-  bool AddDomain(const std::string& name, bool is_logged);
+  bool AddDomain(const std::string& name, const Surroundings::Answer& answer, bool is_logged);
+  bool AddDefaultDomain();
   bool IsFree(const net::IPEndPoint& address) const;
   int BestLeft(const Domain& domain, size_t from) const;
   void BeginWithBest(Domain& domain) const;

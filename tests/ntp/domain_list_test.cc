@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The list of server domains and its result records.
+#include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
 
 namespace skorra {
@@ -71,6 +72,51 @@ TEST_F(DomainListTest, ANameWithoutAddressStillStartsTheOthersDuringAnAttempt) {
   Record("a.test").is_requesting = false;
   AddDomains({"nowhere.test"});
   EXPECT_EQ(CountLog(0, "Start request: a.test"), 2u);
+}
+
+TEST_F(DomainListTest, NamesThatHangCostTogetherOneLimitAndTheGoodOneIsAdded) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 10; ++i) {
+    names.push_back("hanging" + std::to_string(i) + ".test");
+    world.SetHost(names.back(), {.addresses = {Address("192.0.2.9")}, .delay_us = 60000000});
+  }
+  names.insert(names.begin() + 5, "a.test");
+  const uint64_t timed_out_before = base::KeyMetrics::GetCount("ntp.domain.timed_out");
+  const int64_t start_us = world.steady_ticks_us();
+  AddDomains(names);
+  EXPECT_EQ(world.steady_ticks_us() - start_us, 2000000);
+  EXPECT_EQ(Names(), Texts{"a.test"});
+  EXPECT_EQ(log, (std::vector<Line>{{0, "Add ntp service:a.test"}}));
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.domain.timed_out") - timed_out_before, 10u);
+}
+
+TEST_F(DomainListTest, NamesOfOneCallAreAddedInTheirOrderHoweverLongEachTakes) {
+  world.SetHost("slow.test", {.addresses = {Address("192.0.2.8")}, .delay_us = 300000});
+  world.SetHost("slower.test", {.addresses = {Address("192.0.2.9")}, .delay_us = 700000});
+  const int64_t start_us = world.steady_ticks_us();
+  AddDomains({"slower.test", "a.test", "192.0.2.77", "slow.test"});
+  EXPECT_EQ(world.steady_ticks_us() - start_us, 700000);
+  EXPECT_EQ(Names(), (Texts{"slower.test", "a.test", "192.0.2.77", "slow.test"}));
+  EXPECT_EQ(log, (std::vector<Line>{{0, "Add ntp service:slower.test"},
+                                    {0, "Add ntp service:a.test"},
+                                    {0, "Add ntp service:192.0.2.77"},
+                                    {0, "Add ntp service:slow.test"}}));
+}
+
+TEST_F(DomainListTest, ANameWithoutAddressCountsAsOftenAsItIsGiven) {
+  const uint64_t before = base::KeyMetrics::GetCount("ntp.domain.not_found");
+  AddDomains({"nowhere.test", "a.test", "nowhere.test"});
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.domain.not_found") - before, 2u);
+  EXPECT_EQ(Names(), Texts{"a.test"});
+}
+
+TEST_F(DomainListTest, AKnownNameIsNotLookedUpAgain) {
+  AddDomains({"a.test"});
+  world.SetHost("a.test", {.addresses = {}, .delay_us = 500000});
+  const int64_t start_us = world.steady_ticks_us();
+  AddDomains({"a.test", "b.test"});
+  EXPECT_EQ(world.steady_ticks_us(), start_us);
+  EXPECT_EQ(Names(), (Texts{"a.test", "b.test"}));
 }
 
 TEST_F(DomainListTest, AnEmptyListWhileIdleSchedulesTheStop) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // One sync attempt: its beginning, its bursts, its retries and its end.
+#include "platform/metrics/key_metrics.h"
 #include "testing/manager_fixture.h"
 #include "testing/noted_calls.h"
 
@@ -59,6 +60,20 @@ TEST_F(SyncAttemptTest, WithoutAnyDomainAtAllTheQueueStops) {
   manager().Start();
   world.RunFor(Us(0));
   EXPECT_EQ(CountLog(1, "NTP time sync failed: no correct NTP server"), 1u);
+}
+
+TEST_F(SyncAttemptTest, NoDefaultDomainIsNoBadName) {
+  const auto before = base::KeyMetrics::GetAllCounts();
+  manager().Start();
+  world.RunFor(Us(0));
+  EXPECT_EQ(log, (std::vector<Line>{{0, "Start NTP time sync"},
+                                    {1, "NTP time sync failed: no correct NTP server"},
+                                    {0, "Stop ntp queue"}}));
+  EXPECT_EQ(base::KeyMetrics::GetAllCounts(), before);
+  // An empty name that a user gives is one.
+  AddDomains({""});
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.domain.bad_name"),
+            before.contains("ntp.domain.bad_name") ? before.at("ntp.domain.bad_name") + 1 : 1);
 }
 
 TEST_F(SyncAttemptTest, AnEmptyListFallsBackToTheDefaultDomainWithoutAnAddLine) {

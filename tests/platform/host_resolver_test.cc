@@ -144,16 +144,16 @@ TEST(HostResolverTest, AClosedPortEndsInTimeAndPointsToTheConfiguration) {
   EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 2000000);
 }
 
-TEST(HostResolverTest, ASilentNameServerEndsAtTheDeadline) {
+TEST(HostResolverTest, ALookupMayTakeTheWholeLimitAndNoMore) {
   const FakeNameServer server({{true, 0, {}}, {true, 0, {}}, 0});
   const int64_t start_ticks_us = base::GetSteadyTimeTicks();
   const ResolveResult result =
-      internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromMilliseconds(200), server.address());
+      internal::LookUpHost(kName, kNtpPort, base::TimeDelta::FromMilliseconds(800), server.address());
   const int64_t taken_us = base::GetSteadyTimeTicks() - start_ticks_us;
   EXPECT_EQ(result.error, ResolveError::kTimedOut);
-  EXPECT_THAT(result.detail, HasSubstr("at most 200 ms"));
-  EXPECT_GE(taken_us, 150000);
-  EXPECT_LT(taken_us, 2000000);
+  EXPECT_THAT(result.detail, HasSubstr("at most 800 ms"));
+  EXPECT_GE(taken_us, 800000) << "an answer would have counted until then";
+  EXPECT_LT(taken_us, 3000000);
   EXPECT_GE(server.question_count(), 2);
 }
 

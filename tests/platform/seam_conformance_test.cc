@@ -541,7 +541,43 @@ TEST_F(NameSeamTest, ASilentNameServerEndsTheLookupAtTheDeadline) {
   EXPECT_EQ(result.error, net::ResolveError::kTimedOut);
   EXPECT_THAT(result.addresses, IsEmpty());
   EXPECT_NE(result.detail.find("silent.example."), std::string::npos) << result.detail;
+  EXPECT_GE(base::GetSteadyTimeTicks() - start_ticks_us, 100000);
   EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 2000000);
+}
+
+TEST_F(NameSeamTest, NamesOfOneCallAreLookedUpAtTheSameTimeAndEachHasItsOwnResult) {
+  const std::vector<net::HostPort> hosts = {
+      {"silent.a.example.", 1}, {"good.example.", 2}, {"192.0.2.7", 3},
+      {"silent.b.example.", 4}, {"localhost", 5},     {"silent.c.example.", 6},
+      {"silent.d.example.", 7}, {"good.example.", 8}, {"silent.e.example.", 9}};
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
+  const std::vector<net::ResolveResult> results = world_.ResolveTogether(hosts, Ms(500));
+  const int64_t taken_us = base::GetSteadyTimeTicks() - start_ticks_us;
+  EXPECT_GE(taken_us, 500000);
+  EXPECT_LT(taken_us, 2000000);  // one after the other they would take 2.5 s
+  ASSERT_EQ(results.size(), hosts.size());
+  for (size_t i = 0; i < hosts.size(); ++i) {
+    const auto& [host, port] = hosts[i];
+    SCOPED_TRACE(host);
+    if (host.starts_with("silent.")) {
+      EXPECT_EQ(results[i].error, net::ResolveError::kTimedOut);
+      EXPECT_THAT(results[i].addresses, IsEmpty());
+      EXPECT_NE(results[i].detail.find(host), std::string::npos) << results[i].detail;
+      continue;
+    }
+    EXPECT_EQ(results[i].error, net::ResolveError::kNone) << results[i].detail;
+    ASSERT_FALSE(results[i].addresses.empty());
+    const char* const expected = host == "good.example." ? "192.0.2.1"
+                                 : host == "localhost"   ? "127.0.0.1"
+                                                         : "192.0.2.7";
+    EXPECT_EQ(results[i].addresses.front(), *net::IPEndPoint::FromLiteral(expected, port));
+  }
+}
+
+TEST_F(NameSeamTest, ALookupOfNoNameEndsAtOnce) {
+  const int64_t start_ticks_us = base::GetSteadyTimeTicks();
+  EXPECT_THAT(world_.ResolveTogether({}, Ms(10000)), IsEmpty());
+  EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 5000000);
 }
 
 TEST_F(NameSeamTest, AnAddressHoldsAsLongAsItsRecordSays) {
