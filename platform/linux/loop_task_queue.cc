@@ -15,6 +15,7 @@
 #include "platform/base/time.h"
 #include "platform/linux/queue_context.h"
 #include "platform/linux/start_thread.h"
+#include "platform/metrics/key_metrics.h"
 
 namespace core {
 inline namespace skorra_ntp {
@@ -140,7 +141,27 @@ void LoopTaskQueue::ArmTimer() {
   when.it_value.tv_sec = static_cast<time_t>(deadline_ticks_us / base::kUsPerSecond);
   when.it_value.tv_nsec =
       static_cast<decltype(when.it_value.tv_nsec)>(deadline_ticks_us % base::kUsPerSecond * 1000);
-  timerfd_settime(loop_->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr);
+  if (timerfd_settime(loop_->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr) == 0) {
+    is_timer_failing_ = false;
+  } else {
+    ReportTimerFailure(errno);
+  }
+}
+
+void LoopTaskQueue::ReportTimerFailure(int error) {
+  base::KeyMetrics::Count("core.queue.timer_failed");
+  if (std::exchange(is_timer_failing_, true)) {
+    return;
+  }
+  // On the queue's thread, without the lock: the log's sink may be a function that posts a task.
+  asio::post(loop_->context, [error] {
+    internal::RunHandler([error] {
+      base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                     "cannot set a timer (timerfd_settime: %s), so delayed tasks do not run and no sync can "
+                     "finish; a sandbox must allow this system call",
+                     std::system_category().message(error).c_str());
+    });
+  });
 }
 
 void LoopTaskQueue::MoveDueTasks() {

@@ -9,6 +9,9 @@
 // The timer is a kernel timer on the boot-time clock: one that stops while the machine is suspended would be
 // late by the whole sleep.
 //
+// Where the system does not set the timer, which a sandbox may cause, delayed tasks wait for another task to
+// be posted. This is logged once in a row, and each failure counts as core.queue.timer_failed.
+//
 // A queue exists before its thread does: if that cannot start, tasks wait until it can.
 //
 // Forks: a queue belongs to the process that made it, named by its fork generation. In a child it is foreign:
@@ -63,6 +66,7 @@ class LoopTaskQueue final : public TaskQueue {
   int OpenTimer() SKORRA_REQUIRES(lock_);                          // an error number, or 0
   void WaitForTimer() SKORRA_REQUIRES(lock_);
   void ArmTimer() SKORRA_REQUIRES(lock_);
+  void ReportTimerFailure(int error) SKORRA_REQUIRES(lock_);
   void MoveDueTasks() SKORRA_REQUIRES(lock_);
   void Wake() SKORRA_REQUIRES(lock_);
   void RunRound();
@@ -73,7 +77,8 @@ class LoopTaskQueue final : public TaskQueue {
   std::deque<base::OnceCallback<void()>> ready_ SKORRA_GUARDED_BY(lock_);
   // By deadline in steady ticks; equal ones in posting order.
   std::multimap<int64_t, base::OnceCallback<void()>> delayed_ SKORRA_GUARDED_BY(lock_);
-  bool is_wake_posted_ SKORRA_GUARDED_BY(lock_) = false;  // a round will come that has not begun
+  bool is_wake_posted_ SKORRA_GUARDED_BY(lock_) = false;    // a round will come that has not begun
+  bool is_timer_failing_ SKORRA_GUARDED_BY(lock_) = false;  // the last setting of the timer failed
 };
 
 }  // namespace skorra_ntp

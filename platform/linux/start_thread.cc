@@ -30,7 +30,12 @@ int internal::StartThread(void* (*main)(void*), void* argument, const std::strin
   }
   pthread_sigmask(SIG_SETMASK, &blocked, &previous);
   pthread_t thread;
-  const int status = pthread_create(&thread, &attributes, main, argument);
+  int status = pthread_create(&thread, &attributes, main, argument);
+  if (status != 0) {
+    // A sandbox may not allow to set the policy. The creator's is better than no thread.
+    pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
+    status = pthread_create(&thread, &attributes, main, argument);
+  }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
   if (status == 0) {

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 
@@ -18,7 +19,9 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "platform/base/lock.h"
 #include "platform/base/log.h"
+#include "platform/metrics/key_metrics.h"
 #include "testing/log_recorder.h"
 #include "testing/ntp_queue.h"
 #include "testing/refuse_system_call.h"
@@ -28,6 +31,7 @@ namespace core {
 namespace {
 
 using skorra::RunOn;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -169,6 +173,47 @@ TEST(ThreadManagerTest, TasksOfAThreadThatCannotStartWaitUntilALaterCallStartsIt
   EXPECT_EQ(granted, refused);
   EXPECT_TRUE(RunOn(*granted, [&] { return granted->IsCurrent(); }));
   EXPECT_TRUE(skorra::WaitUntil([&] { return run_count == 6; }));
+}
+
+TEST(ThreadManagerTest, ASandboxWithoutTheSchedulingCallHasThreadsAllTheSame) {
+  const skorra::LogRecorder log;
+  for (const int error : {EPERM, ENOSYS}) {
+    std::thread([&] {
+      ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_sched_setscheduler, error));
+      const auto queue = Queue(error == EPERM ? 7 : 8);
+      EXPECT_TRUE(RunOn(*queue, [&] { return queue->IsCurrent(); }));
+      EXPECT_EQ(RunOn(*queue, [] { return sched_getscheduler(0); }), SCHED_OTHER);
+    }).join();
+  }
+  EXPECT_TRUE(log.lines.empty());
+}
+
+TEST(ThreadManagerTest, ATimerThatTheSystemDoesNotSetIsLoggedOnceAndCounted) {
+  base::Lock lock;
+  std::vector<std::string> failures;
+  const skorra::LogSinkScope sink(
+      [&](const base::LogLine& line) {
+        const base::AutoLock guard(lock);
+        failures.push_back(std::to_string(line.level) + ' ' + line.text);
+      },
+      base::kLogFailure);
+  const uint64_t before = base::KeyMetrics::GetCount("core.queue.timer_failed");
+  std::atomic<int> run_count{0};
+  std::thread([&] {
+    ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_timerfd_settime, EPERM));
+    const auto queue = Queue(9);
+    for (const int64_t delay_ms : {2, 1}) {
+      queue->PostDelayedTask(kHere, base::BindOnce([&] { ++run_count; }),
+                             base::TimeDelta::FromMilliseconds(delay_ms));
+    }
+    // What needs no timer runs. The line is logged before this task.
+    EXPECT_TRUE(RunOn(*queue, [&] { return queue->IsCurrent(); }));
+  }).join();
+  EXPECT_GE(base::KeyMetrics::GetCount("core.queue.timer_failed"), before + 2);
+  const base::AutoLock guard(lock);
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_THAT(failures[0], AllOf(HasSubstr("1 cannot set a timer"), HasSubstr("timerfd_settime"),
+                                 HasSubstr("Operation not permitted"), HasSubstr("sandbox")));
 }
 
 }  // namespace
