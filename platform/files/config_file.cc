@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <errno.h>
-#include <stdio.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <toml++/toml.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -13,6 +14,7 @@
 
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
+#include "platform/files/file_kind.h"
 
 namespace config {
 inline namespace skorra_ntp {
@@ -20,9 +22,33 @@ inline namespace skorra_ntp {
 namespace {
 
 constexpr char kLogFile[] = "platform/files/config_file";
-// Far above any real file. A device given by mistake must not fill the memory, and a key of dots only must
-// not exhaust the parser's stack.
+// Far above any real file: a key of dots only must not exhaust the parser's stack.
 constexpr size_t kMaxFileBytes = 16 * 1024;
+
+std::string CannotRead(int error) {
+  return std::system_category().message(error) + "; give a file that exists and may be read";
+}
+
+// Appends the file's content, but no more than one block beyond kMaxFileBytes. Returns an empty string, or
+// why the file cannot be read.
+std::string ReadRegularFile(int fd, std::string* bytes) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    return CannotRead(errno);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return std::string("it is ") + base::FileKind(status.st_mode) + "; give a regular file";
+  }
+  while (bytes->size() <= kMaxFileBytes) {
+    std::array<char, 4096> block;
+    const ssize_t got = read(fd, block.data(), block.size());
+    if (got <= 0) {
+      return got == 0 ? std::string() : CannotRead(errno);
+    }
+    bytes->append(block.data(), static_cast<size_t>(got));
+  }
+  return {};
+}
 
 }  // namespace
 
@@ -39,8 +65,7 @@ class FileReader {
   std::vector<std::string> messages;
 
  private:
-  // Reads the file, but no more than one block beyond kMaxFileBytes. Returns false and adds a message when
-  // the file cannot be read.
+  // Returns false and adds a message when the file cannot be read.
   bool ReadBytes(std::string* bytes);
   void ReadTable(const toml::table& table, const std::string& prefix);
   void ReadValue(const std::string& key, const toml::node& value);
@@ -55,22 +80,16 @@ void FileReader::AddMessage(const toml::source_region& place, const std::string&
 }
 
 bool FileReader::ReadBytes(std::string* bytes) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path_.c_str(), "re"), &fclose);
-  bool is_good = file != nullptr;
-  while (is_good && bytes->size() <= kMaxFileBytes) {
-    std::array<char, 4096> block;
-    const size_t got = fread(block.data(), 1, block.size(), file.get());
-    bytes->append(block.data(), got);
-    if (got < block.size()) {
-      is_good = ferror(file.get()) == 0;
-      break;
-    }
+  // Without waiting: the open of a FIFO would wait for a writer.
+  const int fd = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const std::string reason = fd < 0 ? CannotRead(errno) : ReadRegularFile(fd, bytes);
+  if (fd >= 0) {
+    close(fd);
   }
-  if (!is_good) {
-    messages.push_back(path_ + ": cannot read the configuration file: " +
-                       std::system_category().message(errno) + "; give a file that exists and may be read");
+  if (!reason.empty()) {
+    messages.push_back(path_ + ": cannot read the configuration file: " + reason);
   }
-  return is_good;
+  return reason.empty();
 }
 
 void FileReader::ReadFile() {

@@ -7,6 +7,7 @@
 #include <spdlog/details/null_mutex.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <utility>
 
 #include "platform/base/log.h"
+#include "platform/files/file_kind.h"
 
 namespace base {
 inline namespace skorra_ntp {
@@ -29,15 +31,31 @@ std::string CannotWrite(const LogFileOptions& options, const std::string& reason
   return "cannot write the log file '" + options.path + "': " + reason;
 }
 
+// Returns an empty string, or why a log cannot go to `path`, which is created when nothing is there. A FIFO
+// is no log file: without a reader its open would wait, with a slow one every line would, and once the reader
+// has gone a write ends the process.
+std::string TryPath(const std::string& path) {
+  constexpr char kRemedy[] = "; give a regular file or a character device";
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    return errno == ENXIO ? std::string("it is a FIFO without a reader, or a socket") + kRemedy
+                          : std::system_category().message(errno) +
+                                "; give a file in a folder that exists and may be written";
+  }
+  struct stat status {};
+  fstat(fd, &status);
+  close(fd);
+  return S_ISREG(status.st_mode) || S_ISCHR(status.st_mode)
+             ? std::string()
+             : std::string("it is ") + FileKind(status.st_mode) + kRemedy;
+}
+
 // Opens the file for appending. Returns an empty string, or a message that says why that failed.
 std::string OpenFile(const LogFileOptions& options, std::unique_ptr<FileSink>* sink) {
   // Try first: the sink repeats a failing open for a while, and all log lines would wait.
-  const int fd = open(options.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    return CannotWrite(options, std::system_category().message(errno) +
-                                    "; give a file in a folder that exists and may be written");
+  if (const std::string reason = TryPath(options.path); !reason.empty()) {
+    return CannotWrite(options, reason);
   }
-  close(fd);
   try {
     *sink = std::make_unique<FileSink>(options.path, options.max_bytes, options.max_files);
     (*sink)->set_formatter(std::make_unique<spdlog::pattern_formatter>("%v"));

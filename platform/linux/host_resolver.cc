@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -20,8 +21,10 @@
 
 #include "platform/base/callback.h"
 #include "platform/base/clock.h"
+#include "platform/base/environment.h"
 #include "platform/base/fork.h"
 #include "platform/base/location.h"
+#include "platform/base/log.h"
 #include "platform/core/thread_manager.h"
 #include "platform/linux/name_lookup.h"
 
@@ -29,6 +32,8 @@ namespace net {
 inline namespace skorra_ntp {
 
 namespace {
+
+constexpr char kLogFile[] = "platform/linux/host_resolver";
 
 // How often to let c-ares check its own time-outs. It tells when the next one is due only in a `timeval`,
 // whose layout on 32-bit Arm differs from the one that the installed library was built with.
@@ -136,6 +141,23 @@ bool IsText(const char* path) {
   return is_text;
 }
 
+// Whether c-ares may look for an alias of a name without a dot: it would read the file that HOSTALIASES
+// names.
+bool MayUseAliases() {
+  const auto path = base::GetEnvironmentVariable("HOSTALIASES");
+  if (!path || IsText(path->c_str())) {
+    return true;
+  }
+  static std::atomic<bool> is_logged{false};
+  if (access(path->c_str(), F_OK) == 0 && !is_logged.exchange(true)) {
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                   "HOSTALIASES names '%s', which is no regular file of text that may be read; names are "
+                   "looked up without aliases",
+                   path->c_str());
+  }
+  return false;
+}
+
 // The exchange with the name servers for all lookups of one call; destroying the object ends it.
 class Channel {
  public:
@@ -190,9 +212,13 @@ int Channel::Open(base::TimeDelta timeout, const std::string& name_servers) {
   options.resolvconf_path = IsText(configuration) ? configuration : empty;
   options.sock_state_cb = &Channel::OnSocketState;
   options.sock_state_cb_data = this;
-  const int status = ares_init_options(
-      &channel_, &options,
-      ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS | ARES_OPT_RESOLVCONF | ARES_OPT_SOCK_STATE_CB);
+  int used =
+      ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS | ARES_OPT_RESOLVCONF | ARES_OPT_SOCK_STATE_CB;
+  if (!MayUseAliases()) {
+    options.flags = ARES_FLAG_NOALIASES;
+    used |= ARES_OPT_FLAGS;
+  }
+  const int status = ares_init_options(&channel_, &options, used);
   if (status != ARES_SUCCESS) {
     channel_ = nullptr;
     return status;
@@ -357,7 +383,7 @@ std::vector<ResolveResult> ResolveHosts(const std::vector<HostPort>& hosts, base
 void ResolveHostInBackground(const std::string& host, uint16_t port, base::TimeDelta timeout,
                              std::function<void(ResolveResult)> done) {
   const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNames, -1, std::nullopt);
-  queue->PostTask(base::Location::CreateFromHere("platform/linux/host_resolver", __LINE__),
+  queue->PostTask(base::Location::CreateFromHere(kLogFile, __LINE__),
                   base::BindOnce([host, port, timeout, done = std::move(done)] {
                     done(ResolveHost(host, port, timeout));
                   }));

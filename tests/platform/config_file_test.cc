@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -158,10 +160,16 @@ TEST_F(ConfigFileTest, AFileThatCannotBeReadIsReportedAndClearsTheLayer) {
     std::string path;
     const char* message;
   };
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string link = directory_ / "link";
+  ASSERT_EQ(symlink(fifo.c_str(), link.c_str()), 0);
   const Case cases[] = {
       {directory_ / "absent.toml", "No such file"},
-      {directory_ / ".", "Is a directory"},
-      {"/dev/zero", "larger than 16 KiB"},
+      {directory_ / ".", "it is a directory; give a regular file"},
+      {"/dev/zero", "it is a character device; give a regular file"},
+      {fifo, "it is a FIFO; give a regular file"},
+      {link, "link: cannot read the configuration file: it is a FIFO"},
       {"", "No such file"},
   };
   for (const Case& c : cases) {

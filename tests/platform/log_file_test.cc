@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/base/log_file.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -58,10 +61,13 @@ TEST_F(LogFileTest, AFileThatCannotBeWrittenIsReportedAndTheSinkStays) {
     LogFileOptions options;
     const char* reason;
   };
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const Case cases[] = {
       {{directory_ / "absent/skorra.log"}, "No such file or directory"},
       {{directory_ / "."}, "Is a directory"},
       {{""}, "No such file or directory"},
+      {{fifo}, "it is a FIFO without a reader, or a socket; give a regular file or a character device"},
       {{path_, 0}, "max_size"},
   };
   std::string last_text;
@@ -71,6 +77,28 @@ TEST_F(LogFileTest, AFileThatCannotBeWrittenIsReportedAndTheSinkStays) {
     LocalLog(kLogFailure, "f", 1, "after %s", c.options.path.c_str());
     EXPECT_EQ(last_text, "after " + c.options.path);
   }
+}
+
+TEST_F(LogFileTest, AFifoIsNoLogFileEvenWhileItIsRead) {
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  EXPECT_THAT(LogToFile({fifo}), HasSubstr("it is a FIFO; give a regular file or a character device"));
+  close(reader);
+}
+
+TEST_F(LogFileTest, ADeviceIsWrittenAndNeverRotated) {
+  const std::string device = directory_ / "null";
+  ASSERT_EQ(symlink("/dev/null", device.c_str()), 0);
+  ASSERT_EQ(LogToFile({device, 100, 2}), "");
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 20; ++i) {
+    LocalLog(kLogFailure, "f", i, "%s", std::string(60, 'x').c_str());
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_TRUE(std::filesystem::is_symlink(device));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "null.1"));
 }
 
 TEST_F(LogFileTest, LinesThatTheFileDoesNotTakeGoToStandardError) {

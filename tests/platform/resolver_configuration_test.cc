@@ -5,6 +5,7 @@
 // its own, so that nothing of this machine is touched and no question leaves it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,10 +16,12 @@
 
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
+#include "platform/base/log.h"
 #include "platform/net/host_resolver.h"
 #include "testing/addresses.h"
 #include "testing/fake_name_server.h"
 #include "testing/isolated_child.h"
+#include "testing/log_recorder.h"
 #include "testing/temp_dir.h"
 #include "testing/wait_until.h"
 #include "transport/ntp_packet.h"
@@ -143,6 +146,35 @@ TEST(HostsFileTest, AFileThatIsNoTextIsPassedOver) {
     EXPECT_EQ(unlink("/etc/hosts"), 0);
     EXPECT_EQ(mkfifo("/etc/hosts", 0644), 0);
     EXPECT_THAT(ResolveHost("here.example", kNtpPort, timeout).addresses, IsEmpty());
+  });
+}
+
+TEST(HostAliasesTest, AliasesAreUsedFromARegularFileOnly) {
+  RunIsolated([] {
+    WriteFile(kConfiguration, "nameserver 127.0.0.1\n");
+    const FakeNameServer server({.ipv4 = {.addresses = {{192, 0, 2, 1}}},
+                                 .ipv6 = {},
+                                 .port = kNameServerPort,
+                                 .silent_label = "short"});
+    const auto timeout = base::TimeDelta::FromMilliseconds(400);
+    skorra::LogRecorder log(base::kLogFailure);
+    setenv("HOSTALIASES", "/etc/aliases", 1);
+    // There is no such file, which is nothing to tell.
+    EXPECT_EQ(ResolveHost("short", kNtpPort, timeout).error, ResolveError::kTimedOut);
+    EXPECT_THAT(log.lines, IsEmpty());
+    WriteFile("/etc/aliases", "short long.example.\n");
+    const ResolveResult aliased = ResolveHost("short", kNtpPort, timeout);
+    EXPECT_THAT(Texts(aliased), ElementsAre("192.0.2.1:123")) << aliased.detail;
+    EXPECT_THAT(log.lines, IsEmpty());
+    EXPECT_EQ(unlink("/etc/aliases"), 0);
+    EXPECT_EQ(mkfifo("/etc/aliases", 0644), 0);
+    const int64_t start_ticks_us = base::GetSteadyTimeTicks();
+    EXPECT_EQ(ResolveHost("short", kNtpPort, timeout).error, ResolveError::kTimedOut);
+    EXPECT_EQ(ResolveHost("other", kNtpPort, timeout).error, ResolveError::kNone);
+    EXPECT_LT(base::GetSteadyTimeTicks() - start_ticks_us, 5000000);
+    ASSERT_EQ(log.lines.size(), 1u);  // once
+    EXPECT_EQ(log.lines[0].level, base::kLogFailure);
+    EXPECT_THAT(log.lines[0].text, HasSubstr("HOSTALIASES names '/etc/aliases', which is no regular file"));
   });
 }
 
