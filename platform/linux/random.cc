@@ -17,14 +17,18 @@ inline namespace skorra_ntp {
 
 namespace {
 
+// How often to make a call again that a signal interrupted. A sandbox may interrupt each one.
+constexpr int kMaxInterruptions = 100;
+
 // Fills `bytes` by calls of `read_some(data, size)` that may deliver less or be interrupted.
 template <class ReadSome>
 bool Fill(std::span<unsigned char> bytes, ReadSome read_some) {
+  int interruptions = 0;
   while (!bytes.empty()) {
     const ssize_t got = read_some(bytes.data(), bytes.size());
     if (got > 0) {
       bytes = bytes.subspan(static_cast<size_t>(got));
-    } else if (got == 0 || errno != EINTR) {
+    } else if (got == 0 || errno != EINTR || ++interruptions > kMaxInterruptions) {
       return false;
     }
   }

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
 
 #include "testing/refuse_system_call.h"
+#include "testing/wait_until.h"
 
 namespace base {
 namespace {
@@ -46,6 +48,20 @@ TEST(RandomTest, NumbersStayDistinctWhenGetrandomAndTheDeviceFail) {
       EXPECT_TRUE(IsRandom()) << c.what << ", and no device either";
     }).join();
   }
+}
+
+TEST(RandomTest, AnInterruptionWithoutEndEndsAllTheSame) {
+  std::atomic<bool> is_over{false};
+  bool is_random = false;
+  std::thread interrupted([&] {
+    // Wherever the call goes, a signal comes: to the kernel's generator, and to the device.
+    is_random = skorra::RefuseSystemCallOnThisThread(SYS_getrandom, EINTR) && IsRandom() &&
+                skorra::RefuseSystemCallOnThisThread(SYS_read, EINTR) && IsRandom();
+    is_over = true;
+  });
+  ASSERT_TRUE(skorra::WaitUntil([&] { return is_over.load(); })) << "it spins";
+  interrupted.join();
+  EXPECT_TRUE(is_random);
 }
 
 }  // namespace
