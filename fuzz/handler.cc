@@ -352,7 +352,7 @@ void Run::ChangeSettings(uint8_t how) {
     SKORRA_FUZZ_CHECK(handler_->GetSystemTimeOffsetFromSteady() == offset_us);
     model_.SetClockOffset(offset_us);
   } else if (how < 4) {
-    limits_.requests_per_burst = 1 + program_.Byte() % 20;
+    limits_.requests_per_burst = 3 + program_.Byte() % 18;
     config_.Set(entries.ntp_requests_per_burst, static_cast<uint64_t>(limits_.requests_per_burst));
   } else {
     const uint64_t limit_ms = 1 + program_.Number(2) % 60000;

@@ -53,8 +53,9 @@ struct BaseConfig {
       "ntp.resolve_timeout_ms", "SKORRA_NTP_RESOLVE_TIMEOUT_MS", 1, 60000, 2000, 1,
       "how long the names of one call may take to resolve, in milliseconds"};
   NumberEntry ntp_requests_per_burst{
-      "ntp.requests_per_burst", "SKORRA_NTP_REQUESTS_PER_BURST", 1, 20, 20, 2,
-      "how many of a burst's 20 requests leave, evenly spread; set 8 for public servers"};
+      "ntp.requests_per_burst", "SKORRA_NTP_REQUESTS_PER_BURST", 3, 20, 20, 2,
+      "how many of a burst's 20 requests leave, evenly spread; a result needs 3 answers; set 8 for public "
+      "servers"};
   NumberEntry ntp_max_root_distance_ms{
       "ntp.max_root_distance_ms", "SKORRA_NTP_MAX_ROOT_DISTANCE_MS", 1, 60000, 5000, 3,
       "replies of servers further than this from their reference clock (half the root delay plus the root "

@@ -142,6 +142,17 @@ TEST_F(SyncAttemptTest, ABurstIsTwentyRequestsTenMillisecondsApartAndOneDirectCh
   EXPECT_EQ(SentAt("192.0.2.1", start_us), BurstFrom(0));
 }
 
+TEST_F(SyncAttemptTest, TheFewestRequestsPerBurstThatCanBeConfiguredAreEnoughForAResult) {
+  const config::NumberEntry& entry = config::BaseCfg().ntp_requests_per_burst;
+  EXPECT_EQ(config.Set(entry, entry.min), "");
+  EXPECT_NE(config.Set(entry, entry.min - 1), "");
+  network.AddServer(Address("192.0.2.1"), {.clock_error_us = 777});
+  AddDomains({"a.test"});
+  Sync();
+  EXPECT_EQ(observer->outcomes.back().result, NtpResult::kSuccess);
+  EXPECT_EQ(network.requests(Address("192.0.2.1")).size(), 3u);
+}
+
 TEST_F(SyncAttemptTest, ADomainThatIsAlreadyRequestingIsNotStartedAgain) {
   AddDomains({"a.test"});
   manager().Start();

@@ -144,6 +144,7 @@ TEST_F(ConfigCenterTest, ABadEnvironmentValueIsReportedWithItsVariableAndIgnored
       {"SKORRA_NTP_SYNC_INTERVAL", "18446744073709551616", "one beyond 64 bits"},
       {"SKORRA_NTP_RESOLVE_TIMEOUT_MS", "0", "below the range"},
       {"SKORRA_NTP_RESOLVE_TIMEOUT_MS", "60001", "above the range"},
+      {"SKORRA_NTP_REQUESTS_PER_BURST", "2", "fewer than the three samples that a result needs"},
   };
   for (const Case& c : cases) {
     log_.lines.clear();

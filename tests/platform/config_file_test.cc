@@ -93,6 +93,8 @@ TEST_F(ConfigFileTest, ABadLineIsReportedWithFileAndLineAndTheOthersCount) {
       {"sync_interval = {}", "ntp.sync_interval: must be a whole number", "an empty table"},
       {"resolve_timeout_ms = 0", "ntp.resolve_timeout_ms: 0 is not in the range 1 to 60000", "too small"},
       {"resolve_timeout_ms = 60001", "ntp.resolve_timeout_ms: 60001 is not in the range", "too large"},
+      {"requests_per_burst = 2", "ntp.requests_per_burst: 2 is not in the range 3 to 20",
+       "fewer than a result needs"},
       {"sync_intervall = 60", "unknown key 'ntp.sync_intervall'", "a misspelt key"},
       {"sync_interval.seconds = 60", "ntp.sync_interval: must be a whole number", "a key below an entry"},
   };
