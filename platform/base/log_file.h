@@ -20,8 +20,8 @@ struct LogFileOptions {
   size_t max_files = 3;
 };
 
-// Sends the log to a regular file, or to a character device, which is not rotated. Returns an empty string, or
-// the reason why the file cannot be written; then the sink stays as it was: correct the path or its
+// Sends the log to a regular file, or to a character device, which is not rotated. Returns an empty string,
+// or the reason why the file cannot be written; then the sink stays as it was: correct the path or its
 // permissions and call again. When a later write fails, the line goes to standard error, and the next line
 // tries the file again. Any thread.
 SKORRA_EXPORT std::string LogToFile(const LogFileOptions& options);
