@@ -38,7 +38,7 @@ namespace {
 constexpr base::Location kHere = base::Location::CreateFromHere("bench/stamp_bench", 1);
 constexpr int kLoopsPerCore = 2;
 constexpr int64_t kSpacingMs = 5;
-// So often the exchanges are made until enough of them were disturbed.
+// At most this many rounds, until enough exchanges were disturbed.
 constexpr int kRounds = 4;
 // As many samples as one attempt of the time manager may have.
 constexpr size_t kAttemptSamples = 20;

@@ -100,9 +100,13 @@ int64_t ExpectedTimestampToUs(NtpTimestamp timestamp) {
 }
 
 ServerTimes ExpectedServerTimes(NtpTimestamp receive, NtpTimestamp transmit) {
-  const int64_t receive_us = ExpectedTimestampToUs(receive);
-  const int64_t transmit_us = ExpectedTimestampToUs(transmit);
-  return {receive_us, transmit_us + (transmit_us < receive_us ? static_cast<int64_t>(kEraUs) : 0)};
+  // The second time is as much later as the time stamps say, modulo an era; in units of 2^-32 us.
+  Wide exact = kNtpEpochUs * kTwoTo32 + Wide{receive} * kUsPerSecond;
+  while (exact < kWindowBeginUs * kTwoTo32) {
+    exact += kEraUs * kTwoTo32;
+  }
+  exact += Wide{transmit - receive} * kUsPerSecond;
+  return {ExpectedTimestampToUs(receive), static_cast<int64_t>((exact + kTwoTo32 / 2) / kTwoTo32)};
 }
 
 NtpResultData ExpectedSample(const ExchangeTimes& times) {

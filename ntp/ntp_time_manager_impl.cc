@@ -27,6 +27,7 @@ namespace skorra {
 namespace {
 
 static_assert(std::atomic<int64_t>::is_always_lock_free, "a read of the clock must not take a lock");
+static_assert(config::kBaseConfig.ntp_requests_per_burst.min == kMinSamples, "fewer have no result");
 
 using base::kLogFailure;
 using base::kLogProgress;

@@ -10,7 +10,7 @@
 // An address includes its port. The process has one ledger, so that two domains that share an address, and
 // one attempt after another, are bound by what the server told any of them. Only a server that answers a
 // request's nonce can bind us; an ICMP error or a silent network never does. They only change which of
-// several addresses is asked next.
+// several addresses is asked next, and a closed port gets no retry.
 //
 // Bursts. The calls for an address form bursts, whatever domain or attempt they come from:
 //   - A call begins a burst when the last burst began 1 s ago or more, or when that burst has had its 20
@@ -73,7 +73,8 @@ class NtpAddressLedger {
   static constexpr int64_t kDeniedUs = 4 * 60 * 60 * base::kUsPerSecond;
   static constexpr int64_t kBurstSpacingUs = 2 * 60 * base::kUsPerSecond;
   static constexpr uint32_t kLimitedBurst = 8;
-  static constexpr int64_t kSilentAfterUs = 2 * base::kUsPerSecond;  // longer than a round trip may take
+  static constexpr int64_t kSilentAfterUs =
+      2 * base::kUsPerSecond;  // 1.5 s is the longest round trip by default
   static constexpr int64_t kForgetSilenceUs = 60 * 60 * base::kUsPerSecond;
   // One address more evicts the least recently asked, preferring one that is not held. An address that may be
   // asked and whose burst is under way stays: evicted, it would get a second burst at once.
@@ -110,8 +111,8 @@ class NtpAddressLedger {
   bool HasAnswered(const net::IPEndPoint& address) const;
   // Whether the last admitted burst brought no reply: ask other addresses first.
   bool IsSilent(const net::IPEndPoint& address, int64_t now_ticks_us) const;
-  // Whether the port was reported closed at `since_ticks_us` or later, and nothing speaks against it since
-  // the last admitted burst began.
+  // Whether the port was reported closed at `since_ticks_us` or later, and since the last admitted burst
+  // began, and no reply has come since then.
   bool WasClosedSince(const net::IPEndPoint& address, int64_t since_ticks_us) const;
 
   std::map<net::IPEndPoint, Counts> GetCounts() const;
@@ -134,7 +135,7 @@ class NtpAddressLedger {
     // When the last burst began that was not withheld.
     std::optional<int64_t> asked_ticks_us;
     bool has_answered = false;               // since then
-    std::optional<int64_t> closed_ticks_us;  // when the port was reported closed since then, the last time
+    std::optional<int64_t> closed_ticks_us;  // the last report since then that the port is closed
     bool has_refused = false;                // since then
     uint32_t rate_count = 0;                 // bursts in a row that ended in RATE
     bool was_limited = false;                // it sent RATE at some time

@@ -134,7 +134,7 @@ int64_t RootDistanceUs(const NtpPacket& reply);
 
 // A time stamp counts from the start of an era and does not tell which one. Every time stamp is placed into
 // the one window of 2^32 s that begins here, 1980-01-01 UTC, and ends 2116-02-07T06:28:16Z. The local clock
-// has no say: it may show any time at all before it is corrected.
+// does not matter: it may show any time at all before it is corrected.
 inline constexpr int64_t kTimeWindowBeginUs =
     base::kWindowsToUnixEpochUs + int64_t{315532800} * base::kUsPerSecond;
 inline constexpr int64_t kNtpEraUs = (int64_t{1} << 32) * base::kUsPerSecond;

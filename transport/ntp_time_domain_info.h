@@ -53,8 +53,8 @@ class NtpTimeDomainInfo {
   // Whether the domain may be asked once more. True moves on to an address that was not in use since `Reset`,
   // is not held and was not found closed since then: the next one in a circle that is not silent, or the next
   // one; it counts the retry in `total_retry_count`. A domain with one address keeps it: once until `Reset`,
-  // and only while the address is not held and nothing at all has come back from it. False, with nothing
-  // changed, when no address is left.
+  // and only while the address is not held, was not found closed since then, and nothing at all has come back
+  // from it. False, with nothing changed, when no address is left.
   bool Retry(uint32_t& total_retry_count);
 
  private:

@@ -18,8 +18,8 @@ CLI::Validator WholeNumber(uint64_t min = 0, uint64_t max = std::numeric_limits<
 // range check it rejects "nan".
 CLI::Validator Number(double min, double max, bool excludes_min = false);
 
-// What follows when `app` could not go on: prints the help or the version, or what is wrong and what to do.
-// Returns the exit status.
+// Ends a run whose command line asks for help or is wrong: prints the help or the version, or what is wrong
+// and what to do. Returns the exit status.
 int ExitAfterParsing(const CLI::App& app, const CLI::ParseError& error);
 
 }  // namespace skorra

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The command line; what the commands do is in sync.h, serve.h and demo.h.
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <string>
 
@@ -13,6 +15,7 @@
 #include "platform/base/environment.h"
 #include "platform/base/log.h"
 #include "platform/config/config_center.h"
+#include "platform/files/file_kind.h"
 
 namespace {
 
@@ -88,6 +91,17 @@ void LoadConfiguration() {
   }
 }
 
+// The resolver does without such a file, and says so in the log, which is off unless the user wants it.
+void WarnOfHostAliases() {
+  const auto path = base::GetEnvironmentVariable("HOSTALIASES");
+  struct stat status {};
+  if (path && stat(path->c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    skorra::PrintProblem("warning: HOSTALIASES names '" + *path + "', which is " +
+                         base::FileKind(status.st_mode) +
+                         "; names are looked up without aliases. Give a regular file.");
+  }
+}
+
 void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
   auto* const command = app.add_subcommand("sync", "Ask NTP servers and print the clock offset");
   command
@@ -151,6 +165,7 @@ int main(int argc, char** argv) {
   }
 
   LoadConfiguration();
+  WarnOfHostAliases();
   if (app.got_subcommand("sync")) {
     return skorra::RunSync(sync, as_json);
   }

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -57,7 +58,11 @@ std::string Escape(std::string_view text, bool keeps_line_ends) {
 int Write(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t size = write(fd, text.data(), text.size());
-    if (size < 0 && errno != EINTR) {
+    if (size < 0 && errno == EAGAIN) {
+      // Somebody made the descriptor non-blocking: wait for room, as a blocking one does.
+      pollfd entry{fd, POLLOUT, 0};
+      poll(&entry, 1, -1);
+    } else if (size < 0 && errno != EINTR) {
       return errno;
     }
     text.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));

@@ -241,7 +241,9 @@ void Channel::Run(std::vector<Lookup>& lookups, int64_t deadline_ticks_us) {
   while (!std::all_of(lookups.begin(), lookups.end(), [](const Lookup& lookup) { return lookup.is_done; })) {
     const int64_t left_us = deadline_ticks_us - base::GetSteadyTimeTicks();
     if (left_us <= 0) {
-      ares_cancel(channel_);  // ends each lookup with what it has
+      // Ends each lookup with what it has. Newer versions of c-ares drop the IPv6 addresses of a name whose
+      // IPv4 question stays without an answer; they do not wait for the other family once IPv4 has answered.
+      ares_cancel(channel_);
       return;
     }
     if (!WaitAndProcess(std::min(left_us, kPollSliceUs))) {

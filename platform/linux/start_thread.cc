@@ -32,7 +32,7 @@ int internal::StartThread(void* (*main)(void*), void* argument, const std::strin
   pthread_t thread;
   int status = pthread_create(&thread, &attributes, main, argument);
   if (status != 0) {
-    // A sandbox may not allow to set the policy. The creator's is better than no thread.
+    // A sandbox may not allow setting the policy. The creator's is better than no thread.
     pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
     status = pthread_create(&thread, &attributes, main, argument);
   }

@@ -16,10 +16,7 @@ namespace skorra {
 
 using Arguments = std::vector<std::string>;
 
-inline Arguments Command(Arguments arguments) {
-  arguments.insert(arguments.begin(), SKORRA_NTP_PROGRAM);
-  return arguments;
-}
+Arguments Command(Arguments arguments);
 
 inline ChildExit RunProgram(const Arguments& arguments, const std::vector<std::string>& environment = {}) {
   return RunChild(Command(arguments), environment);

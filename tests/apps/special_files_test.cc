@@ -38,11 +38,11 @@ TEST(SpecialFilesTest, HostAliasesThatAreAFifoDoNotHoldTheProgram) {
     const LoopbackNtpServer server(netmodel::ServerOptions{});
     const std::string fifo = "/etc/aliases";
     EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const ChildExit exit = RunChild(
-        {SKORRA_NTP_PROGRAM, "sync", "no-such-host", server.endpoint().ToString(), "--log-level", "1"},
-        {"HOSTALIASES=" + fifo}, kHangsAfterMs);
+    const ChildExit exit =
+        RunChild({SKORRA_NTP_PROGRAM, "sync", "no-such-host", server.endpoint().ToString()},
+                 {"HOSTALIASES=" + fifo}, kHangsAfterMs);
     EXPECT_EQ(exit.status, 0);
-    EXPECT_THAT(exit.err, HasSubstr("HOSTALIASES names '/etc/aliases', which is no regular file"));
+    EXPECT_THAT(exit.err, HasSubstr("warning: HOSTALIASES names '/etc/aliases', which is a FIFO"));
   });
 }
 

@@ -104,13 +104,21 @@ def write_consumer(blocks_by_document, consumer):
     (consumer / "skorra-ntp").symlink_to(SOURCE)
     cmake = ["cmake_minimum_required(VERSION 3.25)", "project(consumer LANGUAGES CXX)"]
     programs = []
+    add_ours = "add_subdirectory(skorra-ntp)\n"
     for document, blocks in blocks_by_document.items():
         parts = [block.text for block in blocks if block.language == "cmake"]
         executables = re.findall(r"add_executable\((\S+) (\S+)\)", "".join(parts))
+        # Each document must stand alone; here they share one build of the library.
+        if executables and "".join(parts).count(add_ours) != 1:
+            fail(f"{document}: its cmake blocks do not say {add_ours.strip()} once")
+        if add_ours in "".join(cmake):
+            parts = [part.replace(add_ours, "") for part in parts]
         sources = [block for block in blocks if block.language == "cpp"]
         if len(sources) != len(executables):
             fail(f"{document}: {len(sources)} C++ blocks for {len(executables)} programs: {executables}")
         for block, (program, name) in zip(sources, executables):
+            if f"`{name}`" not in (SOURCE / document).read_text():
+                fail(f"{document}: does not say which text is {name}")
             if (consumer / name).exists():
                 fail(f"{block.place}: there is a file {name} already")
             (consumer / name).write_text(block.text)

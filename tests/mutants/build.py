@@ -172,6 +172,8 @@ class Builder:
         folder = self.folder / name
         (folder / "ntp").mkdir(parents=True)
         is_header = mutant.file.endswith(".h")
+        if is_header:
+            self._mirror(folder, mutant.file)
         (folder / mutant.file).write_text(mutant.text)
         changed = {}
         for file in self.users.get(mutant.file, []) if is_header else [mutant.file]:
@@ -187,6 +189,14 @@ class Builder:
         if made.returncode != 0:
             return None, made.stdout
         return Program(folder / "sim_tests", [mutant]), ""
+
+    def _mirror(self, folder, left_out):
+        """The headers around a changed one, which includes some by relative paths and is so included by others."""
+        for header in (self.root / "ntp").glob("*.h"):
+            if f"ntp/{header.name}" != left_out:
+                (folder / "ntp" / header.name).symlink_to(header)
+        for room in ("platform", "transport"):
+            (folder / room).symlink_to(self.root / room)
 
     # --- Runs.
 

@@ -96,6 +96,29 @@ TEST(SyncRecordsTest, FreshRequestStatisticsAreOfTypeOneAndOtherwiseZero) {
   EXPECT_EQ(stats.total_cost_ms, 0u);
 }
 
+TEST(SyncRecordsTest, RecordsAreEqualWhenNoFieldDiffers) {
+  NtpDomainResult asked;
+  EXPECT_TRUE(asked == NtpDomainResult());
+  EXPECT_FALSE(asked != NtpDomainResult());
+  asked.is_requesting = true;
+  EXPECT_FALSE(asked == NtpDomainResult());
+  EXPECT_TRUE(asked != NtpDomainResult());
+
+  NtpFunctionRequestStats counted;
+  EXPECT_TRUE(counted == NtpFunctionRequestStats());
+  EXPECT_FALSE(counted != NtpFunctionRequestStats());
+  counted.total_cost_ms = 1;
+  EXPECT_FALSE(counted == NtpFunctionRequestStats());
+  EXPECT_TRUE(counted != NtpFunctionRequestStats());
+}
+
+TEST(SyncRecordsTest, AFreshReportHoldsNothing) {
+  const NtpTimeSyncStats report;
+  EXPECT_TRUE(report.function_request_stats.empty());
+  EXPECT_EQ(report.start_count, 0u);
+  EXPECT_FALSE(report.deviation_found);
+}
+
 TEST(SyncRecordsTest, ResultCodesAreMinusOneZeroAndOneWithATextEach) {
   static_assert(std::is_same_v<std::underlying_type_t<NtpResult>, int32_t>);
   EXPECT_EQ(static_cast<int>(NtpResult::kNoResult), -1);

@@ -233,6 +233,22 @@ TEST_F(SurprisesTest, AWallClockSetBackADayLetsReadsResyncAgainAfterADay) {
 }
 
 // A busy machine may put the thread aside between the readings of the two clocks.
+TEST_F(SurprisesTest, FourMillisecondsBetweenTheReadingsOfTheTwoClocksChangeNothing) {
+  Succeed();
+  world.RunFor(S(60));
+  world.SetSeamHook([&](sim::SeamCall call) {
+    if (call == sim::SeamCall::kSteadyClock) {
+      world.Block(Ms(4));
+    }
+  });
+  EXPECT_EQ(manager().Start(), 0);
+  world.SetSeamHook(nullptr);
+  EXPECT_EQ(peer.last_result(), NtpResult::kSuccess);
+  world.RunFor(S(1));
+  ASSERT_EQ(observer->outcomes.size(), 2u);
+  EXPECT_TRUE(observer->outcomes[1].server.address_empty()) << "announced again";
+}
+
 TEST_F(SurprisesTest, FiveMillisecondsBetweenTheReadingsOfTheTwoClocksLookLikeClocksThatRanApart) {
   Succeed();
   world.RunFor(S(60));
