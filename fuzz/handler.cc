@@ -257,8 +257,8 @@ void Run::Do(Step step, uint8_t how) {
     case Step::kReceiveError:
       if (const HandlerModel::Request* const request = NextRequest(); request != nullptr) {
         const auto error = static_cast<SocketError>(1 + how % static_cast<int>(SocketError::kOther));
-        if (model_.FindSocket(request->client)) {
-          model_.OnReceiveError(error);
+        if (const auto server = model_.FindSocket(request->client)) {
+          model_.OnReceiveError(*server, error, world_.steady_ticks_us());
         }
         world_.ReportError(request->client, error);
       }

@@ -114,8 +114,15 @@ void HandlerModel::OnSendStamp(Request& request, int64_t send_ticks_us) {
   }
 }
 
-void HandlerModel::OnReceiveError(net::SocketError error) {
+void HandlerModel::OnReceiveError(size_t server, net::SocketError error, int64_t now_ticks_us) {
+  if (Peer& peer = peers_[server]; !peer.is_reading) {
+    if (peer.unread.size() < 256) {
+      peer.unread.push_back({{}, {}, 0, error});
+    }
+    return;
+  }
   counters_->Count(std::string("ntp.receive_error.") + net::SocketErrorName(error));
+  StopReadingIfDone(server, now_ticks_us);
 }
 
 std::optional<size_t> HandlerModel::FindSocket(const net::IPEndPoint& client) const {
@@ -127,19 +134,27 @@ std::optional<size_t> HandlerModel::FindSocket(const net::IPEndPoint& client) co
   return std::nullopt;
 }
 
-void HandlerModel::Reject(size_t server, ReplyRejection rejection, int64_t receive_ticks_us) {
-  counters_->Count(std::string("ntp.rejected.") + ReplyRejectionName(rejection));
+void HandlerModel::StopReadingIfDone(size_t server, int64_t ticks_us) {
   const bool is_done = std::none_of(requests_.begin(), requests_.end(), [&](const Request& request) {
     return request.server == server && !request.is_forgotten && !request.is_used_up &&
-           receive_ticks_us - request.stamp_ticks_us <= 3 * kSecondUs;
+           ticks_us - request.stamp_ticks_us <= 3 * kSecondUs;
   });
   peers_[server].is_reading = peers_[server].is_reading && !is_done;
+}
+
+void HandlerModel::Reject(size_t server, ReplyRejection rejection, int64_t receive_ticks_us) {
+  counters_->Count(std::string("ntp.rejected.") + ReplyRejectionName(rejection));
+  StopReadingIfDone(server, receive_ticks_us);
 }
 
 void HandlerModel::ResumeReading(size_t server, int64_t now_ticks_us) {
   peers_[server].is_reading = true;
   for (const Datagram& datagram : std::exchange(peers_[server].unread, {})) {
-    OnDatagram(server, datagram.source, datagram.bytes, datagram.receive_ticks_us, now_ticks_us);
+    if (datagram.error != net::SocketError::kNone) {
+      OnReceiveError(server, datagram.error, now_ticks_us);
+    } else {
+      OnDatagram(server, datagram.source, datagram.bytes, datagram.receive_ticks_us, now_ticks_us);
+    }
   }
 }
 
@@ -188,7 +203,8 @@ void HandlerModel::OnDatagram(size_t server, const net::IPEndPoint& source, std:
                               int64_t receive_ticks_us, int64_t now_ticks_us) {
   if (Peer& peer = peers_[server]; !peer.is_reading) {
     if (peer.unread.size() < 256) {
-      peer.unread.push_back({source, {bytes.begin(), bytes.end()}, receive_ticks_us});
+      peer.unread.push_back(
+          {source, {bytes.begin(), bytes.end()}, receive_ticks_us, net::SocketError::kNone});
     }
     return;
   }

@@ -82,7 +82,7 @@ class HandlerModel {
   void OnLeft(size_t server, const net::IPEndPoint& client, uint64_t nonce, int64_t now_ticks_us);
 
   void OnSendStamp(Request& request, int64_t send_ticks_us);
-  void OnReceiveError(net::SocketError error);
+  void OnReceiveError(size_t server, net::SocketError error, int64_t now_ticks_us);
   void OnDatagram(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
                   int64_t receive_ticks_us, int64_t now_ticks_us);
   // The socket was told to send: what has waited unread is read.
@@ -102,6 +102,7 @@ class HandlerModel {
     net::IPEndPoint source;
     std::vector<uint8_t> bytes;
     int64_t receive_ticks_us = 0;
+    net::SocketError error = net::SocketError::kNone;  // instead of a datagram
   };
   struct Peer {
     bool has_socket = false;
@@ -111,6 +112,7 @@ class HandlerModel {
     std::vector<Datagram> unread{};
   };
 
+  void StopReadingIfDone(size_t server, int64_t ticks_us);
   // Rejects what `server`'s socket received.
   void Reject(size_t server, ReplyRejection rejection, int64_t receive_ticks_us);
   ReplyRejection FindRequest(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,

@@ -225,9 +225,14 @@ OpenSocket* WorldState::FindSocket(const net::IPEndPoint& local) const {
 }
 
 void World::ReportError(const net::IPEndPoint& client, net::SocketError error) {
-  const OpenSocket* const socket = state_->FindSocket(client);
-  if (socket != nullptr && socket->callbacks.on_error) {
+  OpenSocket* const socket = state_->FindSocket(client);
+  if (socket == nullptr || !socket->callbacks.on_error) {
+    return;
+  }
+  if (socket->is_reading) {
     state_->RunOn(socket->queue, [&] { socket->callbacks.on_error(error); });
+  } else if (socket->unread.size() < OpenSocket::kMaxUnread) {
+    socket->unread.push_back([this, client, error] { ReportError(client, error); });
   }
 }
 

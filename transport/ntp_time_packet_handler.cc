@@ -116,7 +116,11 @@ net::SocketError NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server,
         server,
         {.on_datagram = [this, server, &peer](
                             const net::ReceivedDatagram& datagram) { OnDatagram(server, peer, datagram); },
-         .on_error = [server](net::SocketError what) { OnSocketError("receive_error", server, what); },
+         .on_error =
+             [server, &peer](net::SocketError what) {
+               OnSocketError("receive_error", server, what);
+               StopReadingIfDone(peer, base::GetSteadyTimeTicks());
+             },
          .on_sent = [&peer](uint32_t send_id,
                             int64_t send_ticks_us) { OnSent(peer, send_id, send_ticks_us); }},
         &error);
@@ -134,10 +138,14 @@ void NtpTimePacketHandler::OnSent(Peer& peer, uint32_t send_id, int64_t send_tic
   }
 }
 
-bool NtpTimePacketHandler::CanAccept(const Peer& peer, int64_t receive_ticks_us) {
-  return std::any_of(peer.requests.rbegin(), peer.requests.rend(), [&](const Request& request) {
-    return !request.is_answered && receive_ticks_us - request.send_ticks_us <= kNonceLifetimeUs;
-  });
+void NtpTimePacketHandler::StopReadingIfDone(Peer& peer, int64_t arrival_ticks_us) {
+  const bool is_any_open =
+      std::any_of(peer.requests.rbegin(), peer.requests.rend(), [&](const Request& request) {
+        return !request.is_answered && arrival_ticks_us - request.send_ticks_us <= kNonceLifetimeUs;
+      });
+  if (!is_any_open) {
+    peer.socket->StopReading();
+  }
 }
 
 void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
@@ -155,9 +163,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
     rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
   }
   if (rejection != ReplyRejection::kNone) {
-    if (!CanAccept(peer, datagram.receive_ticks_us)) {
-      peer.socket->StopReading();
-    }
+    StopReadingIfDone(peer, datagram.receive_ticks_us);
     client_->OnReplyRejected(server, CountUnder("rejected", ReplyRejectionName(rejection)));
     return;
   }

@@ -9,7 +9,7 @@
 // duplicate. A nonce is accepted for 3 s and remembered for 10 s, so that late and duplicate replies can be
 // counted as such.
 //
-// Once every nonce that a server got is used up or expired, the first datagram that is rejected is the last
+// Once every nonce that a server got is used up or expired, the first rejected datagram or error is the last
 // one read from its socket until the next request: a flood then costs no more than a full receive buffer.
 //
 // The address ledger (ntp_address_ledger.h) decides which calls of `SendPacket` become requests. A refusal by
@@ -96,8 +96,9 @@ class NtpTimePacketHandler {
   // Opens the peer's socket unless it is open. Returns why it cannot be.
   net::SocketError OpenSocket(const net::IPEndPoint& server, Peer& peer);
   static void OnSent(Peer& peer, uint32_t send_id, int64_t send_ticks_us);
-  // Whether a reply that arrived then could be the first to one of the requests.
-  static bool CanAccept(const Peer& peer, int64_t receive_ticks_us);
+  // Call it for a rejected datagram or an error, with the time of its arrival: stops reading when no reply
+  // from then on could be the first to a request.
+  static void StopReadingIfDone(Peer& peer, int64_t arrival_ticks_us);
   void OnDatagram(const net::IPEndPoint& server, Peer& peer, const net::ReceivedDatagram& datagram);
   // Finds the request that the datagram answers.
   ReplyRejection FindRequest(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram,

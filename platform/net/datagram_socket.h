@@ -85,7 +85,7 @@ class DatagramSocket {
   SocketError Send(std::span<const uint8_t> bytes, uint32_t* send_id = nullptr);
 
   // Reads nothing more until the next `Send`, not even what has arrived already. It waits in the system's
-  // receive buffer, and what arrives once that is full is lost. May be called in `on_datagram`.
+  // receive buffer, and what arrives once that is full is lost. May be called in a callback of the socket.
   void StopReading();
 
   IPEndPoint local() const;

@@ -44,6 +44,17 @@ bool LedgerModel::IsHeard(int address) const {
   return found != accounts_.end() && found->second.is_heard;
 }
 
+void LedgerModel::Closed(int address, int64_t now_ticks_us) {
+  accounts_[address].last_closed_ticks_us = now_ticks_us;
+}
+
+// A burst that begins later, or a reply, makes up for it.
+bool LedgerModel::WasClosed(int address, int64_t since_ticks_us) const {
+  const auto found = accounts_.find(address);
+  return found != accounts_.end() && found->second.last_closed_ticks_us && !found->second.is_heard &&
+         *found->second.last_closed_ticks_us >= since_ticks_us;
+}
+
 // From two seconds to an hour after a burst that nothing has answered.
 bool LedgerModel::IsSilent(int address, int64_t now_ticks_us) const {
   const auto found = accounts_.find(address);
@@ -73,6 +84,7 @@ LedgerModel::Verdict LedgerModel::Call(int address, int64_t now_ticks_us, int re
       }
       account.last_asked_ticks_us = now_ticks_us;
       account.is_heard = account.is_refused = false;
+      account.last_closed_ticks_us.reset();
     }
   }
   const int call = burst->calls++;

@@ -31,6 +31,8 @@ class LedgerModel {
   // `bits` are random, for the jitter. False when the refusal is no news.
   bool Refused(int address, bool is_rate, int64_t now_ticks_us, uint64_t bits);
 
+  void Closed(int address, int64_t now_ticks_us);
+  bool WasClosed(int address, int64_t since_ticks_us) const;
   bool IsHeard(int address) const;
   bool IsSilent(int address, int64_t now_ticks_us) const;
   SendRefusal Check(int address, int64_t now_ticks_us) const;
@@ -48,7 +50,8 @@ class LedgerModel {
     std::optional<int64_t> last_asked_ticks_us;  // the beginning of the last burst that was not refused
     bool is_heard = false;                       // since then
     bool is_refused = false;                     // since then, whatever the refusal
-    int too_fast_count = 0;                      // such bursts in a row
+    std::optional<int64_t> last_closed_ticks_us;
+    int too_fast_count = 0;  // such bursts in a row
     bool was_ever_too_fast = false;
     std::optional<int64_t> closed_until_ticks_us;
     bool is_denied = false;  // why it is closed

@@ -342,6 +342,7 @@ int ManagerModel::BestLeft(const Domain& domain, size_t from) const {
     for (size_t place = from; place < from + size; ++place) {
       const net::IPEndPoint& address = domain.addresses[place % size];
       if (domain.used.count(place % size) == 0 && IsFree(address) &&
+          !ledger_.WasClosed(Surroundings::IndexOf(address), domain.reset_ticks_us) &&
           (may_be_silent || !ledger_.IsSilent(Surroundings::IndexOf(address), now_ticks_us))) {
         return static_cast<int>(place % size);
       }
@@ -352,6 +353,7 @@ int ManagerModel::BestLeft(const Domain& domain, size_t from) const {
 
 void ManagerModel::BeginWithBest(Domain& domain) const {
   domain.used.clear();
+  domain.reset_ticks_us = now_ticks_us;
   const int best = BestLeft(domain, 0);
   domain.current = best < 0 ? 0 : static_cast<size_t>(best);
   domain.used.insert(domain.current);
@@ -555,7 +557,8 @@ NtpResult ManagerModel::Evaluate(Domain& domain) {
 bool ManagerModel::TakeNextAddress(Domain& domain) {
   if (domain.addresses.size() == 1) {
     if (domain.is_repeated || !IsFree(domain.addresses[0]) ||
-        ledger_.IsHeard(Surroundings::IndexOf(domain.addresses[0]))) {
+        ledger_.IsHeard(Surroundings::IndexOf(domain.addresses[0])) ||
+        ledger_.WasClosed(Surroundings::IndexOf(domain.addresses[0]), domain.reset_ticks_us)) {
       return false;
     }
     return domain.is_repeated = true;

@@ -36,6 +36,7 @@ class ManagerModel final : public Side {
     std::vector<net::IPEndPoint> addresses;
     std::set<size_t> used;  // places of the addresses that were current since the reset
     size_t current = 0;
+    int64_t reset_ticks_us = 0;
     bool is_repeated = false;  // the only address was asked a second time
     std::vector<NtpResultData> samples;
     NtpDomainResult record;

@@ -75,8 +75,12 @@ void ManagerModel::RunArrival(size_t which) {
     }
     return;
   }
-  if (!TakeReply(request, arriving.kind, arriving.at_ticks_us) &&
-      !IsAnythingOpen(request.address, arriving.at_ticks_us)) {
+  const bool is_error = arriving.kind == ArrivalKind::kPortClosed;
+  if (is_error) {
+    ledger_.Closed(request.address, now_ticks_us);
+  }
+  if ((is_error || !TakeReply(request, arriving.kind, arriving.at_ticks_us)) &&
+      !IsAnythingOpen(request.address, is_error ? now_ticks_us : arriving.at_ticks_us)) {
     unread_[request.address];
   }
 }

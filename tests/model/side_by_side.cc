@@ -271,6 +271,11 @@ void SideBySide::OnSent(const sim::SentDatagram& sent) {
                           .transmit_timestamp = NtpTimestampFromUs(true_us + fate.server_transmit_us)};
     const auto bytes = EncodePacket(reply);
     const auto delay = base::TimeDelta::FromMicroseconds(fate.arrivals[i].delay_us);
+    if (kind == ArrivalKind::kPortClosed) {
+      world.Schedule(delay,
+                     [this, client = sent.client] { world.ReportError(client, net::SocketError::kRefused); });
+      continue;
+    }
     const net::IPEndPoint& other = Surroundings::Address((index + 1) % kAddressCount);
     const net::IPEndPoint& source =
         kind == ArrivalKind::kOtherSource || kind == ArrivalKind::kSpoofedAsOther ? other : sent.server;

@@ -115,7 +115,9 @@ Fate Surroundings::FateOf(int address, uint64_t request) const {
   fate.server_transmit_us = fate.server_receive_us + working_us;
   const int64_t delay_us = 2 * to_server_us + asymmetry_us + working_us;
   fate.arrivals = {Arrival{ArrivalKind::kGenuine, delay_us}, Arrival{ArrivalKind::kGenuine, delay_us + 1500}};
-  if (server.behaviour == Behaviour::kHostile) {
+  if (server.behaviour == Behaviour::kClosed) {
+    fate.arrivals[0].kind = ArrivalKind::kPortClosed;
+  } else if (server.behaviour == Behaviour::kHostile) {
     fate.arrivals[0].kind = static_cast<ArrivalKind>(draw(32, 4));
   } else if (server.behaviour == Behaviour::kRefusing) {
     const int64_t drawn = draw(32, 100);

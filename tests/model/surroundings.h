@@ -30,6 +30,7 @@ enum class Behaviour {
   kJittery,    // round-trip times that do not agree
   kSlow,
   kHostile,   // kiss codes, spoofed and doubled replies among the genuine ones
+  kClosed,    // nobody listens on the port, and the network says so
   kRefusing,  // some requests too fast for it, and a few denied
   kCount,
 };
@@ -46,6 +47,7 @@ enum class ArrivalKind {
   kSpoofedAsOther,  // the same, when the system lets it through
   kRate,            // refusals, each of which answers the request
   kDeny,
+  kPortClosed,  // no datagram: an error of the network
 };
 
 struct Arrival {

@@ -388,6 +388,24 @@ TEST_F(StopReadingTest, OneDatagramOfAFloodIsReadOnceEveryRequestHasExpired) {
   EXPECT_EQ(ReadOfFlood(), 1u);
 }
 
+TEST_F(StopReadingTest, AnErrorOfTheNetworkIsTheLastThingReadOnceEveryRequestIsAnswered) {
+  const uint64_t before = Count("receive_error.host_unreachable");
+  const auto report_errors = [this] {
+    for (int i = 0; i < 100; ++i) {
+      world_.ReportError(sent_.back().client, net::SocketError::kHostUnreachable);
+    }
+  };
+  Prepare();
+  Send();
+  report_errors();
+  EXPECT_EQ(Count("receive_error.host_unreachable"), before + 100) << "a request is open";
+  Run();
+  ASSERT_EQ(client_.Samples().size(), 1u);
+  report_errors();
+  EXPECT_EQ(Count("receive_error.host_unreachable"), before + 101);
+  EXPECT_EQ(ReadOfFlood(), 0u);
+}
+
 TEST_F(StopReadingTest, AnAnsweredRequestDoesNotHideAnOpenOne) {
   is_answering_ = false;
   Prepare();
