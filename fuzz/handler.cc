@@ -175,6 +175,7 @@ class Run : public NtpTimePacketHandler::Client {
   void Resize(std::vector<uint8_t>& bytes, uint8_t how);
   void Reply(Step step, uint8_t how);
   void Deliver(const IPEndPoint& source, const IPEndPoint& client, const std::vector<uint8_t>& bytes);
+  void ReadResumed();
   template <class Function>
   void AsTask(const Function& function) {
     world_.RunAsTask(core::BusinessID::kNtpTime, function);
@@ -286,6 +287,7 @@ void Run::SendMany(uint8_t how) {
   const int64_t gap_us = how < 12 ? 0 : 10000;
   for (int i = 0; i < count; ++i) {
     Send(how % 4 % kServerCount);
+    ReadResumed();
     world_.RunFor(base::TimeDelta::FromMicroseconds(gap_us));
   }
 }
@@ -308,7 +310,7 @@ void Run::Send(size_t server) {
   }
   CheckSent(server, nonce, error);
   if (nonce != 0) {
-    model_.ResumeReading(server, world_.steady_ticks_us());
+    model_.ResumeReading(server);
   }
 }
 
@@ -469,6 +471,14 @@ void Run::Reply(Step step, uint8_t how) {
   Deliver(source, client, bytes);
 }
 
+// Each is an event of the world. A callback that sends may resume more.
+void Run::ReadResumed() {
+  while (model_.ReadResumed(world_.steady_ticks_us())) {
+    SKORRA_FUZZ_CHECK(world_.RunOne());
+  }
+  SKORRA_FUZZ_CHECK(world_.pending_count() == 0);
+}
+
 void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std::vector<uint8_t>& bytes) {
   last_ = {source, client, bytes};
   const std::optional<size_t> server = model_.FindSocket(client);
@@ -485,7 +495,8 @@ void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std:
   } else {
     world_.DeliverFromAnywhere(source, client, bytes, base::TimeDelta());
   }
-  world_.RunFor(base::TimeDelta());
+  SKORRA_FUZZ_CHECK(world_.RunOne());
+  ReadResumed();
   SKORRA_FUZZ_CHECK(model_.reports().empty());
   SKORRA_FUZZ_CHECK(!is_first_told_);
 }

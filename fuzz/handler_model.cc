@@ -147,15 +147,25 @@ void HandlerModel::Reject(size_t server, ReplyRejection rejection, int64_t recei
   StopReadingIfDone(server, receive_ticks_us);
 }
 
-void HandlerModel::ResumeReading(size_t server, int64_t now_ticks_us) {
+void HandlerModel::ResumeReading(size_t server) {
   peers_[server].is_reading = true;
-  for (const Datagram& datagram : std::exchange(peers_[server].unread, {})) {
-    if (datagram.error != net::SocketError::kNone) {
-      OnReceiveError(server, datagram.error, now_ticks_us);
-    } else {
-      OnDatagram(server, datagram.source, datagram.bytes, datagram.receive_ticks_us, now_ticks_us);
-    }
+  for (Datagram& datagram : std::exchange(peers_[server].unread, {})) {
+    resumed_.emplace_back(server, std::move(datagram));
   }
+}
+
+bool HandlerModel::ReadResumed(int64_t now_ticks_us) {
+  if (resumed_.empty()) {
+    return false;
+  }
+  const auto [server, datagram] = std::move(resumed_.front());
+  resumed_.pop_front();
+  if (datagram.error != net::SocketError::kNone) {
+    OnReceiveError(server, datagram.error, now_ticks_us);
+  } else {
+    OnDatagram(server, datagram.source, datagram.bytes, datagram.receive_ticks_us, now_ticks_us);
+  }
+  return true;
 }
 
 ReplyRejection HandlerModel::FindRequest(size_t server, const net::IPEndPoint& source,

@@ -7,10 +7,12 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "netmodel/random.h"
@@ -85,8 +87,10 @@ class HandlerModel {
   void OnReceiveError(size_t server, net::SocketError error, int64_t now_ticks_us);
   void OnDatagram(size_t server, const net::IPEndPoint& source, std::span<const uint8_t> bytes,
                   int64_t receive_ticks_us, int64_t now_ticks_us);
-  // The socket was told to send: what has waited unread is read.
-  void ResumeReading(size_t server, int64_t now_ticks_us);
+  // The socket was told to send: what has waited unread will be read, one by one.
+  void ResumeReading(size_t server);
+  // Reads the next of these; false when there is none.
+  bool ReadResumed(int64_t now_ticks_us);
 
   // All requests of the run, those of earlier attempts too.
   std::vector<Request>& requests() { return requests_; }
@@ -132,6 +136,7 @@ class HandlerModel {
   netmodel::Random random_;
   std::vector<Request> requests_;
   std::vector<SampleReport> reports_;
+  std::deque<std::pair<size_t, Datagram>> resumed_;  // by server
 };
 
 }  // namespace skorra::fuzz
