@@ -5,6 +5,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
 #include "testing/manager_fixture.h"
 
@@ -117,6 +118,17 @@ TEST(SyncRecordsTest, AFreshReportHoldsNothing) {
   EXPECT_TRUE(report.function_request_stats.empty());
   EXPECT_EQ(report.start_count, 0u);
   EXPECT_FALSE(report.deviation_found);
+}
+
+TEST(SyncRecordsTest, FreshEventsHoldNothing) {
+  const NtpDomainEvaluated evaluated;
+  EXPECT_EQ(evaluated.first_kept, 0u);
+  EXPECT_EQ(evaluated.kept_count, 0u);
+  EXPECT_TRUE(evaluated.record == NtpDomainResult());
+  const NtpAttemptEnded ended;
+  EXPECT_EQ(ended.end, NtpAttemptEnd::kOutcome);
+  EXPECT_EQ(ended.result, NtpResult::kNoResult);
+  EXPECT_TRUE(ended.record == NtpDomainResult());
 }
 
 TEST(SyncRecordsTest, ResultCodesAreMinusOneZeroAndOneWithATextEach) {
