@@ -125,9 +125,12 @@ class Builder:
 
     def _link(self, program, changed):
         """`changed` are objects by the file whose place they take."""
+        # First: of a header's inline functions, which other objects hold as they were, the linker takes the first.
         words = list(self.link_line)
-        for file, path in changed.items():
-            words[words.index(self.objects[file])] = str(path)
+        for file in changed:
+            words.remove(self.objects[file])
+        first = next(i for i, word in enumerate(words) if word.endswith(".o"))
+        words[first:first] = map(str, changed.values())
         words[words.index("bin/sim_tests")] = str(program)
         return self._run(words)
 
