@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "transport/ntp_packet.h"
 
-#include <algorithm>
-#include <limits>
-
 #include "platform/base/int_math.h"
 #include "platform/base/time.h"
 
