@@ -23,6 +23,8 @@
 // Observers (ntp_time_manager.h) hear an outcome, and a kept result that is announced again, which is no
 // attempt and has no report here. They hear nothing of an attempt that ends without an outcome: only
 // OnAttemptEnded reports that there was no server (kNoServer), or that a stop cut the attempt off (kStopped).
+// A program that starts again after a stop waits for OnQueueStopped: a start that comes before the stop has
+// run is cut off with the rest.
 #pragma once
 
 #include <cstddef>
@@ -62,6 +64,7 @@ struct NtpSampleAccepted {
   std::string domain;
   net::IPEndPoint server;
   NtpResultData sample;
+  NtpExchange exchange;  // that the sample comes from, with the domain
 };
 
 // A reply brought no sample.
@@ -101,6 +104,9 @@ struct NtpAttemptEnded {
   // The domain's record, with its sample count, its costs and the end point that answered. Its own code and
   // offset are not the kept ones when an earlier result was better.
   NtpDomainResult record;
+  // Whether the record took the kept result's place: from now on the manager's clock follows it. Also true of
+  // a record without a result that took the place of none.
+  bool is_kept = false;
 };
 
 // Each report does nothing unless it is overridden. None may throw.
@@ -119,6 +125,11 @@ class NtpSyncListener {
   virtual void OnReplyRejected(const NtpReplyRejected& /*event*/) {}
   virtual void OnDomainEvaluated(const NtpDomainEvaluated& /*event*/) {}
   virtual void OnAttemptEnded(const NtpAttemptEnded& /*event*/) {}
+  // A stop is done, whether or not it cut an attempt off: one that the program asked for, one that follows 30
+  // s after an outcome or an update of the domains, or that of an attempt without a server. What was
+  // requested before it is forgotten, and no domain is being asked. The end of the attempt that it cut off,
+  // or that had no server, is reported before.
+  virtual void OnQueueStopped() {}
 };
 
 // Reports go to the listener from now on. One that is listening already is not added again, and null is not

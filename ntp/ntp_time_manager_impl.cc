@@ -136,9 +136,10 @@ void NtpTimeManagerImpl::StopNtpQueue() {
     Clean();
     LocalLog(kLogProgress, kSourcePath, __LINE__, "Stop ntp queue");
   }
-  if (is_attempt_open_) {
-    ReportAttemptEnd(NtpAttemptEnd::kStopped);
+  if (end_if_stopped_) {
+    ReportAttemptEnd(*end_if_stopped_);
   }
+  ForEachSyncListener([](NtpSyncListener& listener) { listener.OnQueueStopped(); });
 }
 
 void NtpTimeManagerImpl::Clean() {
@@ -307,11 +308,11 @@ void NtpTimeManagerImpl::DoStartSyncTime() {
   ForEachSyncListener([](NtpSyncListener& listener) { listener.OnAttemptBegun(); });
   if (domain_infos_.empty() && !AddDefaultDomain()) {
     LocalLog(kLogFailure, kSourcePath, __LINE__, "NTP time sync failed: no correct NTP server");
+    end_if_stopped_ = NtpAttemptEnd::kNoServer;
     StopNtpQueue();
-    ReportAttemptEnd(NtpAttemptEnd::kNoServer);
     return;
   }
-  is_attempt_open_ = true;
+  end_if_stopped_ = NtpAttemptEnd::kStopped;
   // While the clocks agree, keep the system-minus-steady offset that the kept NTP offset was computed with.
   const bool is_deviation_found =
       last_sync_ntp_timestamp_us_.load(std::memory_order_relaxed) != 0 && !CheckElapsedTimeDeviation();
@@ -426,9 +427,12 @@ void NtpTimeManagerImpl::OnPacketReceived(NtpResultData data, const net::IPEndPo
     record->endpoint = server;
   }
   ForEachSyncListener([&](NtpSyncListener& listener) {
-    listener.OnSampleAccepted({(*domain)->domain(), server, data});
+    exchange_.domain = (*domain)->domain();
+    listener.OnSampleAccepted({exchange_.domain, server, data, exchange_});
   });
 }
+
+void NtpTimeManagerImpl::OnExchange(const NtpExchange& exchange) { exchange_ = exchange; }
 
 void NtpTimeManagerImpl::OnReplyRejected(const net::IPEndPoint& server, const std::string& counter) {
   ForEachSyncListener([&](NtpSyncListener& listener) { listener.OnReplyRejected({server, counter}); });
@@ -509,7 +513,8 @@ NtpResult NtpTimeManagerImpl::CalculateServerResult(std::shared_ptr<NtpTimeDomai
 void NtpTimeManagerImpl::UpdateNtpResultIfBetter(NtpDomainResult* result,
                                                  int64_t system_offset_from_steady_us) {
   const NtpResult last = last_result_.load(std::memory_order_relaxed);
-  if (!ReplacesKeptResult(result->result, last)) {
+  is_record_kept_ = ReplacesKeptResult(result->result, last);
+  if (!is_record_kept_) {
     LocalLog(kLogProgress, kSourcePath, __LINE__,
              "Use last sync result:%d, offset:%lld, reliable:%d, rtt reliable:%d", static_cast<int>(last),
              static_cast<long long>(ntp_offset_us_.load(std::memory_order_relaxed)),
@@ -581,9 +586,10 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
 
 void NtpTimeManagerImpl::ReportAttemptEnd(NtpAttemptEnd end, NtpResult result, const std::string& domain,
                                           const NtpDomainResult& record) {
-  is_attempt_open_ = false;
+  end_if_stopped_.reset();
+  const bool is_kept = end == NtpAttemptEnd::kOutcome && is_record_kept_;
   ForEachSyncListener([&](NtpSyncListener& listener) {
-    listener.OnAttemptEnded({end, result, domain, record});
+    listener.OnAttemptEnded({end, result, domain, record, is_kept});
   });
 }
 

@@ -12,10 +12,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ntp/kept_result.h"
+#include "ntp/ntp_attempt_control.h"
 #include "ntp/ntp_sync_events.h"
 #include "ntp/ntp_sync_records.h"
 #include "ntp/ntp_time_manager.h"
@@ -47,11 +49,14 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
 
   void OnFirstPacketReceived(int64_t offset_us) override;
   void OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) override;
+  void OnExchange(const NtpExchange& exchange) override;
   void OnReplyRejected(const net::IPEndPoint& server, const std::string& counter) override;
 
  private:
   friend class base::NoDestructor<NtpTimeManagerImpl>;
   friend class NtpTimeManagerPeer;  // the tests' and benchmarks' view
+  friend int internal::RequestNtpAttempt(NtpTimeManager& manager);
+  friend bool internal::IsNtpAttemptRequested(const NtpTimeManager& manager);
 
   // [queue] runs on the manager's queue, [any] on any thread. A debug build checks this in most [queue]
   // functions.
@@ -68,7 +73,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // [queue] Posts StopNtpQueue for 30 s later, unless an attempt is in flight or there is no queue.
   void DelayStopNtpQueueIfNeeded();
   // [queue] Clears is_started_, then cleans under stats_lock_. It leaves is_sync_finished_ and the kept
-  // result. Then reports the end of an open attempt, without the lock.
+  // result. Then, without the lock, reports the end of an open attempt and that the queue has stopped.
   void StopNtpQueue();
   // [queue] Closes the handler's sockets, where a handler exists, and resets the domains.
   void Clean();
@@ -221,8 +226,11 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   std::map<int, NtpFunctionRequestStats> function_request_stats_ SKORRA_GUARDED_BY(stats_lock_);
   std::atomic<uint32_t> start_count_{0};      // [any] calls of Start
   std::atomic<bool> deviation_found_{false};  // [any] clocks apart by more than 500 ms
-  // [queue] An attempt has begun, and its end is not reported. Nothing but the reports reads it.
-  bool is_attempt_open_ = false;
+  // These three are for the reports to listeners only.
+  // [queue] How the attempt that has begun ends when a stop cuts it off; nothing once its end is reported.
+  std::optional<NtpAttemptEnd> end_if_stopped_;
+  bool is_record_kept_ = false;  // [queue] the last record that was compared took the kept one's place
+  NtpExchange exchange_;         // [queue] of the sample that is reported next
 };
 
 }  // namespace skorra

@@ -105,6 +105,7 @@ class ManagerTest : public ::testing::Test {
     NtpTimePacketHandler::Client& client = peer.manager();
     world.RunAsTask(core::BusinessID::kNtpTime, [&] {
       for (const NtpResultData& sample : samples) {
+        client.OnExchange({.sample = sample, .server = server});
         client.OnPacketReceived(sample, server);
       }
     });

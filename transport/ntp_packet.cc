@@ -267,6 +267,8 @@ int64_t RootDistanceUs(const NtpPacket& reply) {
   return (distance * kUsPerSecond) >> 17;
 }
 
+int64_t NtpShortToUs(uint32_t duration) { return (duration * kUsPerSecond + 0xffff) >> 16; }
+
 int64_t NtpTimestampToUs(NtpTimestamp timestamp) {
   constexpr auto kBeginSeconds =
       static_cast<uint32_t>(kTimeWindowBeginUs / kUsPerSecond - kWindowsToNtpEpochSeconds);

@@ -132,6 +132,10 @@ ReplyRejection CheckReply(const NtpPacket& reply, int64_t max_root_distance_us);
 // polls).
 int64_t RootDistanceUs(const NtpPacket& reply);
 
+// A duration in the short format of root delay and root dispersion (RFC 5905, section 6: 16.16 seconds), in
+// microseconds, rounded up.
+int64_t NtpShortToUs(uint32_t duration);
+
 // A time stamp counts from the start of an era and does not tell which one. Every time stamp is placed into
 // the one window of 2^32 s that begins here, 1980-01-01 UTC, and ends 2116-02-07T06:28:16Z. The local clock
 // does not matter: it may show any time at all before it is corrected.

@@ -152,7 +152,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
                                       const net::ReceivedDatagram& datagram) {
   NtpPacket reply;
   Request* request = nullptr;
-  NtpResultData sample;
+  NtpExchange exchange;
   ReplyRejection rejection = FindRequest(server, datagram, &reply, &request);
   if (rejection == ReplyRejection::kNone) {
     NtpAddressLedger::GetInstance()->OnReply(server);
@@ -160,7 +160,7 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
       OnKissCode(code, *request);
       return;
     }
-    rejection = Measure(reply, *request, datagram.receive_ticks_us, &sample);
+    rejection = Measure(reply, *request, datagram, &exchange);
   }
   if (rejection != ReplyRejection::kNone) {
     StopReadingIfDone(peer, datagram.receive_ticks_us);
@@ -174,9 +174,10 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
   CountUnder("receive_stamp", net::StampSourceName(datagram.stamp_source));
   if (!is_first_packet_reported_) {
     is_first_packet_reported_ = true;
-    client_->OnFirstPacketReceived(sample.offset_us);
+    client_->OnFirstPacketReceived(exchange.sample.offset_us);
   }
-  client_->OnPacketReceived(sample, server);
+  client_->OnExchange(exchange);
+  client_->OnPacketReceived(exchange.sample, server);
 }
 
 // Checks the source first: a datagram from another address is not even decoded.
@@ -235,22 +236,44 @@ void NtpTimePacketHandler::OnKissCode(KissCode code, Request& request) {
 }
 
 ReplyRejection NtpTimePacketHandler::Measure(const NtpPacket& reply, const Request& request,
-                                             int64_t receive_ticks_us, NtpResultData* sample) const {
+                                             const net::ReceivedDatagram& datagram,
+                                             NtpExchange* exchange) const {
   if (const ReplyRejection rejection = CheckReply(reply, max_root_distance_us_);
       rejection != ReplyRejection::kNone) {
     return rejection;
   }
   ExchangeTimes times;
   times.send_local_us = ToLocalTimestampUs(request.send_ticks_us);
-  times.receive_local_us = ToLocalTimestampUs(receive_ticks_us);
+  times.receive_local_us = ToLocalTimestampUs(datagram.receive_ticks_us);
   const ServerTimes server = ReadServerTimes(reply);
   times.server_receive_ntp_us = server.receive_ntp_us;
   times.server_transmit_ntp_us = server.transmit_ntp_us;
-  *sample = ComputeSample(times);
-  if (sample->rtt_us < 0) {
+  const NtpResultData sample = ComputeSample(times);
+  if (sample.rtt_us < 0) {
     return ReplyRejection::kNegativeRoundTrip;
   }
-  return sample->rtt_us > max_round_trip_us_ ? ReplyRejection::kLongRoundTrip : ReplyRejection::kNone;
+  if (sample.rtt_us > max_round_trip_us_) {
+    return ReplyRejection::kLongRoundTrip;
+  }
+  *exchange = {
+      .sample = sample,
+      .send_local_us = times.send_local_us,
+      .server_receive_us = times.server_receive_ntp_us,
+      .server_transmit_us = times.server_transmit_ntp_us,
+      .receive_local_us = times.receive_local_us,
+      .system_offset_from_steady_us = system_offset_from_steady_us_,
+      .root_delay_us = NtpShortToUs(reply.root_delay),
+      .root_dispersion_us = NtpShortToUs(reply.root_dispersion),
+      .precision = reply.precision,
+      .stratum = reply.stratum,
+      .leap_indicator = reply.leap_indicator,
+      .reference_id = reply.reference_id,
+      .send_stamp = request.has_kernel_stamp ? NtpStampSource::kKernel : NtpStampSource::kUser,
+      .receive_stamp = datagram.stamp_source == net::StampSource::kKernel ? NtpStampSource::kKernel
+                                                                          : NtpStampSource::kUser,
+      .server = request.server,
+  };
+  return ReplyRejection::kNone;
 }
 
 void NtpTimePacketHandler::ForgetOldRequests(int64_t now_ticks_us) {

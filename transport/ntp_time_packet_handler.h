@@ -46,6 +46,9 @@ class NtpTimePacketHandler {
     // One sample; `server` is the end point that answered.
     virtual void OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) = 0;
     virtual ~Client() = default;
+    // All that the sample's exchange tells, its domain aside: called directly before the sample itself is
+    // reported, and after `OnFirstPacketReceived`.
+    virtual void OnExchange(const NtpExchange& /*exchange*/) {}
     // A reply that brought no sample. `counter` is the name that it was counted under: ntp.rejected.<reason>,
     // or ntp.kiss.<code>.
     virtual void OnReplyRejected(const net::IPEndPoint& /*server*/, const std::string& /*counter*/) {}
@@ -104,9 +107,9 @@ class NtpTimePacketHandler {
   ReplyRejection FindRequest(const net::IPEndPoint& server, const net::ReceivedDatagram& datagram,
                              NtpPacket* reply, Request** request);
   void OnKissCode(KissCode code, Request& request);
-  // Judges what the reply says and computes its sample.
-  ReplyRejection Measure(const NtpPacket& reply, const Request& request, int64_t receive_ticks_us,
-                         NtpResultData* sample) const;
+  // Judges what the reply says and writes down the exchange, its sample first of all.
+  ReplyRejection Measure(const NtpPacket& reply, const Request& request,
+                         const net::ReceivedDatagram& datagram, NtpExchange* exchange) const;
   void ForgetOldRequests(int64_t now_ticks_us);
   int64_t ToLocalTimestampUs(int64_t steady_ticks_us) const;
 
