@@ -137,6 +137,7 @@ class Run : public NtpTimePacketHandler::Client {
   void Play();
 
   void OnFirstPacketReceived(int64_t offset_us) override;
+  void OnExchange(const NtpExchange& exchange) override;
   void OnPacketReceived(NtpResultData data, const IPEndPoint& server) override;
 
  private:
@@ -201,6 +202,7 @@ class Run : public NtpTimePacketHandler::Client {
   } last_;
   int64_t waiting_us_ = 0;  // how long the next datagram waits before it is read
   bool is_first_told_ = false;
+  bool is_exchange_told_ = false;
   // Only when the program asks for it: the ledger hands out the counts of all addresses, those of earlier
   // runs too.
   bool is_ledger_checked_ = false;
@@ -498,24 +500,32 @@ void Run::Deliver(const IPEndPoint& source, const IPEndPoint& client, const std:
   SKORRA_FUZZ_CHECK(world_.RunOne());
   ReadResumed();
   SKORRA_FUZZ_CHECK(model_.reports().empty());
-  SKORRA_FUZZ_CHECK(!is_first_told_);
+  SKORRA_FUZZ_CHECK(!is_first_told_ && !is_exchange_told_);
 }
 
 void Run::OnFirstPacketReceived(int64_t offset_us) {
   SKORRA_FUZZ_CHECK(!is_first_told_ && !model_.reports().empty() && model_.reports()[0].is_first);
-  SKORRA_FUZZ_CHECK(model_.reports()[0].data.offset_us == offset_us);
+  SKORRA_FUZZ_CHECK(model_.reports()[0].exchange.sample.offset_us == offset_us);
   is_first_told_ = true;
   if (callback_server_) {
     Send(*callback_server_);
   }
 }
 
+void Run::OnExchange(const NtpExchange& exchange) {
+  SKORRA_FUZZ_CHECK(!is_exchange_told_ && !model_.reports().empty());
+  SKORRA_FUZZ_CHECK(model_.reports()[0].is_first == is_first_told_);
+  SKORRA_FUZZ_CHECK(model_.reports()[0].exchange == exchange);
+  is_exchange_told_ = true;
+}
+
 void Run::OnPacketReceived(NtpResultData data, const IPEndPoint& server) {
-  SKORRA_FUZZ_CHECK(!model_.reports().empty());
+  SKORRA_FUZZ_CHECK(is_exchange_told_ && !model_.reports().empty());
+  is_exchange_told_ = false;
   const SampleReport expected = model_.reports()[0];
   model_.reports().erase(model_.reports().begin());
   SKORRA_FUZZ_CHECK(expected.is_first == is_first_told_);
-  SKORRA_FUZZ_CHECK(data.offset_us == expected.data.offset_us && data.rtt_us == expected.data.rtt_us);
+  SKORRA_FUZZ_CHECK(data == expected.exchange.sample);
   SKORRA_FUZZ_CHECK(server == servers_[expected.server]);
   is_first_told_ = false;
   if (callback_server_) {

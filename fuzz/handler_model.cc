@@ -265,7 +265,28 @@ void HandlerModel::Measure(std::span<const uint8_t> bytes, Request& request, int
   counters_->Count("ntp.samples_received");
   counters_->Count(request.has_kernel_stamp ? "ntp.send_stamp.kernel" : "ntp.send_stamp.user");
   counters_->Count("ntp.receive_stamp.kernel");
-  reports_.push_back({data, request.server, !is_first_reported_});
+  // Rounded up: 2^-16 s are 15.26 us.
+  const auto short_us = [&](size_t position) {
+    const auto units = static_cast<int64_t>(NumberAt(bytes, position, 4));
+    return units / 65536 * kSecondUs + (units % 65536 * kSecondUs + 65535) / 65536;
+  };
+  NtpExchange exchange;
+  exchange.sample = data;
+  exchange.send_local_us = times.send_local_us;
+  exchange.server_receive_us = times.server_receive_ntp_us;
+  exchange.server_transmit_us = times.server_transmit_ntp_us;
+  exchange.receive_local_us = times.receive_local_us;
+  exchange.system_offset_from_steady_us = clock_offset_us_;
+  exchange.root_delay_us = short_us(4);
+  exchange.root_dispersion_us = short_us(8);
+  exchange.precision = static_cast<int8_t>(bytes[3]);
+  exchange.stratum = bytes[1];
+  exchange.leap_indicator = static_cast<uint8_t>(bytes[0] >> 6);
+  exchange.reference_id = static_cast<uint32_t>(NumberAt(bytes, 12, 4));
+  exchange.send_stamp = request.has_kernel_stamp ? NtpStampSource::kKernel : NtpStampSource::kUser;
+  exchange.receive_stamp = NtpStampSource::kKernel;
+  exchange.server = servers_[request.server];
+  reports_.push_back({exchange, request.server, !is_first_reported_});
   is_first_reported_ = true;
 }
 

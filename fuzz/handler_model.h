@@ -47,7 +47,7 @@ struct Limits {
 };
 
 struct SampleReport {
-  NtpResultData data;
+  NtpExchange exchange;
   size_t server = 0;
   bool is_first = false;
 };

@@ -52,10 +52,17 @@ class RecordingClient : public NtpTimePacketHandler::Client {
  public:
   void OnFirstPacketReceived(int64_t offset_us) override {
     calls.push_back({true, {.offset_us = offset_us}, net::IPEndPoint()});
+    EXPECT_EQ(exchanges.size(), sample_count_) << "an exchange comes after its attempt's first offset";
     is_on_queue &= IsOnQueue();
   }
+  void OnExchange(const NtpExchange& exchange) override { exchanges.push_back(exchange); }
   void OnPacketReceived(NtpResultData data, const net::IPEndPoint& server) override {
     calls.push_back({false, data, server});
+    ++sample_count_;
+    // Each sample's exchange has been reported directly before it.
+    ASSERT_EQ(exchanges.size(), sample_count_);
+    EXPECT_EQ(exchanges.back().sample, data);
+    EXPECT_EQ(exchanges.back().server, server);
     is_on_queue &= IsOnQueue();
     if (on_sample) {
       on_sample();
@@ -70,10 +77,12 @@ class RecordingClient : public NtpTimePacketHandler::Client {
   }
 
   std::vector<Call> calls;
+  std::vector<NtpExchange> exchanges;  // since the beginning
   std::function<void()> on_sample;
   bool is_on_queue = true;
 
  private:
+  size_t sample_count_ = 0;  // since the beginning
   static bool IsOnQueue() {
     return core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, -1, std::nullopt)->IsCurrent();
   }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // One exchange with a server, as data: what one request and its reply measured, and all else that they tell.
 //
-// A public header, by way of ntp/ntp_sync_records.h: it compiles alone, as C++17 too.
+// A public header: it compiles alone, as C++17 too.
 #pragma once
 
 #include <cstdint>

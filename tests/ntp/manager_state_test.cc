@@ -113,6 +113,38 @@ TEST(SyncRecordsTest, RecordsAreEqualWhenNoFieldDiffers) {
   EXPECT_TRUE(counted != NtpFunctionRequestStats());
 }
 
+TEST(SyncRecordsTest, ExchangesAreEqualWhenNoFieldDiffers) {
+  using Change = void (*)(NtpExchange&);
+  const Change changes[] = {
+      [](NtpExchange& e) { e.sample.offset_us = 1; },
+      [](NtpExchange& e) { e.sample.rtt_us = 1; },
+      [](NtpExchange& e) { e.send_local_us = 1; },
+      [](NtpExchange& e) { e.server_receive_us = 1; },
+      [](NtpExchange& e) { e.server_transmit_us = 1; },
+      [](NtpExchange& e) { e.receive_local_us = 1; },
+      [](NtpExchange& e) { e.system_offset_from_steady_us = 1; },
+      [](NtpExchange& e) { e.root_delay_us = 1; },
+      [](NtpExchange& e) { e.root_dispersion_us = 1; },
+      [](NtpExchange& e) { e.precision = 1; },
+      [](NtpExchange& e) { e.stratum = 1; },
+      [](NtpExchange& e) { e.leap_indicator = 1; },
+      [](NtpExchange& e) { e.reference_id = 1; },
+      [](NtpExchange& e) { e.send_stamp = NtpStampSource::kKernel; },
+      [](NtpExchange& e) { e.receive_stamp = NtpStampSource::kKernel; },
+      [](NtpExchange& e) { e.server = Address("192.0.2.1"); },
+      [](NtpExchange& e) { e.domain = "one.test"; },
+  };
+  EXPECT_TRUE(NtpExchange() == NtpExchange());
+  EXPECT_FALSE(NtpExchange() != NtpExchange());
+  for (const Change& change : changes) {
+    SCOPED_TRACE(&change - changes);
+    NtpExchange changed;
+    change(changed);
+    EXPECT_FALSE(changed == NtpExchange());
+    EXPECT_TRUE(changed != NtpExchange());
+  }
+}
+
 TEST(SyncRecordsTest, AFreshReportHoldsNothing) {
   const NtpTimeSyncStats report;
   EXPECT_TRUE(report.function_request_stats.empty());
@@ -129,6 +161,8 @@ TEST(SyncRecordsTest, FreshEventsHoldNothing) {
   EXPECT_EQ(ended.end, NtpAttemptEnd::kOutcome);
   EXPECT_EQ(ended.result, NtpResult::kNoResult);
   EXPECT_TRUE(ended.record == NtpDomainResult());
+  EXPECT_FALSE(ended.is_kept);
+  EXPECT_TRUE(NtpSampleAccepted().exchange == NtpExchange());
 }
 
 TEST(SyncRecordsTest, ResultCodesAreMinusOneZeroAndOneWithATextEach) {

@@ -54,6 +54,14 @@ RC_GTEST_PROP(NtpPacketPropertyTest, AnyBytesAreShortOrEncodeToTheirFirstFortyEi
   }
 }
 
+RC_GTEST_PROP(NtpPacketPropertyTest, AShortDurationIsRoundedUpByLessThanAMicrosecond, ()) {
+  const auto duration = AnyBits<uint32_t>();
+  const int64_t exact = int64_t{duration} * 1000000;  // in units of 2^-16 us
+  const int64_t rounded = NtpShortToUs(duration) * 65536;
+  RC_ASSERT(rounded >= exact);
+  RC_ASSERT(rounded - exact < 65536);
+}
+
 RC_GTEST_PROP(NtpPacketPropertyTest, EveryTimeInTheWindowSurvivesItsTimeStamp, ()) {
   const int64_t us = kTimeWindowBeginUs + *rc::gen::inRange<int64_t>(0, kNtpEraUs);
   RC_ASSERT(NtpTimestampToUs(NtpTimestampFromUs(us)) == us);

@@ -279,6 +279,15 @@ TEST(NtpPacketTest, MalformedRepliesAreRejectedForTheirReason) {
   }
 }
 
+TEST(NtpPacketTest, AShortDurationIsRoundedUpToWholeMicroseconds) {
+  EXPECT_EQ(NtpShortToUs(0), 0);
+  EXPECT_EQ(NtpShortToUs(1), 16);        // 15.26
+  EXPECT_EQ(NtpShortToUs(0x200), 7813);  // 7812.5
+  EXPECT_EQ(NtpShortToUs(0x400), 15625);
+  EXPECT_EQ(NtpShortToUs(0x10000), 1000000);
+  EXPECT_EQ(NtpShortToUs(0xffffffff), 65535999985);  // 65535999984.74
+}
+
 TEST(NtpPacketTest, BytesBehindTheHeaderDoNotChangeItsFields) {
   std::vector<uint8_t> bytes(GoodReply().begin(), GoodReply().end());
   bytes.resize(100, 0xff);

@@ -87,6 +87,72 @@ TEST_F(NtpTimePacketHandlerTest, AGenuineReplyGivesTheExactOffsetAndRoundTripTim
   EXPECT_TRUE(client_.is_on_queue);
 }
 
+TEST_F(NtpTimePacketHandlerTest, AnExchangeHasEverythingThatIsKnownOfIt) {
+  is_answering_ = false;
+  Prepare();
+  const int64_t base_us = base::GetSystemTimeOffsetFromSteady() + 3000000;
+  world_.RunAsTask(core::BusinessID::kNtpTime, [&] { handler_->UpdateSystemTimeOffsetFromSteady(base_us); });
+  Send(kOtherServer);
+  Send();
+  world_.ReportSent(sent_[1].client, 0, sent_[1].sent_ticks_us + 700);
+  NtpPacket replies[2] = {ReplyTo(sent_[0]), ReplyTo(sent_[1])};
+  // 15.26 us, and 1 s with as much: rounded up.
+  replies[0].root_delay = 0x1;
+  replies[0].root_dispersion = 0x10001;
+  replies[0].precision = -23;
+  replies[0].stratum = 15;
+  replies[0].leap_indicator = 1;
+  replies[0].reference_id = 0xc0000205;
+  for (size_t i = 0; i < 2; ++i) {
+    Deliver(sent_[i], replies[i]);
+  }
+  Run();
+
+  NtpExchange first;
+  first.sample = {link_.ExpectedOffsetUs() - 3000000, link_.ExpectedRttUs()};
+  first.send_local_us = sent_[0].sent_ticks_us + base_us;
+  first.server_receive_us = NtpTimestampToUs(replies[0].receive_timestamp);
+  first.server_transmit_us = first.server_receive_us + link_.work_us;
+  first.receive_local_us = first.send_local_us + link_.ExpectedRttUs() + link_.work_us;
+  first.system_offset_from_steady_us = base_us;
+  first.root_delay_us = 16;
+  first.root_dispersion_us = 1000016;
+  first.precision = -23;
+  first.stratum = 15;
+  first.leap_indicator = 1;
+  first.reference_id = 0xc0000205;
+  first.send_stamp = NtpStampSource::kUser;
+  first.receive_stamp = NtpStampSource::kKernel;
+  first.server = kOtherServer;
+  NtpExchange second;
+  second.sample = {first.sample.offset_us - 350, first.sample.rtt_us - 700};
+  second.send_local_us = first.send_local_us + 700;
+  second.server_receive_us = first.server_receive_us;
+  second.server_transmit_us = first.server_transmit_us;
+  second.receive_local_us = first.receive_local_us;
+  second.system_offset_from_steady_us = base_us;
+  second.stratum = 2;
+  second.send_stamp = NtpStampSource::kKernel;
+  second.receive_stamp = NtpStampSource::kKernel;
+  second.server = kServer;
+  EXPECT_EQ(client_.exchanges, (std::vector<NtpExchange>{first, second}));
+}
+
+TEST_F(NtpTimePacketHandlerTest, AReplyWithoutASampleIsNoExchange) {
+  is_answering_ = false;
+  Prepare();
+  Send();
+  NtpPacket kiss = ReplyTo(sent_[0]);
+  kiss.stratum = 0;
+  kiss.reference_id = 0x494e4954;  // INIT
+  NtpPacket late = ReplyTo(sent_[0]);
+  late.transmit_timestamp += uint64_t{1} << 32;
+  Deliver(sent_[0], kiss);
+  Deliver(sent_[0], late);
+  Run();
+  EXPECT_TRUE(client_.exchanges.empty());
+}
+
 TEST_F(NtpTimePacketHandlerTest, AReplyReadLateIsTimedByItsArrival) {
   Prepare();
   Send();
