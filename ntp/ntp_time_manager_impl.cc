@@ -587,7 +587,7 @@ void NtpTimeManagerImpl::HandleServerNtpErrorResult(std::shared_ptr<NtpTimeDomai
 void NtpTimeManagerImpl::ReportAttemptEnd(NtpAttemptEnd end, NtpResult result, const std::string& domain,
                                           const NtpDomainResult& record) {
   end_if_stopped_.reset();
-  const bool is_kept = end == NtpAttemptEnd::kOutcome && is_record_kept_;
+  const bool is_kept = std::exchange(is_record_kept_, false);
   ForEachSyncListener([&](NtpSyncListener& listener) {
     listener.OnAttemptEnded({end, result, domain, record, is_kept});
   });

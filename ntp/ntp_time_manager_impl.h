@@ -229,7 +229,7 @@ class NtpTimeManagerImpl : public NtpTimeManager, public NtpTimePacketHandler::C
   // These three are for the reports to listeners only.
   // [queue] How the attempt that has begun ends when a stop cuts it off; nothing once its end is reported.
   std::optional<NtpAttemptEnd> end_if_stopped_;
-  bool is_record_kept_ = false;  // [queue] the last record that was compared took the kept one's place
+  bool is_record_kept_ = false;  // [queue] the outcome that is reported next took the kept result's place
   NtpExchange exchange_;         // [queue] of the sample that is reported next
 };
 

@@ -235,7 +235,7 @@ def _arguments(source):
     """One argument of a call replaced by its type's zero, of a printed line by 0. Enumerators have their own rule."""
     code = source.code
     for match in re.finditer(r"(?<=[\w>])(?<!->)\(", code):
-        name = re.search(r"([\w:]+)(?:<[\w:<> ]+>)?$", code[:match.start()]).group(1)
+        name = re.search(r"([\w:]+)(?:<[\w:<>&* ]+>)?$", code[:match.start()]).group(1)
         if source.body_of(match.start()) is None or re.search(r"^(?:if|while|for|switch|return)$|cast$|CreateFromHere",
                                                               name):
             continue
