@@ -125,10 +125,10 @@ class NtpSyncListener {
   virtual void OnReplyRejected(const NtpReplyRejected& /*event*/) {}
   virtual void OnDomainEvaluated(const NtpDomainEvaluated& /*event*/) {}
   virtual void OnAttemptEnded(const NtpAttemptEnded& /*event*/) {}
-  // A stop is done, whether or not it cut an attempt off: one that the program asked for, one that follows 30
-  // s after an outcome or an update of the domains, or that of an attempt without a server. What was
-  // requested before it is forgotten, and no domain is being asked. The end of the attempt that it cut off,
-  // or that had no server, is reported before.
+  // A stop is done, whether or not it cut an attempt off: one that the program asked for, the one 30 s after
+  // an outcome or an update of the domains, or that of an attempt without a server. The attempt that it ended
+  // has reported its end before. No domain is being asked; an attempt that was requested before the stop and
+  // has not begun yet begins after it, as `OnAttemptBegun` says. A start inside this report takes effect.
   virtual void OnQueueStopped() {}
 };
 
