@@ -14,6 +14,7 @@
 #include "platform/base/location.h"
 #include "platform/base/random.h"
 #include "platform/base/time.h"
+#include "platform/core/machine_watch.h"
 #include "platform/core/task_queue.h"
 #include "platform/core/thread_manager.h"
 #include "platform/net/datagram_socket.h"
@@ -131,6 +132,17 @@ int64_t GetSystemTimeOffsetFromSteady() {
   return offset_us;
 }
 
+MachineClocks ReadMachineClocks() {
+  const sim::WorldState& state = sim::WorldState::Current();
+  const int64_t ticks_us = state.steady_ticks_us;
+  const int64_t raw_us = state.oscillator.At(ticks_us) - state.suspended_oscillator_us;
+  const int64_t monotonic_us = ticks_us - state.suspended_us;
+  sim::WorldState::Current().NoteSeamCall(sim::SeamCall::kMachineClocks);
+  return {.boot_ns = ticks_us * 1000, .raw_ns = raw_us * 1000, .monotonic_ns = monotonic_us * 1000};
+}
+
+int64_t GetKernelFrequencyPpb() { return sim::WorldState::Current().kernel_frequency_ppb; }
+
 // The configuration may be read, and an address parsed, before there is a world.
 Optional<std::string> GetEnvironmentVariable(const char* name) {
   const sim::WorldState* const state = sim::WorldState::Find();
@@ -154,6 +166,24 @@ std::shared_ptr<TaskQueue> ThreadManager::GetTaskQueue(BusinessID business, int6
   sim::WorldState& state = sim::WorldState::Current();
   state.NoteSeamCall(sim::SeamCall::kTaskQueue);
   return state.is_queue_available ? state.Queue(business, instance) : nullptr;
+}
+
+struct MachineWatch::Impl {
+  std::shared_ptr<const sim::OpenWatch> watch;
+};
+
+MachineWatch::MachineWatch(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+MachineWatch::~MachineWatch() = default;
+
+std::unique_ptr<MachineWatch> MachineWatch::Open(Callbacks callbacks) {
+  sim::WorldState& state = sim::WorldState::Current();
+  if (state.running_queue == nullptr) {
+    return nullptr;
+  }
+  auto watch = std::make_shared<const sim::OpenWatch>(std::move(callbacks), state.running_queue);
+  state.watches.push_back(watch);
+  return std::unique_ptr<MachineWatch>(new MachineWatch(std::make_unique<Impl>(Impl{std::move(watch)})));
 }
 
 }  // namespace skorra_ntp

@@ -16,12 +16,22 @@ namespace {
 
 World* current_world = nullptr;
 
+constexpr int64_t kBillion = 1000000000;
+
+// How fast a clock runs against another that runs `ppb` faster than itself: 1 / (1 + e) - 1. Limited to where
+// that is in the range of a ClockError.
+int64_t InverseFrequency(int64_t ppb) {
+  const int64_t frequency_ppb = std::clamp(ppb, -kBillion / 3, kBillion / 2);
+  return -frequency_ppb * kBillion / (kBillion + frequency_ppb);
+}
+
 }  // namespace
 
 WorldState::WorldState(const World::Options& options)
     : begin_ticks_us(options.steady_ticks_us),
       steady_ticks_us(options.steady_ticks_us),
       wall(options.steady_ticks_us, options.wall_us),
+      oscillator(options.steady_ticks_us, options.steady_ticks_us),
       truth(options.steady_ticks_us, options.wall_us),
       random(options.seed) {}
 
@@ -46,34 +56,57 @@ const WorldState* WorldState::Find() {
 int64_t World::steady_ticks_us() const { return state_->steady_ticks_us; }
 int64_t World::wall_us() const { return state_->wall.At(state_->steady_ticks_us); }
 int64_t World::true_us() const { return TrueAt(state_->steady_ticks_us); }
-int64_t World::TrueAt(int64_t ticks_us) const { return state_->truth.At(ticks_us); }
+int64_t World::TrueAt(int64_t ticks_us) const { return state_->truth.At(state_->oscillator.At(ticks_us)); }
 int64_t World::begin_ticks_us() const { return state_->begin_ticks_us; }
 
 void World::StepWall(base::TimeDelta step) {
   Log("the wall clock steps by %lld us", static_cast<long long>(step.InMicroseconds()));
   state_->wall.Step(state_->steady_ticks_us, step.InMicroseconds());
+  state_->ReportToWatches(&core::MachineWatch::Callbacks::on_clock_set);
 }
 
 void World::SetSteadyError(const ClockError& error) {
-  // The truth runs against the steady clock as much slower as that runs faster: 1 / (1 + e) - 1.
-  constexpr int64_t kBillion = 1000000000;
-  // Beyond these the inverse would leave the range of a ClockError.
-  const int64_t frequency_ppb = std::clamp(error.frequency_ppb, -kBillion / 3, kBillion / 2);
   ClockError inverse = error;
-  inverse.frequency_ppb = -frequency_ppb * kBillion / (kBillion + frequency_ppb);
-  state_->truth.SetError(state_->steady_ticks_us, inverse, NextRandom());
+  inverse.frequency_ppb = InverseFrequency(error.frequency_ppb);
+  state_->truth.SetError(state_->oscillator.At(state_->steady_ticks_us), inverse, NextRandom());
 }
 
 void World::SetWallError(const ClockError& error) {
   state_->wall.SetError(state_->steady_ticks_us, error, NextRandom());
 }
 
-void World::Suspend(base::TimeDelta duration) {
+void World::SlewSteady(int64_t ppb) {
+  state_->slew_ppb = ppb;
+  state_->ApplySteadyFrequency();
+}
+
+void World::SetKernelFrequency(int64_t ppb) {
+  state_->kernel_frequency_ppb = ppb;
+  state_->ApplySteadyFrequency();
+}
+
+void WorldState::ApplySteadyFrequency() {
+  // Nothing wanders here, so no random number is drawn.
+  const int64_t frequency_ppb = InverseFrequency(slew_ppb + kernel_frequency_ppb);
+  oscillator.SetError(steady_ticks_us, {.frequency_ppb = frequency_ppb}, 0);
+}
+
+void World::Suspend(base::TimeDelta duration, base::TimeDelta sleep_error) {
   Log("suspended for %lld us", static_cast<long long>(duration.InMicroseconds()));
   const int64_t begin_ticks_us = state_->steady_ticks_us;
+  const int64_t begin_oscillator_us = state_->oscillator.At(begin_ticks_us);
   Block(duration);
+  const int64_t end_oscillator_us = state_->oscillator.At(state_->steady_ticks_us);
   state_->suspends_ticks_us.emplace_back(begin_ticks_us, state_->steady_ticks_us);
+  state_->suspended_us += state_->steady_ticks_us - begin_ticks_us;
+  state_->suspended_oscillator_us += end_oscillator_us - begin_oscillator_us;
+  if (sleep_error != base::TimeDelta()) {
+    Log("the sleep took %lld us more than the clocks count",
+        static_cast<long long>(sleep_error.InMicroseconds()));
+    state_->truth.Step(end_oscillator_us, sleep_error.InMicroseconds());
+  }
   Log("awake");
+  state_->ReportToWatches(&core::MachineWatch::Callbacks::on_clock_set);
 }
 
 bool WorldState::IsSuspendedAt(int64_t ticks_us) const {
@@ -262,6 +295,24 @@ void World::SetEnvironmentVariable(const std::string& name, base::Optional<std::
     state_->environment.insert_or_assign(name, *std::move(value));
   } else {
     state_->environment.erase(name);
+  }
+}
+
+void World::RaiseNetwork() {
+  Log("an interface gets an address");
+  state_->ReportToWatches(&core::MachineWatch::Callbacks::on_network_up);
+}
+
+void WorldState::ReportToWatches(std::function<void()> core::MachineWatch::Callbacks::*callback) {
+  std::erase_if(watches, [](const auto& watch) { return watch.expired(); });
+  for (const std::weak_ptr<const OpenWatch>& open : watches) {
+    AddEvent(steady_ticks_us, [=, this] {
+      // The callback may close its own watch.
+      const std::shared_ptr<const OpenWatch> watch = open.lock();
+      if (watch != nullptr && watch->callbacks.*callback) {
+        RunOn(watch->queue, watch->callbacks.*callback);
+      }
+    });
   }
 }
 

@@ -63,7 +63,7 @@ struct HostEntry {
 };
 
 // What the program asks of a seam; `World::SetSeamHook` hears of it.
-enum class SeamCall { kWallClock, kSteadyClock, kSystemOffset, kTaskQueue, kSocketClosed };
+enum class SeamCall { kWallClock, kSteadyClock, kSystemOffset, kTaskQueue, kSocketClosed, kMachineClocks };
 
 class World {
  public:
@@ -94,16 +94,24 @@ class World {
   // The steady time at which the world began.
   int64_t begin_ticks_us() const;
 
-  // Only the wall clock steps; steady time and truth do not.
+  // Only the wall clock steps; steady time and truth do not. Watches of the machine hear of it.
   void StepWall(base::TimeDelta step);
   // How fast the machine's oscillator runs against the truth: both clocks follow it. The frequency is limited
   // to the range from -333 to 500 million parts per billion.
   void SetSteadyError(const ClockError& error);
   // How fast the wall clock runs against the steady clock, as if something slewed it.
   void SetWallError(const ClockError& error);
-  // The machine sleeps: all clocks go on, tasks and events wait for the end, and what arrives meanwhile is
-  // lost.
-  void Suspend(base::TimeDelta duration);
+  // Slews the steady clock, and with it the wall clock, against the oscillator, from now on; 0 ends it. No
+  // reading of the machine tells it, but the raw clock does not follow.
+  void SlewSteady(int64_t ppb);
+  // The frequency correction that the kernel applies to the oscillator, from now on, and tells: the same as a
+  // slew, in addition to it. Both together are limited as `SetSteadyError` is.
+  void SetKernelFrequency(int64_t ppb);
+  // The machine sleeps: tasks and events wait for the end, and what arrives meanwhile is lost. Clocks go on
+  // and count `duration`, but the raw and the monotonic clock stand still. The sleep took `sleep_error`
+  // longer than the clocks count; what the truth says inside the sleep leaves that out. More than
+  // `-duration`. Watches of the machine hear of the end.
+  void Suspend(base::TimeDelta duration, base::TimeDelta sleep_error = base::TimeDelta());
 
   // The world calls `hook` at every call of a seam that SeamCall names, once its answer is settled. A test
   // can note the order, look at the program at that moment, or let time pass with `Block`, so that no two
@@ -172,6 +180,9 @@ class World {
   // What an interface name in a link-local address means from now on; 0 removes the interface. A world begins
   // with "lo" as number 1.
   void SetInterface(const std::string& name, uint32_t index);
+
+  // An interface got an address: every core::MachineWatch reports it.
+  void RaiseNetwork();
 
   // --- Chance.
 

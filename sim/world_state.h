@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "netmodel/random.h"
+#include "platform/core/machine_watch.h"
 #include "platform/core/task_queue.h"
 #include "platform/core/thread_manager.h"
 #include "platform/net/datagram_socket.h"
@@ -30,6 +31,11 @@ struct OpenSocket {
   // What has arrived meanwhile, at most as many as a receive buffer holds.
   std::vector<std::function<void()>> unread = {};
   static constexpr size_t kMaxUnread = 256;
+};
+
+struct OpenWatch {
+  core::MachineWatch::Callbacks callbacks;
+  const core::TaskQueue* queue = nullptr;  // the one on which it was opened; the callbacks run there
 };
 
 struct WorldState {
@@ -57,6 +63,10 @@ struct WorldState {
   void ScheduleArrival(const net::IPEndPoint& source, const net::IPEndPoint& client,
                        std::vector<uint8_t> bytes, int64_t arrival_ticks_us, bool is_filtered);
   bool IsSuspendedAt(int64_t ticks_us) const;
+  // Sets how fast the steady clock runs against the oscillator: by its slew and the kernel's correction.
+  void ApplySteadyFrequency();
+  // Calls a callback of every watch that is still open by then, as a task of its queue.
+  void ReportToWatches(std::function<void()> core::MachineWatch::Callbacks::*callback);
   void NoteSeamCall(SeamCall call) {
     if (seam_hook) {
       seam_hook(call);
@@ -65,10 +75,16 @@ struct WorldState {
 
   const int64_t begin_ticks_us;
   int64_t steady_ticks_us;
-  ClockModel wall;
-  ClockModel truth;
+  ClockModel wall;        // of the steady clock
+  ClockModel oscillator;  // of the steady clock; goes on in suspend
+  ClockModel truth;       // of the oscillator
+  int64_t slew_ppb = 0;
+  int64_t kernel_frequency_ppb = 0;
   netmodel::Random random;
   std::vector<std::pair<int64_t, int64_t>> suspends_ticks_us;  // from, to
+  // What all of them took by the steady clock and by the oscillator.
+  int64_t suspended_us = 0;
+  int64_t suspended_oscillator_us = 0;
   std::function<void(const std::string&)> event_log;
   std::function<void(SeamCall)> seam_hook;
 
@@ -78,6 +94,7 @@ struct WorldState {
   std::map<std::pair<core::BusinessID, int64_t>, std::shared_ptr<core::TaskQueue>> queues;
   const core::TaskQueue* running_queue = nullptr;
   bool is_queue_available = true;
+  std::vector<std::weak_ptr<const OpenWatch>> watches;  // in the order of their opening
 
   std::function<void(const SentDatagram&)> network;
   std::map<net::IPEndPoint, OpenSocket*> sockets;  // by local end point

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/base/clock.h"
 
+#include <sys/timex.h>
 #include <time.h>
 
 #include <limits>
@@ -14,6 +15,8 @@ static_assert(sizeof(time_t) == 8, "build with _TIME_BITS=64: a 32-bit time_t en
 
 namespace {
 
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+
 // clock_gettime cannot fail with a clock that the kernel knows, and all kernels since 2.6.39 know both.
 // Most of the cost of reading the network clock is here. Add the epoch to the seconds so that it overlaps the
 // division; 32-bit unsigned division is the fastest.
@@ -22,6 +25,12 @@ int64_t ReadMicroseconds(clockid_t clock, int64_t epoch_us) {
   clock_gettime(clock, &now);
   return (static_cast<int64_t>(now.tv_sec) * kUsPerSecond + epoch_us) +
          static_cast<uint32_t>(now.tv_nsec) / 1000;
+}
+
+int64_t ReadNanoseconds(clockid_t clock) {
+  timespec now;
+  clock_gettime(clock, &now);
+  return static_cast<int64_t>(now.tv_sec) * kNsPerSecond + now.tv_nsec;
 }
 
 }  // namespace
@@ -46,6 +55,24 @@ int64_t GetSystemTimeOffsetFromSteady() {
     }
   }
   return offset_us;
+}
+
+MachineClocks ReadMachineClocks() {
+  // The initializers of a braced list run in their order.
+  return {.boot_ns = ReadNanoseconds(CLOCK_BOOTTIME),
+          .raw_ns = ReadNanoseconds(CLOCK_MONOTONIC_RAW),
+          .monotonic_ns = ReadNanoseconds(CLOCK_MONOTONIC)};
+}
+
+int64_t GetKernelFrequencyPpb() {
+  timex state{};
+  state.modes = 0;  // reads only
+  if (adjtimex(&state) < 0) {
+    return 0;
+  }
+  // In units of 2^-16 parts per million. Adding a half before the shift, which rounds down, rounds to
+  // nearest.
+  return (static_cast<int64_t>(state.freq) * 1000 + (1 << 15)) >> 16;
 }
 
 }  // namespace skorra_ntp
