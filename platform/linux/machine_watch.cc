@@ -75,7 +75,8 @@ int ArmForever(int timer) {
 
 }  // namespace
 
-// Shared with the event loop's handlers: one may still be pending when the watch is destroyed.
+// Shared with the event loop's handlers: one may be pending, or calling a callback, when the watch is
+// destroyed.
 struct MachineWatch::Impl {
   struct State : std::enable_shared_from_this<State> {
     State(asio::io_context& loop, Callbacks functions)
@@ -210,8 +211,6 @@ int MachineWatch::Impl::State::TakeMessages(bool* is_up) {
 
 void MachineWatch::Impl::State::Report(const std::function<void()>& callback) {
   if (callback) {
-    // It may destroy the watch.
-    const auto self = shared_from_this();
     internal::RunHandler(callback);
   }
 }

@@ -20,6 +20,7 @@
 #include "platform/base/lock.h"
 #include "platform/base/random.h"
 #include "platform/base/thread_annotations.h"
+#include "platform/core/machine_watch.h"
 #include "platform/core/thread_manager.h"
 #include "platform/net/datagram_socket.h"
 #include "platform/net/host_resolver.h"
@@ -118,6 +119,43 @@ TEST_F(ClockSeamTest, TheWallClockIsSteadyTicksPlusTheOffset) {
 TEST_F(ClockSeamTest, TheWallClockShowsACivilDateOfTheseDecades) {
   EXPECT_GT(base::Time::Now().ToString(), "2024");
   EXPECT_LT(base::Time::Now().ToString(), "2100");
+}
+
+TEST_F(ClockSeamTest, TheThreeClocksOfAReadingNeverGoBackAndTheFirstIsTheSteadyOne) {
+  base::MachineClocks last = base::ReadMachineClocks();
+  for (int i = 0; i < 10000; ++i) {
+    const int64_t before_ticks_us = base::GetSteadyTimeTicks();
+    const base::MachineClocks now = base::ReadMachineClocks();
+    ASSERT_LE(before_ticks_us, now.boot_ns / 1000);
+    ASSERT_LE(now.boot_ns / 1000, base::GetSteadyTimeTicks());
+    ASSERT_GE(now.raw_ns, last.raw_ns);
+    ASSERT_GE(now.monotonic_ns, last.monotonic_ns);
+    // Steady ticks count suspends, too.
+    ASSERT_GE(now.boot_ns, last.monotonic_ns);
+    last = now;
+  }
+}
+
+TEST_F(ClockSeamTest, TheThreeClocksGoOnTogether) {
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  const int64_t after_begin_ns = base::GetSteadyTimeTicks() * 1000;
+  std::atomic<bool> has_run{false};
+  Queue()->PostDelayedTask(kHere, base::BindOnce([&] { has_run = true; }), Ms(20));
+  ASSERT_TRUE(world_.WaitUntil([&] { return has_run.load(); }));
+  const base::MachineClocks end = base::ReadMachineClocks();
+  // A thread may be delayed inside a reading: these are the limits of what can have passed. A real clock is
+  // slewed by less than a hundredth.
+  const int64_t longest_ns = (base::GetSteadyTimeTicks() + 1) * 1000 - begin.boot_ns;
+  const int64_t shortest_ns = end.boot_ns - after_begin_ns - 1000;
+  EXPECT_GE(shortest_ns, 0);
+  for (const int64_t passed_ns : {end.raw_ns - begin.raw_ns, end.monotonic_ns - begin.monotonic_ns}) {
+    EXPECT_LE(passed_ns, longest_ns + longest_ns / 100);
+    EXPECT_GE(passed_ns, shortest_ns - shortest_ns / 100);
+  }
+}
+
+TEST_F(ClockSeamTest, TheKernelCorrectsTheOscillatorByAtMost500PartsPerMillion) {
+  EXPECT_LE(std::abs(base::GetKernelFrequencyPpb()), 500000);
 }
 
 TEST_F(ClockSeamTest, RandomNumbersDiffer) {
@@ -505,6 +543,33 @@ TEST_F(DatagramSeamTest, TwoSocketsToOneServerHaveTheirOwnPorts) {
   Connect(server);
   EXPECT_NE(local_, first);
   RunAsTask([&] { kept = nullptr; });
+}
+
+// --- The watch of the machine
+
+using WatchSeamTest = SeamTest;
+
+TEST_F(WatchSeamTest, AWatchIsOpenedOnATaskQueueOnly) {
+  EXPECT_EQ(core::MachineWatch::Open({}), nullptr);
+  for (const int64_t instance : {-1, 1}) {
+    RunAsTask([] { EXPECT_NE(core::MachineWatch::Open({}), nullptr); }, instance);
+  }
+}
+
+TEST_F(WatchSeamTest, AQuietMachineReportsNothingInsideTheOpeningOfAWatch) {
+  RunAsTask([] {
+    bool is_opening = true;
+    int inside = 0;
+    const auto note = [&] { inside += is_opening ? 1 : 0; };
+    std::vector<std::unique_ptr<core::MachineWatch>> watches;
+    for (int i = 0; i < 10; ++i) {
+      watches.push_back(core::MachineWatch::Open({note, note}));
+      EXPECT_NE(watches.back(), nullptr);
+    }
+    is_opening = false;
+    watches.clear();
+    EXPECT_EQ(inside, 0);
+  });
 }
 
 // --- Names

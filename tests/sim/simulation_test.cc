@@ -3,7 +3,11 @@
 // The simulated world's own parts: clocks, suspend, datagrams, names, attackers and the log.
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gmock/gmock.h"
@@ -11,6 +15,7 @@
 #include "platform/base/clock.h"
 #include "platform/base/random.h"
 #include "platform/base/time.h"
+#include "platform/core/machine_watch.h"
 #include "sim/attacker.h"
 #include "sim/clock_model.h"
 #include "sim/network.h"
@@ -184,6 +189,185 @@ TEST_F(WorldTest, DuringASuspendClocksGoOnAndTasksWait) {
   EXPECT_THAT(ran_at, ElementsAre(3600 * kSecond, 3600 * kSecond, 7200 * kSecond));
 }
 
+TEST_F(WorldTest, RawAndMonotonicStandStillInASuspendAndBootDoesNot) {
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  EXPECT_EQ(begin.boot_ns, world_.begin_ticks_us() * 1000);
+  EXPECT_EQ(begin.raw_ns, begin.boot_ns);
+  EXPECT_EQ(begin.monotonic_ns, begin.boot_ns);
+  for (const int64_t rounds : {1, 2}) {
+    world_.RunFor(TimeDelta::FromSeconds(10));
+    world_.Suspend(TimeDelta::FromSeconds(3600));
+    const base::MachineClocks now = base::ReadMachineClocks();
+    EXPECT_EQ(now.boot_ns / 1000, base::GetSteadyTimeTicks());
+    EXPECT_EQ(now.boot_ns - begin.boot_ns, rounds * 3610 * kSecond * 1000);
+    EXPECT_EQ(now.raw_ns - begin.raw_ns, rounds * 10 * kSecond * 1000);
+    EXPECT_EQ(now.monotonic_ns - begin.monotonic_ns, rounds * 10 * kSecond * 1000);
+  }
+}
+
+TEST_F(WorldTest, ASlewMovesTheSteadyClocksAgainstRawAndTruth) {
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  const int64_t begin_true_us = world_.true_us();
+  const int64_t begin_wall_us = world_.wall_us();
+  world_.SlewSteady(500000);
+  // By the steady clocks, which run 500 ppm fast: 1000.5 s of them are 1000 s.
+  world_.RunFor(TimeDelta::FromMilliseconds(1000500));
+  base::MachineClocks now = base::ReadMachineClocks();
+  EXPECT_EQ(now.boot_ns - begin.boot_ns, 1000500000000);
+  EXPECT_EQ(now.monotonic_ns - begin.monotonic_ns, 1000500000000);
+  EXPECT_EQ(world_.wall_us() - begin_wall_us, 1000500000);
+  EXPECT_NEAR(static_cast<double>(now.raw_ns - begin.raw_ns), 1e12, 2e3);
+  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 1e9, 2);
+  EXPECT_EQ(base::GetKernelFrequencyPpb(), 0) << "the machine does not tell";
+  // After its end all go on together, with what the slew gained.
+  world_.SlewSteady(0);
+  const int64_t gained_ns = now.boot_ns - now.raw_ns;
+  world_.RunFor(TimeDelta::FromSeconds(1000));
+  now = base::ReadMachineClocks();
+  EXPECT_EQ(now.boot_ns - now.raw_ns, gained_ns);
+}
+
+TEST_F(WorldTest, ASlewDuringASuspendMovesBootAgainstTheTruthButNotRaw) {
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  const int64_t begin_true_us = world_.true_us();
+  world_.SlewSteady(500000);
+  world_.Suspend(TimeDelta::FromMilliseconds(1000500));
+  const base::MachineClocks now = base::ReadMachineClocks();
+  EXPECT_EQ(now.boot_ns - begin.boot_ns, 1000500000000);
+  EXPECT_EQ(now.raw_ns, begin.raw_ns);
+  EXPECT_EQ(now.monotonic_ns, begin.monotonic_ns);
+  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 1e9, 2);
+}
+
+TEST_F(WorldTest, TheKernelsFrequencyIsToldAndAddsToASlew) {
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  world_.SetKernelFrequency(-20000);
+  EXPECT_EQ(base::GetKernelFrequencyPpb(), -20000);
+  world_.RunFor(TimeDelta::FromSeconds(1000));
+  const base::MachineClocks alone = base::ReadMachineClocks();
+  EXPECT_NEAR(static_cast<double>(alone.raw_ns - begin.raw_ns), 1e12 / 0.99998, 2e3);
+  world_.SlewSteady(120000);
+  EXPECT_EQ(base::GetKernelFrequencyPpb(), -20000);
+  world_.RunFor(TimeDelta::FromSeconds(1000));
+  const base::MachineClocks both = base::ReadMachineClocks();
+  EXPECT_NEAR(static_cast<double>(both.raw_ns - alone.raw_ns), 1e12 / 1.0001, 2e3);
+}
+
+TEST_F(WorldTest, AnOscillatorsErrorMovesAllClocksOfTheMachineAgainstTheTruthAlsoUnderASlew) {
+  world_.SlewSteady(100000);
+  world_.SetSteadyError({.frequency_ppb = -30000});
+  const base::MachineClocks begin = base::ReadMachineClocks();
+  const int64_t begin_true_us = world_.true_us();
+  world_.RunFor(TimeDelta::FromSeconds(1000));
+  const base::MachineClocks now = base::ReadMachineClocks();
+  EXPECT_NEAR(static_cast<double>(now.raw_ns - begin.raw_ns), 1e12 / 1.0001, 2e3);
+  EXPECT_NEAR(static_cast<double>(world_.true_us() - begin_true_us), 1e9 / 1.0001 / 0.99997, 3);
+}
+
+TEST_F(WorldTest, TheClocksMiscountASleepByItsError) {
+  const int64_t begin_true_us = world_.true_us();
+  const int64_t begin_ticks_us = world_.steady_ticks_us();
+  world_.Suspend(TimeDelta::FromSeconds(3600), TimeDelta::FromMilliseconds(-700));
+  EXPECT_EQ(world_.true_us() - begin_true_us, 3600 * kSecond - 700000);
+  EXPECT_EQ(world_.steady_ticks_us() - begin_ticks_us, 3600 * kSecond);
+  EXPECT_EQ(world_.wall_us() - begin_true_us, 3600 * kSecond);
+  world_.Suspend(TimeDelta::FromSeconds(60), TimeDelta::FromSeconds(2));
+  world_.RunFor(TimeDelta::FromSeconds(10));
+  EXPECT_EQ(world_.true_us() - begin_true_us, 3672 * kSecond - 700000);
+  EXPECT_EQ(world_.TrueAt(begin_ticks_us), begin_true_us);
+  EXPECT_EQ(world_.steady_ticks_us() - begin_ticks_us, 3670 * kSecond);
+}
+
+TEST_F(WorldTest, AHookHearsOfAReadingOfTheThreeClocks) {
+  std::vector<SeamCall> calls;
+  world_.SetSeamHook([&](SeamCall call) {
+    calls.push_back(call);
+    world_.Block(TimeDelta::FromSeconds(1));
+  });
+  const base::MachineClocks first = base::ReadMachineClocks();
+  const base::MachineClocks second = base::ReadMachineClocks();
+  world_.SetSeamHook(nullptr);
+  EXPECT_THAT(calls, ElementsAre(SeamCall::kMachineClocks, SeamCall::kMachineClocks));
+  EXPECT_EQ(first.boot_ns, world_.begin_ticks_us() * 1000) << "settled before the hook runs";
+  EXPECT_EQ(second.raw_ns - first.raw_ns, kSecond * 1000);
+}
+
+class WatchTest : public WorldTest {
+ protected:
+  std::unique_ptr<core::MachineWatch> Open(const std::string& name, int64_t instance = -1) {
+    const auto note = [=, this](const char* event) {
+      const auto queue =
+          core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, std::nullopt);
+      events_.push_back(name + event + (queue->IsCurrent() ? "" : " off its queue"));
+    };
+    std::unique_ptr<core::MachineWatch> watch;
+    RunOnQueue(instance, [&] {
+      watch = core::MachineWatch::Open({[=] { note(": clock"); }, [=] { note(": network"); }});
+    });
+    return watch;
+  }
+  void RunOnQueue(int64_t instance, const std::function<void()>& function) {
+    const auto queue = core::ThreadManager::GetTaskQueue(core::BusinessID::kNtpTime, instance, std::nullopt);
+    queue->PostTask(base::Location::CreateFromHere("test", __LINE__), base::BindOnce([&] { function(); }));
+    world_.RunFor(TimeDelta());
+  }
+  // What was reported since the last call.
+  std::vector<std::string> Events() {
+    world_.RunFor(TimeDelta());
+    return std::exchange(events_, {});
+  }
+
+  std::vector<std::string> events_;
+};
+
+TEST_F(WatchTest, EachWatchHearsOfStepsSuspendsAndTheNetworkOnItsQueueInTheOrderOfOpening) {
+  const auto first = Open("first");
+  const auto second = Open("second", 1);
+  EXPECT_THAT(Events(), IsEmpty());
+  world_.StepWall(TimeDelta::FromSeconds(-1));
+  EXPECT_THAT(events_, IsEmpty()) << "not inside the step";
+  EXPECT_THAT(Events(), ElementsAre("first: clock", "second: clock"));
+  world_.Suspend(TimeDelta::FromSeconds(10));
+  EXPECT_THAT(Events(), ElementsAre("first: clock", "second: clock"));
+  world_.RaiseNetwork();
+  EXPECT_THAT(Events(), ElementsAre("first: network", "second: network"));
+  world_.SlewSteady(1000);
+  world_.SetKernelFrequency(1000);
+  world_.SetSteadyError({.frequency_ppb = 1000});
+  world_.SetWallError({.frequency_ppb = 1000});
+  world_.RunFor(TimeDelta::FromSeconds(1000));
+  EXPECT_THAT(Events(), IsEmpty()) << "no step";
+}
+
+TEST_F(WatchTest, AWatchThatIsGoneHearsNothingMore) {
+  auto watch = Open("watch");
+  world_.StepWall(TimeDelta::FromSeconds(1));
+  world_.RaiseNetwork();
+  watch = nullptr;
+  EXPECT_THAT(Events(), IsEmpty());
+  world_.StepWall(TimeDelta::FromSeconds(1));
+  EXPECT_EQ(world_.pending_count(), 0u) << "without a watch, nothing happens";
+}
+
+TEST_F(WatchTest, ACallbackMayDestroyItsWatch) {
+  std::unique_ptr<core::MachineWatch> watch;
+  int count = 0;
+  RunOnQueue(-1, [&] {
+    watch = core::MachineWatch::Open({.on_clock_set =
+                                          [&] {
+                                            watch = nullptr;
+                                            ++count;
+                                          },
+                                      .on_network_up = nullptr});
+  });
+  world_.RaiseNetwork();
+  EXPECT_THAT(Events(), IsEmpty()) << "a callback may be left out";
+  world_.StepWall(TimeDelta::FromSeconds(1));
+  world_.StepWall(TimeDelta::FromSeconds(1));
+  world_.RunFor(TimeDelta());
+  EXPECT_EQ(count, 1);
+}
+
 TEST_F(WorldTest, ASuspendLosesDatagramsAndABlockedTaskDoesNot) {
   const auto server = Address("203.0.113.1");
   network_.AddServer(server, {});
@@ -288,10 +472,16 @@ TEST_F(WorldTest, TheLogNamesTimeAndEvent) {
   world_.RunFor(TimeDelta::FromMilliseconds(1500));
   world_.StepWall(TimeDelta::FromMilliseconds(-2));
   world_.Suspend(TimeDelta::FromSeconds(2));
+  world_.RaiseNetwork();
+  world_.Suspend(TimeDelta::FromSeconds(1), TimeDelta::FromMilliseconds(-5));
   world_.SetEventLog(nullptr);
   world_.Log("nobody hears this");
-  EXPECT_THAT(lines, ElementsAre("     1.500000 the wall clock steps by -2000 us",
-                                 "     1.500000 suspended for 2000000 us", "     3.500000 awake"));
+  EXPECT_THAT(
+      lines,
+      ElementsAre("     1.500000 the wall clock steps by -2000 us", "     1.500000 suspended for 2000000 us",
+                  "     3.500000 awake", "     3.500000 an interface gets an address",
+                  "     3.500000 suspended for 1000000 us",
+                  "     4.500000 the sleep took -5000 us more than the clocks count", "     4.500000 awake"));
 }
 
 }  // namespace
