@@ -181,7 +181,8 @@ std::unique_ptr<MachineWatch> MachineWatch::Open(Callbacks callbacks) {
   if (state.running_queue == nullptr) {
     return nullptr;
   }
-  auto watch = std::make_shared<const sim::OpenWatch>(std::move(callbacks), state.running_queue);
+  auto watch =
+      std::make_shared<const sim::OpenWatch>(sim::OpenWatch{std::move(callbacks), state.running_queue});
   state.watches.push_back(watch);
   return std::unique_ptr<MachineWatch>(new MachineWatch(std::make_unique<Impl>(Impl{std::move(watch)})));
 }
