@@ -78,13 +78,13 @@ def read_rooms():
 
 
 # Centre and level of each room; the arrows come from the table.
-PLACES = {"ntp/": (250, 0), "transport/": (250, 1), "sim/": (620, 0), "netmodel/": (620, 1), "platform/": (435, 2),
-          "platform/linux/": (250, 3), "platform/files/": (620, 3)}
+PLACES = {"clock/": (250, 0), "ntp/": (250, 1), "transport/": (250, 2), "sim/": (620, 1), "netmodel/": (620, 2),
+          "platform/": (435, 3), "platform/linux/": (250, 4), "platform/files/": (620, 4)}
 ROOM_WIDTH, ROOM_HEIGHT, LEVEL = 230, 52, 96
-SHORT = {"ntp/": "when to ask, whom to believe", "transport/": "packets, addresses, what may leave",
-         "sim/": "the seams in virtual time", "netmodel/": "links and servers, pure functions",
-         "platform/": "facilities and seams: headers", "platform/linux/": "the seams on a real machine",
-         "platform/files/": "configuration and log file"}
+SHORT = {"clock/": "the keeper, and the bound", "ntp/": "when to ask, whom to believe",
+         "transport/": "packets, addresses, what may leave", "sim/": "the seams in virtual time",
+         "netmodel/": "links and servers, pure functions", "platform/": "facilities and seams: headers",
+         "platform/linux/": "the seams on a real machine", "platform/files/": "configuration and log file"}
 
 
 def draw_rooms():
@@ -106,18 +106,29 @@ def draw_rooms():
         drawing.box(x - ROOM_WIDTH / 2, y, ROOM_WIDTH, ROOM_HEIGHT)
         drawing.text(x, y + 21, name, "name")
         drawing.text(x, y + 40, SHORT[name], "faint")
-        for target in re.findall(r"[\w/.]+[/h](?=,|$)", rooms[name][1]):
-            draw_include(drawing, centre(name), centre(target if target in PLACES else target.split("/")[0] + "/"),
-                         target if target not in PLACES else "")
+        for target, headers in includes_of(rooms[name][1]):
+            draw_include(drawing, centre(name), centre(target), headers)
     return drawing.write()
 
 
-def draw_include(drawing, begin, end, label):
+def includes_of(cell):
+    """Room -> the headers of it that may be included, none when all of them may."""
+    headers = {}
+    for target in re.findall(r"[\w/.]+[/h](?=,|$)", cell):
+        room = target if target in PLACES else target.split("/")[0] + "/"
+        headers.setdefault(room, []).extend([] if target == room else [target.split("/")[-1]])
+    return headers.items()
+
+
+def draw_include(drawing, begin, end, headers):
     (x1, y1), (x2, y2) = begin, end
     half = ROOM_HEIGHT / 2
     if y1 == y2:
         side = 1 if x2 > x1 else -1
         drawing.arrow([(x1 + side * ROOM_WIDTH / 2, y1), (x2 - side * ROOM_WIDTH / 2, y2)])
+    elif x1 == x2 and y2 - y1 > LEVEL:
+        edge = x1 - ROOM_WIDTH / 2
+        drawing.arrow([(edge, y1), (edge - 10, y1), (edge - 10, y2), (edge, y2)])
     elif x1 == x2:
         drawing.arrow([(x1, y1 + half), (x2, y2 - half)])
     elif y2 > y1 and y2 - y1 > LEVEL:
@@ -130,8 +141,9 @@ def draw_include(drawing, begin, end, label):
         down = 1 if y2 > y1 else -1
         shift = 50 if x1 > x2 else -50
         drawing.arrow([(x1 - shift / 2, y1 + down * half), (x2 + shift, y2 - down * half)])
-    if label:
-        drawing.label((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 else -1), f"only {label.split('/')[-1]}")
+    if headers:
+        words = f"only {headers[0]}" if len(headers) == 1 else f"only {len(headers)} headers"
+        drawing.label((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 or x1 == x2 else -1), words)
 
 
 LANES = [("any thread", 80), ("manager", 270), ("packet handler", 480), ("ledger", 670), ("server", 800)]

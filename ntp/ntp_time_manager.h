@@ -9,7 +9,7 @@
 //   manager->AddObserver(observer);                     // a std::shared_ptr that you keep
 //   manager->UpdateNtpTimeDomain({"ntp.example.org"});
 //   manager->Start();
-//   ...  // wait until the observer has heard an outcome, as README.md shows
+//   ...  // wait until the observer has heard an outcome, as docs/embedding.md shows
 //   const int64_t now_us = manager->GetNtpTimestampFrom1970();
 //
 // Threads: every operation may be called from any thread. None blocks on the network: the work is done by

@@ -22,6 +22,8 @@ class NtpTimeManagerPeer {
   using DomainPtr = std::shared_ptr<NtpTimeDomainInfo>;
 
   NtpTimeManagerPeer() : owned_(new Impl), m_(*owned_) {}
+  // Of the process's manager.
+  explicit NtpTimeManagerPeer(NtpTimeManager& manager) : m_(static_cast<Impl&>(manager)) {}
 
   Impl& manager() { return m_; }
 

@@ -27,10 +27,8 @@ int64_t ReadMicroseconds(clockid_t clock, int64_t epoch_us) {
          static_cast<uint32_t>(now.tv_nsec) / 1000;
 }
 
-int64_t ReadNanoseconds(clockid_t clock) {
-  timespec now;
-  clock_gettime(clock, &now);
-  return static_cast<int64_t>(now.tv_sec) * kNsPerSecond + now.tv_nsec;
+int64_t InNanoseconds(const timespec& time) {
+  return static_cast<int64_t>(time.tv_sec) * kNsPerSecond + time.tv_nsec;
 }
 
 }  // namespace
@@ -58,10 +56,15 @@ int64_t GetSystemTimeOffsetFromSteady() {
 }
 
 MachineClocks ReadMachineClocks() {
-  // The initializers of a braced list run in their order.
-  return {.boot_ns = ReadNanoseconds(CLOCK_BOOTTIME),
-          .raw_ns = ReadNanoseconds(CLOCK_MONOTONIC_RAW),
-          .monotonic_ns = ReadNanoseconds(CLOCK_MONOTONIC)};
+  // The arithmetic comes last: the processor does it while it waits for the third clock.
+  timespec boot;
+  timespec raw;
+  timespec monotonic;
+  clock_gettime(CLOCK_BOOTTIME, &boot);
+  clock_gettime(CLOCK_MONOTONIC_RAW, &raw);
+  clock_gettime(CLOCK_MONOTONIC, &monotonic);
+  return {
+      .boot_ns = InNanoseconds(boot), .raw_ns = InNanoseconds(raw), .monotonic_ns = InNanoseconds(monotonic)};
 }
 
 int64_t GetKernelFrequencyPpb() {

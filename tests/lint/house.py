@@ -25,11 +25,12 @@ LIBRARIES = {"asio": "Asio", "ares": "c-ares", "spdlog/": "spdlog", "fmt/": "spd
              "CLI/": "CLI11", "nlohmann/": "nlohmann-json", "gtest/": "GoogleTest", "gmock/": "GoogleTest",
              "rapidcheck": "RapidCheck", "benchmark/": "Google Benchmark"}
 
-PRODUCT = ("ntp/", "transport/", "platform/", "netmodel/", "sim/", "apps/")
+PRODUCT = ("clock/", "ntp/", "transport/", "platform/", "netmodel/", "sim/", "apps/")
 
 # What product code does not call, where it may all the same, and what to use instead.
 BANNED = [
-    (r"std::chrono::(steady|system|high_resolution)_clock|using std::chrono::\w+_clock", (),
+    (r"std::chrono::(steady|system|high_resolution)_clock|using std::chrono::\w+_clock",
+     ("clock/ntp_clock.h",),  # the type alone, for to_sys and from_sys
      "read the clocks of platform/base/clock.h"),
     (r"\b(getenv|secure_getenv)\s*\(", ("platform/linux/environment.cc",), "read the configuration (platform/config)"),
     (r"\bif_nametoindex\s*\(", ("platform/linux/",), "use the seam in platform/net"),

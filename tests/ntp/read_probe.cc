@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What one read of the clock costs in calls: runs reads in both healthy states of a manager and counts the
-// allocations, the lock operations and the clock readings that they make. Ends with status 1 when there is
-// any allocation or lock, or another number of clock readings than two (quiet) and five (due).
+// What one read of the clock costs in calls: runs reads in both healthy states of a manager, and those of
+// NtpClock, and counts the allocations, the lock operations and the clock readings that they make. Ends with
+// status 1 when there is any allocation or lock, or another number of clock readings than two (quiet) and
+// five (due), three for NtpClock's Read, IsAfter and IsBefore, and one for its now.
 //
 //   read_probe [READS]
 //
@@ -15,7 +16,9 @@
 #include <cstdlib>
 #include <new>
 
+#include "clock/ntp_clock.h"
 #include "testing/ntp_time_manager_peer.h"
+#include "testing/process_clock.h"
 
 namespace {
 
@@ -56,21 +59,61 @@ void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 
-// Reads `count` times and prints what that took. True when it took nothing but the expected readings.
-bool Probe(const char* state, skorra::NtpTimeManager& manager, long count, long expected_readings) {
+struct Expected {
+  long each;      // clock readings of a read
+  long once = 0;  // and of the first one besides
+};
+
+// Calls `read`, which returns a time in microseconds, `count` times and prints what that took. True when it
+// took nothing but the expected readings.
+template <class Function>
+bool Probe(const char* state, long count, Expected expected, const Function& read) {
   allocations = 0;
   locks = 0;
   clock_readings = 0;
   int64_t last_us = 0;
   bool is_monotonic = true;
   for (long i = 0; i < count; ++i) {
-    const int64_t now_us = manager.GetNtpTimestampFrom1970();
+    const int64_t now_us = read();
     is_monotonic = is_monotonic && now_us >= last_us && now_us > 0;
     last_us = now_us;
   }
   std::printf("%s: %ld reads, %ld allocations, %ld locks, %ld clock readings\n", state, count,
               allocations.load(), locks.load(), clock_readings.load());
-  return is_monotonic && allocations == 0 && locks == 0 && clock_readings == count * expected_readings;
+  // A reader that was put aside between its three clocks takes 18 more readings, which is seldom.
+  const long more = clock_readings - count * expected.each - expected.once;
+  const bool is_expected =
+      more == 0 || (expected.each == 3 && more % 18 == 0 && more > 0 && more / 18 < count / 100);
+  return is_monotonic && allocations == 0 && locks == 0 && is_expected;
+}
+
+bool ProbeManager(const char* state, skorra::NtpTimeManager& manager, long count, long expected_readings) {
+  return Probe(state, count, {expected_readings}, [&] { return manager.GetNtpTimestampFrom1970(); });
+}
+
+bool ProbeClock(long count) {
+  using skorra::NtpClock;
+  skorra::NtpTimeManagerPeer peer(*skorra::NtpTimeManager::GetInstance());
+  skorra::PublishTimeInProcess(peer);
+  NtpClock::Read();  // the first that finds work builds what does it
+  const NtpClock::time_point never = NtpClock::time_point::max();
+  bool is_clean = Probe("NtpClock::Read", count, {3}, [] { return NtpClock::Read().best_estimate_us; });
+  is_clean = Probe("NtpClock::now", count, {1},
+                   [] { return static_cast<int64_t>(NtpClock::now().time_since_epoch().count()); }) &&
+             is_clean;
+  is_clean =
+      Probe("NtpClock::IsAfter", count, {3}, [&] { return NtpClock::IsAfter(never) ? 0 : 1; }) && is_clean;
+  is_clean =
+      Probe("NtpClock::IsBefore", count, {3}, [&] { return NtpClock::IsBefore(never) ? 1 : 0; }) && is_clean;
+  // What is due is handed to the manager once, which makes its own five readings.
+  skorra::PublishTimeInProcess(peer);
+  is_clean = Probe("NtpClock::Read, due", count, {3, 5}, [] { return NtpClock::Read().best_estimate_us; }) &&
+             is_clean;
+  skorra::PublishTimeInProcess(peer);
+  is_clean = Probe("NtpClock::now, due", count, {1, 5},
+                   [] { return static_cast<int64_t>(NtpClock::now().time_since_epoch().count()); }) &&
+             is_clean;
+  return is_clean;
 }
 
 }  // namespace
@@ -92,8 +135,8 @@ int main(int argc, char** argv) {
   peer.KeepGoodResult(2500);
   // The first read of a process that looks at the configuration builds the configuration centre.
   peer.manager().GetNtpTimestampFrom1970();
-  const bool is_due_clean = Probe("due", peer.manager(), count, 5);
+  const bool is_due_clean = ProbeManager("due", peer.manager(), count, 5);
   peer.last_check_local_time_ms() = base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds();
-  const bool is_quiet_clean = Probe("quiet", peer.manager(), count, 2);
-  return is_due_clean && is_quiet_clean ? 0 : 1;
+  const bool is_quiet_clean = ProbeManager("quiet", peer.manager(), count, 2);
+  return ProbeClock(count) && is_due_clean && is_quiet_clean ? 0 : 1;
 }

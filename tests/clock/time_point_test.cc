@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// NtpClock as one of the standard's clocks.
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <ratio>
+#include <thread>
+#include <type_traits>
+
+#include "clock/ntp_clock.h"
+#include "clock/shared_clock.h"
+#include "gtest/gtest.h"
+#include "sim/world.h"
+
+namespace skorra {
+namespace {
+
+// The requirements of a Clock: [time.clock.req].
+static_assert(std::is_same_v<NtpClock::rep, int64_t>);
+static_assert(std::is_same_v<NtpClock::period, std::micro>);
+static_assert(std::is_same_v<NtpClock::duration, std::chrono::duration<NtpClock::rep, NtpClock::period>>);
+static_assert(std::is_same_v<NtpClock::time_point, std::chrono::time_point<NtpClock, NtpClock::duration>>);
+static_assert(std::is_same_v<NtpClock::time_point::clock, NtpClock>);
+static_assert(std::is_same_v<decltype(NtpClock::now()), NtpClock::time_point>);
+static_assert(std::is_same_v<decltype(NtpClock::is_steady), const bool>);
+static_assert(!NtpClock::is_steady);
+static_assert(noexcept(NtpClock::now()));
+static_assert(std::chrono::is_clock_v<NtpClock>);
+
+TEST(TimePointTest, WithoutATimeNowIsTheEpoch) {
+  const sim::World world;
+  EXPECT_EQ(NtpClock::now(), NtpClock::time_point());
+}
+
+TEST(TimePointTest, NowIsTheEstimate) {
+  sim::World world;
+  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+  internal::ProcessClock().estimate_us = 1000000000 - now_ticks_us;
+  EXPECT_EQ(NtpClock::now().time_since_epoch(), std::chrono::seconds(1000));
+  world.RunFor(base::TimeDelta::FromSeconds(2));
+  EXPECT_EQ(NtpClock::now().time_since_epoch(), std::chrono::seconds(1002));
+}
+
+TEST(TimePointTest, ATimeGoesToTheSystemClockAndBack) {
+  for (const int64_t us : {int64_t{-1}, int64_t{0}, int64_t{1795000000123456}}) {
+    const NtpClock::time_point time{NtpClock::duration(us)};
+    EXPECT_EQ(NtpClock::to_sys(time).time_since_epoch().count(), us);
+    EXPECT_EQ(NtpClock::from_sys(NtpClock::to_sys(time)), time);
+  }
+  const NtpClock::time_point time{std::chrono::seconds(86400)};
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(NtpClock::to_sys(time));
+  EXPECT_EQ(seconds, 86400);
+}
+
+TEST(TimePointTest, ASleepUntilATimeThatIsReachedReturns) {
+  sim::World world;
+  internal::ProcessClock().estimate_us = 1000000000;
+  std::this_thread::sleep_until(NtpClock::now());
+  std::this_thread::sleep_until(NtpClock::now() - std::chrono::hours(1));
+}
+
+TEST(TimePointTest, CertainAnswersComeFromTheLimits) {
+  const sim::World world;
+  const auto at = [](int64_t us) { return NtpClock::time_point(NtpClock::duration(us)); };
+  EXPECT_FALSE(NtpClock::IsAfter(at(0)));
+  EXPECT_FALSE(NtpClock::IsBefore(at(0)));
+  ClockSnapshot snapshot;
+  snapshot.status = NtpClockStatus::kSynchronized;
+  snapshot.result = NtpResult::kSuccess;
+  snapshot.clocks = base::ReadMachineClocks();
+  snapshot.earliest_us = 1000000;
+  snapshot.estimate_us = 1500000;
+  snapshot.latest_us = 2000000;
+  snapshot.fresh_for_ns = 1000000000;
+  internal::ProcessClock().snapshot.Publish(snapshot);
+  const NtpClockReading reading = NtpClock::Read();
+  ASSERT_TRUE(reading.has_bound());
+  EXPECT_TRUE(NtpClock::IsAfter(at(reading.earliest_us - 1)));
+  EXPECT_FALSE(NtpClock::IsAfter(at(reading.earliest_us)));
+  EXPECT_FALSE(NtpClock::IsAfter(at(reading.latest_us)));
+  EXPECT_TRUE(NtpClock::IsBefore(at(reading.latest_us + 1)));
+  EXPECT_FALSE(NtpClock::IsBefore(at(reading.latest_us)));
+  EXPECT_FALSE(NtpClock::IsBefore(at(reading.earliest_us)));
+}
+
+}  // namespace
+}  // namespace skorra
