@@ -151,13 +151,13 @@ int ManagerModel::Start() {
   const bool is_fresh = last_sync_local_time_ms != 0 && last_sync_local_time_ms < now && !NeedsUpdate() &&
                         now - last_sync_local_time_ms < kTenMinutesMs && ClocksAgree();
   if (!is_fresh) {
-    return RequestStart();
+    return RequestAttempt();
   }
   Post(Kind::kNotify, 0, Code(last_result));
   return 0;
 }
 
-int ManagerModel::RequestStart() {
+int ManagerModel::RequestAttempt() {
   if (is_started) {
     return -1;
   }
@@ -178,7 +178,7 @@ int64_t ManagerModel::GetNtpTimestampFrom1970() {
   const bool has_result = ntp_offset_us != kNoOffsetUs;
   if (is_due && (!has_result || NeedsUpdate() || !ClocksAgree())) {
     last_check_local_time_ms = now;
-    RequestStart();
+    RequestAttempt();
   }
   return has_result ? NtpNow() : 0;
 }

@@ -56,6 +56,7 @@ class ManagerModel final : public Side {
   void RemoveObserver(int observer) override;
   void ReleaseObserver(int observer) override;
   int Start() override;
+  int RequestAttempt() override;
   void Stop() override;
   int64_t GetNtpTimestampFrom1970() override;
   void UpdateNtpTimeDomain(const std::vector<std::string>& domains) override;
@@ -146,7 +147,6 @@ class ManagerModel final : public Side {
   int64_t LocalNow() const;
   bool NeedsUpdate();
   bool ClocksAgree();
-  int RequestStart();
   int ScanForObserver(int observer);
 
   void RunNotify(NtpResult result, const net::IPEndPoint& server);

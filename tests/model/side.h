@@ -64,6 +64,7 @@ class Side {
   virtual void RemoveObserver(int observer) = 0;
   virtual void ReleaseObserver(int observer) = 0;
   virtual int Start() = 0;
+  virtual int RequestAttempt() = 0;  // ntp/ntp_attempt_control.h
   virtual void Stop() = 0;
   virtual int64_t GetNtpTimestampFrom1970() = 0;
   virtual void UpdateNtpTimeDomain(const std::vector<std::string>& domains) = 0;

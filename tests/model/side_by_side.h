@@ -10,6 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "clock/keeper.h"
+#include "clock/shared_clock.h"
+#include "ntp/ntp_attempt_control.h"
 #include "ntp/ntp_sync_events.h"
 #include "sim/world.h"
 #include "testing/config_scope.h"
@@ -31,6 +34,7 @@ class ManagerSide final : public Side {
   void RemoveObserver(int observer) override;
   void ReleaseObserver(int observer) override;
   int Start() override { return peer.manager().Start(); }
+  int RequestAttempt() override { return internal::RequestNtpAttempt(peer.manager()); }
   void Stop() override { peer.manager().Stop(); }
   int64_t GetNtpTimestampFrom1970() override { return peer.manager().GetNtpTimestampFrom1970(); }
   void UpdateNtpTimeDomain(const std::vector<std::string>& domains) override {
@@ -101,8 +105,10 @@ class SideBySide {
   ConfigScope config_;
   std::array<uint64_t, kAddressCount> request_counts_{};
   std::array<uint64_t, 4> key_metrics_before_{};
-  // Listens in every second walk, which must make no difference.
-  const std::shared_ptr<NtpSyncListener> listener_ = std::make_shared<NtpSyncListener>();
+  // A clock hears and judges every attempt in every second walk, which must make no difference.
+  SharedClock shared_clock_;
+  const std::shared_ptr<NtpSyncListener> listener_ =
+      std::make_shared<Keeper>(real.peer.manager(), shared_clock_, [](const NtpSyncOutcome&) {});
   size_t posted_seen_ = 0;
   uint64_t step_count_ = 0;
   std::string difference_;

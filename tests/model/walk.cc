@@ -45,6 +45,7 @@ enum class Reaction {
   kRead,
   kReport,
   kUpdate,
+  kRequestAttempt,
   kCount,
 };
 
@@ -67,7 +68,7 @@ class Draws {
 
 // How often each kind is drawn, in the order of the enumeration.
 constexpr std::array<int, static_cast<size_t>(EventKind::kCount)> kWeights = {
-    30, 10, 10, 55, 14, 2, 45, 8, 22, 8, 8, 10, 22, 150, 3, 85, 40, 18, 16, 40, 4, 35};
+    30, 10, 10, 55, 14, 2, 45, 8, 22, 8, 8, 10, 22, 150, 3, 85, 40, 18, 16, 40, 4, 35, 12};
 
 EventKind DrawKind(Draws& draws) {
   int total = 0;
@@ -247,6 +248,8 @@ void Walker::React(Side& side, int number) {
       return side.trace.returned.push_back(TakeReport(side));
     case Reaction::kUpdate:
       return side.UpdateNtpTimeDomain({Surroundings::Name(observer.slot)});
+    case Reaction::kRequestAttempt:
+      return side.trace.returned.push_back(side.RequestAttempt());
     default:
       return;
   }
@@ -412,6 +415,8 @@ bool Walker::Run(const Event& event) {
       return sides_.ReceiveFirst(event.a);
     case EventKind::kMeasure:
       return Measure(event.a, event.b);
+    case EventKind::kRequestAttempt:
+      return sides_.Both([](Side& side) { return side.RequestAttempt(); });
     case EventKind::kCount:
       break;
   }
@@ -443,7 +448,8 @@ std::string Describe(const Event& event) {
       "step to deviation",
       "receive samples",
       "receive first offset",
-      "measure"};
+      "measure",
+      "request attempt"};
   return std::string(kNames[static_cast<size_t>(event.kind)]) + " " + std::to_string(event.a) + " " +
          std::to_string(event.b);
 }

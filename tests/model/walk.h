@@ -37,6 +37,7 @@ enum class EventKind {
   kReceive,           // a: whose samples; b: which samples
   kReceiveFirst,      // a: the offset
   kMeasure,  // the same as kReceive, in an attempt in which no other samples come; then their evaluation
+  kRequestAttempt,
   kCount,
 };
 
