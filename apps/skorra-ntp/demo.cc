@@ -44,6 +44,12 @@ int RunDemo() {
     text += "\n  true offset      " + FormatOffset(options.clock_error_us) + "\n  measured offset  " +
             FormatOffset(*offset_us) + "\n  error            " + FormatOffset(error_us) + "\n";
   }
+  const bool limits_hold = LimitsHold(report, options.clock_error_us);
+  if (report.reading.has_bound()) {
+    text += "  error at most    " + FormatSpan(report.reading.error_bound_us) +
+            (limits_hold ? ": the true offset lies between the limits\n"
+                         : ": the true offset does not lie between the limits\n");
+  }
   const bool is_printed = PrintText(text);
   int status = ExitStatus(report);
   if (!offset_us) {
@@ -51,6 +57,11 @@ int RunDemo() {
   } else if (std::llabs(error_us) > kMaxErrorUs) {
     PrintProblem("the error is more than 5 ms",
                  "If the machine is busy, or its clock was set meanwhile, try again.");
+    status = kExitWrongDemo;
+  } else if (!limits_hold) {
+    PrintProblem("the true offset does not lie between the limits",
+                 "If the machine's clock was set meanwhile, try again. Otherwise the limits are wrong: "
+                 "please report it.");
     status = kExitWrongDemo;
   }
   return is_printed ? status : kExitOutput;

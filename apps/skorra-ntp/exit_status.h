@@ -9,7 +9,7 @@ inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitMaybeInaccurate = 1;
 inline constexpr int kExitCannotListen = 1;  // `serve` cannot have its address
 inline constexpr int kExitNoResult = 2;
-inline constexpr int kExitWrongDemo = 3;  // `demo` measured something other than the truth
+inline constexpr int kExitWrongDemo = 3;  // `demo` measured or proved something other than the truth
 inline constexpr int kExitUsage = 64;     // EX_USAGE of sysexits.h
 // EX_IOERR of sysexits.h: standard output did not take everything. It stands for any other status, because
 // the reader lacks the report that says more.

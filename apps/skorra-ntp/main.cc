@@ -35,6 +35,18 @@ constexpr const char* kSyncFooter =
     "  skorra-ntp sync ntp.example.org                    a name, port 123\n"
     "  skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'    two servers; the first good answer wins\n"
     "  skorra-ntp sync --json --timeout 5 192.0.2.1       for scripts\n\n"
+    "The report tells how wrong the offset is at most, and why the sync ended as it did:\n"
+    "  ok, inaccurate    there is an offset, and the true one lies between the limits\n"
+    "  not_resolved      no name has an address\n"
+    "  no_server         the names lost their addresses\n"
+    "  refused           access is denied, or the port is closed\n"
+    "  silent            no answer came\n"
+    "  limited           the servers ask us to wait\n"
+    "  unusable          every answer failed a check\n"
+    "  too_few_samples   too few answers could be used\n"
+    "  disagreeing       the answers contradict each other: no time is told\n"
+    "  stopped           the attempt took too long, and was stopped\n"
+    "  timed_out         the time allowed has passed\n\n"
     "Exit status:\n"
     "  0   success\n"
     "  1   an offset was measured, but it may be inaccurate\n"
@@ -55,7 +67,8 @@ constexpr const char* kServeFooter =
 constexpr const char* kDemoFooter =
     "Example:\n"
     "  skorra-ntp demo\n\n"
-    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one;\n"
+    "Exit status: that of `sync`, or 3 when the measured offset is more than 5 ms from the true one\n"
+    "or its limits do not hold that;\n"
     "74 when standard output is full, closed or no longer read, whatever was measured";
 
 // The environment variables, with those of the configuration's table.
@@ -103,7 +116,8 @@ void WarnOfHostAliases() {
 }
 
 void AddSync(CLI::App& app, skorra::SyncOptions& options, bool& as_json) {
-  auto* const command = app.add_subcommand("sync", "Ask NTP servers and print the clock offset");
+  auto* const command =
+      app.add_subcommand("sync", "Ask NTP servers and print the clock offset with its limits");
   command
       ->add_option("SERVER", options.servers,
                    "host, host:port, address, address:port or [IPv6]:port; several are asked at once")

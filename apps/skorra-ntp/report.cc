@@ -47,6 +47,10 @@ std::string AdviceWithoutResult(const SyncReport& report) {
            "timerfd_settime?). Allow that system call.";
   }
   // Kiss codes come first: they carried our nonce, while errors of the network may be forged.
+  if (report.samples_received == 0 && report.reason == NtpSyncReason::kLimited) {
+    return report.asked + " asks us to wait (kiss codes: " + ListReasons(report.kiss_codes) +
+           "). Ask it again in two minutes or later, and less often, or choose another server.";
+  }
   if (report.samples_received == 0 && Refusals(report) > 0) {
     return report.asked + " does not serve this machine now (kiss codes: " + ListReasons(report.kiss_codes) +
            "). Wait at least two minutes before asking it again, or choose another server.";
@@ -78,56 +82,69 @@ nlohmann::ordered_json OrNull(const std::optional<T>& value) {
   return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
 }
 
+nlohmann::ordered_json NumberIf(bool is_there, int64_t number) {
+  return is_there ? nlohmann::ordered_json(number) : nlohmann::ordered_json(nullptr);
+}
+
 }  // namespace
 
 std::optional<int64_t> OffsetUs(const SyncReport& report) {
-  if (!report.ntp_time_us || !report.system_time_us) {
+  if (!report.reading.has_time() || !report.system_time_us) {
     return std::nullopt;
   }
-  return *report.ntp_time_us - *report.system_time_us;
+  return report.reading.best_estimate_us - *report.system_time_us;
+}
+
+bool LimitsHold(const SyncReport& report, int64_t true_offset_us) {
+  if (!report.reading.has_bound() || !report.system_time_us) {
+    return false;
+  }
+  const int64_t true_us = *report.system_time_us + true_offset_us;
+  return report.reading.earliest_us <= true_us && true_us <= report.reading.latest_us;
 }
 
 std::string Message(const SyncReport& report) {
-  switch (report.end) {
-    case SyncEnd::kOutcome:
-      return report.outcome_text;
-    case SyncEnd::kTimedOut:
+  switch (report.reason) {
+    case NtpSyncReason::kTimedOut:
       return "no outcome within " + SecondsText(report.timeout_s);
-    case SyncEnd::kNotResolved:
+    case NtpSyncReason::kNotResolved:
       return "no server name could be resolved";
-    case SyncEnd::kNoServer:
+    case NtpSyncReason::kNoServer:
       return "no usable server";
-    case SyncEnd::kStopped:
+    case NtpSyncReason::kStopped:
       return "the attempt was stopped before it had an outcome";
+    case NtpSyncReason::kDisagreeing:
+      return "the answers contradict each other";
+    default:
+      return report.outcome_text;
   }
-  return "";
 }
 
 std::string Advice(const SyncReport& report) {
-  const bool has_result = report.end == SyncEnd::kOutcome && report.result != NtpResult::kNoResult;
-  if (report.timers_failed > 0 && !has_result) {
+  if (report.timers_failed > 0 && report.result == NtpResult::kNoResult) {
     return AdviceWithoutResult(report);
   }
-  switch (report.end) {
-    case SyncEnd::kOutcome:
-      if (report.result == NtpResult::kNoResult) {
-        return AdviceWithoutResult(report);
-      }
-      return report.result == NtpResult::kSuccess
-                 ? ""
-                 : "The answers differed too much from each other. Try again, or choose a nearer server.";
-    case SyncEnd::kTimedOut:
+  switch (report.reason) {
+    case NtpSyncReason::kOk:
+      return "";
+    case NtpSyncReason::kInaccurate:
+      return "The answers differed too much from each other. Try again, or choose a nearer server.";
+    case NtpSyncReason::kDisagreeing:
+      return "The answers of " + report.server.value_or(report.asked) +
+             " cannot all be true, so no time is told. Choose another server.";
+    case NtpSyncReason::kTimedOut:
       return "The attempt took longer than " + SecondsText(report.timeout_s) +
              (report.samples_received == 0 ? " and no answer came. " + AdviceWithoutResult(report)
                                            : ". Allow more with --timeout.");
-    case SyncEnd::kNotResolved:
+    case NtpSyncReason::kNotResolved:
       return "Check the spelling of the names and this machine's name service, or give IP addresses.";
-    case SyncEnd::kNoServer:
+    case NtpSyncReason::kNoServer:
       return "The names had no address when the attempt began. Try again, or give IP addresses.";
-    case SyncEnd::kStopped:
+    case NtpSyncReason::kStopped:
       return "The servers took too long one after another. Ask fewer of them.";
+    default:
+      return AdviceWithoutResult(report);
   }
-  return "";
 }
 
 std::string FormatOffset(int64_t offset_us) {
@@ -140,6 +157,8 @@ std::string FormatOffset(int64_t offset_us) {
   return text;
 }
 
+std::string FormatSpan(int64_t span_us) { return FormatOffset(span_us).substr(1); }
+
 std::string ToText(const SyncReport& report) {
   std::string text;
   const auto line = [&text](std::string_view label, const std::string& value) {
@@ -149,12 +168,21 @@ std::string ToText(const SyncReport& report) {
   };
   text += "NTP time sync: " + Message(report) + " (result " +
           std::to_string(static_cast<int>(report.result)) + ")\n";
+  line("reason", NtpSyncReasonName(report.reason));
   if (const auto offset_us = OffsetUs(report)) {
     line("offset", FormatOffset(*offset_us) + (*offset_us < 0   ? " (the system clock is ahead)"
                                                : *offset_us > 0 ? " (the system clock is behind)"
                                                                 : ""));
   } else {
     line("offset", "none");
+  }
+  if (report.reading.has_bound() && report.system_time_us) {
+    line("limits", FormatOffset(report.reading.earliest_us - *report.system_time_us) + " to " +
+                       FormatOffset(report.reading.latest_us - *report.system_time_us));
+    line("error", "at most " + FormatSpan(report.reading.error_bound_us) + ", probably " +
+                      FormatSpan(report.reading.error_estimate_us));
+  } else if (report.reading.has_time()) {
+    line("error", "without a limit (" + std::string(NtpClockStatusName(report.reading.status)) + ")");
   }
   line("server", report.server.value_or("none"));
   line("requests", std::to_string(report.requests_sent) + " sent");
@@ -173,8 +201,8 @@ std::string ToText(const SyncReport& report) {
     line("errors", ListReasons(report.socket_errors));
   }
   line("took", std::to_string(report.took_ms) + " ms");
-  if (report.ntp_time_us && report.system_time_us) {
-    line("NTP time", TimeText(*report.ntp_time_us));
+  if (report.reading.has_time() && report.system_time_us) {
+    line("NTP time", TimeText(report.reading.best_estimate_us));
     line("system time", TimeText(*report.system_time_us));
   }
   return text;
@@ -188,11 +216,18 @@ std::string ToJson(const SyncReport& report) {
                           {"replies", counts.replies},
                           {"kiss_codes", counts.kiss_codes}};
   }
+  const NtpClockReading& reading = report.reading;
   const nlohmann::ordered_json json = {
       {"result", static_cast<int>(report.result)},
       {"message", Message(report)},
+      {"reason", NtpSyncReasonName(report.reason)},
+      {"status", NtpClockStatusName(reading.status)},
       {"offset_us", OrNull(OffsetUs(report))},
-      {"ntp_time_us", OrNull(report.ntp_time_us)},
+      {"error_bound_us", NumberIf(reading.has_bound(), reading.error_bound_us)},
+      {"error_estimate_us", NumberIf(reading.has_bound(), reading.error_estimate_us)},
+      {"ntp_time_us", NumberIf(reading.has_time(), reading.best_estimate_us)},
+      {"earliest_us", NumberIf(reading.has_bound(), reading.earliest_us)},
+      {"latest_us", NumberIf(reading.has_bound(), reading.latest_us)},
       {"server", OrNull(report.server)},
       {"requests_sent", report.requests_sent},
       {"samples_received", report.samples_received},
@@ -211,9 +246,6 @@ std::string ToJson(const SyncReport& report) {
 }
 
 int ExitStatus(const SyncReport& report) {
-  if (report.end != SyncEnd::kOutcome) {
-    return kExitNoResult;
-  }
   switch (report.result) {
     case NtpResult::kSuccess:
       return kExitSuccess;

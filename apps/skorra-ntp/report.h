@@ -8,18 +8,10 @@
 #include <optional>
 #include <string>
 
+#include "clock/ntp_clock.h"
 #include "ntp/ntp_time_manager.h"
 
 namespace skorra {
-
-// How the attempt ended.
-enum class SyncEnd {
-  kOutcome,      // the library announced one
-  kTimedOut,     // none came within the time allowed
-  kNotResolved,  // no server name had an address
-  kNoServer,     // the library found no usable server
-  kStopped,      // the library closed the attempt without an outcome
-};
 
 // Occurrences by reason.
 using ReasonCounts = std::map<std::string, uint64_t>;
@@ -33,19 +25,17 @@ struct AddressReport {
 };
 
 struct SyncReport {
-  SyncEnd end = SyncEnd::kTimedOut;
+  NtpSyncReason reason = NtpSyncReason::kTimedOut;
   std::string asked;  // the servers as the user wrote them, for messages
   double timeout_s = 0;
-  // What is wrong with a server as it was written: nothing was asked then.
-  std::optional<std::string> bad_server = {};
 
   // Taken from the outcome. Without one they keep these values.
-  NtpResult result = NtpResult::kNoResult;
+  NtpResult result = NtpResult::kNoResult;  // none, too, when the outcome is not told: its replies disagree
   std::string outcome_text;
   std::optional<std::string> server;  // the address that answered
   std::optional<uint64_t> samples_used;
-  std::optional<int64_t> ntp_time_us;     // since 1970
-  std::optional<int64_t> system_time_us;  // since 1970, read together with the NTP time
+  NtpClockReading reading = {};           // the time with its limits; without a result only the status
+  std::optional<int64_t> system_time_us;  // since 1970, at the moment of the reading
 
   int64_t took_ms = 0;
   uint64_t requests_sent = 0;
@@ -63,6 +53,9 @@ struct SyncReport {
 
 // NTP time minus system time in microseconds.
 std::optional<int64_t> OffsetUs(const SyncReport& report);
+
+// Whether there are limits and the true time, which is ahead of system time by this much, lies between them.
+bool LimitsHold(const SyncReport& report, int64_t true_offset_us);
 
 // The end of the attempt in a few words.
 std::string Message(const SyncReport& report);
@@ -82,5 +75,8 @@ int ExitStatus(const SyncReport& report);
 
 // Microseconds as signed seconds, "+2.345678 s".
 std::string FormatOffset(int64_t offset_us);
+
+// A magnitude in microseconds, from 0, as seconds without a sign, "2.345678 s".
+std::string FormatSpan(int64_t span_us);
 
 }  // namespace skorra

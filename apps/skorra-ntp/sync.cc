@@ -6,13 +6,17 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <semaphore>
+#include <set>
 #include <string_view>
 
 #include "apps/skorra-ntp/exit_status.h"
 #include "apps/skorra-ntp/terminal.h"
+#include "clock/ntp_clock.h"
 #include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
 #include "platform/base/lock.h"
@@ -20,7 +24,9 @@
 #include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
 #include "platform/metrics/key_metrics.h"
+#include "platform/net/ip_endpoint.h"
 #include "transport/ntp_address_ledger.h"
+#include "transport/ntp_packet.h"
 
 namespace skorra {
 namespace {
@@ -36,7 +42,7 @@ std::string JoinNames(const std::vector<std::string>& names) {
   return text;
 }
 
-// What the library reports about the one attempt. It begins once the names have been looked up.
+// What the library reports about the first attempt. It begins once the names have been looked up.
 //
 // Written on the library's queue, read by the waiting thread.
 class Watch final : public NtpSyncListener {
@@ -44,27 +50,39 @@ class Watch final : public NtpSyncListener {
   Watch() : shows_progress_(isatty(STDERR_FILENO) != 0) {}
 
   void OnDomainsUpdated(const NtpDomainsUpdated& event) override {
-    if (TakeNames(event)) {
-      NtpTimeManager::GetInstance()->Start();
+    const base::AutoLock lock(lock_);
+    if (is_over_) {
+      return;
     }
+    for (const auto& [name, reason, detail] : event.without_address) {
+      // The clock asks for them again and again.
+      if (without_address_.insert(name).second) {
+        std::string line = "skorra-ntp: cannot resolve ";
+        line.append(name).append(": ").append(detail);
+        PrintLine(line);
+      }
+    }
+    asked_.insert(asked_.end(), event.added.begin(), event.added.end());
   }
 
   void OnAttemptEnded(const NtpAttemptEnded& event) override {
     const base::AutoLock lock(lock_);
-    if (end_) {
+    if (is_over_) {
       return;
     }
-    switch (event.end) {
-      case NtpAttemptEnd::kOutcome:
-        outcome_ = event;
-        End(SyncEnd::kOutcome);
-        break;
-      case NtpAttemptEnd::kNoServer:
-        End(SyncEnd::kNoServer);
-        break;
-      case NtpAttemptEnd::kStopped:
-        End(SyncEnd::kStopped);
-        break;
+    if (event.end == NtpAttemptEnd::kOutcome) {
+      ended_attempt_ = event;
+    } else if (event.end == NtpAttemptEnd::kStopped) {
+      // The clock would begin another one.
+      End({.reason = NtpSyncReason::kStopped, .attempt = 0, .reading = {}});
+    }
+  }
+
+  // Of the clock, after `OnAttemptEnded` of the same attempt.
+  void OnOutcome(const NtpSyncOutcome& outcome) {
+    const base::AutoLock lock(lock_);
+    if (!is_over_) {
+      End(outcome);
     }
   }
 
@@ -91,55 +109,36 @@ class Watch final : public NtpSyncListener {
 
   void FillIn(SyncReport& report) {
     const base::AutoLock lock(lock_);
-    report.end = end_.value_or(SyncEnd::kTimedOut);
-    report.bad_server = bad_server_;
+    report.reason = outcome_.reason;
+    report.reading = outcome_.reading;
     if (!asked_.empty()) {
       report.asked = JoinNames(asked_);
     }
-    if (outcome_) {
-      report.result = outcome_->result;
-      report.outcome_text = GetResultMessage(outcome_->result);
-      report.samples_used = outcome_->record.sample_count;
-      if (const std::string server = outcome_->record.endpoint.ToString(); !server.empty()) {
+    if (ended_attempt_) {
+      report.outcome_text = GetResultMessage(ended_attempt_->result);
+      report.samples_used = ended_attempt_->record.sample_count;
+      if (const std::string server = ended_attempt_->record.endpoint.ToString(); !server.empty()) {
         report.server = server;
+      }
+      if (outcome_.reason == NtpSyncReason::kOk || outcome_.reason == NtpSyncReason::kInaccurate) {
+        report.result = ended_attempt_->result;
       }
     }
   }
 
  private:
-  // Returns whether an attempt is to begin.
-  bool TakeNames(const NtpDomainsUpdated& event) {
-    const base::AutoLock lock(lock_);
-    if (end_) {
-      return false;
-    }
-    for (const auto& [name, reason, detail] : event.without_address) {
-      if (reason == "bad_name") {
-        bad_server_ = detail;
-        End(SyncEnd::kNotResolved);
-        return false;
-      }
-      std::string line = "skorra-ntp: cannot resolve ";
-      line.append(name).append(": ").append(detail);
-      PrintLine(line);
-    }
-    asked_ = event.added;
-    if (asked_.empty()) {
-      End(SyncEnd::kNotResolved);
-    }
-    return !end_;
-  }
-
-  // At most once: whatever comes later finds `end_` set.
-  void End(SyncEnd end) SKORRA_REQUIRES(lock_) {
-    end_ = end;
+  // At most once: whatever comes later finds it over.
+  void End(const NtpSyncOutcome& outcome) SKORRA_REQUIRES(lock_) {
+    is_over_ = true;
+    outcome_ = outcome;
     ended_.release();
   }
 
   void GiveUp() {
     const base::AutoLock lock(lock_);
-    if (!end_) {
-      end_ = SyncEnd::kTimedOut;
+    if (!is_over_) {
+      is_over_ = true;
+      outcome_ = {.reason = NtpSyncReason::kTimedOut, .attempt = 0, .reading = {}};
     }
   }
 
@@ -162,11 +161,11 @@ class Watch final : public NtpSyncListener {
   const bool shows_progress_;
   std::binary_semaphore ended_{0};
   base::Lock lock_;
-  std::optional<SyncEnd> end_ SKORRA_GUARDED_BY(lock_);
+  bool is_over_ SKORRA_GUARDED_BY(lock_) = false;
+  NtpSyncOutcome outcome_ SKORRA_GUARDED_BY(lock_);
   std::vector<std::string> asked_ SKORRA_GUARDED_BY(lock_);
-  // What is wrong with a server as it was written; nothing when all are well-formed.
-  std::optional<std::string> bad_server_ SKORRA_GUARDED_BY(lock_);
-  std::optional<NtpAttemptEnded> outcome_ SKORRA_GUARDED_BY(lock_);
+  std::set<std::string> without_address_ SKORRA_GUARDED_BY(lock_);
+  std::optional<NtpAttemptEnded> ended_attempt_ SKORRA_GUARDED_BY(lock_);
 };
 
 // The library's counters since the process began, which are those of this attempt.
@@ -208,16 +207,23 @@ void FillInCounters(SyncReport& report) {
   }
 }
 
-// Both clocks, read back to back.
+int64_t SystemTimeUs() { return (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds(); }
+
+// Both clocks at the same moment: the system clock is read before and after the other, and what took least is
+// taken, since this thread may be put aside in between.
 void FillInClocks(SyncReport& report) {
-  auto* const manager = NtpTimeManager::GetInstance();
-  // The first read may look at the configuration and the elapsed times; the second finds all of it in the
-  // cache, so that little time passes between the two clocks.
-  if (manager->GetNtpTimestampFrom1970() == 0) {
-    return;
+  constexpr int kTries = 5;
+  int64_t shortest_us = std::numeric_limits<int64_t>::max();
+  for (int i = 0; i < kTries; ++i) {
+    const int64_t before_us = SystemTimeUs();
+    const NtpClockReading reading = NtpClock::Read();
+    const int64_t took_us = SystemTimeUs() - before_us;
+    if (std::llabs(took_us) < shortest_us) {
+      shortest_us = std::llabs(took_us);
+      report.reading = reading;
+      report.system_time_us = before_us + took_us / 2;
+    }
   }
-  report.ntp_time_us = manager->GetNtpTimestampFrom1970();
-  report.system_time_us = (base::Time::Now() - base::Time::UnixEpoch()).InMicroseconds();
 }
 
 }  // namespace
@@ -234,35 +240,40 @@ SyncReport RunAttempt(const SyncOptions& options) {
   const auto watch = std::make_shared<Watch>();
   base::SetLogThreshold(options.log_level);
   base::SetLogSink([watch](const base::LogLine& line) { watch->PrintLogLine(line); });
+  // Before the clock, which listens, too: it tells an outcome when the watch knows the attempt's end.
   AddNtpSyncListener(watch);
-  NtpTimeManager::GetInstance()->UpdateNtpTimeDomain(options.servers);
+  const NtpClockSubscription subscription =
+      NtpClock::Observe([watch](const NtpSyncOutcome& outcome) { watch->OnOutcome(outcome); });
+  NtpClockOptions clock_options;
+  clock_options.servers = options.servers;
+  NtpClock::Start(clock_options);
   watch->Wait(start_ticks_us, deadline_ticks_us);
   base::SetLogThreshold(base::kLogNothing);
   watch->FillIn(report);
   report.took_ms = (base::GetSteadyTimeTicks() - start_ticks_us) / 1000;
   FillInCounters(report);
-  if (report.end == SyncEnd::kOutcome && report.result != NtpResult::kNoResult) {
+  if (report.result != NtpResult::kNoResult) {
     FillInClocks(report);
   }
   return report;
 }
 
 int RunSync(const SyncOptions& options, bool as_json) {
-  // The command line's parser takes "-4" for a number, and what follows "--" for a server.
   for (const std::string& server : options.servers) {
+    // The command line's parser takes "-4" for a number, and what follows "--" for a server.
     if (server.starts_with('-')) {
       PrintProblem("there is no option '" + server + "', and no server's name begins with '-'",
                    "Run 'skorra-ntp sync --help' to see what it takes.");
       return kExitUsage;
     }
+    if (const auto parsed = net::ParseHostPort(server, kNtpPort); !parsed.value) {
+      PrintProblem("bad SERVER " + parsed.error,
+                   "Give a host name or an address, with a port if it is not 123: ntp.example.org, "
+                   "192.0.2.1:123, [2001:db8::1]:123");
+      return kExitUsage;
+    }
   }
   const SyncReport report = RunAttempt(options);
-  if (report.bad_server) {
-    PrintProblem("bad SERVER " + *report.bad_server,
-                 "Give a host name or an address, with a port if it is not 123: ntp.example.org, "
-                 "192.0.2.1:123, [2001:db8::1]:123");
-    return kExitUsage;
-  }
   const bool is_printed = as_json ? PrintJson(ToJson(report)) : PrintText(ToText(report));
   if (const std::string advice = Advice(report); !advice.empty()) {
     PrintProblem(advice);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// `skorra-ntp sync`: one attempt through the library's public interface.
+// `skorra-ntp sync`: the first attempt of the library's clock.
 #pragma once
 
 #include <string>
@@ -17,11 +17,11 @@ struct SyncOptions {
   int log_level = base::kLogNothing;  // of the library's lines that go to standard error
 };
 
-// Makes one attempt and waits for its end. Warnings and progress go to standard error. The library keeps
-// its result for the life of the process, so this is called once.
+// Starts the clock (clock/ntp_clock.h) and waits for the end of its first attempt. Warnings and progress go
+// to standard error. The clock runs until the process ends, so this is called once.
 SyncReport RunAttempt(const SyncOptions& options);
 
-// The whole command: checks the servers, makes the attempt, prints the report. Returns the exit status.
+// The whole command: checks the servers, waits for the attempt, prints the report. Returns the exit status.
 int RunSync(const SyncOptions& options, bool as_json);
 
 }  // namespace skorra

@@ -1,52 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints how far network time is from the system clock: clock_reader SERVER...
+// Prints how far network time is from the system clock, and by how much that may be wrong: clock_reader
+// SERVER...
 //
-// It waits for the end of the first attempt, since a reading before that is provisional. Typed events report
-// every end. An observer, as in README.md, hears only of attempts that have an outcome.
+// It shows each attempt, and waits until one has brought a time: an attempt whose answers contradict each
+// other tells none, and the clock makes another one.
 #include <time.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "ntp/ntp_sync_events.h"
-#include "ntp/ntp_time_manager.h"
+#include "clock/ntp_clock.h"
 
 namespace {
 
-// Keeps the end of the first attempt for the thread that waits for it.
-class FirstEnd : public skorra::NtpSyncListener {
- public:
-  void OnAttemptEnded(const skorra::NtpAttemptEnded& event) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!is_there_) {
-      is_there_ = true;
-      event_ = event;
-      arrived_.notify_all();
-    }
-  }
-
-  // False when the attempt has not ended within `limit`.
-  bool WaitFor(std::chrono::seconds limit, skorra::NtpAttemptEnded* event) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!arrived_.wait_for(lock, limit, [this] { return is_there_; })) {
-      return false;
-    }
-    *event = event_;
-    return true;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  skorra::NtpAttemptEnded event_;
-  bool is_there_ = false;
-};
+constexpr std::chrono::seconds kLimit(10);
 
 int64_t SystemTimeUs() {
   timespec now{};
@@ -57,33 +27,27 @@ int64_t SystemTimeUs() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> servers(argv + 1, argv + argc);
-  if (servers.empty()) {
+  skorra::NtpClockOptions options;
+  options.servers = std::vector<std::string>(argv + 1, argv + argc);
+  if (options.servers.empty()) {
     std::fprintf(stderr, "usage: clock_reader SERVER...\n");
     return 2;
   }
-  auto* clock = skorra::NtpTimeManager::GetInstance();
-  const auto first_end = std::make_shared<FirstEnd>();
-  skorra::AddNtpSyncListener(first_end);
-  clock->UpdateNtpTimeDomain(servers);
-  clock->Start();
-
-  // A program that goes on without the time calls Stop here, a second later Start, and waits again.
-  skorra::NtpAttemptEnded event;
-  if (!first_end->WaitFor(std::chrono::seconds(60), &event)) {
-    std::fprintf(stderr, "no time: the attempt has not ended\n");
+  // On the library's queue; it ends with its scope.
+  const skorra::NtpClockSubscription attempts =
+      skorra::NtpClock::Observe([](const skorra::NtpSyncOutcome& outcome) {
+        std::printf("attempt: %s\n", skorra::NtpSyncReasonName(outcome.reason));
+      });
+  skorra::NtpClock::Start(options);
+  if (!skorra::NtpClock::WaitUntilSynced(kLimit)) {
+    std::fprintf(stderr, "no time: %s\n", skorra::NtpClockStatusName(skorra::NtpClock::Read().status));
     return 1;
   }
-  if (event.end != skorra::NtpAttemptEnd::kOutcome) {
-    std::fprintf(stderr, "no time: the attempt ended with %s\n", skorra::NtpAttemptEndName(event.end));
-    return 1;
-  }
-  std::printf("%s from %s\n", skorra::GetResultMessage(event.result).c_str(),
-              event.record.endpoint.ToString().c_str());
-  if (event.result == skorra::NtpResult::kNoResult) {
-    return 1;
-  }
-  const int64_t offset_us = clock->GetNtpTimestampFrom1970() - SystemTimeUs();
-  std::printf("offset %lld us\n", static_cast<long long>(offset_us));
+  const skorra::NtpClockReading reading = skorra::NtpClock::Read();
+  const int64_t system_time_us = SystemTimeUs();
+  std::printf("offset %lld us\n", static_cast<long long>(reading.best_estimate_us - system_time_us));
+  std::printf("at least %lld us, at most %lld us\n",
+              static_cast<long long>(reading.earliest_us - system_time_us),
+              static_cast<long long>(reading.latest_us - system_time_us));
   return 0;
 }

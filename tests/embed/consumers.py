@@ -77,6 +77,13 @@ def expect_offset(output):
         fail(f"not the server's clock error of {CLOCK_ERROR_S} s:\n{output}")
 
 
+def expect_limits(output):
+    """The server's clock error lies between the limits."""
+    found = re.search(r"^at least (-?\d+) us, at most (-?\d+) us$", output, re.MULTILINE)
+    if not found or not int(found[1]) <= CLOCK_ERROR_S * 1000000 <= int(found[2]):
+        fail(f"the limits do not hold the server's clock error of {CLOCK_ERROR_S} s:\n{output}")
+
+
 def compile_flags(build, source):
     """The flags that a file of the host is compiled with, without its own name and output."""
     for entry in json.loads((build / "compile_commands.json").read_text()):
@@ -125,11 +132,15 @@ def clock_reader(build, server):
     library = build / "skorra-ntp/libskorra_ntp.so"
     expect_listed_symbols(library)
     expect_never_unloaded(library)
-    expect_offset(run(build / "clock_reader", server))
-    expect_no_time("the attempt ended with no_server", build / "clock_reader", "not:an:address")
+    output = run(build / "clock_reader", server)
+    expect_offset(output)
+    expect_limits(output)
+    if "attempt: disagreeing\n" not in output:
+        fail(f"the clock took the lie in the first attempt for a time, or hid it:\n{output}")
+    expect_no_time("attempt: no_server", build / "clock_reader", "not:an:address")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
         silent.bind(("127.0.0.1", 0))
-        expect_no_time("no usable result", build / "clock_reader", f"127.0.0.1:{silent.getsockname()[1]}")
+        expect_no_time("attempt: silent", build / "clock_reader", f"127.0.0.1:{silent.getsockname()[1]}")
     run("ctest", "--test-dir", build, "--output-on-failure", "--no-tests=error")
 
 

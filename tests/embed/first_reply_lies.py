@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""An NTP server whose first reply to each client end point is an hour ahead of its others.
+"""An NTP server whose very first reply is an hour ahead of its others.
 
-A program that takes a reading before the outcome of its attempt, which is the first reply alone, is an hour off. One
-that waits for the outcome is right: the lie is trimmed off. Prints "listening on HOST:PORT", and ends with SIGTERM.
+A program that takes a reading of the manager before the outcome of its attempt, which is the first reply alone, is an
+hour off. One that waits for the outcome is right: the lie is trimmed off. NtpClock tells nothing of replies that
+contradict each other: it tells the time of its second attempt. Prints "listening on HOST:PORT", and ends with SIGTERM.
 
 usage: first_reply_lies.py HOST:PORT CLOCK_ERROR_S
 """
@@ -29,13 +30,13 @@ def main():
     server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     server.bind((host, int(port)))
     print(f"listening on {host}:{server.getsockname()[1]}", flush=True)
-    clients = set()
+    is_first = True
     while True:
         request, client = server.recvfrom(1000)
         if len(request) < 48:
             continue
-        now = time_stamp(error_s if client in clients else error_s + LIE_S)
-        clients.add(client)
+        now = time_stamp(error_s + LIE_S if is_first else error_s)
+        is_first = False
         # Stratum 2, poll, precision, root delay, root dispersion, reference identifier, then the four time stamps.
         head = struct.pack("!BBbbIIIQ", SERVER_MODE, 2, 6, -20, 0, 0, 0x7f000001, now)
         server.sendto(head + request[40:48] + struct.pack("!QQ", now, now), client)
