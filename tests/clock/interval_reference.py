@@ -39,7 +39,8 @@ def ends_of(exchange, error_ppb, drift_us, boot_ns):
     t1, t2, t3, t4, system, round_trip, root_delay, root_dispersion, precision, is_kernel_1, is_kernel_4 = exchange
     age_us = max(boot_ns // 1000 - (t1 - system), 0)
     aging_us = math.floor(Fraction((age_us + drift_us) * oscillator_share(error_ppb), 2**32)) + 1
-    error_us = (math.ceil(Fraction(root_delay, 2)) + root_dispersion + math.ceil(Fraction(10**6) * Fraction(2)**precision)
+    precision_us = math.ceil(Fraction(10**6) * Fraction(2)**precision)
+    error_us = (math.ceil(Fraction(root_delay, 2)) + root_dispersion + precision_us
                 + math.ceil(round_trip * TOLERANCE) + SERVER_ROUNDING_US + drift_us + aging_us)
     return (t3 - US_FROM_1601_TO_1970 - (t4 - system) - error_us - (KERNEL_STAMP_US if is_kernel_4 else OWN_STAMP_US),
             t2 - US_FROM_1601_TO_1970 - (t1 - system) + error_us + (KERNEL_STAMP_US if is_kernel_1 else OWN_STAMP_US))
