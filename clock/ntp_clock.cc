@@ -172,15 +172,10 @@ void ContinueInChild() {
   }
 }
 
-// What a read does that finds work. One of the threads that find it does it.
-[[gnu::noinline]] void DoWork(int64_t now_ticks_us) {
-  int64_t due_ticks_us = shared.work_ticks_us.load(std::memory_order_relaxed);
-  if (due_ticks_us <= now_ticks_us &&
-      shared.work_ticks_us.compare_exchange_strong(due_ticks_us, now_ticks_us + kManagerReadUs)) {
-    ContinueInChild();
-    NtpTimeManager::GetInstance()->GetNtpTimestampFrom1970();
-    Post([](Keeper& keeper) { keeper.SyncIfReadingIsPoor(); });  // for those who only call `now`
-  }
+// Whether a sync may make it better.
+bool IsPoor(const NtpClockReading& reading) {
+  return reading.error_bound_us > shared.max_error_us.load(std::memory_order_relaxed) ||
+         reading.status > NtpClockStatus::kSynchronized;
 }
 
 [[gnu::noinline]] void ReportPoorReading(int64_t now_ticks_us) {
@@ -188,6 +183,20 @@ void ContinueInChild() {
   if (due_ticks_us <= now_ticks_us &&
       poor_ticks_us.compare_exchange_strong(due_ticks_us, now_ticks_us + kMinIntervalUs)) {
     Post([](Keeper& keeper) { keeper.SyncIfReadingIsPoor(); });
+  }
+}
+
+// What a read does that finds work. One of the threads that find it does it.
+[[gnu::noinline]] void DoWork(int64_t now_ticks_us) {
+  int64_t due_ticks_us = shared.work_ticks_us.load(std::memory_order_relaxed);
+  if (due_ticks_us <= now_ticks_us &&
+      shared.work_ticks_us.compare_exchange_strong(due_ticks_us, now_ticks_us + kManagerReadUs)) {
+    ContinueInChild();
+    NtpTimeManager::GetInstance()->GetNtpTimestampFrom1970();
+    // For programs that call nothing but `now`.
+    if (TheProcess().is_running.load(std::memory_order_relaxed) && IsPoor(shared.Read())) {
+      ReportPoorReading(now_ticks_us);
+    }
   }
 }
 
@@ -335,9 +344,7 @@ NtpClockReading NtpClock::Read() noexcept {
   if (now_ticks_us >= shared.work_ticks_us.load(std::memory_order_relaxed)) {
     DoWork(now_ticks_us);
   }
-  const bool is_poor = reading.error_bound_us > shared.max_error_us.load(std::memory_order_relaxed) ||
-                       reading.status > NtpClockStatus::kSynchronized;
-  if (is_poor && TheProcess().is_running.load(std::memory_order_relaxed)) {
+  if (IsPoor(reading) && TheProcess().is_running.load(std::memory_order_relaxed)) {
     ReportPoorReading(now_ticks_us);
   }
   return reading;

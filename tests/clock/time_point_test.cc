@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <iomanip>
 #include <ratio>
+#include <sstream>
 #include <thread>
 #include <type_traits>
 
@@ -51,6 +53,9 @@ TEST(TimePointTest, ATimeGoesToTheSystemClockAndBack) {
   const NtpClock::time_point time{std::chrono::seconds(86400)};
   const std::time_t seconds = std::chrono::system_clock::to_time_t(NtpClock::to_sys(time));
   EXPECT_EQ(seconds, 86400);
+  std::ostringstream text;
+  text << std::put_time(std::gmtime(&seconds), "%F %T");
+  EXPECT_EQ(text.str(), "1970-01-02 00:00:00");
 }
 
 TEST(TimePointTest, ASleepUntilATimeThatIsReachedReturns) {
