@@ -132,8 +132,7 @@ void Keeper::Stop() {
 }
 
 void Keeper::ContinueInChild() {
-  // The parent's event loop is not here.
-  static_cast<void>(watch_.release());  // NOLINT(bugprone-unused-return-value)
+  watch_.reset();  // the parent's, which is silent here
   bursts_.clear();
   proven_.clear();
   phase_ = Phase::kIdle;
