@@ -267,12 +267,14 @@ ProvenBurst Keeper::ProveNow(const std::vector<NtpExchange>& exchanges) {
 }
 
 void Keeper::OnAttemptEnded(const NtpAttemptEnded& event) {
-  EnterPhase(Phase::kIdle);
   if (event.end == NtpAttemptEnd::kStopped) {
-    // No outcome: OnQueueStopped, which follows, starts again.
-    is_attempt_wanted_ = is_running_;
+    // No outcome: OnQueueStopped, which follows, starts again. For a stop of its own the keeper has decided.
+    if (phase_ != Phase::kStopping) {
+      is_attempt_wanted_ = is_running_;
+    }
     return;
   }
+  EnterPhase(Phase::kIdle);
   NtpSyncReason reason = NtpSyncReason::kNoServer;
   if (event.end == NtpAttemptEnd::kOutcome) {
     has_servers_ = true;

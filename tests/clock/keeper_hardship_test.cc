@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gmock/gmock.h"
+#include "ntp/ntp_attempt_control.h"
 #include "platform/config/base_cfg.h"
 #include "testing/clock_fixture.h"
 #include "testing/temp_dir.h"
@@ -256,10 +257,14 @@ TEST_F(HardshipTest, AttemptsThatNeverEndCountAsFailures) {
   AddNtpSyncListener(blocker);
   StartWith({});
   Sync(S(600));
-  world.RunFor(S(100));
-  RemoveNtpSyncListener(blocker.get());
-  ASSERT_EQ(synced.size(), 1u);
+  ASSERT_TRUE(world.RunUntil([&] { return !synced.empty(); }, S(100)));
   EXPECT_EQ(synced[0].reason, NtpSyncReason::kSilent);
+  world.RunFor(S(1));
+  EXPECT_FALSE(internal::IsNtpAttemptRequested(peer.manager()));  // it waits, as after any failure
+  world.RunFor(S(2));
+  EXPECT_TRUE(internal::IsNtpAttemptRequested(peer.manager()));
+  RemoveNtpSyncListener(blocker.get());
+  EXPECT_EQ(synced.size(), 1u);
 }
 
 // --- The bound.
