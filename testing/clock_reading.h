@@ -25,9 +25,9 @@ struct ClockReading {
 
   bool has_result() const { return ntp_us != 0; }
   // Whether NTP time is the system's plus `clock_error_us`.
-  bool Shows(int64_t clock_error_us) const {
-    return ntp_us >= wall_before_us + clock_error_us - kLoopbackToleranceUs &&
-           ntp_us <= wall_after_us + clock_error_us + kLoopbackToleranceUs;
+  bool Shows(int64_t clock_error_us, int64_t tolerance_us = kLoopbackToleranceUs) const {
+    return ntp_us >= wall_before_us + clock_error_us - tolerance_us &&
+           ntp_us <= wall_after_us + clock_error_us + tolerance_us;
   }
 };
 

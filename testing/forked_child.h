@@ -25,8 +25,8 @@ class ForkedChild {
   pid_t pid() const { return pid_; }
 
   // The report, once the child has ended; how it ended when that was not by itself, or that it hung: then it
-  // is killed.
-  std::string Report(int timeout_ms = kPatienceMs);
+  // is killed. A wait of the child's own ends sooner and says what it waited for.
+  std::string Report(int timeout_ms = 2 * kPatienceMs);
 
  private:
   pid_t pid_ = -1;

@@ -56,13 +56,15 @@ namespace skorra {
 namespace {
 
 constexpr int64_t kClockErrorUs = 7000000;
+// Before an outcome a reading stands on the first reply alone, which waits for its turn on a busy machine.
+constexpr int64_t kBusyToleranceUs = kClockErrorUs / 7;
 
 NtpTimeManager& Manager() { return *NtpTimeManager::GetInstance(); }
 
 // "" when a read gives the server's time, or 0 where that is allowed.
-std::string CheckRead(bool may_be_empty = false) {
+std::string CheckRead(bool may_be_empty = false, int64_t tolerance_us = kLoopbackToleranceUs) {
   const ClockReading reading;
-  const bool is_good = reading.has_result() ? reading.Shows(kClockErrorUs) : may_be_empty;
+  const bool is_good = reading.has_result() ? reading.Shows(kClockErrorUs, tolerance_us) : may_be_empty;
   return is_good ? ""
                  : "a read gave " + std::to_string(reading.ntp_us) + " at " +
                        std::to_string(reading.wall_before_us);
@@ -533,7 +535,10 @@ class ForkStressTest : public testing::Test {
     for (std::thread& thread : threads_) {
       thread.join();
     }
+    threads_.clear();
   }
+
+  void TearDown() override { Finish(); }
 
  private:
   std::atomic<bool> is_over_{false};
@@ -551,10 +556,14 @@ std::string TouchEverything() {
   Manager().GetAndResetNtpQualityStats();
   Manager().Start();
   Manager().UpdateNtpTimeDomain({"nosuch.invalid"});
-  return CheckRead(true);
+  return CheckRead(true, kBusyToleranceUs);
 }
 
 TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
+#ifdef __SANITIZE_ADDRESS__
+  // A child that another thread's allocation left a locked allocator hangs in its first allocation.
+  GTEST_SKIP() << "the allocator of AddressSanitizer is not made ready for a fork";
+#endif
   constexpr int kForks = 100;
   const auto given_seed = EnvironmentNumber("SKORRA_FORK_SEED");
   uint64_t seed = given_seed ? *given_seed : base::RandUint64();
@@ -567,7 +576,7 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
   Manager().UpdateNtpTimeDomain({server->local().ToString()});
 
   std::atomic<int> wrong_reads{0};
-  Repeat([&] { wrong_reads += CheckRead(true).empty() ? 0 : 1; });
+  Repeat([&] { wrong_reads += CheckRead(true, kBusyToleranceUs).empty() ? 0 : 1; });
   Repeat([] {
     Manager().Start();
     Manager().GetAndResetNtpQualityStats();
@@ -590,6 +599,8 @@ TEST_F(ForkStressTest, EveryChildOfABusyProcessEnds) {
     const bool is_long = i % 15 == 0;
     ForkedChild child([&] {
       std::string report = TouchEverything();
+      // An early child has no result to announce again, and the name without an address gives no outcome.
+      Manager().UpdateNtpTimeDomain({server->local().ToString()});
       return report.empty() && is_long ? SyncOnOnesOwn() : report;
     });
     ASSERT_EQ(child.Report(), "") << "fork " << i;
