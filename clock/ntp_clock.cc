@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <semaphore>
 #include <thread>
 #include <utility>
 
@@ -15,6 +13,7 @@
 #include "clock/schedule.h"
 #include "clock/shared_clock.h"
 #include "platform/base/clock.h"
+#include "platform/base/event.h"
 #include "platform/base/fork.h"
 #include "platform/base/lock.h"
 #include "platform/base/log.h"
@@ -79,13 +78,13 @@ struct Waiter {
   // Under the lock of the process.
   void Tell() {
     if (!std::exchange(is_told, true)) {
-      is_over.release();
+      is_over.Set();
     }
   }
 
   const int64_t max_error_us;
   bool is_told = false;
-  std::binary_semaphore is_over{0};
+  base::Event is_over;
 };
 
 bool IsReached(const Waiter& waiter, const NtpClockReading& reading) {
@@ -223,9 +222,7 @@ bool WaitFor(int64_t max_error_us, NtpClock::duration limit) {
   const auto is_reached = [&] { return IsReached(*waiter, NtpClock::Read()); };
   if (!is_reached() && process.is_running.load(std::memory_order_relaxed) && !IsOnQueue()) {
     Post([](Keeper& keeper) { keeper.SyncForReader(); });
-    // A limit that does not fit into the library's own clock would have passed already.
-    constexpr NtpClock::duration kLongest = std::chrono::hours(24 * 365 * 100);
-    waiter->is_over.try_acquire_for(std::min(limit, kLongest));
+    waiter->is_over.WaitFor(limit.count());
   }
   const base::AutoLock guard(process.lock);
   process.waiters.erase(std::find(process.waiters.begin(), process.waiters.end(), waiter));

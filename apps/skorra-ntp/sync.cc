@@ -4,13 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <memory>
 #include <optional>
-#include <semaphore>
 #include <set>
 #include <string_view>
 
@@ -19,6 +17,7 @@
 #include "clock/ntp_clock.h"
 #include "ntp/ntp_sync_events.h"
 #include "platform/base/clock.h"
+#include "platform/base/event.h"
 #include "platform/base/lock.h"
 #include "platform/base/log.h"
 #include "platform/base/thread_annotations.h"
@@ -93,7 +92,7 @@ class Watch final : public NtpSyncListener {
   // nothing that the library reports changes the watch.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
     int64_t wait_us = 0;
-    while (!ended_.try_acquire_for(std::chrono::microseconds(wait_us))) {
+    while (!ended_.WaitFor(wait_us)) {
       const int64_t now_ticks_us = base::GetSteadyTimeTicks();
       if (now_ticks_us >= deadline_ticks_us) {
         GiveUp();
@@ -131,7 +130,7 @@ class Watch final : public NtpSyncListener {
   void End(const NtpSyncOutcome& outcome) SKORRA_REQUIRES(lock_) {
     is_over_ = true;
     outcome_ = outcome;
-    ended_.release();
+    ended_.Set();
   }
 
   void GiveUp() {
@@ -159,7 +158,7 @@ class Watch final : public NtpSyncListener {
   }
 
   const bool shows_progress_;
-  std::binary_semaphore ended_{0};
+  base::Event ended_;
   base::Lock lock_;
   bool is_over_ SKORRA_GUARDED_BY(lock_) = false;
   NtpSyncOutcome outcome_ SKORRA_GUARDED_BY(lock_);
