@@ -80,7 +80,7 @@ bool ExpectedExtensionFields(std::span<const uint8_t> bytes) {
   is_row[size] = true;
   for (size_t i = size; i >= 4;) {
     i -= 4;
-    const size_t length = NumberAt(bytes, i + 2, 2);
+    const auto length = static_cast<size_t>(NumberAt(bytes, i + 2, 2));
     if (length % 4 != 0 || length < 16 || length > size - i) {
       continue;
     }

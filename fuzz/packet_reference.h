@@ -8,13 +8,12 @@
 #include <span>
 
 #include "platform/base/time.h"
+#include "testing/wide.h"
 #include "transport/ntp_packet.h"
 
 namespace skorra::fuzz {
 
 using base::kUsPerSecond;
-
-__extension__ using Wide = __int128;
 
 inline constexpr Wide kTwoTo32 = Wide{1} << 32;
 inline constexpr Wide kEraUs = kTwoTo32 * kUsPerSecond;

@@ -72,7 +72,7 @@ std::vector<Arrival> Link::Transmit(const std::vector<uint8_t>& bytes, int64_t n
     }
     if (!bytes.empty() && random.Chance(options_.corrupt_permille)) {
       for (uint64_t flips = 1 + random.Below(3); flips > 0; --flips) {
-        const uint64_t bit = random.Below(bytes.size() * 8);
+        const auto bit = static_cast<size_t>(random.Below(bytes.size() * 8));
         arrival.bytes[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
       }
     }

@@ -12,6 +12,7 @@
 
 #include "clock/proven_burst.h"
 #include "platform/base/time.h"
+#include "testing/wide.h"
 #include "tests/clock/random_burst.h"
 
 namespace skorra {
@@ -21,8 +22,6 @@ void PrintTo(const OffsetInterval& interval, std::ostream* out) {
 }
 
 namespace {
-
-__extension__ using Wide = __int128;
 
 constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();

@@ -9,10 +9,10 @@
 #include <limits>
 #include <vector>
 
+#include "testing/wide.h"
+
 namespace skorra {
 namespace {
-
-__extension__ using Wide = __int128;
 
 using base::kUsPerSecond;
 

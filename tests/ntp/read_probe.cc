@@ -19,6 +19,7 @@
 #include "clock/ntp_clock.h"
 #include "testing/ntp_time_manager_peer.h"
 #include "testing/process_clock.h"
+#include "testing/time_call_names.h"
 
 namespace {
 
@@ -35,7 +36,8 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   locks.fetch_add(1, std::memory_order_relaxed);
   return __real_pthread_mutex_lock(mutex);
 }
-int __real_clock_gettime(clockid_t clock, timespec* time);
+int __real_clock_gettime(clockid_t clock, timespec* time) asm("__real_" SKORRA_CLOCK_GETTIME);
+int __wrap_clock_gettime(clockid_t clock, timespec* time) asm("__wrap_" SKORRA_CLOCK_GETTIME);
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
   clock_readings.fetch_add(1, std::memory_order_relaxed);
   return __real_clock_gettime(clock, time);

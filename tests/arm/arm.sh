@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Builds everything for 32-bit Arm and runs it in the emulator: ./dev arm [virtual]. With `virtual`, only what needs no
+# real sockets and threads is run.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+emulated() {
+  qemu-arm -L build/arm/root "build/arm/release/bin/$1" "${@:2}"
+}
+
+tests/arm/make_root.sh build/arm/root
+cmake --preset arm >/dev/null
+cmake --build --preset arm
+tests/arm/time_symbols.py arm-linux-gnueabihf-nm build/arm/root/lib/arm-linux-gnueabihf/libc.so.6 \
+  build/arm/release/libskorra_ntp.a build/arm/release/bin/{skorra-ntp,skorra-sim}
+
+echo "arm: the simulated world is the same as on this machine"
+cmake --preset release >/dev/null
+cmake --build --preset release --target skorra-sim
+build/release/bin/skorra-sim --seed 1 >build/arm/scenarios.here
+emulated skorra-sim --seed 1 >build/arm/scenarios.arm
+cmp build/arm/scenarios.here build/arm/scenarios.arm
+
+echo "arm: 2000 walks"
+emulated skorra-sim --walks 2000 --seed "${SKORRA_SEED:-1}"
+
+echo "arm: tests"
+if [ "${1-}" = virtual ]; then
+  ctest --preset arm --progress -R '^(sim_tests\.|fuzz_|one_walk|interval)'
+else
+  ctest --preset arm --progress
+  echo "arm: left out, as the emulator lacks what they need:"
+  cat tests/arm/left_out.txt
+fi
