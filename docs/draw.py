@@ -78,10 +78,10 @@ def read_rooms():
 
 
 # Centre and level of each room; the arrows come from the table.
-PLACES = {"clock/": (250, 0), "ntp/": (250, 1), "transport/": (250, 2), "sim/": (620, 1), "netmodel/": (620, 2),
-          "platform/": (435, 3), "platform/linux/": (250, 4), "platform/files/": (620, 4)}
+PLACES = {"c/": (620, 0), "clock/": (250, 0), "ntp/": (250, 1), "transport/": (250, 2), "sim/": (620, 1),
+          "netmodel/": (620, 2), "platform/": (435, 3), "platform/linux/": (250, 4), "platform/files/": (620, 4)}
 ROOM_WIDTH, ROOM_HEIGHT, LEVEL = 230, 52, 96
-SHORT = {"clock/": "the keeper, and the bound", "ntp/": "when to ask, whom to believe",
+SHORT = {"c/": "the interface for C", "clock/": "the keeper, and the bound", "ntp/": "when to ask, whom to believe",
          "transport/": "packets, addresses, what may leave", "sim/": "the seams in virtual time",
          "netmodel/": "links and servers, pure functions", "platform/": "facilities and seams: headers",
          "platform/linux/": "the seams on a real machine", "platform/files/": "configuration and log file"}
