@@ -21,6 +21,8 @@
 #include "sim/network.h"
 #include "sim/world.h"
 #include "testing/addresses.h"
+#include "testing/temp_dir.h"
+#include "testing/vm_clock_page.h"
 
 namespace skorra {
 namespace {
@@ -453,6 +455,29 @@ TEST_F(CInterfaceTest, AReadingIsThatOfTheClockMemberByMember) {
   EXPECT_EQ(skorra_ntp_now_us(), TrueUs() + 7);
   EXPECT_LE(reading.earliest_us, TrueUs());
   EXPECT_GE(reading.latest_us, TrueUs());
+}
+
+TEST_F(CInterfaceTest, AMachineThatWasMovedHasATimeAndNoBound) {
+  const TempDir dir;
+  const std::string path = dir / "vmclock";
+  WriteFile(path, VmClockPage(7));
+  network.AddServer(Address(kA), {});
+  const char* const servers[] = {kA};
+  auto options = Sized<skorra_ntp_options>();
+  options.servers = servers;
+  options.server_count = 1;
+  options.vmclock_path = path.c_str();
+  ASSERT_EQ(skorra_ntp_start(&options), SKORRA_NTP_OK);
+  RunS(5);
+  auto reading = Sized<skorra_ntp_reading>();
+  ASSERT_EQ(skorra_ntp_read(&reading), SKORRA_NTP_OK);
+  EXPECT_TRUE(reading.has_bound);
+  SetVmClockMarker(path, 8);
+  ASSERT_EQ(skorra_ntp_read(&reading), SKORRA_NTP_OK);
+  EXPECT_EQ(reading.status, SKORRA_NTP_STATUS_DISRUPTED);
+  EXPECT_TRUE(reading.has_time);
+  EXPECT_FALSE(reading.has_bound);
+  EXPECT_EQ(reading.error_bound_us, INT64_MAX);
 }
 
 TEST_F(CInterfaceTest, TheManagersReadingIsItsOwn) {
