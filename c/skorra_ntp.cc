@@ -122,8 +122,14 @@ skorra_ntp_outcome ToC(const NtpSyncOutcome& from) {
   return outcome;
 }
 
-skorra_ntp_request_statistics ToC(const skorra::NtpFunctionRequestStats& from) {
+// Zeros when there was no request of the kind. Takes no memory: the report cannot be had twice.
+skorra_ntp_request_statistics OfKind(const skorra::NtpTimeSyncStats& report, int kind) {
   skorra_ntp_request_statistics stats{};
+  const auto found = report.function_request_stats.find(kind);
+  if (found == report.function_request_stats.end()) {
+    return stats;
+  }
+  const skorra::NtpFunctionRequestStats& from = found->second;
   stats.request_count = from.request_count;
   stats.success_count = from.success_count;
   stats.failure_count = from.failure_count;
@@ -424,13 +430,14 @@ int skorra_ntp_take_statistics(skorra_ntp_statistics* statistics) {
     return error;
   }
   return Guarded([&] {
-    skorra::NtpTimeSyncStats report = skorra::NtpTimeManager::GetInstance()->GetAndResetNtpQualityStats();
+    const skorra::NtpTimeSyncStats report =
+        skorra::NtpTimeManager::GetInstance()->GetAndResetNtpQualityStats();
     skorra_ntp_statistics ours{};
     ours.start_count = report.start_count;
     ours.deviation_found = report.deviation_found ? 1 : 0;
-    ours.other_domains = ToC(report.function_request_stats[0]);
-    ours.default_domain = ToC(report.function_request_stats[1]);
-    ours.attempts = ToC(report.function_request_stats[2]);
+    ours.other_domains = OfKind(report, 0);
+    ours.default_domain = OfKind(report, 1);
+    ours.attempts = OfKind(report, 2);
     CopyOut(ours, statistics);
     return SKORRA_NTP_OK;
   });

@@ -20,7 +20,7 @@
 // SKORRA_NTP_ERROR_NULL_ARGUMENT where a pointer is null that must not be, and may return
 // SKORRA_NTP_ERROR_NO_MEMORY and SKORRA_NTP_ERROR_INTERNAL; further codes stand at each function, and the
 // remedy for each at its name. No function throws. Memory that runs out on the library's own threads ends the
-// process.
+// process, and so does memory that runs out when a read posts its task.
 //
 // Sizes: the first member of each struct is `struct_size`. Set it to the size of the struct as your compiler
 // sees it, before the call. Structs grow at their end in later versions, and the sizes need not be equal:

@@ -123,6 +123,7 @@ def includes_of(cell):
 def draw_include(drawing, begin, end, headers):
     (x1, y1), (x2, y2) = begin, end
     half = ROOM_HEIGHT / 2
+    label = ((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 or x1 == x2 else -1))
     if y1 == y2:
         side = 1 if x2 > x1 else -1
         drawing.arrow([(x1 + side * ROOM_WIDTH / 2, y1), (x2 - side * ROOM_WIDTH / 2, y2)])
@@ -137,13 +138,14 @@ def draw_include(drawing, begin, end, headers):
         edge = x1 + (ROOM_WIDTH / 2) * (1 if x1 > x2 else -1)
         entry = x2 + (ROOM_WIDTH / 2) * (1 if x1 > x2 else -1)
         drawing.arrow([(edge, y1), (outside, y1), (outside, y2), (entry, y2)])
+        label = (outside, y1 + LEVEL / 2 + 4)
     else:
         down = 1 if y2 > y1 else -1
         shift = 50 if x1 > x2 else -50
         drawing.arrow([(x1 - shift / 2, y1 + down * half), (x2 + shift, y2 - down * half)])
     if headers:
         words = f"only {headers[0]}" if len(headers) == 1 else f"only {len(headers)} headers"
-        drawing.label((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 or x1 == x2 else -1), words)
+        drawing.label(*label, words)
 
 
 LANES = [("any thread", 80), ("manager", 270), ("packet handler", 480), ("ledger", 670), ("server", 800)]
