@@ -203,6 +203,8 @@ def python(library, server):
     if rows.get("server") != server or rows.get("status") != "synchronized" or not rows.get("1", "").startswith("ok "):
         fail(f"the Python example's table is wrong:\n{output}")
     expect_no_time("no time", example, "--limit", "0.01", "--library", library, "127.0.0.1:9")
+    with Server() as fresh:
+        run(pathlib.Path(__file__).parent / "python_class.py", library, fresh.address)
 
 
 EXAMPLES = {"c_clock": c_clock, "clock_reader": clock_reader, "crowded_host": crowded_host, "plugin": plugin}
