@@ -105,7 +105,14 @@ void Keeper::Start(const NtpClockOptions& options) {
       PlanAfter(result_reason_);
     }
   }
-  AddNames(options.servers);
+  AddServers(options.servers);
+}
+
+void Keeper::AddServers(const std::vector<std::string>& servers) {
+  AddNames(servers);
+  if (!is_running_) {
+    return;
+  }
   if (names_.empty()) {
     SyncSoon();
   } else {

@@ -47,6 +47,8 @@ class Keeper final : public NtpSyncListener {
   ~Keeper() override;
 
   void Start(const NtpClockOptions& options);
+  // Before a start it only notes them.
+  void AddServers(const std::vector<std::string>& servers);
   // Ends all syncs that wait as kStopped, and drives the manager no more.
   void Stop();
   // See NtpClock::Sync.

@@ -212,20 +212,33 @@ void Limit(const char* name, Number& value, Number min, Number max) {
   }
 }
 
+// Outcomes and a stop tell the waiter as long as this exists.
+class WaiterScope {
+ public:
+  explicit WaiterScope(std::shared_ptr<Waiter> waiter) : waiter_(std::move(waiter)) {
+    const base::AutoLock guard(process_.lock);
+    process_.waiters.push_back(waiter_);
+  }
+  ~WaiterScope() {
+    const base::AutoLock guard(process_.lock);
+    process_.waiters.erase(std::find(process_.waiters.begin(), process_.waiters.end(), waiter_));
+  }
+  WaiterScope(const WaiterScope&) = delete;
+  WaiterScope& operator=(const WaiterScope&) = delete;
+
+ private:
+  Process& process_ = TheProcess();
+  const std::shared_ptr<Waiter> waiter_;
+};
+
 bool WaitFor(int64_t max_error_us, NtpClock::duration limit) {
   const auto waiter = std::make_shared<Waiter>(max_error_us);
-  Process& process = TheProcess();
-  {
-    const base::AutoLock guard(process.lock);
-    process.waiters.push_back(waiter);
-  }
+  const WaiterScope scope(waiter);
   const auto is_reached = [&] { return IsReached(*waiter, NtpClock::Read()); };
-  if (!is_reached() && process.is_running.load(std::memory_order_relaxed) && !IsOnQueue()) {
+  if (!is_reached() && TheProcess().is_running.load(std::memory_order_relaxed) && !IsOnQueue()) {
     Post([](Keeper& keeper) { keeper.SyncForReader(); });
     waiter->is_over.WaitFor(limit.count());
   }
-  const base::AutoLock guard(process.lock);
-  process.waiters.erase(std::find(process.waiters.begin(), process.waiters.end(), waiter));
   return is_reached();
 }
 
@@ -309,21 +322,31 @@ void NtpClock::Start(const NtpClockOptions& options) {
   ContinueInChild();
   // Under the lock, so that a stop at the same time comes as a whole before or after this.
   const base::AutoLock guard(process.lock);
+  // First of all: without memory for the task, nothing has changed.
+  Post([limited](Keeper& keeper) { keeper.Start(limited); });
   process.is_running.store(true, std::memory_order_relaxed);
   shared.work_ticks_us.store(base::GetSteadyTimeTicks() + kManagerReadUs, std::memory_order_relaxed);
-  Post([limited](Keeper& keeper) { keeper.Start(limited); });
+}
+
+void NtpClock::AddServers(std::vector<std::string> servers) {
+  ContinueInChild();
+  Post([servers = std::move(servers)](Keeper& keeper) { keeper.AddServers(servers); });
 }
 
 void NtpClock::Stop() {
   Process& process = TheProcess();
   ContinueInChild();
   const base::AutoLock guard(process.lock);
+  Post([](Keeper& keeper) { keeper.Stop(); });
   process.is_running.store(false, std::memory_order_relaxed);
   shared.work_ticks_us.store(kNoWork, std::memory_order_relaxed);
-  Post([](Keeper& keeper) { keeper.Stop(); });
   for (const auto& waiter : process.waiters) {
     waiter->Tell();
   }
+}
+
+bool NtpClock::IsRunning() noexcept {
+  return shared.work_ticks_us.load(std::memory_order_relaxed) != kNoWork;
 }
 
 NtpClock::time_point NtpClock::now() noexcept {

@@ -166,9 +166,13 @@ class NtpClock {
   // Starts the clock, or gives a running one new options: servers are added, none is removed. Returns at
   // once.
   SKORRA_EXPORT static void Start(const NtpClockOptions& options);
+  // Adds servers to those known already; the other options stay. Before a start it only notes them.
+  SKORRA_EXPORT static void AddServers(std::vector<std::string> servers);
   // Ends its work: syncs that wait end as kStopped, waits end, and readings go on with a growing bound. The
   // servers stay known to the manager: a later start asks them, too.
   SKORRA_EXPORT static void Stop();
+  // Whether a start was the last of `Start` and `Stop`. Lock-free.
+  SKORRA_EXPORT static bool IsRunning() noexcept;
 
   // The best estimate of the time since 1970-01-01 UTC, or the epoch while there is none: test
   // `Read().has_time()` once, or wait until synced. From then on it never goes back to the epoch.

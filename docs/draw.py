@@ -78,10 +78,10 @@ def read_rooms():
 
 
 # Centre and level of each room; the arrows come from the table.
-PLACES = {"clock/": (250, 0), "ntp/": (250, 1), "transport/": (250, 2), "sim/": (620, 1), "netmodel/": (620, 2),
-          "platform/": (435, 3), "platform/linux/": (250, 4), "platform/files/": (620, 4)}
+PLACES = {"c/": (620, 0), "clock/": (250, 0), "ntp/": (250, 1), "transport/": (250, 2), "sim/": (620, 1),
+          "netmodel/": (620, 2), "platform/": (435, 3), "platform/linux/": (250, 4), "platform/files/": (620, 4)}
 ROOM_WIDTH, ROOM_HEIGHT, LEVEL = 230, 52, 96
-SHORT = {"clock/": "the keeper, and the bound", "ntp/": "when to ask, whom to believe",
+SHORT = {"c/": "the interface for C", "clock/": "the keeper, and the bound", "ntp/": "when to ask, whom to believe",
          "transport/": "packets, addresses, what may leave", "sim/": "the seams in virtual time",
          "netmodel/": "links and servers, pure functions", "platform/": "facilities and seams: headers",
          "platform/linux/": "the seams on a real machine", "platform/files/": "configuration and log file"}
@@ -123,6 +123,7 @@ def includes_of(cell):
 def draw_include(drawing, begin, end, headers):
     (x1, y1), (x2, y2) = begin, end
     half = ROOM_HEIGHT / 2
+    label = ((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 or x1 == x2 else -1))
     if y1 == y2:
         side = 1 if x2 > x1 else -1
         drawing.arrow([(x1 + side * ROOM_WIDTH / 2, y1), (x2 - side * ROOM_WIDTH / 2, y2)])
@@ -137,13 +138,14 @@ def draw_include(drawing, begin, end, headers):
         edge = x1 + (ROOM_WIDTH / 2) * (1 if x1 > x2 else -1)
         entry = x2 + (ROOM_WIDTH / 2) * (1 if x1 > x2 else -1)
         drawing.arrow([(edge, y1), (outside, y1), (outside, y2), (entry, y2)])
+        label = (outside, y1 + LEVEL / 2 + 4)
     else:
         down = 1 if y2 > y1 else -1
         shift = 50 if x1 > x2 else -50
         drawing.arrow([(x1 - shift / 2, y1 + down * half), (x2 + shift, y2 - down * half)])
     if headers:
         words = f"only {headers[0]}" if len(headers) == 1 else f"only {len(headers)} headers"
-        drawing.label((x1 + x2) / 2, (y1 + y2) / 2 + (4 if y1 == y2 or x1 == x2 else -1), words)
+        drawing.label(*label, words)
 
 
 LANES = [("any thread", 80), ("manager", 270), ("packet handler", 480), ("ledger", 670), ("server", 800)]

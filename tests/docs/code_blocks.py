@@ -3,7 +3,7 @@
 """Takes the code blocks out of the documents, builds them as a fresh consumer would, and runs them.
 
     cmake   is a part of the consumer's CMakeLists.txt
-    cpp     is the next source file that an add_executable of the document's cmake blocks names; it is compiled,
+    cpp, c  is the next source file that an add_executable of the document's cmake blocks names; it is compiled,
             linked and run, on an empty network that holds one NTP server: a test must pass, any other program must
             print the time. The first reply of that server lies (first_reply_lies.py), so a program that does not
             wait for an outcome prints a wrong time
@@ -102,7 +102,7 @@ def write_consumer(blocks_by_document, consumer):
     """Writes the consumer's files. Returns its programs, each as (name, whether it is a test)."""
     consumer.mkdir(parents=True)
     (consumer / "skorra-ntp").symlink_to(SOURCE)
-    cmake = ["cmake_minimum_required(VERSION 3.25)", "project(consumer LANGUAGES CXX)"]
+    cmake = ["cmake_minimum_required(VERSION 3.25)", "project(consumer LANGUAGES C CXX)"]
     programs = []
     add_ours = "add_subdirectory(skorra-ntp)\n"
     for document, blocks in blocks_by_document.items():
@@ -113,9 +113,9 @@ def write_consumer(blocks_by_document, consumer):
             fail(f"{document}: its cmake blocks do not say {add_ours.strip()} once")
         if add_ours in "".join(cmake):
             parts = [part.replace(add_ours, "") for part in parts]
-        sources = [block for block in blocks if block.language == "cpp"]
+        sources = [block for block in blocks if block.language in ("cpp", "c")]
         if len(sources) != len(executables):
-            fail(f"{document}: {len(sources)} C++ blocks for {len(executables)} programs: {executables}")
+            fail(f"{document}: {len(sources)} blocks of source for {len(executables)} programs: {executables}")
         for block, (program, name) in zip(sources, executables):
             if f"`{name}`" not in (SOURCE / document).read_text():
                 fail(f"{document}: does not say which text is {name}")
@@ -204,7 +204,7 @@ def main():
                     run_command(command, skorra_ntp)
                     ran += 1
                 print(f"{block.place}: {command}: " + NOT_RUN.get(command, "ran"))
-        elif block.language not in ("cmake", "cpp", "text"):
+        elif block.language not in ("cmake", "cpp", "c", "text"):
             fail(f"{block.place}: nothing is known of the language '{block.language}'")
     if not programs or not ran:
         fail(f"the documents hold {len(programs)} programs and {ran} commands that can be run")

@@ -175,13 +175,39 @@ def plugin(build, server):
     names = exported_symbols(build / "time_plugin.so")
     # What the compilers leave visible although it names hidden types: g++ type information of function types, clang++
     # templates of the standard library.
-    ours = [name for name in names
-            if re.search(r"\b(skorra\w*|asio|spdlog|fmt|toml)::", name) and not name.startswith(("typeinfo", "std::"))]
+    pattern = r"\b(skorra\w*|asio|spdlog|fmt|toml)::|^skorra_ntp_"
+    ours = [name for name in names if re.search(pattern, name) and not name.startswith(("typeinfo", "std::"))]
     if ours or "plugin_now_us" not in names:
         fail("of the library the plugin exports\n" + "\n".join(ours))
 
 
-EXAMPLES = {"clock_reader": clock_reader, "crowded_host": crowded_host, "plugin": plugin}
+def c_clock(build, server):
+    output = run(build / "c_clock", server)
+    expect_offset(output)
+    expect_limits(output)
+    told = ("attempt: disagreeing (conflicting)\n", f"2 attempts with {server}, library ")
+    if not all(text in output for text in told):
+        fail(f"the attempts are not those of the server:\n{output}")
+    expect_no_time("neither a host", build / "c_clock", "not:an:address")
+    python(build / "skorra-ntp/libskorra_ntp.so", server)
+
+
+def python(library, server):
+    """The Python example on the same library."""
+    example = SOURCE / "examples/python/skorra_ntp.py"
+    output = run(example, "--library", library, server)
+    rows = dict(re.split(" {2,}", line, maxsplit=1) for line in output.splitlines() if "  " in line)
+    numbers = {name: int(rows.get(name, "0 us").removesuffix(" us")) for name in ("offset", "at least", "at most")}
+    expect_offset(f"offset {numbers['offset']} us\n")
+    expect_limits(f"at least {numbers['at least']} us, at most {numbers['at most']} us\n")
+    if rows.get("server") != server or rows.get("status") != "synchronized" or not rows.get("1", "").startswith("ok "):
+        fail(f"the Python example's table is wrong:\n{output}")
+    expect_no_time("no time", example, "--limit", "0.01", "--library", library, "127.0.0.1:9")
+    with Server() as fresh:
+        run(pathlib.Path(__file__).parent / "python_class.py", library, fresh.address)
+
+
+EXAMPLES = {"c_clock": c_clock, "clock_reader": clock_reader, "crowded_host": crowded_host, "plugin": plugin}
 
 
 def main():

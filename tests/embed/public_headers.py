@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compiles each header that a host program or its tests include, alone and in every way that they may compile it.
 
-public_headers.txt lists those of skorra::ntp, sim_headers.txt the further ones of skorra::sim, which need C++20.
+public_headers.txt lists those of skorra::ntp, sim_headers.txt the further ones of skorra::sim, which need C++20. Those
+of c/ are compiled as C11, too.
 
 A host has a folder of its own first in its include path, with a platform/net/ip_endpoint.h that stops the
 compiler: our headers must find each other without the include path.
@@ -20,7 +21,9 @@ import sys
 
 COMPILERS = ("g++", "clang++")
 STANDARDS = {"public_headers.txt": ("c++17", "c++20"), "sim_headers.txt": ("c++20",)}
-FLAGS = ("-fsyntax-only -fno-exceptions -fno-rtti -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror").split()
+FLAGS = "-fsyntax-only -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror".split()
+CPP_FLAGS = "-fno-exceptions -fno-rtti".split()
+C_FLAGS = "-x c -Wstrict-prototypes".split()
 
 
 def included_files(source, header, seen):
@@ -37,7 +40,9 @@ def included_files(source, header, seen):
 
 
 def compile_alone(compiler, standard, header, source, host):
-    done = subprocess.run([compiler, f"-std={standard}", *FLAGS, f"-I{host}", f"-I{source}", str(host / "host.cc")],
+    language = CPP_FLAGS if standard.startswith("c++") else C_FLAGS
+    done = subprocess.run([compiler, *language, f"-std={standard}", *FLAGS, f"-I{host}", f"-I{source}",
+                           str(host / "host.cc")],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     return "" if done.returncode == 0 else f"{header} with {compiler} -std={standard}:\n{done.stdout}"
 
@@ -55,6 +60,13 @@ def main():
         for header in headers:
             standards_of.setdefault(header, standards)
         print(f"{list_name}: {len(headers)} headers, {' '.join(standards)}")
+    c_headers = set()
+    for header in [name for name in standards_of if name.startswith("c/")]:
+        included_files(source, header, c_headers)
+    for header in c_headers:
+        standards_of[header] += ("c11",)
+    if not c_headers:
+        sys.exit("public_headers: there is no header for C")
     # The host's folder has a file of the same name for each header but the one that is included.
     compilers = [compiler for compiler in COMPILERS if shutil.which(compiler)]
     if not compilers:
@@ -64,7 +76,7 @@ def main():
         for name in standards_of.keys() - {header}:
             (other / name).parent.mkdir(parents=True, exist_ok=True)
             (other / name).write_text("#error this is the host's own header\n")
-        (other / "host.cc").write_text(f'#include "{header}"\n#include "{header}"\n')
+        (other / "host.cc").write_text(f'#include "{header}"\n#include "{header}"\nextern int host;\n')
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
         jobs = [pool.submit(compile_alone, compiler, standard, header, source, host / header.replace("/", "_"))
                 for compiler, header in itertools.product(compilers, sorted(standards_of))

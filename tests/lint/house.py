@@ -25,7 +25,7 @@ LIBRARIES = {"asio": "Asio", "ares": "c-ares", "spdlog/": "spdlog", "fmt/": "spd
              "CLI/": "CLI11", "nlohmann/": "nlohmann-json", "gtest/": "GoogleTest", "gmock/": "GoogleTest",
              "rapidcheck": "RapidCheck", "benchmark/": "Google Benchmark"}
 
-PRODUCT = ("clock/", "ntp/", "transport/", "platform/", "netmodel/", "sim/", "apps/")
+PRODUCT = ("c/", "clock/", "ntp/", "transport/", "platform/", "netmodel/", "sim/", "apps/")
 
 # What product code does not call, where it may all the same, and what to use instead.
 BANNED = [
@@ -70,7 +70,7 @@ def tracked(*patterns):
 
 
 def sources():
-    return tracked("*.cc", "*.h")
+    return tracked("*.cc", "*.c", "*.h")
 
 
 def read(path):
@@ -151,7 +151,7 @@ def check_sizes():
         lines = read(path).splitlines()
         if len(lines) > MAX_FILE_LINES:
             yield f"{path}: {len(lines)} lines, {MAX_FILE_LINES} at most"
-        if path.endswith((".cc", ".h")):
+        if path.endswith((".cc", ".c", ".h")):
             for begin, end in functions(lines):
                 if end - begin - 1 > MAX_FUNCTION_LINES:
                     yield f"{path}:{begin + 1}: a function of {end - begin - 1} lines, {MAX_FUNCTION_LINES} at most"

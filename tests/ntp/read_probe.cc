@@ -3,7 +3,8 @@
 // What one read of the clock costs in calls: runs reads in both healthy states of a manager, and those of
 // NtpClock, and counts the allocations, the lock operations and the clock readings that they make. Ends with
 // status 1 when there is any allocation or lock, or another number of clock readings than two (quiet) and
-// five (due), three for NtpClock's Read, IsAfter and IsBefore, and one for its now.
+// five (due), three for NtpClock's Read, IsAfter and IsBefore, and one for its now,
+// and the same for the two reads in C.
 //
 //   read_probe [READS]
 //
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "c/skorra_ntp.h"
 #include "clock/ntp_clock.h"
 #include "testing/ntp_time_manager_peer.h"
 #include "testing/process_clock.h"
@@ -107,6 +109,13 @@ bool ProbeClock(long count) {
       Probe("NtpClock::IsAfter", count, {3}, [&] { return NtpClock::IsAfter(never) ? 0 : 1; }) && is_clean;
   is_clean =
       Probe("NtpClock::IsBefore", count, {3}, [&] { return NtpClock::IsBefore(never) ? 1 : 0; }) && is_clean;
+  is_clean = Probe("skorra_ntp_now_us", count, {1}, [] { return skorra_ntp_now_us(); }) && is_clean;
+  skorra_ntp_reading reading{};
+  reading.struct_size = sizeof reading;
+  is_clean =
+      Probe("skorra_ntp_read", count, {3},
+            [&] { return skorra_ntp_read(&reading) == SKORRA_NTP_OK ? reading.best_estimate_us : 0; }) &&
+      is_clean;
   // What is due is handed to the manager once, which makes its own five readings.
   skorra::PublishTimeInProcess(peer);
   is_clean = Probe("NtpClock::Read, due", count, {3, 5}, [] { return NtpClock::Read().best_estimate_us; }) &&
