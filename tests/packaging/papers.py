@@ -4,7 +4,8 @@
 
 Each command, option, environment variable, reason and exit status that `--help` tells is in the man page, and each that
 is there is told by `--help`. The completion offers each command and option where it belongs, and nothing else. The
-program reads the example without a warning, and the values there are the defaults.
+program reads the example without a warning, and the values there are the defaults. The page and the changelog of the
+Debian packages tell the program's version.
 
 usage: papers.py SKORRA_NTP_PROGRAM
 """
@@ -128,6 +129,12 @@ class PapersTest(unittest.TestCase):
         told.pop("DEFAULT_DOMAIN")
         values = dict(re.findall(r"^(\w+) = (\d+)$", example.read_text(), re.MULTILINE))
         self.assertEqual({name.upper(): value for name, value in values.items()}, told)
+
+    def test_the_version_is_the_same_everywhere(self):
+        told = subprocess.run([PROGRAM, "--version"], check=True, capture_output=True, text=True).stdout.split()[1]
+        self.assertEqual(re.search(r'^\.TH .*"skorra NTP (\S+)"', page(), re.MULTILINE)[1], told)
+        changelog = (PACKAGING / "debian/changelog").read_text()
+        self.assertEqual(re.match(r"skorra-ntp \((\S+)\) ", changelog)[1], told)
 
 
 if __name__ == "__main__":
