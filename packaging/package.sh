@@ -5,8 +5,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# shellcheck source=packaging/root.sh
+. packaging/root.sh
+
 work=$PWD/build/package
 arch=$(dpkg --print-architecture)
+cross_root='' # where another architecture's packages are built
 abi=tests/embed/abi/libskorra_ntp.so.0.abi
 abi_options=(--suppressions tests/embed/abi/suppressions.ini --exported-interfaces-only)
 
@@ -15,23 +19,55 @@ fail() {
   exit 1
 }
 
-# Copies the sources, as git knows them, and builds the packages next to them. Every object is compiled: a cache of
-# objects would hide a difference.
+# The sources, as git knows them; the same for both builds, whatever is edited meanwhile.
+copy_sources() {
+  mkdir -p "$work"
+  git ls-files -z --cached --others --exclude-standard | tar --create --null --files-from=- --file="$work/sources.tar"
+}
+
+# Builds the packages next to a copy of the sources. Every object is compiled: a cache of objects would hide a
+# difference.
 build_packages() {
   local folder=$1
   rm -rf "$folder"
   mkdir -p "$folder/source"
-  git ls-files -z --cached --others --exclude-standard | tar --create --null --files-from=- |
-    tar --extract --directory="$folder/source"
+  tar --extract --file="$work/sources.tar" --directory="$folder/source"
   cp -r "$folder/source/packaging/debian" "$folder/source/debian"
-  (
+  local options
+  options="noautodbgsym parallel=$(nproc)"
+  if [ -z "$cross_root" ]; then
     cd "$folder/source"
     env -u CMAKE_CXX_COMPILER_LAUNCHER -u CFLAGS -u CXXFLAGS -u LDFLAGS CCACHE_DISABLE=1 \
-      DEB_BUILD_OPTIONS="noautodbgsym parallel=$(nproc)" dpkg-buildpackage --build=binary --no-sign
-  ) >"$folder/log" 2>&1 || {
-    tail -40 "$folder/log" >&2
-    fail "the build failed; its log is $folder/log"
-  }
+      DEB_BUILD_OPTIONS="$options" dpkg-buildpackage --build=binary --no-sign >"$folder/log" 2>&1 || show_log "$folder"
+    cd - >/dev/null
+    return
+  fi
+  local inside=/packages/${folder##*/}
+  rm -rf "$cross_root$inside"
+  mkdir -p "$cross_root/packages"
+  cp -r "$folder" "$cross_root$inside"
+  # shellcheck disable=SC2016
+  in_root "$cross_root" sh -c 'cd "$1/source" && DEB_BUILD_OPTIONS=$2 dpkg-buildpackage --host-arch "$3" \
+    --build=binary --no-sign' sh "$inside" "$options" "$arch" >"$folder/log" 2>&1 || show_log "$folder"
+  find "$cross_root$inside" -maxdepth 1 -type f ! -name log -exec cp {} "$folder" ';'
+}
+
+show_log() {
+  tail -40 "$1/log" >&2
+  fail "the build failed; its log is $1/log"
+}
+
+# Compilers for another architecture and its libraries are in a root of their own, never on the machine.
+make_cross_root() {
+  arch=$1
+  work=$work/$arch
+  cross_root=$PWD/build/package/roots/bookworm-$arch
+  local library packages=(build-essential "crossbuild-essential-$arch" debhelper cmake ninja-build libasio-dev
+    libcli11-dev nlohmann-json3-dev)
+  for library in libc-ares-dev libfmt-dev libspdlog-dev libtomlplusplus-dev; do
+    packages+=("$library:$arch")
+  done
+  make_root "$cross_root" bookworm "$arch" "${packages[@]}"
 }
 
 expect_same() {
@@ -67,6 +103,7 @@ expect_abi() {
 
 update_abi() {
   is_abi_held || fail "so it is not written"
+  copy_sources
   build_packages "$work/first"
   abidw "${abi_options[@]}" --no-corpus-path --no-comp-dir-path --no-show-locs --type-id-style hash \
     --out-file "$abi" "$(abi_library)"
@@ -74,6 +111,7 @@ update_abi() {
 }
 
 make_packages() {
+  copy_sources
   build_packages "$work/first"
   [ "$(find "$work/first" -maxdepth 1 -name "*_$arch.deb" | wc -l)" -eq 3 ] || fail "there are not three packages"
   lintian --allow-root --fail-on error "$work"/first/*.changes
@@ -93,5 +131,10 @@ case ${1-} in
     packaging/try.sh "${@:2}"
     ;;
   --update-abi) update_abi ;;
+  --arch)
+    [ "${2-}" = armhf ] || fail "--arch makes packages for armhf only"
+    make_cross_root "$2"
+    make_packages
+    ;;
   *) fail "there is no option '$1'" ;;
 esac

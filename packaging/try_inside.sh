@@ -18,7 +18,7 @@ expect_sync() {
     cat /try/output >&2
     fail "$name ended with an error"
   }
-  offset=$(sed -n 's/^offset \(-\{0,1\}[0-9]*\) us$/\1/p' /try/output)
+  offset=$(sed -n 's/^offset  *\(-\{0,1\}[0-9]*\) us$/\1/p' /try/output)
   if ! [ "${offset:-999999}" -gt -100000 ] || ! [ "${offset:-999999}" -lt 100000 ]; then
     cat /try/output >&2
     fail "$name has no offset below 100 ms"
@@ -74,12 +74,20 @@ until skorra-ntp sync "$server"; do # the server may still be starting
   [ "$tries" -lt 5 ] || fail "skorra-ntp does not sync: $(cat /try/chronyd.log)"
 done
 test -e /usr/share/bash-completion/completions/skorra-ntp || fail "the completion is missing"
-cp -r /usr/share/doc/libskorra-ntp-dev/examples/clock_reader /try
+examples=/usr/share/doc/libskorra-ntp-dev/examples
+cp -r "$examples/clock_reader" /try
 
 build_example find_package_shared
 build_example find_package_static -DBUILD_SHARED_LIBS=OFF
 with_pkg_config pkg_config_shared
 with_pkg_config pkg_config_static --static
+if [ -e "$examples/main.c" ]; then
+  # Unquoted: it is a list of words.
+  # shellcheck disable=SC2046
+  gcc -std=c11 "$examples/main.c" -o /try/c_clock $(pkg-config --cflags --libs skorra-ntp)
+  expect_sync C /try/c_clock "$server"
+  expect_sync Python python3 "$examples/skorra_ntp.py" "$server"
+fi
 dpkg --purge skorra-ntp libskorra-ntp-dev libskorra-ntp0 >/try/dpkg.log 2>&1 || {
   cat /try/dpkg.log >&2
   fail "the packages cannot be purged"
