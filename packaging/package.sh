@@ -34,7 +34,7 @@ build_packages() {
   tar --extract --file="$work/sources.tar" --directory="$folder/source"
   cp -r "$folder/source/packaging/debian" "$folder/source/debian"
   local options
-  options="noautodbgsym parallel=$(nproc)"
+  options="noautodbgsym nocheck parallel=$(nproc)"
   if [ -z "$cross_root" ]; then
     cd "$folder/source"
     env -u CMAKE_CXX_COMPILER_LAUNCHER -u CFLAGS -u CXXFLAGS -u LDFLAGS CCACHE_DISABLE=1 \
