@@ -47,7 +47,7 @@ endif()
 function(skorra_target name)
   # First in the path: a host may look for headers in folders of its own, which hold files of the same names.
   target_include_directories(${name} BEFORE PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PRIVATE skorra_build)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:skorra_build>)
   set_target_properties(
     ${name}
     PROPERTIES CXX_EXTENSIONS OFF
@@ -77,8 +77,10 @@ endfunction()
 # level LEVEL, the include folder and the threads, and get nothing else.
 function(skorra_library name level)
   skorra_target(${name})
+  # An installed library holds its rooms: its users see none of them.
+  list(TRANSFORM ARGN REPLACE "(.+)" "$<BUILD_INTERFACE:\\1>")
   target_link_libraries(${name} PRIVATE ${ARGN})
-  target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR})
+  target_include_directories(${name} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
   target_compile_features(${name} INTERFACE ${level})
   target_link_libraries(${name} PUBLIC Threads::Threads)
   get_target_property(type ${name} TYPE)

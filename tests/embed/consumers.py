@@ -128,15 +128,20 @@ def expect_no_time(reason, *command):
         fail(f"{command} ended with {done.returncode}, not for '{reason}':\n{done.stdout}")
 
 
-def clock_reader(build, server):
-    library = build / "skorra-ntp/libskorra_ntp.so"
-    expect_listed_symbols(library)
-    expect_never_unloaded(library)
-    output = run(build / "clock_reader", server)
+def expect_time_without_lie(program, server):
+    """The example clock_reader tells nothing of the attempt with the lie, and the right time after it."""
+    output = run(program, server)
     expect_offset(output)
     expect_limits(output)
     if "attempt: disagreeing\n" not in output:
         fail(f"the clock took the lie in the first attempt for a time, or hid it:\n{output}")
+
+
+def clock_reader(build, server):
+    library = build / "_deps/skorra-ntp-build/libskorra_ntp.so"
+    expect_listed_symbols(library)
+    expect_never_unloaded(library)
+    expect_time_without_lie(build / "clock_reader", server)
     expect_no_time("attempt: no_server", build / "clock_reader", "not:an:address")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
         silent.bind(("127.0.0.1", 0))
@@ -144,7 +149,17 @@ def clock_reader(build, server):
     run("ctest", "--test-dir", build, "--output-on-failure", "--no-tests=error")
 
 
+def expect_nothing_installed(build):
+    """A host that embeds the library does not install it."""
+    prefix = build / "prefix"
+    run("cmake", "--install", build, "--prefix", prefix)
+    files = [str(path.relative_to(prefix)) for path in prefix.rglob("*")]
+    if files:
+        fail("a host installs with its own files\n" + "\n".join(files))
+
+
 def crowded_host(build, server):
+    expect_nothing_installed(build)
     output = run(build / "crowded_host", server)
     expect_offset(output)
     sent = re.search(r"^requests sent ([1-8])$", output, re.MULTILINE)
