@@ -5,12 +5,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
-#include <semaphore>
 #include <set>
 #include <string_view>
 
@@ -92,15 +93,19 @@ class Watch final : public NtpSyncListener {
   // Waits for the end, showing the progress, until `deadline_ticks_us` at the longest. After the return
   // nothing that the library reports changes the watch.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
-    int64_t wait_us = 0;
-    while (!ended_.try_acquire_for(std::chrono::microseconds(wait_us))) {
+    for (bool has_ended = false; !has_ended;) {
       const int64_t now_ticks_us = base::GetSteadyTimeTicks();
       if (now_ticks_us >= deadline_ticks_us) {
         GiveUp();
         break;
       }
       ShowProgress(now_ticks_us - start_ticks_us);
-      wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
+      const int64_t left_us = deadline_ticks_us - now_ticks_us;
+      std::unique_lock<std::mutex> guard(end_lock_);
+      has_ended = end_.wait_for(
+          guard,
+          std::chrono::microseconds(shows_progress_ ? std::min(left_us, kProgressIntervalUs) : left_us),
+          [this] { return has_ended_; });
     }
     if (shows_progress_) {
       WriteError(kClearLine);
@@ -131,7 +136,9 @@ class Watch final : public NtpSyncListener {
   void End(const NtpSyncOutcome& outcome) SKORRA_REQUIRES(lock_) {
     is_over_ = true;
     outcome_ = outcome;
-    ended_.release();
+    const std::lock_guard<std::mutex> guard(end_lock_);
+    has_ended_ = true;
+    end_.notify_one();
   }
 
   void GiveUp() {
@@ -159,7 +166,9 @@ class Watch final : public NtpSyncListener {
   }
 
   const bool shows_progress_;
-  std::binary_semaphore ended_{0};
+  std::mutex end_lock_;
+  std::condition_variable end_;
+  bool has_ended_ = false;  // guarded by `end_lock_`
   base::Lock lock_;
   bool is_over_ SKORRA_GUARDED_BY(lock_) = false;
   NtpSyncOutcome outcome_ SKORRA_GUARDED_BY(lock_);
