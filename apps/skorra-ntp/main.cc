@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The command line; what the commands do is in sync.h, serve.h and demo.h.
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
@@ -157,6 +158,7 @@ void AddServe(CLI::App& app, skorra::ServeOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  mallopt(M_ARENA_MAX, 1);  // its threads wait most of the time
   skorra::PrepareStandardStreams();
   CLI::App app{"Network time without touching the system clock", "skorra-ntp"};
   app.set_version_flag("--version", "skorra-ntp " SKORRA_VERSION);

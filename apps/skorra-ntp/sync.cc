@@ -91,15 +91,15 @@ class Watch final : public NtpSyncListener {
   // Waits for the end, showing the progress, until `deadline_ticks_us` at the longest. After the return
   // nothing that the library reports changes the watch.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
-    int64_t wait_us = 0;
-    while (!ended_.WaitFor(wait_us)) {
+    for (bool has_ended = false; !has_ended;) {
       const int64_t now_ticks_us = base::GetSteadyTimeTicks();
       if (now_ticks_us >= deadline_ticks_us) {
         GiveUp();
         break;
       }
       ShowProgress(now_ticks_us - start_ticks_us);
-      wait_us = std::min(deadline_ticks_us - now_ticks_us, kProgressIntervalUs);
+      const int64_t left_us = deadline_ticks_us - now_ticks_us;
+      has_ended = ended_.WaitFor(shows_progress_ ? std::min(left_us, kProgressIntervalUs) : left_us);
     }
     if (shows_progress_) {
       WriteError(kClearLine);

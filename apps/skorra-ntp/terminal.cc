@@ -90,10 +90,12 @@ bool WriteOutput(std::string_view text) {
 }  // namespace
 
 void PrepareStandardStreams() {
-  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+  std::array<pollfd, 3> streams{{{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}}};
+  poll(streams.data(), streams.size(), 0);
+  for (const auto& [fd, asked, answer] : streams) {
     // The lowest number that is free is `fd`. Opened for reading, standard output fails each write as a
     // closed one does.
-    if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY) != fd) {
+    if ((answer & POLLNVAL) != 0 && open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY) != fd) {
       _exit(kExitOutput);
     }
   }

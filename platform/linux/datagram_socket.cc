@@ -3,23 +3,21 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/post.hpp>
 #include <cstring>
 #include <map>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/base/clock.h"
 #include "platform/base/fork.h"
+#include "platform/linux/event_loop.h"
 #include "platform/linux/kernel_time_stamps.h"
 #include "platform/linux/queue_context.h"
 
@@ -27,6 +25,8 @@ namespace net {
 inline namespace skorra_ntp {
 
 namespace {
+
+using core::internal::EventLoop;
 
 // After this many datagrams in a row, the queue's tasks run first.
 constexpr int kMaxDatagramsPerWakeUp = 64;
@@ -117,44 +117,49 @@ IPEndPoint FromSockaddr(const sockaddr_storage& storage) {
 // Shared with the event loop's handlers: one may still be pending when the socket is destroyed.
 struct DatagramSocket::Impl {
   struct State : std::enable_shared_from_this<State> {
-    State(asio::io_context& loop, Callbacks functions)
-        : context(loop), descriptor(loop), callbacks(std::move(functions)) {}
+    State(EventLoop& queue_loop, Callbacks functions) : loop(queue_loop), callbacks(std::move(functions)) {}
 
     // Returns an error number, or 0.
     int Open(const IPEndPoint& remote);
-    // Does nothing when a wait has begun already.
-    void WaitForDatagrams();
-    void ReadDatagrams();
-    // Delivers all send stamps, then one datagram or error. Returns false when nothing is left.
-    bool ReadOne();
+    // The event loop calls `OnReadable` while there is something to read. Returns an error number, or 0.
+    int StartReading();
+    void StopReading();
+    void OnReadable(uint32_t events);
+    // Delivers the send stamps, then one datagram or error. Returns false when nothing is left.
+    bool ReadOne(bool has_messages);
+    // Delivers the send stamps. Returns false if there are none.
+    bool ReadSendStamps();
+    // After a send, which most devices stamp at once: its stamp then ends no wait.
+    void ReadSendStampsEarly();
     // Delivers the datagram that was read, or `error` unless it is 0.
     void Deliver(int error, std::span<const uint8_t> bytes, const sockaddr_storage& source, msghdr& message,
                  int64_t read_ticks_us);
-    // Takes the stamps from the error queue. Returns an error number, or 0 when there may be more.
+    // Notes the clocks and delivers the stamps.
+    void ReportSent(const std::vector<internal::SendStamp>& stamps);
+    // Takes the stamps that are waited for from the error queue. Returns an error number, or 0 when there may
+    // be more messages.
     int TakeSendStamps(std::vector<internal::SendStamp>* stamps);
-    void ReportSent(const internal::SendStamp& stamp);
     void ReportError(SocketError error);
     void ReportErrorLater(SocketError error);
     // Sends, and again after a signal. Returns an error number, or 0.
     int TrySend(std::span<const uint8_t> bytes);
 
-    asio::io_context& context;
-    asio::posix::stream_descriptor descriptor;
+    EventLoop& loop;
+    int fd = -1;
     Callbacks callbacks;
     internal::StampClock stamp_clock{internal::ReadClocks()};
     bool is_closed = false;
     int failed_reads = 0;     // in a row
-    bool is_waiting = false;  // the event loop will call when there is something to read
-    bool is_reading = true;   // false: not until the next send
+    bool is_reading = false;  // false: not until the next send
     uint32_t next_send_id = 0;
     // While true, the kernel numbers the datagrams as we do. A failed send may use up a number or not: after
     // one, no send is stamped, rather than stamped with the time of another.
     bool has_send_numbers = false;
     std::map<uint32_t, int64_t> unstamped_send_ticks_us;  // by number; read immediately before each send
+    std::vector<internal::SendStamp> early_stamps;        // read, but not delivered yet
     // In a forked child the socket remains its parent's: the child sends and reads nothing through it, and
     // closes it without telling the event loop.
     const uint32_t fork_generation = base::ForkGeneration();
-    std::shared_ptr<State> itself;  // set to keep it forever
   };
 
   std::shared_ptr<State> state;
@@ -162,58 +167,88 @@ struct DatagramSocket::Impl {
 
 int DatagramSocket::Impl::State::Open(const IPEndPoint& remote) {
   const int family = remote.family() == IPEndPoint::Family::kIPv4 ? AF_INET : AF_INET6;
-  const int fd = socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  fd = socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     return errno;
   }
-  std::error_code error;
-  descriptor.assign(fd, error);
-  if (error) {
-    close(fd);
-    return error.value();
-  }
-  // The descriptor owns the socket now. Where the kernel gives no time stamps, we use our own.
+  // Where the kernel gives no time stamps, we use our own.
   internal::RequestReceiveStamps(fd);
   has_send_numbers = callbacks.on_sent && internal::RequestSendStamps(fd);
   sockaddr_storage address;
   const socklen_t address_size = ToSockaddr(remote, &address);
-  return connect(fd, reinterpret_cast<const sockaddr*>(&address), address_size) == 0 ? 0 : errno;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), address_size) != 0) {
+    return errno;
+  }
+  const int error = StartReading();
+  return error == EPERM ? 0 : error;  // a sandbox: the socket says so after each send
 }
 
-void DatagramSocket::Impl::State::WaitForDatagrams() {
-  if (std::exchange(is_waiting, true)) {
+int DatagramSocket::Impl::State::StartReading() {
+  if (is_reading) {
+    return 0;
+  }
+  const int error = loop.Watch(fd, EventLoop::When::kReadable,
+                               [self = shared_from_this()](uint32_t events) { self->OnReadable(events); });
+  is_reading = error == 0;
+  if (error != 0) {
+    ReportErrorLater(SocketError::kOther);
+  }
+  return error;
+}
+
+void DatagramSocket::Impl::State::StopReading() {
+  if (std::exchange(is_reading, false)) {
+    loop.Unwatch(fd);
+  }
+}
+
+// The event loop calls again while there is something to read, so that nobody has to find out that nothing
+// is. Only the clock must know that, after a step.
+void DatagramSocket::Impl::State::OnReadable(uint32_t events) {
+  if (events == EPOLLERR && ReadSendStamps()) {
     return;
   }
-  // A message in the error queue ends this wait, too.
-  descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                        [self = shared_from_this()](const std::error_code& error) {
-                          self->is_waiting = false;
-                          if (self->is_closed) {
-                            return;
-                          }
-                          if (!error) {
-                            self->ReadDatagrams();
-                            return;
-                          }
-                          // Waiting failed; the next send starts it again.
-                          self->is_reading = false;
-                          self->ReportError(SocketError::kOther);
-                        });
-}
-
-void DatagramSocket::Impl::State::ReadDatagrams() {
-  for (int i = 0; i < kMaxDatagramsPerWakeUp && !is_closed && is_reading && ReadOne(); ++i) {
+  bool has_messages = (events & EPOLLERR) != 0;
+  for (int i = 0; i < kMaxDatagramsPerWakeUp && is_reading && ReadOne(has_messages); ++i) {
     if (failed_reads == kMaxFailedReads) {
       failed_reads = 0;
-      is_reading = false;
+      StopReading();
     }
-  }
-  if (!is_closed && is_reading) {
-    WaitForDatagrams();
+    if (!stamp_clock.may_predate_step()) {
+      return;
+    }
+    has_messages = true;
   }
 }
 
-bool DatagramSocket::Impl::State::ReadOne() {
+bool DatagramSocket::Impl::State::ReadSendStamps() {
+  std::vector<internal::SendStamp> stamps;
+  TakeSendStamps(&stamps);
+  if (stamps.empty()) {
+    return false;
+  }
+  ReportSent(stamps);
+  failed_reads = 0;
+  return true;
+}
+
+void DatagramSocket::Impl::State::ReadSendStampsEarly() {
+  if (!is_reading || unstamped_send_ticks_us.size() > early_stamps.size() + 1) {
+    return;  // here they come later
+  }
+  std::vector<internal::SendStamp> stamps;
+  TakeSendStamps(&stamps);
+  early_stamps = std::move(stamps);
+  if (!early_stamps.empty()) {
+    loop.Defer([self = shared_from_this()] {
+      if (!self->is_closed) {
+        self->ReportSent(std::exchange(self->early_stamps, {}));
+      }
+    });
+  }
+}
+
+bool DatagramSocket::Impl::State::ReadOne(bool has_messages) {
   std::array<uint8_t, kMaxDatagramBytes> buffer;
   alignas(cmsghdr) std::array<unsigned char, 256> control;
   sockaddr_storage source;
@@ -225,17 +260,15 @@ bool DatagramSocket::Impl::State::ReadOne() {
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
-  const ssize_t size = recvmsg(descriptor.native_handle(), &message, 0);
+  const ssize_t size = recvmsg(fd, &message, 0);
   const int error = size < 0 ? errno : 0;
   const int64_t read_ticks_us = base::GetSteadyTimeTicks();
 
   // Read after the datagram: the stamp of a request is there when its reply is.
   std::vector<internal::SendStamp> send_stamps;
-  const int stamps_error = TakeSendStamps(&send_stamps);
-  stamp_clock.Observe(internal::ReadClocks());
-  for (const internal::SendStamp& stamp : send_stamps) {
-    ReportSent(stamp);
-  }
+  const bool may_have_stamps = has_messages || !unstamped_send_ticks_us.empty();
+  const int stamps_error = may_have_stamps ? TakeSendStamps(&send_stamps) : EAGAIN;
+  ReportSent(send_stamps);
   if (error != EAGAIN) {
     Deliver(error, std::span(buffer).first(static_cast<size_t>(std::max<ssize_t>(size, 0))), source, message,
             read_ticks_us);
@@ -252,13 +285,20 @@ bool DatagramSocket::Impl::State::ReadOne() {
 }
 
 int DatagramSocket::Impl::State::TakeSendStamps(std::vector<internal::SendStamp>* stamps) {
-  // At most one for each send that waits for its stamp.
-  for (size_t i = 0; i < kMaxUnstampedSends; ++i) {
+  *stamps = std::exchange(early_stamps, {});
+  // One for each send that waits for its stamp.
+  const size_t max_messages = std::max<size_t>(unstamped_send_ticks_us.size(), 1);
+  for (size_t i = stamps->size(); i < max_messages; ++i) {
+    // An emulated program gets no messages without room for a payload, and no error either.
+    uint8_t payload = 0;
+    iovec part{&payload, 1};
     alignas(cmsghdr) std::array<unsigned char, 256> control;
     msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-    if (recvmsg(descriptor.native_handle(), &message, MSG_ERRQUEUE) < 0) {
+    if (recvmsg(fd, &message, MSG_ERRQUEUE) < 0) {
       return errno;
     }
     if (const auto stamp = internal::SendStampOf(message)) {
@@ -268,15 +308,18 @@ int DatagramSocket::Impl::State::TakeSendStamps(std::vector<internal::SendStamp>
   return 0;
 }
 
-void DatagramSocket::Impl::State::ReportSent(const internal::SendStamp& stamp) {
-  const auto send = unstamped_send_ticks_us.find(stamp.number);
-  if (send == unstamped_send_ticks_us.end()) {
-    return;
-  }
-  const std::optional<int64_t> send_ticks_us = stamp_clock.ToSteady(stamp.wall_us, send->second);
-  unstamped_send_ticks_us.erase(send);
-  if (send_ticks_us) {
-    core::internal::RunHandler([&] { callbacks.on_sent(stamp.number, *send_ticks_us); });
+void DatagramSocket::Impl::State::ReportSent(const std::vector<internal::SendStamp>& stamps) {
+  stamp_clock.Observe(internal::ReadClocks());
+  for (const internal::SendStamp& stamp : stamps) {
+    const auto send = unstamped_send_ticks_us.find(stamp.number);
+    if (send == unstamped_send_ticks_us.end()) {
+      continue;
+    }
+    const std::optional<int64_t> send_ticks_us = stamp_clock.ToSteady(stamp.wall_us, send->second);
+    unstamped_send_ticks_us.erase(send);
+    if (send_ticks_us) {
+      core::internal::RunHandler([&] { callbacks.on_sent(stamp.number, *send_ticks_us); });
+    }
   }
 }
 
@@ -305,7 +348,7 @@ void DatagramSocket::Impl::State::ReportError(SocketError error) {
 }
 
 void DatagramSocket::Impl::State::ReportErrorLater(SocketError error) {
-  asio::post(context, [self = shared_from_this(), error] {
+  loop.Defer([self = shared_from_this(), error] {
     if (!self->is_closed) {
       self->ReportError(error);
     }
@@ -315,12 +358,13 @@ void DatagramSocket::Impl::State::ReportErrorLater(SocketError error) {
 int DatagramSocket::Impl::State::TrySend(std::span<const uint8_t> bytes) {
   for (int signals = 0;; ++signals) {
     const int64_t before_ticks_us = base::GetSteadyTimeTicks();
-    if (send(descriptor.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) {
+    if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) {
       if (has_send_numbers) {
         unstamped_send_ticks_us.emplace(next_send_id, before_ticks_us);
         if (unstamped_send_ticks_us.size() > kMaxUnstampedSends) {
           unstamped_send_ticks_us.erase(unstamped_send_ticks_us.begin());
         }
+        ReadSendStampsEarly();
       }
       return 0;
     }
@@ -335,17 +379,20 @@ int DatagramSocket::Impl::State::TrySend(std::span<const uint8_t> bytes) {
 
 std::unique_ptr<DatagramSocket> DatagramSocket::Connect(const IPEndPoint& remote, Callbacks callbacks,
                                                         SocketError* error) {
-  asio::io_context* const context = core::internal::CurrentQueueContext();
-  if (context == nullptr || remote.address_empty()) {
+  EventLoop* const loop = core::internal::CurrentEventLoop();
+  if (loop == nullptr || remote.address_empty()) {
     *error = SocketError::kOther;
     return nullptr;
   }
-  auto state = std::make_shared<Impl::State>(*context, std::move(callbacks));
+  auto state = std::make_shared<Impl::State>(*loop, std::move(callbacks));
   if (const int status = state->Open(remote); status != 0) {
+    state->is_closed = true;
+    if (state->fd >= 0) {
+      close(state->fd);
+    }
     *error = ErrorFromErrno(status);
     return nullptr;
   }
-  state->WaitForDatagrams();
   *error = SocketError::kNone;
   return std::unique_ptr<DatagramSocket>(new DatagramSocket(std::make_unique<Impl>(Impl{std::move(state)})));
 }
@@ -355,15 +402,10 @@ DatagramSocket::DatagramSocket(std::unique_ptr<Impl> impl) : impl_(std::move(imp
 DatagramSocket::~DatagramSocket() {
   Impl::State& state = *impl_->state;
   state.is_closed = true;
-  // Unregister before closing: while a forked child holds the socket open, closing alone would leave it in
-  // the event loop.
-  const bool is_own = state.fork_generation == base::ForkGeneration();
-  close(is_own ? state.descriptor.release() : state.descriptor.native_handle());
-  if (!is_own) {
-    // Never destroy it: asio's descriptor would unregister the socket from the parent's loop, and would close
-    // the number again, which may belong to another file by then.
-    state.itself = impl_->state;
+  if (state.fork_generation == base::ForkGeneration()) {
+    state.StopReading();
   }
+  close(state.fd);
 }
 
 SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_id) {
@@ -371,9 +413,7 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   if (state.fork_generation != base::ForkGeneration()) {
     return SocketError::kOther;
   }
-  if (!std::exchange(state.is_reading, true)) {
-    state.WaitForDatagrams();
-  }
+  state.StartReading();
   int error = state.TrySend(bytes);
   if (error != 0 && error != EINTR) {
     // A pending ICMP error is returned by the next send and cleared, and nothing is sent. Send again; an
@@ -393,12 +433,12 @@ SocketError DatagramSocket::Send(std::span<const uint8_t> bytes, uint32_t* send_
   return SocketError::kNone;
 }
 
-void DatagramSocket::StopReading() { impl_->state->is_reading = false; }
+void DatagramSocket::StopReading() { impl_->state->StopReading(); }
 
 IPEndPoint DatagramSocket::local() const {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  getsockname(impl_->state->descriptor.native_handle(), reinterpret_cast<sockaddr*>(&address), &size);
+  getsockname(impl_->state->fd, reinterpret_cast<sockaddr*>(&address), &size);
   return FromSockaddr(address);
 }
 

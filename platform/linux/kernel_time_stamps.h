@@ -60,6 +60,10 @@ class StampClock {
   // one.
   Arrival ToArrival(std::optional<int64_t> wall_us, int64_t read_ticks_us) const;
 
+  // Whether a stamp that is still to be mapped may be older than a step of the wall clock. Only
+  // `OnQueueDrained` ends this.
+  bool may_predate_step() const { return may_predate_step_; }
+
   // Call it when the socket had no more stamps at the last reading: every stamp to come is later than the
   // steps seen at earlier readings, and these are forgotten.
   void OnQueueDrained();
@@ -68,7 +72,7 @@ class StampClock {
   int64_t opened_ticks_us_;
   ClockReading last_;
   bool stepped_at_last_reading_ = false;
-  bool may_predate_step_ = false;  // a stamp that is still to be mapped may be older than a step
+  bool may_predate_step_ = false;
 };
 
 }  // namespace internal

@@ -5,7 +5,6 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <asio/post.hpp>
 #include <system_error>
 #include <utility>
 
@@ -31,6 +30,12 @@ thread_local LoopTaskQueue* t_current_queue = nullptr;
 
 LoopTaskQueue* LoopTaskQueue::Current() { return t_current_queue; }
 
+LoopTaskQueue::Loop::~Loop() {
+  if (timer >= 0) {
+    close(timer);
+  }
+}
+
 int LoopTaskQueue::StartIfNeeded(const std::string& name) {
   const base::AutoLock lock(lock_);
   if (loop_ != nullptr || IsForeign()) {
@@ -39,48 +44,45 @@ int LoopTaskQueue::StartIfNeeded(const std::string& name) {
   const int status = CreateLoop(name);
   if (status != 0) {
     loop_ = nullptr;
-    return status;
   }
-  ArmTimer();
-  Wake();
-  return 0;
+  return status;
 }
 
 int LoopTaskQueue::CreateLoop(const std::string& name) {
-  try {
-    loop_ = std::make_unique<Loop>();
-  } catch (const std::system_error& error) {
-    return error.code().value();  // no descriptor for the event loop
+  loop_ = std::make_unique<Loop>();
+  int status = loop_->events.Open();
+  if (status == 0) {
+    status = OpenTimer();
   }
-  const int status = OpenTimer();
   return status != 0 ? status : internal::StartThread(&LoopTaskQueue::ThreadMain, this, name);
 }
 
 int LoopTaskQueue::OpenTimer() {
-  const int fd = timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC);
-  if (fd < 0) {
+  loop_->timer = timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (loop_->timer < 0) {
     return errno;
   }
-  std::error_code error;
-  loop_->timer.assign(fd, error);
-  if (error) {
-    close(fd);
-    return error.value();
+  // Nothing reads the timer: setting it again is enough.
+  return loop_->events.Watch(loop_->timer, internal::EventLoop::When::kNewlyReadable, [this](uint32_t) {
+    const base::AutoLock lock(lock_);
+    armed_ticks_us_ = 0;
+  });
+}
+
+void* LoopTaskQueue::ThreadMain(void* argument) noexcept {
+  auto* const queue = static_cast<LoopTaskQueue*>(argument);
+  t_current_queue = queue;
+  internal::EventLoop* const events = queue->event_loop();
+  for (;;) {
+    queue->RunRound();
+    events->RunDeferred();
+    events->Serve(queue->PrepareToSleep());
   }
-  WaitForTimer();
-  return 0;
 }
 
-void* LoopTaskQueue::ThreadMain(void* queue) noexcept {
-  t_current_queue = static_cast<LoopTaskQueue*>(queue);
-  // The wait for the timer keeps the loop busy forever.
-  t_current_queue->context()->run();
-  return nullptr;
-}
-
-asio::io_context* LoopTaskQueue::context() {
+internal::EventLoop* LoopTaskQueue::event_loop() {
   const base::AutoLock lock(lock_);
-  return loop_ == nullptr ? nullptr : &loop_->context;
+  return &loop_->events;
 }
 
 void LoopTaskQueue::PostTask(const base::Location&, base::OnceCallback<void()>&& task) {
@@ -90,8 +92,15 @@ void LoopTaskQueue::PostTask(const base::Location&, base::OnceCallback<void()>&&
   }
   // Closures whose delay has passed by now joined the order before this one.
   MoveDueTasks();
+  Append(std::move(task));
+}
+
+void LoopTaskQueue::Append(base::OnceCallback<void()>&& task) {
   ready_.push_back(std::move(task));
-  Wake();
+  if (IsAsleep()) {
+    is_asleep_ = false;
+    loop_->events.Wake();
+  }
 }
 
 void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallback<void()>&& task,
@@ -107,43 +116,35 @@ void LoopTaskQueue::PostDelayedTask(const base::Location& from, base::OnceCallba
     return;
   }
   const auto place = delayed_.emplace(deadline_ticks_us, std::move(task));
-  if (place == delayed_.begin()) {
+  if (place == delayed_.begin() && !IsCurrent()) {
     ArmTimer();
   }
 }
 
-void LoopTaskQueue::WaitForTimer() {
-  loop_->timer.async_wait(asio::posix::stream_descriptor::wait_read, [this](const std::error_code& error) {
-    if (error) {
-      base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
-                     "a thread's timer fails; its tasks wait forever: %s", error.message().c_str());
-      return;
-    }
-    {
-      const base::AutoLock lock(lock_);
-      uint64_t expirations = 0;
-      [[maybe_unused]] const ssize_t got =
-          read(loop_->timer.native_handle(), &expirations, sizeof expirations);
-      WaitForTimer();
-      // It fires once: arm it for the next deadline, whatever is due now.
-      ArmTimer();
-    }
-    RunRound();
-  });
+bool LoopTaskQueue::PrepareToSleep() {
+  const base::AutoLock lock(lock_);
+  MoveDueTasks();
+  if (ready_.empty()) {
+    ArmTimer();  // if that fails, there is a task: the report
+  }
+  is_asleep_ = ready_.empty();
+  return is_asleep_;
 }
 
 void LoopTaskQueue::ArmTimer() {
-  if (loop_ == nullptr) {
+  if (loop_ == nullptr || delayed_.empty() || delayed_.begin()->first == armed_ticks_us_) {
     return;
   }
-  const int64_t deadline_ticks_us = delayed_.empty() ? 0 : delayed_.begin()->first;
-  itimerspec when{};  // all zero disarms
+  const int64_t deadline_ticks_us = delayed_.begin()->first;
+  itimerspec when{};
   when.it_value.tv_sec = static_cast<time_t>(deadline_ticks_us / base::kUsPerSecond);
   when.it_value.tv_nsec =
       static_cast<decltype(when.it_value.tv_nsec)>(deadline_ticks_us % base::kUsPerSecond * 1000);
-  if (timerfd_settime(loop_->timer.native_handle(), TFD_TIMER_ABSTIME, &when, nullptr) == 0) {
+  if (timerfd_settime(loop_->timer, TFD_TIMER_ABSTIME, &when, nullptr) == 0) {
+    armed_ticks_us_ = deadline_ticks_us;
     is_timer_failing_ = false;
   } else {
+    armed_ticks_us_ = 0;
     ReportTimerFailure(errno);
   }
 }
@@ -154,14 +155,12 @@ void LoopTaskQueue::ReportTimerFailure(int error) {
     return;
   }
   // On the queue's thread, without the lock: the log's sink may be a function that posts a task.
-  asio::post(loop_->context, [error] {
-    internal::RunHandler([error] {
-      base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
-                     "cannot set a timer (timerfd_settime: %s), so delayed tasks do not run and no sync can "
-                     "finish; a sandbox must allow this system call",
-                     std::system_category().message(error).c_str());
-    });
-  });
+  Append(base::BindOnce([error] {
+    base::LocalLog(base::kLogFailure, kLogFile, __LINE__,
+                   "cannot set a timer (timerfd_settime: %s), so delayed tasks do not run and no sync can "
+                   "finish; a sandbox must allow this system call",
+                   std::system_category().message(error).c_str());
+  }));
 }
 
 void LoopTaskQueue::MoveDueTasks() {
@@ -170,27 +169,10 @@ void LoopTaskQueue::MoveDueTasks() {
   }
   const int64_t now_ticks_us = base::GetSteadyTimeTicks();
   const auto first_later = delayed_.upper_bound(now_ticks_us);
-  if (first_later == delayed_.begin()) {
-    return;
-  }
   for (auto task = delayed_.begin(); task != first_later; ++task) {
     ready_.push_back(std::move(task->second));
   }
   delayed_.erase(delayed_.begin(), first_later);
-  ArmTimer();
-}
-
-void LoopTaskQueue::Wake() {
-  if (loop_ == nullptr || std::exchange(is_wake_posted_, true)) {
-    return;
-  }
-  asio::post(loop_->context, [this] {
-    {
-      const base::AutoLock lock(lock_);
-      is_wake_posted_ = false;
-    }
-    RunRound();
-  });
 }
 
 // Runs the tasks that are ready when the round begins; those that they post come in the next one.
@@ -198,6 +180,7 @@ void LoopTaskQueue::RunRound() {
   size_t count = 0;
   {
     const base::AutoLock lock(lock_);
+    is_asleep_ = false;
     MoveDueTasks();
     count = ready_.size();
   }
@@ -214,8 +197,8 @@ void LoopTaskQueue::RunRound() {
   }
 }
 
-asio::io_context* internal::CurrentQueueContext() {
-  return t_current_queue == nullptr || t_current_queue->IsForeign() ? nullptr : t_current_queue->context();
+internal::EventLoop* internal::CurrentEventLoop() {
+  return t_current_queue == nullptr || t_current_queue->IsForeign() ? nullptr : t_current_queue->event_loop();
 }
 
 bool internal::IsOnForeignLoop() { return t_current_queue != nullptr && t_current_queue->IsForeign(); }

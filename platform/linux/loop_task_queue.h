@@ -3,11 +3,11 @@
 // A task queue on an event loop with a thread of its own.
 //
 // The posting order is kept here rather than in the event loop: a delayed closure takes its place by its
-// deadline, even if the loop learns later that the deadline has passed. The loop is woken whenever there may
-// be something to run, and serves the sockets between two rounds of tasks.
+// deadline, even if the loop learns later that the deadline has passed. The thread serves the sockets between
+// two rounds of tasks, and sleeps when there is no task to run; a post by another thread wakes it.
 //
 // The timer is a kernel timer on the boot-time clock: one that stops while the machine is suspended would be
-// late by the whole sleep.
+// late by the whole sleep. It is set before a sleep, unless it is right already.
 //
 // Where the system does not set the timer, which a sandbox may cause, delayed tasks wait for another task to
 // be posted. This is logged once in a row, and each failure counts as core.queue.timer_failed.
@@ -18,8 +18,6 @@
 // it starts nothing and drops what is posted, and its tasks and its loop are left as they were.
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -30,6 +28,7 @@
 #include "platform/base/lock.h"
 #include "platform/base/thread_annotations.h"
 #include "platform/core/task_queue.h"
+#include "platform/linux/event_loop.h"
 
 namespace core {
 inline namespace skorra_ntp {
@@ -51,24 +50,33 @@ class LoopTaskQueue final : public TaskQueue {
 
   uint32_t fork_generation() const { return fork_generation_; }
   bool IsForeign() const { return fork_generation_ != base::ForkGeneration(); }
-  // Not null on the queue's thread.
-  asio::io_context* context();
+  // Only on the queue's thread.
+  internal::EventLoop* event_loop();
 
  private:
   struct Loop {
-    asio::io_context context;
-    asio::posix::stream_descriptor timer{context};
+    Loop() = default;
+    ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    internal::EventLoop events;
+    int timer = -1;
   };
 
   static void* ThreadMain(void* queue) noexcept;
 
   int CreateLoop(const std::string& name) SKORRA_REQUIRES(lock_);  // an error number, or 0
   int OpenTimer() SKORRA_REQUIRES(lock_);                          // an error number, or 0
-  void WaitForTimer() SKORRA_REQUIRES(lock_);
+  // Sets the timer to the first deadline.
   void ArmTimer() SKORRA_REQUIRES(lock_);
   void ReportTimerFailure(int error) SKORRA_REQUIRES(lock_);
   void MoveDueTasks() SKORRA_REQUIRES(lock_);
-  void Wake() SKORRA_REQUIRES(lock_);
+  void Append(base::OnceCallback<void()>&& task) SKORRA_REQUIRES(lock_);
+  // Returns whether the thread may sleep; what comes after that wakes it.
+  bool PrepareToSleep();
+  // False on the thread itself, which a socket may have woken.
+  bool IsAsleep() const SKORRA_REQUIRES(lock_) { return is_asleep_ && !IsCurrent(); }
   void RunRound();
 
   const uint32_t fork_generation_;
@@ -77,7 +85,8 @@ class LoopTaskQueue final : public TaskQueue {
   std::deque<base::OnceCallback<void()>> ready_ SKORRA_GUARDED_BY(lock_);
   // By deadline in steady ticks; equal ones in posting order.
   std::multimap<int64_t, base::OnceCallback<void()>> delayed_ SKORRA_GUARDED_BY(lock_);
-  bool is_wake_posted_ SKORRA_GUARDED_BY(lock_) = false;    // a round will come that has not begun
+  int64_t armed_ticks_us_ SKORRA_GUARDED_BY(lock_) = 0;     // what the timer is set to; 0: nothing
+  bool is_asleep_ SKORRA_GUARDED_BY(lock_) = false;         // until its next round of tasks
   bool is_timer_failing_ SKORRA_GUARDED_BY(lock_) = false;  // the last setting of the timer failed
 };
 

@@ -13,9 +13,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/post.hpp>
 #include <atomic>
 #include <cstdint>
 #include <limits>
@@ -25,6 +22,7 @@
 
 #include "platform/base/fork.h"
 #include "platform/base/log.h"
+#include "platform/linux/event_loop.h"
 #include "platform/linux/network_changes.h"
 #include "platform/linux/queue_context.h"
 #include "platform/metrics/key_metrics.h"
@@ -38,7 +36,7 @@ constexpr char kLogFile[] = "platform/linux/machine_watch";
 // After this many datagrams in a row, the queue's tasks run first.
 constexpr int kMaxDatagramsPerWakeUp = 64;
 
-using Descriptor = asio::posix::stream_descriptor;
+using internal::EventLoop;
 
 // One of the two events that the system may not offer. Logged once in the process.
 struct Part {
@@ -51,19 +49,6 @@ Part clock_part{.counter = "core.machine_watch.clock_failed",
                 .message = "cannot watch the wall clock, so a step or a suspend is noticed later: %s"};
 Part network_part{.counter = "core.machine_watch.network_failed",
                   .message = "cannot watch the network, so its return is noticed later: %s"};
-
-// Hands `fd`, which a failed system call may have made negative, to the loop. Returns an error number, or 0.
-int Assign(int fd, Descriptor& descriptor) {
-  if (fd < 0) {
-    return errno;
-  }
-  std::error_code error;
-  descriptor.assign(fd, error);
-  if (error) {
-    close(fd);
-  }
-  return error.value();
-}
 
 // Returns ECANCELED when the wall clock was set before the timer was armed (and it is armed all the same),
 // another error number, or 0.
@@ -79,15 +64,13 @@ int ArmForever(int timer) {
 // destroyed.
 struct MachineWatch::Impl {
   struct State : std::enable_shared_from_this<State> {
-    State(asio::io_context& loop, Callbacks functions)
-        : context(loop), timer(loop), netlink(loop), callbacks(std::move(functions)) {}
+    State(EventLoop& queue_loop, Callbacks functions) : loop(queue_loop), callbacks(std::move(functions)) {}
 
-    // These two return an error number, or 0.
+    // These three return an error number, or 0.
     int OpenTimer();
     int OpenNetlink();
-    void WaitForTimer();
+    int Watch(int fd, void (State::*read)());
     void ReadTimer();
-    void WaitForNetlink();
     void ReadNetlink();
     // Takes what has arrived, up to a limit. Sets `*is_up` when the network came up. Returns an error number,
     // or 0.
@@ -95,68 +78,57 @@ struct MachineWatch::Impl {
     void Report(const std::function<void()>& callback);
     void ReportFailure(Part& part, int error);
 
-    asio::io_context& context;
-    Descriptor timer;
-    Descriptor netlink;
+    EventLoop& loop;
+    int timer = -1;
+    int netlink = -1;
     internal::NetworkChanges network_changes;
     const Callbacks callbacks;
-    bool is_closed = false;
     // In a forked child the watch remains its parent's: the child closes it without telling the event loop.
     const uint32_t fork_generation = base::ForkGeneration();
-    std::shared_ptr<State> itself;  // set to keep it forever
   };
 
   std::shared_ptr<State> state;
 };
 
+int MachineWatch::Impl::State::Watch(int fd, void (State::*read)()) {
+  return loop.Watch(fd, EventLoop::When::kReadable,
+                    [self = shared_from_this(), read](uint32_t) { (self.get()->*read)(); });
+}
+
 int MachineWatch::Impl::State::OpenTimer() {
-  if (const int error = Assign(timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC), timer);
-      error != 0) {
-    return error;
+  timer = timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (timer < 0) {
+    return errno;
   }
-  const int error = ArmForever(timer.native_handle());
-  return error == ECANCELED ? 0 : error;
+  const int error = ArmForever(timer);
+  return error == 0 || error == ECANCELED ? Watch(timer, &State::ReadTimer) : error;
 }
 
 int MachineWatch::Impl::State::OpenNetlink() {
-  const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
-  if (const int error = Assign(fd, netlink); error != 0) {
-    return error;
+  netlink = socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+  if (netlink < 0) {
+    return errno;
   }
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
-  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+  if (bind(netlink, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return errno;
   }
   network_changes.NoteSystem();
-  return 0;
-}
-
-void MachineWatch::Impl::State::WaitForTimer() {
-  timer.async_wait(Descriptor::wait_read, [self = shared_from_this()](const std::error_code& error) {
-    if (self->is_closed) {
-      return;
-    }
-    if (error) {
-      self->ReportFailure(clock_part, error.value());
-    } else {
-      self->ReadTimer();
-    }
-  });
+  return Watch(netlink, &State::ReadNetlink);
 }
 
 void MachineWatch::Impl::State::ReadTimer() {
   uint64_t expirations = 0;
-  int error = read(timer.native_handle(), &expirations, sizeof expirations) < 0 ? errno : 0;
+  int error = read(timer, &expirations, sizeof expirations) < 0 ? errno : 0;
   const bool is_clock_set = error == ECANCELED;
   if (is_clock_set) {
     // A step that comes before it is armed again is part of this report.
-    error = ArmForever(timer.native_handle());
+    error = ArmForever(timer);
   }
-  if (error == 0 || error == ECANCELED || error == EAGAIN || error == EINTR) {
-    WaitForTimer();
-  } else {
+  if (error != 0 && error != ECANCELED && error != EAGAIN && error != EINTR) {
+    loop.Unwatch(timer);
     ReportFailure(clock_part, error);
   }
   if (is_clock_set) {
@@ -164,24 +136,10 @@ void MachineWatch::Impl::State::ReadTimer() {
   }
 }
 
-void MachineWatch::Impl::State::WaitForNetlink() {
-  netlink.async_wait(Descriptor::wait_read, [self = shared_from_this()](const std::error_code& error) {
-    if (self->is_closed) {
-      return;
-    }
-    if (error) {
-      self->ReportFailure(network_part, error.value());
-    } else {
-      self->ReadNetlink();
-    }
-  });
-}
-
 void MachineWatch::Impl::State::ReadNetlink() {
   bool is_up = false;
-  if (const int error = TakeMessages(&is_up); error == 0) {
-    WaitForNetlink();
-  } else {
+  if (const int error = TakeMessages(&is_up); error != 0) {
+    loop.Unwatch(netlink);
     ReportFailure(network_part, error);
   }
   if (is_up) {
@@ -194,7 +152,7 @@ int MachineWatch::Impl::State::TakeMessages(bool* is_up) {
   for (int i = 0; i < kMaxDatagramsPerWakeUp; ++i) {
     sockaddr_nl source{};
     socklen_t source_size = sizeof source;
-    const ssize_t size = recvfrom(netlink.native_handle(), buffer.data(), buffer.size(), 0,
+    const ssize_t size = recvfrom(netlink, buffer.data(), buffer.size(), 0,
                                   reinterpret_cast<sockaddr*>(&source), &source_size);
     if (size >= 0) {
       // Only the kernel has number 0; another process may write to the socket, too.
@@ -221,7 +179,7 @@ void MachineWatch::Impl::State::ReportFailure(Part& part, int error) {
     return;
   }
   // By itself: the log's sink may be a function of the host program.
-  asio::post(context, [&part, error] {
+  loop.Defer([&part, error] {
     internal::RunHandler([&] {
       base::LocalLog(base::kLogFailure, kLogFile, __LINE__, part.message,
                      std::system_category().message(error).c_str());
@@ -230,19 +188,15 @@ void MachineWatch::Impl::State::ReportFailure(Part& part, int error) {
 }
 
 std::unique_ptr<MachineWatch> MachineWatch::Open(Callbacks callbacks) {
-  asio::io_context* const context = internal::CurrentQueueContext();
-  if (context == nullptr) {
+  EventLoop* const loop = internal::CurrentEventLoop();
+  if (loop == nullptr) {
     return nullptr;
   }
-  auto state = std::make_shared<Impl::State>(*context, std::move(callbacks));
-  if (const int error = state->OpenTimer(); error == 0) {
-    state->WaitForTimer();
-  } else {
+  auto state = std::make_shared<Impl::State>(*loop, std::move(callbacks));
+  if (const int error = state->OpenTimer(); error != 0) {
     state->ReportFailure(clock_part, error);
   }
-  if (const int error = state->OpenNetlink(); error == 0) {
-    state->WaitForNetlink();
-  } else {
+  if (const int error = state->OpenNetlink(); error != 0) {
     state->ReportFailure(network_part, error);
   }
   return std::unique_ptr<MachineWatch>(new MachineWatch(std::make_unique<Impl>(Impl{std::move(state)})));
@@ -252,18 +206,14 @@ MachineWatch::MachineWatch(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) 
 
 MachineWatch::~MachineWatch() {
   Impl::State& state = *impl_->state;
-  state.is_closed = true;
-  const bool is_own = state.fork_generation == base::ForkGeneration();
-  for (Descriptor* const descriptor : {&state.timer, &state.netlink}) {
-    if (descriptor->is_open()) {
-      // Unregister before closing: while a forked child holds it open, closing alone would leave it in the
-      // event loop.
-      close(is_own ? descriptor->release() : descriptor->native_handle());
+  for (const int fd : {state.timer, state.netlink}) {
+    if (fd < 0) {
+      continue;
     }
-  }
-  if (!is_own) {
-    // Never destroy it: asio's descriptors would unregister themselves from the parent's loop.
-    state.itself = impl_->state;
+    if (state.fork_generation == base::ForkGeneration()) {
+      state.loop.Unwatch(fd);
+    }
+    close(fd);
   }
 }
 

@@ -8,10 +8,10 @@
 // datagrams.
 #pragma once
 
-#include <asio/io_context.hpp>
 #include <cstdlib>
 
 #include "platform/base/fork.h"
+#include "platform/linux/event_loop.h"
 
 namespace core {
 inline namespace skorra_ntp {
@@ -19,7 +19,7 @@ namespace internal {
 
 // The loop of the queue whose thread this is; null on any other thread, and in a child that a handler forked.
 // The loop is never destroyed.
-asio::io_context* CurrentQueueContext();
+EventLoop* CurrentEventLoop();
 
 // Whether this is the thread of a queue, in a child that a handler of that queue forked.
 bool IsOnForeignLoop();

@@ -6,10 +6,13 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <span>
+#include <utility>
 
 #include "platform/base/clock.h"
+#include "platform/base/fork.h"
 #include "platform/base/time.h"
 
 namespace base {
@@ -63,15 +66,27 @@ uint64_t MixClocks() {
   return value ^ (value >> 31);
 }
 
+// What the kernel gave at once, for the requests of a burst: each number is handed out once. A forked child
+// draws its own.
+struct Supply {
+  std::array<uint64_t, 20> numbers{};
+  size_t left = 0;
+  uint32_t fork_generation = 0;
+};
+
 }  // namespace
 
 uint64_t RandUint64() {
-  uint64_t value = 0;
-  const std::span<unsigned char> bytes(reinterpret_cast<unsigned char*>(&value), sizeof value);
-  if (FillFromKernel(bytes) || FillFromDevice(bytes)) {
-    return value;
+  thread_local Supply supply;
+  const std::span<unsigned char> bytes(reinterpret_cast<unsigned char*>(supply.numbers.data()),
+                                       sizeof supply.numbers);
+  if (std::exchange(supply.fork_generation, ForkGeneration()) != ForkGeneration()) {
+    supply.left = 0;
   }
-  return MixClocks();
+  if (supply.left == 0 && (FillFromKernel(bytes) || FillFromDevice(bytes))) {
+    supply.left = supply.numbers.size();
+  }
+  return supply.left == 0 ? MixClocks() : std::exchange(supply.numbers[--supply.left], 0);
 }
 
 }  // namespace skorra_ntp

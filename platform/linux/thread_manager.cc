@@ -90,8 +90,7 @@ void* RetryMain(void* argument) noexcept {
 }
 
 // Retries the start in the background: a caller that waits for a task has no reason to ask for the queue
-// again. If the thread for that cannot start either, the next request tries again. Under the registry's lock,
-// which keeps the new thread from ending before it is named.
+// again. If the thread for that cannot start either, the next request tries again.
 void RetryInBackground(Entry& entry, const std::string& name) {
   auto retry = std::make_unique<Retry>(Retry{entry.queue, name});
   if (internal::StartThread(&RetryMain, retry.get(), name) == 0) {

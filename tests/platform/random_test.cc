@@ -4,11 +4,14 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <set>
+#include <string>
 #include <thread>
 
+#include "testing/forked_child.h"
 #include "testing/refuse_system_call.h"
 #include "testing/wait_until.h"
 
@@ -30,6 +33,22 @@ bool IsRandom() {
 }
 
 TEST(RandomTest, NumbersAreDistinctAndUseEveryBit) { EXPECT_TRUE(IsRandom()); }
+
+TEST(RandomTest, AForkedChildDoesNotRepeatItsParentsNumbers) {
+  RandUint64();  // more than one number may have been drawn
+  int to_parent[2];
+  ASSERT_EQ(pipe(to_parent), 0);
+  EXPECT_EQ(skorra::RunInChild([&]() -> std::string {
+              const uint64_t number = RandUint64();
+              return write(to_parent[1], &number, sizeof number) == sizeof number ? "" : "cannot tell";
+            }),
+            "");
+  uint64_t of_child = 0;
+  ASSERT_EQ(read(to_parent[0], &of_child, sizeof of_child), ssize_t{sizeof of_child});
+  EXPECT_NE(RandUint64(), of_child);
+  close(to_parent[0]);
+  close(to_parent[1]);
+}
 
 TEST(RandomTest, NumbersStayDistinctWhenGetrandomAndTheDeviceFail) {
   struct Case {
