@@ -117,3 +117,17 @@ function(skorra_use_asio name)
                                              ASIO_DISABLE_STD_ALIGNED_ALLOC)
   target_include_directories(${name} SYSTEM PRIVATE ${SKORRA_ASIO_INCLUDE_DIR})
 endfunction()
+
+# skorra_command(VARIABLE TARGET): the path of what runs TARGET here, for tests that start programs themselves. A
+# program of another machine needs its emulator.
+function(skorra_command variable target)
+  set(command $<TARGET_FILE:${target}>)
+  if(CMAKE_CROSSCOMPILING)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    set(script ${PROJECT_BINARY_DIR}/emulated/${target})
+    file(GENERATE OUTPUT ${script} CONTENT "#!/bin/sh\nexec ${emulator} ${command} \"$@\"\n"
+         FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+    set(command ${script})
+  endif()
+  set(${variable} ${command} PARENT_SCOPE)
+endfunction()

@@ -113,11 +113,13 @@ static void Synced(void) {
   CHECK(reading.has_time && reading.has_bound && reading.result == SKORRA_NTP_RESULT_SUCCESS);
   CHECK(skorra_ntp_wait_until_bound(kSecondUs, 30 * kSecondUs) == SKORRA_NTP_OK);
   CHECK(skorra_ntp_wait_until_bound(0, 1) == SKORRA_NTP_ERROR_TIMED_OUT);
+  // The reading belongs to a moment between the two of the system's clock.
+  const int64_t before_us = SystemTimeUs();
   CHECK(skorra_ntp_read(&reading) == SKORRA_NTP_OK);
-  const int64_t system_us = SystemTimeUs();
-  printf("offset %" PRId64 " us\n", reading.best_estimate_us - system_us);
-  printf("at least %" PRId64 " us, at most %" PRId64 " us\n", reading.earliest_us - system_us,
-         reading.latest_us - system_us);
+  const int64_t after_us = SystemTimeUs();
+  printf("offset %" PRId64 " us\n", reading.best_estimate_us - before_us);
+  printf("at least %" PRId64 " us, at most %" PRId64 " us\n", reading.earliest_us - after_us,
+         reading.latest_us - before_us);
   CHECK(llabs(skorra_ntp_now_us() - reading.best_estimate_us) < kSecondUs);
   CHECK(llabs(skorra_ntp_manager_time_us() - reading.best_estimate_us) < kSecondUs);
 }
