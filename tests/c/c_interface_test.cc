@@ -222,7 +222,7 @@ TEST_F(CInterfaceTest, AReadingOfAnySizeHoldsWhatFitsAndZerosBeyondWhatIsKnown) 
 TEST_F(CInterfaceTest, TheOptionsOfAnOlderCallerEndWhereItsStructEnds) {
   network.AddServer(Address(kA), {});
   // What follows in memory is no option: as one it would be out of range.
-  Room<skorra_ntp_options> room(offsetof(skorra_ntp_options, vmclock_path));
+  Room<skorra_ntp_options> room(offsetof(skorra_ntp_options, interval_s));
   const char* const servers[] = {kA};
   room.get()->servers = servers;
   room.get()->server_count = 1;
