@@ -3,6 +3,9 @@
 // What a read of the network clock costs, as a ratio to bare clock readings in the same run.
 //
 //   read_bench [--json FILE] [--tiny]
+//   read_bench --reads NAME COUNT
+//
+// --reads makes so many reads of one row and nothing else, for a tool that counts instructions.
 //
 // States: `read_quiet` has a result and is not due; `read_due` has a result and is due, and both checks pass,
 // as in 50 of the 60 minutes between two syncs. `bounded_read` is NtpClock::Read and `ntp_clock_now` is
@@ -13,6 +16,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -43,15 +47,18 @@ NtpTimeManagerPeer& Peer() {
 int64_t NowMs() { return base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds(); }
 
 // Before each repetition: a good result of this moment.
-void MakeQuiet(const benchmark::State& /*state*/) {
+void BeQuiet() {
   Peer().KeepGoodResult(2500);
   Peer().last_check_local_time_ms() = NowMs();
 }
 
-void MakeDue(const benchmark::State& /*state*/) {
+void BeDue() {
   Peer().KeepGoodResult(2500);
   Peer().last_check_local_time_ms() = 0;
 }
+
+void MakeQuiet(const benchmark::State& /*state*/) { BeQuiet(); }
+void MakeDue(const benchmark::State& /*state*/) { BeDue(); }
 
 void ReadQuiet(benchmark::State& state) { Read(state, Peer()); }
 
@@ -176,6 +183,35 @@ bool WriteJson(Collector& collector, const std::string& path) {
   return std::fclose(file) == 0;
 }
 
+template <class Function>
+bool Repeat(int64_t count, const Function& read) {
+  for (int64_t i = 0; i < count; ++i) {
+    read();
+  }
+  return true;
+}
+
+// Returns false if there is no row of this name that can be counted.
+bool MakeReads(const std::string& name, int64_t count) {
+  if (name == "floor_one_clock_read") {
+    timespec time{};
+    return Repeat(count, [&time] {
+      clock_gettime(CLOCK_BOOTTIME, &time);
+      benchmark::DoNotOptimize(time);
+    });
+  }
+  if (name == "read_quiet" || name == "read_due") {
+    name == "read_due" ? BeDue() : BeQuiet();
+    skorra::NtpTimeManager* const manager = &Peer().manager();
+    return Repeat(count, [manager] { benchmark::DoNotOptimize(manager->GetNtpTimestampFrom1970()); });
+  }
+  skorra::PublishTimeInProcess(PeerOfProcess());
+  if (name == "bounded_read") {
+    return Repeat(count, [] { benchmark::DoNotOptimize(skorra::NtpClock::Read()); });
+  }
+  return name == "ntp_clock_now" && Repeat(count, [] { benchmark::DoNotOptimize(skorra::NtpClock::now()); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -186,8 +222,10 @@ int main(int argc, char** argv) {
       json_path = argv[++i];
     } else if (std::strcmp(argv[i], "--tiny") == 0) {
       is_tiny = true;
+    } else if (argc == 4 && std::strcmp(argv[1], "--reads") == 0) {
+      return MakeReads(argv[2], std::atoll(argv[3])) ? 0 : 64;
     } else {
-      std::fputs("usage: read_bench [--json FILE] [--tiny]\n", stderr);
+      std::fputs("usage: read_bench [--json FILE] [--tiny] | --reads NAME COUNT\n", stderr);
       return 64;
     }
   }

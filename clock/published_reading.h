@@ -19,6 +19,8 @@ namespace skorra {
 
 template <class Value>
 class AtomicWord {
+  static_assert(std::atomic<Value>::is_always_lock_free, "a read of the clock must not take a lock");
+
  public:
   constexpr AtomicWord(Value value = Value()) : value_(value) {}
   AtomicWord& operator=(Value value) {

@@ -111,8 +111,8 @@ endfunction()
 
 # Every target that includes Asio sees it with the same settings: what is linked together must agree. Left to
 # itself, Asio picks its allocation function by the headers that happened to come before it.
-find_path(SKORRA_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 function(skorra_use_asio name)
+  find_path(SKORRA_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
   target_compile_definitions(${name} PRIVATE ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_DISABLE_VISIBILITY
                                              ASIO_DISABLE_STD_ALIGNED_ALLOC)
   target_include_directories(${name} SYSTEM PRIVATE ${SKORRA_ASIO_INCLUDE_DIR})

@@ -21,6 +21,13 @@ TOLERANCE_S = 1
 PAUSE_S = 0.1
 SIMULATED_TOLERANCE_US = 1000
 MAX_STEPS = 35
+# Examples that are counted; the others build the same library.
+STEPPED = ("crowded_host", "own_host")
+# The tests of the seams that need a name server, which examples/own_host does not have.
+WITHOUT_NAME_SERVER = ("NameSeamTest.ASilentNameServerEndsTheLookupAtTheDeadline",
+                       "NameSeamTest.NamesOfOneCallAreLookedUpAtTheSameTimeAndEachHasItsOwnResult",
+                       "NameSeamTest.AnAddressHoldsAsLongAsItsRecordSays")
+MIN_SEAM_TESTS = 40
 
 
 def fail(text):
@@ -225,7 +232,63 @@ def python(library, server):
         run(pathlib.Path(__file__).parent / "python_class.py", library, fresh.address)
 
 
-EXAMPLES = {"c_clock": c_clock, "clock_reader": clock_reader, "crowded_host": crowded_host, "plugin": plugin}
+def expect_portable_alone(build, program):
+    """Nothing of the real machine's rooms is compiled, no other library is linked, and no thread is started."""
+    sources = [entry["file"] for entry in json.loads((build / "compile_commands.json").read_text())]
+    foreign = [name for name in sources if re.search(r"/platform/(linux|files)/", name)]
+    if foreign or not any("/ntp/ntp_time_manager_impl.cc" in name for name in sources):
+        fail(f"the manager is not built without {foreign}")
+    needed = re.findall(r"\(NEEDED\).*\[(\S+)\]", run("readelf", "-d", program))
+    others = [name for name in needed if not re.match(r"lib(c|m|gcc_s|stdc\+\+)\.so|ld-linux", name)]
+    if others or not needed:
+        fail(f"{program.name} needs {others} of {needed}")
+    if "pthread_create" in run("nm", "-D", "--undefined-only", program):
+        fail(f"{program.name} starts threads")
+
+
+def expect_guide_to_all_seams(library):
+    """docs/porting.md names every function that the library leaves to its host."""
+    lines = run("nm", "-C", library).splitlines()
+    names = [re.search(r" ([A-Za-z]) ((?:base|core|net|config)::skorra_ntp::[\w:~]+)(?:\[\S+\])?\(", line)
+             for line in lines]
+    defined = {found[2] for found in names if found and found[1] != "U"}
+    missing = {found[2] for found in names if found} - defined
+    guide = (SOURCE / "docs/porting.md").read_text()
+    untold = []
+    for name in sorted(missing):
+        *_, scope, function = name.split("::")
+        words = [] if scope == "skorra_ntp" else [scope]
+        words.append("destructor" if function.startswith("~") else function)
+        if not all(re.search(rf"\b{word}\b", guide) for word in words):
+            untold.append(name)
+    if untold or len(missing) < 15:
+        fail(f"of {len(missing)} functions docs/porting.md does not name {untold}")
+
+
+def own_host(build, server):
+    program = build / "own_host"
+    expect_portable_alone(build, program)
+    expect_guide_to_all_seams(build / "skorra-ntp/libskorra_portable.a")
+    expect_time_without_lie(program, server)
+    with Server() as fresh:
+        output = run(program, fresh.address)
+    offset = re.search(r"^the manager's (offset -?\d+ us)$", output, re.MULTILINE)
+    expect_offset(offset[1] if offset else output)
+    # The host's configuration asks for 8 requests in each burst, and its log hears of each attempt.
+    told = re.search(r"^(\d+) attempts, (\d+) requests sent$", output, re.MULTILINE)
+    if not told or int(told[2]) != 8 * int(told[1]) or output.count("log: Start NTP time sync\n") != int(told[1]):
+        fail(f"the host's configuration or its log went wrong:\n{output}")
+    expect_no_time("attempt: no_server", program, "not:an:address")
+    build_target(build, "own_host_conformance")
+    output = run(build / "own_host_conformance", "--gtest_brief=1", "--gtest_filter=-" + ":".join(WITHOUT_NAME_SERVER))
+    passed = re.search(r"^\[  PASSED  \] (\d+) tests", output, re.MULTILINE)
+    if not passed or int(passed[1]) < MIN_SEAM_TESTS:
+        fail(f"the suite of the seams is short of tests:\n{output}")
+    print(f"own_host: {passed[1]} tests of the seams")
+
+
+EXAMPLES = {"c_clock": c_clock, "clock_reader": clock_reader, "crowded_host": crowded_host, "own_host": own_host,
+            "plugin": plugin}
 
 
 def main():
@@ -234,7 +297,7 @@ def main():
     example, work = sys.argv[1], pathlib.Path(sys.argv[2])
     build = work / example
     steps = configure_and_build(example, build, sys.argv[3:])
-    if example == "crowded_host" and steps > MAX_STEPS:
+    if example in STEPPED and steps > MAX_STEPS:
         fail(f"{steps} steps; a host builds at most {MAX_STEPS}")
     with Server() as server:
         EXAMPLES[example](build, server.address)

@@ -7,10 +7,12 @@ namespace skorra {
 namespace {
 
 // Microseconds since 1601 of the first moments of era 1 (2036-02-07T06:28:16Z), of the second half of 32-bit
-// Unix time (2038-01-19T03:14:08Z) and of the second half of era 1 (2104-02-26T09:42:24Z).
+// Unix time (2038-01-19T03:14:08Z), of the second half of era 1 (2104-02-26T09:42:24Z), and after the last
+// one of unsigned 32-bit Unix time (2106-02-07T06:28:16Z).
 constexpr int64_t kEraOne = 13730452096 * kSecond;
 constexpr int64_t kYear2038 = 13791957248 * kSecond;
 constexpr int64_t kYear2104 = 15877935744 * kSecond;
+constexpr int64_t kYear2106 = 15939440896 * kSecond;
 constexpr int64_t kYear2030 = 13537929600 * kSecond;
 constexpr int64_t kYear2024 = 13348540800 * kSecond;
 constexpr int64_t kYear2026 = 13411699200 * kSecond;
@@ -231,6 +233,8 @@ std::vector<Scenario> EraRows() {
        kYear2038 - 100 * kMs},
       {"year_2104", "the time stamps' top bit is set in era 1, and the client's clock is right",
        OneServer({}), SyncOnce, right, kYear2104 - 100 * kMs},
+      {"year_2106", "unsigned 32-bit Unix time ends during the burst", OneServer({}), SyncOnce, right,
+       kYear2106 - 100 * kMs},
       {"client_in_1970_server_in_2030",
        "a clock that woke up in 1970 is set right: eras are placed near 2026",
        wall_off_by(base::kWindowsToUnixEpochUs - kYear2030), SyncOnce, right, kYear2030},

@@ -627,8 +627,8 @@ INSTANTIATE_TEST_SUITE_P(, LocalClockTest,
                                          LocalClock{2026, 1767225600}, LocalClock{2036, 2085978496},
                                          LocalClock{2038, 2147483648}, LocalClock{2069, 3124224000},
                                          LocalClock{2094, 3944592000}, LocalClock{2095, 3976128000},
-                                         LocalClock{2104, 4233462144}, LocalClock{2116, 4610500096},
-                                         LocalClock{2137, 5270054400}),
+                                         LocalClock{2104, 4233462144}, LocalClock{2106, 4294967296},
+                                         LocalClock{2116, 4610500096}, LocalClock{2137, 5270054400}),
                          [](const auto& row) { return std::to_string(row.param.year); });
 
 class LaboratoryTest : public NtpTimePacketHandlerTest {
