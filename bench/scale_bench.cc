@@ -1,10 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the work costs as it grows: scale_bench [--tiny]
+// What the work costs as it grows: scale_bench [--tiny] [--json FILE]
 //
-// Samples in one evaluation, observers of one outcome, threads that read at the same time. Each cost is the
-// processor time of the least of several runs. Exit status 1 when one grows faster than n log n: the slope of
-// its logarithm over that of n, for the larger half of the sizes, is above kMaxExponent.
+// Samples in one evaluation, observers of one outcome, threads that read at the same time, domains in one
+// attempt (many_domains.h). Each cost is the processor time of the least of several runs. Then the clock runs
+// on real sockets until nothing is left to do, and the times that its threads wake up in a minute are counted
+// (idle_minute.h). Exit status 1 when
+//   - a cost grows faster than n log n: the slope of its logarithm over that of n, for the larger half of the
+//     sizes, is above kMaxExponent;
+//   - requests to one domain are not 10 ms apart within 20 %: their median distance, and the one that 95 %
+//     stay below, must lie in 8 to 12 ms. Other programs on the machine delay requests, too: of five attempts
+//     the best one counts, and up to fifteen are made until one is good;
+//   - a thread woke up in the idle minute.
+// --tiny measures the smallest sizes, and looks neither at distances nor at the minute: what else runs on the
+// machine would decide.
 #include <time.h>
 
 #include <algorithm>
@@ -14,11 +23,15 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "bench/idle_minute.h"
+#include "bench/many_domains.h"
 #include "ntp/offset_estimation.h"
 #include "platform/base/log.h"
 #include "platform/base/no_destructor.h"
@@ -30,6 +43,11 @@ namespace {
 
 // From 1,000 to 100,000 the slope of n log n is 1.11; the rest is for caches and noise.
 constexpr double kMaxExponent = 1.3;
+// 10 ms within 20 %.
+constexpr int64_t kMinDistanceUs = 8000;
+constexpr int64_t kMaxDistanceUs = 12000;
+
+double Ms(int64_t us) { return static_cast<double>(us) / 1000; }
 
 int64_t UsedNs(clockid_t clock) {
   timespec used{};
@@ -117,32 +135,122 @@ int64_t CostOfThreads(int count) {
               });
 }
 
+// Whether all requests came, 10 ms apart.
+bool AreDistancesKept(int domains, const skorra::ManyDomainsRun& run) {
+  return run.median_us >= kMinDistanceUs && run.high_us <= kMaxDistanceUs &&
+         run.requests == uint64_t{20} * static_cast<uint64_t>(domains);
+}
+
+// The least processor time of all attempts, and the distances of the most regular one.
+skorra::ManyDomainsRun BestAttempt(int domains) {
+  skorra::ManyDomainsRun best;
+  for (int i = 0; i < 5 || (i < 15 && !AreDistancesKept(domains, best)); ++i) {
+    skorra::ManyDomainsRun run = skorra::AskManyDomains(domains);
+    if (!run.has_ended) {
+      std::fprintf(stderr, "scale_bench: an attempt with %d domains did not end as expected\n", domains);
+      std::exit(1);
+    }
+    if (best.has_ended) {
+      run.queue_ns = best.queue_ns = std::min(run.queue_ns, best.queue_ns);
+    }
+    if (!best.has_ended || run.high_us < best.high_us) {
+      best = run;
+    }
+  }
+  return best;
+}
+
+std::map<int, skorra::ManyDomainsRun> attempts;
+
+int64_t CostOfDomains(int count) {
+  if (!skorra::HasDescriptorsFor(count)) {
+    std::exit(1);
+  }
+  return (attempts[count] = BestAttempt(count)).queue_ns;
+}
+
+// Prints the distances between requests. Returns whether they are kept.
+bool PrintDistances() {
+  bool are_kept = true;
+  for (const auto& [domains, run] : attempts) {
+    const bool is_kept = AreDistancesKept(domains, run);
+    are_kept = are_kept && is_kept;
+    std::printf("%-10s %8d requests %5.2f ms apart: 5 %% below %5.2f, 5 %% above %5.2f; %llu of %d came%s\n",
+                "distances", domains, Ms(run.median_us), Ms(run.low_us), Ms(run.high_us),
+                static_cast<unsigned long long>(run.requests), 20 * domains, is_kept ? "" : "; NOT KEPT");
+  }
+  std::printf("%-10s median and 95 %% in %.0f to %.0f ms: %s\n\n", "distances", Ms(kMinDistanceUs),
+              Ms(kMaxDistanceUs), are_kept ? "kept" : "NOT KEPT");
+  return are_kept;
+}
+
+// By name: how many, and what they cost in microseconds.
+struct Series {
+  std::string name;
+  std::vector<std::pair<int, double>> rows;
+};
+std::vector<Series> all_series;
+
 // Prints a row for each size. Returns whether the cost grows slowly enough.
 bool Measure(const char* name, std::vector<int> sizes, size_t rows, int64_t (*cost)(int)) {
   sizes.resize(std::min(sizes.size(), rows));
-  std::vector<double> x;
-  std::vector<double> y;
+  Series series{.name = name, .rows = {}};
   for (const int size : sizes) {
-    const int64_t cost_ns = cost(size);
-    std::printf("%-10s %8d %14.1f us %10.1f ns each\n", name, size, static_cast<double>(cost_ns) / 1000,
-                static_cast<double>(cost_ns) / size);
-    x.push_back(std::log(size));
-    y.push_back(std::log(static_cast<double>(cost_ns)));
+    const double cost_us = static_cast<double>(cost(size)) / 1000;
+    std::printf("%-10s %8d %14.1f us %10.1f ns each\n", name, size, cost_us, cost_us * 1000 / size);
+    std::fflush(stdout);
+    series.rows.emplace_back(size, cost_us);
   }
-  const size_t from = x.size() / 2 - (x.size() > 2 ? 1 : 0);
-  const double exponent = (y.back() - y[from]) / (x.back() - x[from]);
+  const auto& [from_n, from_us] = series.rows[sizes.size() / 2 - (sizes.size() > 2 ? 1 : 0)];
+  const auto& [last_n, last_us] = series.rows.back();
+  const double exponent = std::log(last_us / from_us) / std::log(static_cast<double>(last_n) / from_n);
   std::printf("%-10s exponent %.2f, at most %.2f\n\n", name, exponent, kMaxExponent);
+  all_series.push_back(series);
   return exponent <= kMaxExponent;
+}
+
+bool WriteJson(const char* path) {
+  std::FILE* const file = std::fopen(path, "w");
+  if (file == nullptr) {
+    std::fprintf(stderr, "scale_bench: cannot write '%s'\n", path);
+    return false;
+  }
+  std::fputs("{\"cost_us\": {\n", file);
+  for (const Series& series : all_series) {
+    std::fprintf(file, "\"%s\": [", series.name.c_str());
+    for (const auto& [size, cost_us] : series.rows) {
+      std::fprintf(file, "%s[%d, %.1f]", size == series.rows.front().first ? "" : ", ", size, cost_us);
+    }
+    std::fprintf(file, "]%s\n", &series == &all_series.back() ? "" : ",");
+  }
+  std::fputs("}}\n", file);
+  return std::fclose(file) == 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool is_tiny = argc > 1 && std::strcmp(argv[1], "--tiny") == 0;
+  bool is_tiny = false;
+  const char* json_path = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--tiny") == 0) {
+      is_tiny = true;
+    } else if (std::strcmp(argv[i], "--json") == 0 && i + 1 < argc) {
+      json_path = argv[++i];
+    } else {
+      std::fprintf(stderr, "scale_bench: '%s' is no option, or lacks its value\n", argv[i]);
+      return 64;
+    }
+  }
   const size_t rows = is_tiny ? 3 : 100;
   base::SetLogThreshold(base::kLogNothing);
-  const bool is_good[] = {Measure("samples", {3, 30, 300, 3000, 30000, 100000}, rows, &CostOfSamples),
-                          Measure("observers", {1, 10, 100, 1000, 10000}, rows, &CostOfObservers),
-                          Measure("threads", {1, 2, 4, 8, 16, 32, 64}, rows, &CostOfThreads)};
-  return std::all_of(std::begin(is_good), std::end(is_good), [](bool good) { return good; }) ? 0 : 1;
+  bool is_good = true;
+  is_good = Measure("samples", {3, 30, 300, 3000, 30000, 100000}, rows, &CostOfSamples) && is_good;
+  is_good = Measure("observers", {1, 10, 100, 1000, 10000}, rows, &CostOfObservers) && is_good;
+  is_good = Measure("threads", {1, 2, 4, 8, 16, 32, 64}, rows, &CostOfThreads) && is_good;
+  is_good = Measure("domains", {1, 3, 10, 30, 100, 300, 1000}, rows, &CostOfDomains) && is_good;
+  is_good = (PrintDistances() || is_tiny) && is_good;
+  is_good = (is_tiny || skorra::IsIdleMinuteQuiet()) && is_good;
+  is_good = (json_path == nullptr || WriteJson(json_path)) && is_good;
+  return is_good ? 0 : 1;
 }

@@ -194,19 +194,20 @@ def draw_attempt():
     return drawing.write()
 
 
-def main():
+def update(script, drawings):
+    """Writes each drawing that is out of date; with --check, only names the first. Returns the exit status."""
     stale = []
-    for name, draw in (("rooms.svg", draw_rooms), ("attempt.svg", draw_attempt)):
+    for name, draw in drawings.items():
         path, content = DOCS / name, draw()
-        if not path.exists() or path.read_text() != content:
+        if not path.exists() or path.read_text(encoding="utf-8") != content:
             stale.append(name)
             if "--check" not in sys.argv:
-                path.write_text(content)
+                path.write_text(content, encoding="utf-8")
     if stale and "--check" in sys.argv:
-        print(f"docs/{stale[0]} is out of date: run docs/draw.py", file=sys.stderr)
+        print(f"docs/{stale[0]} is out of date: run {script}", file=sys.stderr)
         return 1
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(update("docs/draw.py", {"rooms.svg": draw_rooms, "attempt.svg": draw_attempt}))

@@ -9,7 +9,7 @@ import json
 import math
 import sys
 
-from draw import DOCS, Drawing
+from draw import DOCS, Drawing, update
 
 PANELS = [("loopback", "time_s", "time to the first result", 1e3, "ms"), ("loopback", "cpu_s", "CPU time", 1e3, "ms"),
           ("loopback", "memory_kib", "peak memory", 1 / 1024, "MiB"), ("loopback", "calls", "system calls", 1, ""),
@@ -18,7 +18,8 @@ PANELS = [("loopback", "time_s", "time to the first result", 1e3, "ms"), ("loopb
 LEFT, BAR, WIDTH = 190, 360, 640
 
 
-def draw(results):
+def draw():
+    results = json.loads((DOCS / "peers.json").read_text(encoding="utf-8"))
     drawing = Drawing(WIDTH, "One sync of skorra-ntp, chronyd and ntpdig")
     y = 24
     for network, key, title, scale, unit in PANELS:
@@ -40,16 +41,5 @@ def draw(results):
     return drawing.write()
 
 
-def main():
-    drawn = draw(json.loads((DOCS / "peers.json").read_text(encoding="utf-8")))
-    path = DOCS / "peers.svg"
-    if sys.argv[1:] != ["--check"]:
-        path.write_text(drawn, encoding="utf-8")
-    elif not path.is_file() or path.read_text(encoding="utf-8") != drawn:
-        print("docs/peers.svg is out of date: run docs/draw_peers.py")
-        return 1
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(update("docs/draw_peers.py", {"peers.svg": draw}))

@@ -414,7 +414,7 @@ void NtpTimeManagerImpl::OnPacketReceived(NtpResultData data, const net::IPEndPo
     return;
   }
   const auto domain = std::find_if(domain_infos_.begin(), domain_infos_.end(),
-                                   [&](const auto& info) { return info->GetCurrentIPAddress() == server; });
+                                   [&](const auto& info) { return info->IsCurrentIPAddress(server); });
   if (domain == domain_infos_.end()) {
     return;
   }

@@ -12,7 +12,6 @@
 
 #include "clock/keeper.h"
 #include "clock/shared_clock.h"
-#include "gtest/gtest.h"
 #include "ntp/ntp_sync_events.h"
 #include "platform/base/log.h"
 #include "sim/network.h"

@@ -95,6 +95,7 @@ bool NtpAddressLedger::OnRefusal(const net::IPEndPoint& address, KissCode code, 
   Account& account = FindOrAdd(address, now_ticks_us);
   ++account.counts.kiss_codes;
   account.has_refused = true;
+  busy_until_ticks_us_ = now_ticks_us;
   const bool is_rate = code == KissCode::kRate;
   const bool is_held = now_ticks_us < account.held_until_ticks_us;
   const bool is_news = !is_held || (!is_rate && account.held_for != SendRefusal::kDenied);
@@ -147,6 +148,7 @@ std::map<net::IPEndPoint, NtpAddressLedger::Counts> NtpAddressLedger::GetCounts(
 void NtpAddressLedger::Clear() {
   const base::AutoLock lock(lock_);
   accounts_.clear();
+  busy_until_ticks_us_ = std::numeric_limits<int64_t>::min();
 }
 
 bool NtpAddressLedger::IsUnderWay(const Account& account, int64_t now_ticks_us) {
@@ -202,11 +204,15 @@ void NtpAddressLedger::MakeRoom(int64_t now_ticks_us) {
     const bool is_held = Refusal(account, now_ticks_us) != SendRefusal::kNone;
     return std::tuple(is_held, IsUnderWay(account, now_ticks_us), account.asked_ticks_us);
   };
-  while (accounts_.size() >= kMaxAddresses) {
+  while (accounts_.size() >= kMaxAddresses && now_ticks_us >= busy_until_ticks_us_) {
     const auto oldest = std::min_element(accounts_.begin(), accounts_.end(),
                                          [&](const auto& a, const auto& b) { return rank(a) < rank(b); });
     const auto [is_held, is_under_way, asked_ticks_us] = rank(*oldest);
     if (is_under_way && !is_held) {
+      // Bursts end in the order of their beginnings, and this one began first. A hold may end at any time.
+      const bool is_any_held = std::any_of(accounts_.begin(), accounts_.end(),
+                                           [&](const auto& entry) { return std::get<0>(rank(entry)); });
+      busy_until_ticks_us_ = is_any_held ? now_ticks_us : *asked_ticks_us + kFullBurstUs;
       return;
     }
     accounts_.erase(oldest);

@@ -152,6 +152,8 @@ class NtpAddressLedger {
 
   mutable base::Lock lock_;
   std::map<net::IPEndPoint, Account> accounts_ SKORRA_GUARDED_BY(lock_);
+  // Until then every address is busy, and looking for one to evict would be in vain.
+  int64_t busy_until_ticks_us_ SKORRA_GUARDED_BY(lock_) = std::numeric_limits<int64_t>::min();
 };
 
 }  // namespace skorra

@@ -30,6 +30,14 @@ net::IPEndPoint NtpTimeDomainInfo::GetCurrentIPAddress() const {
   return addresses()[position_];
 }
 
+bool NtpTimeDomainInfo::IsCurrentIPAddress(const net::IPEndPoint& server) const {
+  if (addresses().empty()) {
+    return false;
+  }
+  addresses_.RefreshIfExpired();
+  return addresses()[position_] == server;
+}
+
 void NtpTimeDomainInfo::Reset() {
   samples_.clear();
   is_only_address_retried_ = false;

@@ -44,6 +44,8 @@ class NtpTimeDomainInfo {
   // The address to ask now; the empty end point when the domain has none. Starts a lookup in the background
   // when the addresses have expired: hold no lock.
   net::IPEndPoint GetCurrentIPAddress() const;
+  // Whether that is `server`, which is not empty; the same, without a copy.
+  bool IsCurrentIPAddress(const net::IPEndPoint& server) const;
 
   // Back to the state before any request: the newest list, no samples, and of the list the first address that
   // is neither held nor silent, or the first that is not held, or the very first. Starts no lookup, so it may

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,17 +40,22 @@ class SKORRA_EXPORT IPEndPoint {
   // "192.0.2.1:123", "[2001:db8::1]:123", "[fe80::1%2]:123"; the empty end point gives an empty string.
   std::string ToString() const;
 
-  // By family, address, scope and port.
-  friend bool operator==(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() == b.AsTuple(); }
-  friend bool operator!=(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() != b.AsTuple(); }
-  friend bool operator<(const IPEndPoint& a, const IPEndPoint& b) { return a.AsTuple() < b.AsTuple(); }
-
- private:
-  std::tuple<const Family&, const std::array<uint8_t, 16>&, const uint32_t&, const uint16_t&> AsTuple()
-      const {
-    return {family_, bytes_, scope_id_, port_};
+  // By family, address, scope and port. With many servers, each request and each reply makes dozens of these
+  // comparisons, so they are calls of memcmp that the compiler can resolve.
+  friend bool operator==(const IPEndPoint& a, const IPEndPoint& b) {
+    return std::memcmp(a.bytes_.data(), b.bytes_.data(), 16) == 0 && a.family_ == b.family_ &&
+           a.scope_id_ == b.scope_id_ && a.port_ == b.port_;
+  }
+  friend bool operator!=(const IPEndPoint& a, const IPEndPoint& b) { return !(a == b); }
+  friend bool operator<(const IPEndPoint& a, const IPEndPoint& b) {
+    if (a.family_ != b.family_) {
+      return a.family_ < b.family_;
+    }
+    const int order = std::memcmp(a.bytes_.data(), b.bytes_.data(), 16);
+    return order != 0 ? order < 0 : std::tie(a.scope_id_, a.port_) < std::tie(b.scope_id_, b.port_);
   }
 
+ private:
   Family family_ = Family::kNone;
   std::array<uint8_t, 16> bytes_{};
   uint32_t scope_id_ = 0;

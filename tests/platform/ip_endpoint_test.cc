@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <set>
 #include <string>
 
@@ -107,6 +108,13 @@ TEST(IPEndPointTest, EveryPartTellsEndPointsApart) {
       IPEndPoint::FromIPv6({192, 0, 2, 1}, 1, 7),
   };
   EXPECT_EQ(distinct.size(), 6u);
+  for (auto a = distinct.begin(); a != distinct.end(); ++a) {
+    for (auto b = distinct.begin(); b != distinct.end(); ++b) {
+      EXPECT_EQ(*a == *b, a == b);
+      EXPECT_EQ(*a != *b, a != b);
+      EXPECT_EQ(*a < *b, std::distance(distinct.begin(), a) < std::distance(distinct.begin(), b));
+    }
+  }
   EXPECT_EQ(*IPEndPoint::FromLiteral("::1", 9), *IPEndPoint::FromLiteral("0:0::1", 9));
 }
 

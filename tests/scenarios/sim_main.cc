@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager alongside its
-// model.
+// model, or plays a day of many processes.
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -10,6 +10,7 @@
 #include "apps/skorra-ntp/exit_status.h"
 #include "apps/skorra-ntp/terminal.h"
 #include "tests/model/walks.h"
+#include "tests/scenarios/fleet.h"
 #include "tests/scenarios/scenario.h"
 #include "tests/scenarios/table.h"
 
@@ -18,6 +19,7 @@ namespace {
 
 // Days of walks; a number of 32 bits.
 constexpr uint64_t kMaxWalks = 1'000'000'000;
+constexpr uint64_t kMaxProcesses = 1'000'000;
 
 void PrintFailures(const ScenarioReport& report) {
   for (const std::string& failure : report.failures) {
@@ -88,6 +90,14 @@ int Main(int argc, char** argv) {
   const CLI::Option* const walk_option =
       app.add_option("--walk", walk_seed, "instead take the one walk with this seed, as a failure names it")
           ->transform(WholeNumber());
+  FleetOptions fleet;
+  const CLI::Option* const fleet_option =
+      app.add_option("--fleet", fleet.processes,
+                     "instead play a day of so many processes that begin within a minute, and count what "
+                     "they send (10000 take minutes)")
+          ->transform(WholeNumber(1, kMaxProcesses));
+  std::string json_path;
+  app.add_option("--json", json_path, "where --fleet writes the requests of each minute")->needs("--fleet");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -98,6 +108,10 @@ int Main(int argc, char** argv) {
   }
   if (walks_option->count() > 0) {
     return RunWalks(walks, seed_option->count() > 0 ? seed : FreshWalkSeed());
+  }
+  if (fleet_option->count() > 0) {
+    fleet.seed = seed;
+    return RunFleet(fleet, json_path);
   }
   if (is_list) {
     return List();

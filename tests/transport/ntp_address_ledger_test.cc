@@ -441,8 +441,22 @@ TEST_F(NtpAddressLedgerTest, AnAddressWhoseBurstIsUnderWayIsNotEvicted) {
     }
   }
   EXPECT_EQ(ledger_.GetCounts().size(), kMany);
+  ledger_.Admit(kOtherServer, kNow + NtpAddressLedger::kFullBurstUs - 1, 1);
+  EXPECT_EQ(ledger_.GetCounts().size(), kMany + 1);
   // Once their bursts are over the next address evicts as many as are too many.
-  Burst(kNow + kSecond);
+  ledger_.Admit(kServer, kNow + NtpAddressLedger::kFullBurstUs, 1);
+  EXPECT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses);
+}
+
+TEST_F(NtpAddressLedgerTest, ARefusalDuringTheBurstsOfAllMakesRoomAtOnce) {
+  for (size_t i = 0; i < NtpAddressLedger::kMaxAddresses + 1; ++i) {
+    ledger_.Admit(NumberedAddress(i), kNow, 20);
+  }
+  ASSERT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses + 1);
+  for (size_t i = 0; i < NtpAddressLedger::kMaxAddresses + 1; ++i) {
+    ledger_.OnRefusal(NumberedAddress(i), KissCode::kDeny, kNow + 1, 0);
+  }
+  ledger_.Admit(kServer, kNow + 2, 20);
   EXPECT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses);
 }
 

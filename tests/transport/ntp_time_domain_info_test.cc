@@ -285,6 +285,19 @@ TEST_F(RefreshTest, AUseDoesNotWaitForTheLookupThatItStarts) {
   EXPECT_EQ(info.GetCurrentIPAddress(), Address("192.0.2.5"));
 }
 
+TEST_F(RefreshTest, AskingWhetherAnAddressIsTheOneInUseIsAUseToo) {
+  SetAddresses({"192.0.2.1", "192.0.2.2"});
+  NtpTimeDomainInfo info("moving.test:99");
+  EXPECT_TRUE(info.IsCurrentIPAddress(Address("192.0.2.1", 99)));
+  EXPECT_FALSE(info.IsCurrentIPAddress(Address("192.0.2.2", 99)));
+  EXPECT_FALSE(info.IsCurrentIPAddress(Address("192.0.2.1", 98)));
+  EXPECT_FALSE(IsLookingUp());
+  RunFor(kTtlUs);
+  EXPECT_TRUE(info.IsCurrentIPAddress(Address("192.0.2.1", 99)));
+  EXPECT_TRUE(IsLookingUp());
+  EXPECT_FALSE(NtpTimeDomainInfo("nowhere.test").IsCurrentIPAddress(Address("192.0.2.1", 99)));
+}
+
 // The time manager resets its domains while it holds a lock.
 TEST_F(RefreshTest, AResetStartsNoLookup) {
   NtpTimeDomainInfo info("moving.test");
