@@ -135,10 +135,11 @@ try_installed_examples() {
   cp -r "$examples/clock_reader" "$examples/c_clock" /try
   build_clock_reader find_package_shared
   build_clock_reader find_package_static -DBUILD_SHARED_LIBS=OFF
-  build find_package_c /try/c_clock
-  # shellcheck disable=SC2086
-  expect_sync find_package_c $emulator /try/find_package_c/c_clock "$server"
+  build find_package_c_shared /try/c_clock
+  build find_package_c_static /try/c_clock -DBUILD_SHARED_LIBS=OFF
   for kind in shared static; do
+    # shellcheck disable=SC2086
+    expect_sync "find_package_c_$kind" $emulator "/try/find_package_c_$kind/c_clock" "$server"
     with_pkg_config "$kind" /try/clock_reader/main.cc "$cxx" -std=c++17
     with_pkg_config "$kind" /try/c_clock/main.c "$cc" -std=c11
   done
