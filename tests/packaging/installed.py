@@ -19,6 +19,7 @@ from consumers import Server, expect_limits, expect_offset, expect_time_without_
 from public_headers import included_files  # noqa: E402
 
 EXAMPLE = SOURCE / "examples/clock_reader"
+ABI = SOURCE / "tests/embed/abi/libskorra_ntp.so.0.abi"
 C_EXAMPLE = SOURCE / "examples/c_clock/main.c"
 C_COMPILER = "gcc"
 WARNINGS = "-Wall -Wextra -Wpedantic -Werror".split()
@@ -64,6 +65,16 @@ def expect_no_paths(prefix, folders):
             for folder in folders:
                 if str(folder).encode() in content:
                     fail(f"{path.relative_to(prefix)} names {folder}")
+
+
+def expect_symbols_of_abi(library):
+    """The committed ABI, which ./dev package compares in full, has the symbols of this library."""
+    committed = set(re.findall(r"<elf-symbol name='([^']+)'", ABI.read_text()))
+    exported = {line.split()[2] for line in run("nm", "-D", "--defined-only", library).splitlines()}
+    if committed != exported:
+        fail(f"{ABI.name} lacks {sorted(exported - committed)} and has {sorted(committed - exported)} besides: if that "
+             "is meant, run ./dev package --update-abi")
+    print(f"{ABI.name} has the {len(exported)} exported symbols")
 
 
 def needs_shared_library(program):
@@ -178,6 +189,7 @@ def main():
     first, prefix, static_prefix = work / "first", work / "moved/prefix", work / "moved/static"
     install([shared_build, static_build], first)
     expect_files(first)
+    expect_symbols_of_abi(first / "lib/libskorra_ntp.so.0")
     expect_no_paths(first, [SOURCE, static_build, shared_build, work])
     prefix.parent.mkdir()
     first.rename(prefix)
