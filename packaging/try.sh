@@ -12,10 +12,11 @@ folder=$1
 root=$2
 arch=$3
 
-# Every file outside /try, without those in which the system notes what was installed when.
+# Every file outside /try, without those in which the system notes what was installed when, and its index of man pages.
 files() {
   find "$root" -xdev \( -path "$root/try" -o -path "$root/proc" -o -path "$root/sys" -o -path "$root/dev" \
-    -o -path "$root/var/log" -o -path "$root/tmp" \) -prune -o -printf '%P %y\n' | LC_ALL=C sort
+    -o -path "$root/var/log" -o -path "$root/var/cache/man" -o -path "$root/tmp" \) -prune -o -printf '%P %y\n' |
+    LC_ALL=C sort
 }
 
 rm -rf "$root/try"
