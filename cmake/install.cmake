@@ -19,6 +19,16 @@ target_link_libraries(skorra_sim INTERFACE $<INSTALL_INTERFACE:$<LINK_ONLY:skorr
 
 # The simulated world is a static library in both builds.
 set_target_properties(skorra_sim PROPERTIES EXCLUDE_FROM_ALL OFF)
+
+# A project of C alone links by the C compiler, which does not bring the libraries of C++.
+foreach(library skorra_ntp skorra_sim)
+  get_target_property(library_type ${library} TYPE)
+  if(library_type STREQUAL STATIC_LIBRARY)
+    foreach(name stdc++ m)
+      target_link_libraries(${library} INTERFACE $<INSTALL_INTERFACE:$<$<LINK_LANGUAGE:C>:${name}>>)
+    endforeach()
+  endif()
+endforeach()
 set(export_of_skorra_ntp ${kind})
 set(export_of_skorra_sim sim)
 foreach(name ntp sim)

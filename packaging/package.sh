@@ -11,6 +11,7 @@ cd "$(dirname "$0")/.."
 work=$PWD/build/package
 arch=$(dpkg --print-architecture)
 cross_root='' # where another architecture's packages are built
+trial_root='' # where the machine's own are tried
 abi=tests/embed/abi/libskorra_ntp.so.0.abi
 abi_options=(--suppressions tests/embed/abi/suppressions.ini --exported-interfaces-only)
 
@@ -57,13 +58,23 @@ show_log() {
   fail "the build failed; its log is $1/log"
 }
 
-# Compilers for another architecture and its libraries are in a root of their own, never on the machine.
+# What our packages and the examples need; what the sources need, for FetchContent; the server, the loopback, an
+# example.
+make_trial_root() {
+  trial_root=$PWD/build/package/roots/$1
+  make_root "$trial_root" "$1" "$arch" \
+    g++ cmake ninja-build pkgconf libc-ares-dev libtomlplusplus-dev \
+    libasio-dev libspdlog-dev libfmt-dev \
+    chrony iproute2 python3
+}
+
+# Compilers for another architecture, its libraries and its emulator are in a root of their own, never on the machine.
 make_cross_root() {
   arch=$1
   work=$work/$arch
   cross_root=$PWD/build/package/roots/bookworm-$arch
   local library packages=(build-essential "crossbuild-essential-$arch" debhelper cmake ninja-build libasio-dev
-    libcli11-dev nlohmann-json3-dev)
+    libcli11-dev nlohmann-json3-dev pkgconf qemu-user chrony iproute2)
   for library in libc-ares-dev libfmt-dev libspdlog-dev libtomlplusplus-dev; do
     packages+=("$library:$arch")
   done
@@ -127,14 +138,16 @@ make_packages() {
 case ${1-} in
   '') make_packages ;;
   --try)
+    make_trial_root "${2:-bookworm}"
     make_packages
-    packaging/try.sh "${@:2}"
+    packaging/try.sh "$work" "$trial_root" "$arch"
     ;;
   --update-abi) update_abi ;;
   --arch)
     [ "${2-}" = armhf ] || fail "--arch makes packages for armhf only"
     make_cross_root "$2"
     make_packages
+    packaging/try.sh "$work" "$cross_root" "$arch"
     ;;
   *) fail "there is no option '$1'" ;;
 esac

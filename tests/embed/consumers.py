@@ -214,7 +214,7 @@ def c_clock(build, server):
     if not all(text in output for text in told):
         fail(f"the attempts are not those of the server:\n{output}")
     expect_no_time("neither a host", build / "c_clock", "not:an:address")
-    python(build / "skorra-ntp/libskorra_ntp.so", server)
+    python(build / "_deps/skorra-ntp-build/libskorra_ntp.so", server)
 
 
 def python(library, server):

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Installs a build with a static and one with a shared library into one prefix, moves the prefix, and uses what is
-there as others would: with find_package and with pkg-config, each with both libraries.
+there as others would: with find_package and with pkg-config, in C++ and in C, each with both libraries.
 
 usage: installed.py BUILD_WITH_STATIC BUILD_WITH_SHARED WORK_FOLDER COMPILER
 """
@@ -15,10 +15,14 @@ import sys
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 sys.dont_write_bytecode = True  # leave the work tree as it is
 sys.path.insert(0, str(SOURCE / "tests/embed"))
-from consumers import Server, expect_time_without_lie, fail, run  # noqa: E402
+from consumers import Server, expect_limits, expect_offset, expect_time_without_lie, fail, run  # noqa: E402
 from public_headers import included_files  # noqa: E402
 
 EXAMPLE = SOURCE / "examples/clock_reader"
+ABI = SOURCE / "tests/embed/abi/libskorra_ntp.so.0.abi"
+C_EXAMPLE = SOURCE / "examples/c_clock/main.c"
+C_COMPILER = "gcc"
+WARNINGS = "-Wall -Wextra -Wpedantic -Werror".split()
 PACKAGE = "lib/cmake/skorra-ntp/"
 PLAIN_FILES = {"bin/skorra-ntp", "share/man/man1/skorra-ntp.1", "share/bash-completion/completions/skorra-ntp",
                "share/doc/skorra-ntp/examples/skorra-ntp.toml", "lib/pkgconfig/skorra-ntp.pc",
@@ -63,6 +67,16 @@ def expect_no_paths(prefix, folders):
                     fail(f"{path.relative_to(prefix)} names {folder}")
 
 
+def expect_symbols_of_abi(library):
+    """The committed ABI, which ./dev package compares in full, has the symbols of this library."""
+    committed = set(re.findall(r"<elf-symbol name='([^']+)'", ABI.read_text()))
+    exported = {line.split()[2] for line in run("nm", "-D", "--defined-only", library).splitlines()}
+    if committed != exported:
+        fail(f"{ABI.name} lacks {sorted(exported - committed)} and has {sorted(committed - exported)} besides: if that "
+             "is meant, run ./dev package --update-abi")
+    print(f"{ABI.name} has the {len(exported)} exported symbols")
+
+
 def needs_shared_library(program):
     return "[libskorra_ntp.so.0]" in run("readelf", "-d", program)
 
@@ -92,25 +106,51 @@ def pkg_config(prefix, *words):
     return run("pkg-config", *words, "skorra-ntp").split()
 
 
-def use_pkg_config(prefix, kind, work, compiler, server):
-    """For static use, the prefix holds no shared library: the linker would take that one."""
-    program = work / f"pkg_config_{kind}"
+def expect_c_time(program, server):
+    """The example in C tells the right time."""
+    output = run(program, server)
+    expect_offset(output)
+    expect_limits(output)
+
+
+def use_find_package_in_c(prefix, kind, work, server):
+    """A project that does not enable C++."""
+    folder = work / f"c_only_{kind}"
+    folder.mkdir()
+    (folder / "CMakeLists.txt").write_text(f"""cmake_minimum_required(VERSION 3.25)
+project(c_only LANGUAGES C)
+find_package(skorra-ntp 0.1 CONFIG REQUIRED COMPONENTS {kind})
+add_executable(c_only {C_EXAMPLE})
+target_link_libraries(c_only PRIVATE skorra::ntp)
+""")
+    run("cmake", "-G", "Ninja", "-S", folder, "-B", folder / "build", f"-DCMAKE_PREFIX_PATH={prefix}",
+        f"-DCMAKE_C_COMPILER={C_COMPILER}", f"-DCMAKE_C_FLAGS={' '.join(['-std=c11', *WARNINGS])}")
+    run("cmake", "--build", folder / "build")
+    expect_kind(folder / "build/c_only", kind)
+    expect_c_time(folder / "build/c_only", server)
+    print(f"find_package in C alone, {kind}: syncs")
+
+
+def use_pkg_config(prefix, kind, work, compiler):
+    """Yields the example in C++ and in C, as programs. For static use, the prefix holds no shared library: the linker
+    would take that one."""
     flags = pkg_config(prefix, *(["--static"] if kind == "static" else []), "--cflags", "--libs")
     if kind == "shared" and (flags != [f"-I{prefix}/lib/pkgconfig/../../include/skorra-ntp",
                                        f"-L{prefix}/lib/pkgconfig/../../lib", "-lskorra_ntp"]):
         fail(f"for shared use pkg-config gives {flags}")
-    # The example uses no configuration file, and would link without toml++.
+    # The examples use no configuration file, and would link without toml++.
     if kind == "static" and not {"-lskorra_ntp", "-lcares", "-ltomlplusplus", "-pthread"} <= set(flags):
         fail(f"for static use pkg-config gives {flags}")
     if kind == "shared":
         flags.append(f"-Wl,-rpath,{prefix}/lib")
-    output = run(compiler, "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Werror", EXAMPLE / "main.cc",
-                 "-o", program, *flags)
-    if output:
-        fail(output)
-    expect_kind(program, kind)
-    expect_time_without_lie(program, server)
-    print(f"pkg-config, {kind}: syncs with {' '.join(flags)}")
+    for language, source in (((compiler, "-std=c++17"), EXAMPLE / "main.cc"), ((C_COMPILER, "-std=c11"), C_EXAMPLE)):
+        program = work / f"pkg_config_{kind}_{source.suffix[1:]}"
+        output = run(*language, *WARNINGS, source, "-o", program, *flags)
+        if output:
+            fail(output)
+        expect_kind(program, kind)
+        yield program
+    print(f"pkg-config, {kind}: {' '.join(flags)}")
 
 
 # Which requests the package grants. Each is a find_package of its own project.
@@ -149,6 +189,7 @@ def main():
     first, prefix, static_prefix = work / "first", work / "moved/prefix", work / "moved/static"
     install([shared_build, static_build], first)
     expect_files(first)
+    expect_symbols_of_abi(first / "lib/libskorra_ntp.so.0")
     expect_no_paths(first, [SOURCE, static_build, shared_build, work])
     prefix.parent.mkdir()
     first.rename(prefix)
@@ -162,7 +203,12 @@ def main():
         with Server() as server:
             use_find_package(prefix, kind, work, compiler, server.address)
         with Server() as server:
-            use_pkg_config(pkg_config_prefix, kind, work, compiler, server.address)
+            use_find_package_in_c(prefix, kind, work, server.address)
+        for program, expect in zip(use_pkg_config(pkg_config_prefix, kind, work, compiler),
+                                   (expect_time_without_lie, expect_c_time), strict=True):
+            with Server() as server:
+                expect(program, server.address)
+            print(f"{program.name}: syncs")
 
 
 if __name__ == "__main__":

@@ -14,6 +14,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import unittest
 
 PACKAGING = pathlib.Path(__file__).resolve().parents[2] / "packaging"
@@ -91,7 +92,20 @@ class PapersTest(unittest.TestCase):
             status |= set(re.findall(r"(?:^|, |or )\s*(\d+)(?=\s+[a-z])(?! ms)", told, re.MULTILINE))
         self.assertEqual(tagged(parts["EXIT STATUS"]), status)
 
-    def test_the_page_has_each_environment_variable_with_its_default(self):
+    def test_the_page_has_each_number_of_an_option(self):
+        described = sections(sections(page(), "SH")["COMMANDS"], "SS")
+        checked = 0
+        for command in commands():
+            told = dict(re.findall(r"^  (--[\w-]+) [A-Z]+ +(.*)$", help_of(command), re.MULTILINE))
+            paragraphs = dict(re.findall(r"^\.TP\n\.\w+ \"?(--[\w-]+).*\n((?:[^.].*\n)+)", described[command],
+                                         re.MULTILINE))
+            for option, meaning in told.items():
+                numbers = re.findall(r"\b\d[\d.:]*\b", meaning)
+                self.assertLessEqual(set(numbers), set(re.findall(r"\b\d[\d.:]*\b", paragraphs[option])), option)
+                checked += len(numbers)
+        self.assertGreater(checked, 10)
+
+    def test_the_page_tells_of_each_environment_variable_what_the_help_tells(self):
         text = help_of().split("\nEnvironment:\n")[1]
         told = dict(re.findall(r"^  (\w+)\n {6}(.*)$", text, re.MULTILINE))
         # A part of the resolver reads the last one.
@@ -99,8 +113,8 @@ class PapersTest(unittest.TestCase):
         self.assertEqual(tagged(described), set(told) | {"HOSTALIASES"})
         paragraphs = dict(re.findall(r"^\.TP\n\.B (\w+)\n((?:[^.].*\n)+)", described, re.MULTILINE))
         for name, meaning in told.items():
-            if default := re.search(r"default (\w+)\)$", meaning):
-                self.assertRegex(paragraphs[name], rf"\b{default[1]} when not\s+set\b", name)
+            sentence = meaning[0].upper() + meaning[1:] + "."
+            self.assertTrue(" ".join(paragraphs[name].split()).startswith(sentence), f"{name}: {sentence}")
 
     def test_the_page_is_formatted_without_a_warning(self):
         done = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", PACKAGING / "skorra-ntp.1"],
@@ -119,15 +133,30 @@ class PapersTest(unittest.TestCase):
         for option in options_in(help_of("serve")) - {"-h", "--help"}:
             self.assertEqual(completions("serve", option, "-"), set(), option)
 
-    def test_the_example_is_read_without_a_warning_and_holds_the_defaults(self):
-        example = PACKAGING / "skorra-ntp.toml"
-        environment = {"SKORRA_NTP_CONFIG": str(example), "PATH": "/usr/bin:/bin"}
-        done = subprocess.run([PROGRAM, "sync", "not:an:address"], env=environment, capture_output=True, text=True,
-                              check=False)
-        self.assertNotIn("warning", done.stderr + done.stdout)
-        told = dict(re.findall(r"^  SKORRA_NTP_(\w+)\n.*default (\w+)\)$", help_of(), re.MULTILINE))
-        told.pop("DEFAULT_DOMAIN")
-        values = dict(re.findall(r"^(\w+) = (\d+)$", example.read_text(), re.MULTILINE))
+    def warnings_of(self, configuration):
+        """What the program says of a configuration file, before it finds that the server cannot be one."""
+        with tempfile.NamedTemporaryFile("w", suffix=".toml") as file:
+            file.write(configuration)
+            file.flush()
+            done = subprocess.run([PROGRAM, "sync", "not:an:address"], check=False, capture_output=True, text=True,
+                                  env={"SKORRA_NTP_CONFIG": file.name, "PATH": "/usr/bin:/bin"})
+        self.assertEqual(done.returncode, 64, done.stderr)
+        return [line for line in done.stderr.splitlines() if "warning" in line]
+
+    def test_the_example_has_each_key_and_is_read_without_a_warning(self):
+        example = (PACKAGING / "skorra-ntp.toml").read_text()
+        self.assertEqual(self.warnings_of(example), [])
+        every_key = re.sub(r"^# (\w+ = )", r"\1", example, flags=re.MULTILINE)
+        self.assertEqual(self.warnings_of(every_key), [])
+        keys = re.findall(r"^(\w+) = ", every_key, re.MULTILINE)
+        told = re.findall(r"the known keys are (.*)$", self.warnings_of("[ntp]\nno_such_key = 1\n")[0])
+        self.assertEqual(", ".join(f"ntp.{key}" for key in keys), told[0])
+
+    def test_the_example_holds_the_defaults(self):
+        told = dict(re.findall(r"^  SKORRA_NTP_(\w+)\n.*default (\d+)\)$", help_of(), re.MULTILINE))
+        example = (PACKAGING / "skorra-ntp.toml").read_text()
+        values = dict(re.findall(r"^(\w+) = (.*)$", example, re.MULTILINE))
+        self.assertGreater(len(values), 4)
         self.assertEqual({name.upper(): value for name, value in values.items()}, told)
 
     def test_the_version_is_the_same_everywhere(self):
