@@ -20,7 +20,8 @@ if [ "${1-}" = ubsan ]; then
 fi
 cmake --preset arm >/dev/null
 if [ "${1-}" = virtual ]; then
-  cmake --build --preset arm --target skorra_ntp skorra_sim_tests skorra-sim skorra_interval_rows skorra_fuzz
+  cmake --build --preset arm --target skorra_ntp skorra_read_bench skorra_sim_tests skorra-sim skorra_interval_rows \
+    skorra_fuzz
 else
   cmake --build --preset arm
 fi
