@@ -92,9 +92,7 @@ int Main(int argc, char** argv) {
           ->transform(WholeNumber());
   FleetOptions fleet;
   const CLI::Option* const fleet_option =
-      app.add_option("--fleet", fleet.processes,
-                     "instead play a day of so many processes that begin within a minute, and count what "
-                     "they send (10000 take minutes)")
+      app.add_option("--fleet", fleet.processes, "instead play a day of so many processes; see docs/fleet.md")
           ->transform(WholeNumber(1, kMaxProcesses));
   std::string json_path;
   app.add_option("--json", json_path, "where --fleet writes the requests of each minute")->needs("--fleet");

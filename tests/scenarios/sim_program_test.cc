@@ -85,6 +85,14 @@ TEST(SimProgramTest, WalksHaveAHeaderAndFit100Columns) {
   EXPECT_EQ(LinesOfMode({"--walk", "7"}).at(0), "walk seed 7: no difference");
 }
 
+TEST(SimProgramTest, AFleetHasAHeaderFits100ColumnsAndIsRepeatedByItsSeed) {
+  const std::vector<std::string> arguments = {"--fleet", "2", "--seed", "3"};
+  const auto lines = LinesOfMode(arguments);
+  EXPECT_EQ(lines.at(0), "2 processes, seed 3, begun within a minute; no answer from 12 h to 13 h");
+  EXPECT_THAT(lines, testing::Contains(testing::MatchesRegex("  the outage +[0-9. ]+")).Times(4));
+  EXPECT_EQ(LinesOfMode(arguments), lines);
+}
+
 TEST(SimProgramTest, TheHelpFits100Columns) {
   EXPECT_THAT(LinesOfMode({"--help"}).at(0), StartsWith("Plays the scenarios"));
 }
@@ -107,6 +115,9 @@ TEST(SimProgramTest, WrongUsageEndsWithStatus64AndTheRemedy) {
       {{"--walks", "0"}, walks_range},
       {{"--walks", ""}, walks_range},
       {{"--walks", "1000000001"}, walks_range},
+      {{"--fleet", "0"}, "\" is not valid: must be a whole number from 1 to 1000000"},
+      {{"--fleet", "1000001"}, "\" is not valid: must be a whole number from 1 to 1000000"},
+      {{"--json", "x"}, "--json"},
       {{"--scenario", "a\x1b[31mb"}, R"(no scenario is called 'a\x1b[31mb')"},
       {{"--nope"}, "there is no option '--nope'"},
       {{"-4"}, "there is no option '-4'"},
