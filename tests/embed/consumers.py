@@ -210,8 +210,9 @@ def c_clock(build, server):
     output = run(build / "c_clock", server)
     expect_offset(output)
     expect_limits(output)
-    told = ("attempt: disagreeing (conflicting)\n", f"2 attempts with {server}, library ")
-    if not all(text in output for text in told):
+    # The wait may end before the observer hears of the attempt that brought the time.
+    told = (r"^attempt: disagreeing \(conflicting\)$", rf"^[12] attempts with {re.escape(server)}, library \d")
+    if not all(re.search(pattern, output, re.MULTILINE) for pattern in told):
         fail(f"the attempts are not those of the server:\n{output}")
     expect_no_time("neither a host", build / "c_clock", "not:an:address")
     python(build / "_deps/skorra-ntp-build/libskorra_ntp.so", server)
