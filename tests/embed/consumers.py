@@ -210,8 +210,9 @@ def c_clock(build, server):
     output = run(build / "c_clock", server)
     expect_offset(output)
     expect_limits(output)
-    told = ("attempt: disagreeing (conflicting)\n", f"2 attempts with {server}, library ")
-    if not all(text in output for text in told):
+    # The wait may end before the observer hears of the attempt that brought the time.
+    told = (r"^attempt: disagreeing \(conflicting\)$", rf"^[12] attempts with {re.escape(server)}, library \d")
+    if not all(re.search(pattern, output, re.MULTILINE) for pattern in told):
         fail(f"the attempts are not those of the server:\n{output}")
     expect_no_time("neither a host", build / "c_clock", "not:an:address")
     python(build / "_deps/skorra-ntp-build/libskorra_ntp.so", server)
@@ -225,7 +226,8 @@ def python(library, server):
     numbers = {name: int(rows.get(name, "0 us").removesuffix(" us")) for name in ("offset", "at least", "at most")}
     expect_offset(f"offset {numbers['offset']} us\n")
     expect_limits(f"at least {numbers['at least']} us, at most {numbers['at most']} us\n")
-    if rows.get("server") != server or rows.get("status") != "synchronized" or not rows.get("1", "").startswith("ok "):
+    # Here, too, the wait may end before the observer hears of the attempt.
+    if rows.get("server") != server or rows.get("status") != "synchronized" or rows.get("1", "ok ")[:3] != "ok ":
         fail(f"the Python example's table is wrong:\n{output}")
     expect_no_time("no time", example, "--limit", "0.01", "--library", library, "127.0.0.1:9")
     with Server() as fresh:
