@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
@@ -22,7 +21,6 @@
 
 #include "netmodel/server.h"
 #include "ntp/ntp_time_manager.h"
-#include "platform/base/no_destructor.h"
 #include "platform/base/time.h"
 #include "testing/fresh_ledger.h"
 #include "testing/ntp_queue.h"
@@ -204,12 +202,6 @@ class Waiter : public NtpTimeManager::Observer {
   std::atomic<bool> is_told{false};
 };
 
-// One that is never destroyed: its queue may still be at work.
-NtpTimeManagerPeer& NewManager() {
-  static base::NoDestructor<std::deque<NtpTimeManagerPeer>> managers;
-  return managers->emplace_back();
-}
-
 void NoteDistances(const std::vector<std::vector<int64_t>>& arrivals, ManyDomainsRun* run) {
   std::vector<int64_t> distances_us;
   for (const std::vector<int64_t>& domain : arrivals) {
@@ -251,7 +243,7 @@ bool HasDescriptorsFor(int domains) {
 ManyDomainsRun AskManyDomains(int domains) {
   const FreshLedger fresh_ledger;
   Server server(domains);
-  NtpTimeManager& manager = NewManager().manager();
+  NtpTimeManager& manager = MakeManager().manager();
   std::vector<std::string> names;
   for (int i = 0; i < domains; ++i) {
     names.push_back(server.Name(i));

@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -34,7 +33,6 @@
 #include "bench/many_domains.h"
 #include "ntp/offset_estimation.h"
 #include "platform/base/log.h"
-#include "platform/base/no_destructor.h"
 #include "platform/base/time.h"
 #include "testing/ntp_queue.h"
 #include "testing/ntp_time_manager_peer.h"
@@ -91,14 +89,8 @@ class Counter : public skorra::NtpTimeManager::Observer {
   int count = 0;
 };
 
-// One that is never destroyed: its queue may still be at work.
-skorra::NtpTimeManagerPeer& NewManager() {
-  static base::NoDestructor<std::deque<skorra::NtpTimeManagerPeer>> managers;
-  return managers->emplace_back();
-}
-
 int64_t CostOfObservers(int count) {
-  skorra::NtpTimeManagerPeer& peer = NewManager();
+  skorra::NtpTimeManagerPeer& peer = skorra::MakeManager();
   std::vector<std::shared_ptr<Counter>> observers;
   for (int i = 0; i < count; ++i) {
     observers.push_back(std::make_shared<Counter>());
@@ -116,7 +108,7 @@ int64_t CostOfObservers(int count) {
 }
 
 int64_t CostOfThreads(int count) {
-  skorra::NtpTimeManagerPeer& peer = NewManager();
+  skorra::NtpTimeManagerPeer& peer = skorra::MakeManager();
   peer.KeepGoodResult(2500);
   peer.last_check_local_time_ms() = base::Time::Now().ToDeltaSinceWindowsEpoch().InMilliseconds();
   return Cost([] {},

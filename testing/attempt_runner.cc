@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/base/lock.h"
-#include "platform/base/no_destructor.h"
 #include "platform/base/thread_annotations.h"
 #include "platform/metrics/key_metrics.h"
 #include "testing/ntp_queue.h"
@@ -16,13 +15,6 @@ namespace {
 // The manager checks on a domain, and sends the rest of a burst, within this time; what finds the attempt
 // ended then does nothing more.
 constexpr int64_t kLastCheckMs = 250;
-
-// Tasks that the manager has posted keep its address, some for half a minute: like the process's own manager
-// it is never destroyed.
-NtpTimeManagerPeer& MakeManager() {
-  static base::NoDestructor<std::vector<std::unique_ptr<NtpTimeManagerPeer>>> managers;
-  return *managers->emplace_back(std::make_unique<NtpTimeManagerPeer>());
-}
 
 }  // namespace
 

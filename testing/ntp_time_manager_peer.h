@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ntp/ntp_time_manager_impl.h"
+#include "platform/base/no_destructor.h"
 
 namespace skorra {
 
@@ -113,5 +114,12 @@ class NtpTimeManagerPeer {
   std::unique_ptr<Impl> owned_;
   Impl& m_;
 };
+
+// A fresh manager that is never destroyed, like the process's own: tasks that it has posted keep its address,
+// some for half a minute.
+inline NtpTimeManagerPeer& MakeManager() {
+  static base::NoDestructor<std::vector<std::unique_ptr<NtpTimeManagerPeer>>> managers;
+  return *managers->emplace_back(std::make_unique<NtpTimeManagerPeer>());
+}
 
 }  // namespace skorra
