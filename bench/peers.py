@@ -197,6 +197,15 @@ def print_table(results):
             print(f"  {network:10} {key:13} {ratio:6.3f}, to reach {target:.3f}: {'yes' if ratio <= target else 'no'}")
 
 
+def expect_writable(path, parser):
+    """Says so before the measuring, not after it, if the file cannot be written."""
+    try:
+        with open(path, "a", encoding="utf-8"):
+            pass
+    except OSError as error:
+        parser.error(f"cannot write '{path}': {error.strerror}")
+
+
 def main():
     if sys.argv[1:2] == ["--relay"]:
         return relay(float(sys.argv[2]), float(sys.argv[3]), 1)
@@ -207,6 +216,10 @@ def main():
     parser.add_argument("--json", metavar="FILE", help="write the figures, too")
     parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args()
+    if options.syncs < 1:
+        parser.error("--syncs is 1 at least")
+    if options.json:
+        expect_writable(options.json, parser)
     if not options.inside:
         shell = 'ip link set lo up && exec "$@"'
         enter = ["unshare", "--net", *([] if os.getuid() == 0 else ["--map-root-user"])]

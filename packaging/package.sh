@@ -149,5 +149,5 @@ case ${1-} in
     make_packages
     packaging/try.sh "$work" "$cross_root" "$arch"
     ;;
-  *) fail "there is no option '$1'" ;;
+  *) fail "there is no option '$1'; there are: --try [SUITE], --arch armhf, --update-abi" ;;
 esac
