@@ -18,6 +18,8 @@ target_compile_options(
             -Wconversion
             -Wnon-virtual-dtor
             -Woverloaded-virtual
+            # Assertions name their file from the source folder on: no library tells where it was built.
+            -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
             # g++ 12 sees overlapping copies in sums of strings where there are none (GCC bug 105329).
             $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
             # Accesses to a member without its lock (platform/base/thread_annotations.h).
