@@ -54,7 +54,7 @@ using skorra::NtpSyncOutcome;
 constexpr size_t kMinStructSize = 16;
 constexpr size_t kMaxStructSize = 4096;
 static_assert(sizeof(skorra_ntp_options) == 4 * sizeof(void*) + 16);
-static_assert(sizeof(skorra_ntp_reading) == 2 * sizeof(void*) + 64);
+static_assert(sizeof(skorra_ntp_reading) == 2 * sizeof(void*) + 80);
 static_assert(sizeof(skorra_ntp_outcome) == offsetof(skorra_ntp_outcome, attempt) + 8);
 static_assert(sizeof(skorra_ntp_statistics) == sizeof(size_t) + 80);
 
@@ -111,6 +111,9 @@ skorra_ntp_reading ToC(const NtpClockReading& from) {
   reading.error_estimate_us = from.error_estimate_us;
   reading.error_bound_us = from.error_bound_us;
   reading.age_us = from.age_us;
+  reading.witness_count = from.witness_count;
+  reading.agreeing_count = from.agreeing_count;
+  reading.frequency_ppb = from.frequency_ppb;
   return reading;
 }
 

@@ -110,9 +110,12 @@ enum skorra_ntp_result {
   SKORRA_NTP_RESULT_MAYBE_INACCURATE = 1  // round-trip times or offsets scatter; a nearer server may help
 };
 
-// What other servers say about the reading.
+// What other servers say about the reading's server.
 enum skorra_ntp_agreement {
-  SKORRA_NTP_AGREEMENT_UNCHECKED = 0  // no other server was asked
+  SKORRA_NTP_AGREEMENT_UNCHECKED = 0,  // no other server has answered
+  SKORRA_NTP_AGREEMENT_AGREES = 1,     // a majority of all that answered has a time in common with it
+  SKORRA_NTP_AGREEMENT_CONFLICT = 2,   // the servers contradict each other, and no majority says who is wrong
+  SKORRA_NTP_AGREEMENT_OUTVOTED = 3    // a majority contradicts it: the time is probably wrong
 };
 
 // How one sync ended.
@@ -200,6 +203,11 @@ typedef struct skorra_ntp_reading {
   int64_t error_estimate_us;  // what the error probably is, no promise; INT64_MAX when nothing is known
   int64_t error_bound_us;     // what the error is at most; INT64_MAX without a bound
   int64_t age_us;             // since the sync
+  uint32_t witness_count;     // how many other servers have answered
+  uint32_t agreeing_count;    // how many of them agree with the reading's
+  // How much faster the true time runs than the machine's steady clock, in parts per billion; INT64_MIN while
+  // the syncs do not tell yet.
+  int64_t frequency_ppb;
 } skorra_ntp_reading;
 
 // The best estimate of the time, or 0 while there is none: wait until synced first. From then on it is never

@@ -58,8 +58,11 @@ int64_t EndOfDayUs(int64_t time_us) {
 
 }  // namespace
 
-Keeper::Keeper(NtpTimeManager& manager, SharedClock& shared, Done on_outcome)
-    : manager_(manager), shared_(shared), on_outcome_(std::move(on_outcome)) {}
+Keeper::Keeper(NtpTimeManager& manager, SharedClock& shared, Done on_outcome, OnWitnesses on_witnesses)
+    : manager_(manager),
+      shared_(shared),
+      on_outcome_(std::move(on_outcome)),
+      on_witnesses_(std::move(on_witnesses)) {}
 
 Keeper::~Keeper() = default;
 

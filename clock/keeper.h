@@ -41,9 +41,11 @@ class Keeper final : public NtpSyncListener {
  public:
   using Done = std::function<void(const NtpSyncOutcome&)>;
 
-  // `on_outcome` hears of every attempt's outcome, after what it published. `manager` and `shared` outlive
-  // it.
-  Keeper(NtpTimeManager& manager, SharedClock& shared, Done on_outcome);
+  using OnWitnesses = std::function<void(const NtpWitnessReport&)>;
+
+  // `on_outcome` hears of every attempt's outcome, after what it published, and `on_witnesses`, unless empty,
+  // what the other servers say of it. `manager` and `shared` outlive it.
+  Keeper(NtpTimeManager& manager, SharedClock& shared, Done on_outcome, OnWitnesses on_witnesses = {});
   ~Keeper() override;
 
   void Start(const NtpClockOptions& options);
@@ -135,6 +137,7 @@ class Keeper final : public NtpSyncListener {
   NtpTimeManager& manager_;
   SharedClock& shared_;
   const Done on_outcome_;
+  const OnWitnesses on_witnesses_;
 
   NtpClockOptions options_;
   bool is_running_ = false;

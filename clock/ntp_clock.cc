@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 #include <utility>
+#include <variant>
 
 #include "clock/keeper.h"
 #include "clock/reading.h"
@@ -24,16 +25,23 @@
 namespace skorra {
 
 struct internal::ClockObserver {
-  explicit ClockObserver(std::function<void(const NtpSyncOutcome&)> function)
-      : observer(std::move(function)) {}
+  using OnOutcome = std::function<void(const NtpSyncOutcome&)>;
+  using OnWitnesses = std::function<void(const NtpWitnessReport&)>;
 
-  // On the manager's queue, so never twice at the same time.
-  void Run(const NtpSyncOutcome& outcome) {
+  explicit ClockObserver(std::variant<OnOutcome, OnWitnesses> function) : observer(std::move(function)) {}
+
+  // On the manager's queue, so never twice at the same time. Does nothing for an observer of something else.
+  template <class Event>
+  void Run(const Event& event) {
+    const auto* const function = std::get_if<std::function<void(const Event&)>>(&observer);
+    if (function == nullptr || !*function) {
+      return;
+    }
     generation.store(base::ForkGeneration());
     runner.store(std::this_thread::get_id());
     is_running.store(true);
-    if (!is_cancelled.load() && observer) {
-      observer(outcome);
+    if (!is_cancelled.load()) {
+      (*function)(event);
     }
     runner.store(std::thread::id());
     is_running.store(false);
@@ -50,7 +58,7 @@ struct internal::ClockObserver {
     }
   }
 
-  const std::function<void(const NtpSyncOutcome&)> observer;
+  const std::variant<OnOutcome, OnWitnesses> observer;
   std::atomic<uint32_t> generation{0};
   std::atomic<std::thread::id> runner{};
   std::atomic<bool> is_running{false};
@@ -102,6 +110,14 @@ struct Process {
 
   Process();
   void OnOutcome(const NtpSyncOutcome& outcome);
+  // Calls those observers that the event is for.
+  template <class Event>
+  void RunObservers(const Event& event);
+  std::shared_ptr<internal::ClockObserver> Add(std::shared_ptr<internal::ClockObserver> observer) {
+    const base::AutoLock guard(lock);
+    observers.push_back(observer);
+    return observer;
+  }
 };
 
 Process& TheProcess() {
@@ -110,8 +126,10 @@ Process& TheProcess() {
 }
 
 Process::Process()
-    : keeper(std::make_shared<Keeper>(*NtpTimeManager::GetInstance(), shared,
-                                      [this](const NtpSyncOutcome& outcome) { OnOutcome(outcome); })) {
+    : keeper(std::make_shared<Keeper>(
+          *NtpTimeManager::GetInstance(), shared,
+          [this](const NtpSyncOutcome& outcome) { OnOutcome(outcome); },
+          [this](const NtpWitnessReport& report) { RunObservers(report); })) {
   AddNtpSyncListener(keeper);
   // The child's first read finds work: a keeper of its own.
   pthread_atfork(nullptr, nullptr, [] {
@@ -122,7 +140,6 @@ Process::Process()
 }
 
 void Process::OnOutcome(const NtpSyncOutcome& outcome) {
-  std::vector<std::shared_ptr<internal::ClockObserver>> entries;
   {
     const base::AutoLock guard(lock);
     for (const auto& waiter : waiters) {
@@ -130,6 +147,15 @@ void Process::OnOutcome(const NtpSyncOutcome& outcome) {
         waiter->Tell();
       }
     }
+  }
+  RunObservers(outcome);
+}
+
+template <class Event>
+void Process::RunObservers(const Event& event) {
+  std::vector<std::shared_ptr<internal::ClockObserver>> entries;
+  {
+    const base::AutoLock guard(lock);
     const auto is_gone = [](const auto& observer) { return observer.expired(); };
     observers.erase(std::remove_if(observers.begin(), observers.end(), is_gone), observers.end());
     for (const auto& observer : observers) {
@@ -139,7 +165,7 @@ void Process::OnOutcome(const NtpSyncOutcome& outcome) {
     }
   }
   for (const auto& entry : entries) {
-    entry->Run(outcome);
+    entry->Run(event);
   }
 }
 
@@ -294,6 +320,20 @@ const char* NtpClockStatusName(NtpClockStatus status) {
   return "unknown";
 }
 
+const char* NtpClockAgreementName(NtpClockAgreement agreement) {
+  switch (agreement) {
+    case NtpClockAgreement::kUnchecked:
+      return "unchecked";
+    case NtpClockAgreement::kAgrees:
+      return "agrees";
+    case NtpClockAgreement::kConflict:
+      return "conflict";
+    case NtpClockAgreement::kOutvoted:
+      return "outvoted";
+  }
+  return "unknown";
+}
+
 NtpClockSubscription::~NtpClockSubscription() { Cancel(); }
 
 NtpClockSubscription& NtpClockSubscription::operator=(NtpClockSubscription&& other) noexcept {
@@ -398,11 +438,13 @@ bool NtpClock::WaitUntilBound(duration max_error, duration limit) {
 }
 
 NtpClockSubscription NtpClock::Observe(std::function<void(const NtpSyncOutcome&)> observer) {
-  const auto entry = std::make_shared<internal::ClockObserver>(std::move(observer));
-  Process& process = TheProcess();
-  const base::AutoLock guard(process.lock);
-  process.observers.push_back(entry);
-  return NtpClockSubscription(entry);
+  return NtpClockSubscription(
+      TheProcess().Add(std::make_shared<internal::ClockObserver>(std::move(observer))));
+}
+
+NtpClockSubscription NtpClock::ObserveWitnesses(std::function<void(const NtpWitnessReport&)> observer) {
+  return NtpClockSubscription(
+      TheProcess().Add(std::make_shared<internal::ClockObserver>(std::move(observer))));
 }
 
 }  // namespace skorra

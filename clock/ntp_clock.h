@@ -43,6 +43,7 @@
 
 #include "../ntp/ntp_sync_records.h"
 #include "../platform/base/export.h"
+#include "../platform/net/ip_endpoint.h"
 
 namespace skorra {
 
@@ -94,14 +95,22 @@ enum class NtpClockStatus : int32_t {
 // "unknown", "provisional", "synchronized", "free_running", "disrupted", "conflicting".
 SKORRA_EXPORT const char* NtpClockStatusName(NtpClockStatus status);
 
-// What other servers say about the reading.
+// What other servers say about the reading's server. Each proves an interval for the time, as the reading's
+// own server does; two agree when their intervals overlap.
 enum class NtpClockAgreement : int32_t {
-  kUnchecked = 0,  // no other server was asked
+  kUnchecked = 0,  // no other server has answered
+  kAgrees = 1,     // a majority of all servers that answered has a time in common with this one
+  kConflict = 2,   // the servers contradict each other, and no majority says which one is wrong
+  kOutvoted = 3,   // a majority of them contradicts this one: the time is probably wrong
 };
+
+// "unchecked", "agrees", "conflict", "outvoted".
+SKORRA_EXPORT const char* NtpClockAgreementName(NtpClockAgreement agreement);
 
 // One consistent reading: everything in it belongs to the same moment and to the same sync.
 struct NtpClockReading {
   static constexpr int64_t kNoBound = std::numeric_limits<int64_t>::max();
+  static constexpr int64_t kNoFrequency = std::numeric_limits<int64_t>::min();
 
   NtpClockStatus status = NtpClockStatus::kUnknown;
   // Of the sync that the reading stands on; kNoResult while there is none.
@@ -119,15 +128,48 @@ struct NtpClockReading {
   // The server's name, as it was given. Empty without a time. Valid until the process ends.
   const char* domain = "";
   NtpClockAgreement agreement = NtpClockAgreement::kUnchecked;
+  // How many other servers have answered, and how many of them agree with the reading's.
+  uint32_t witness_count = 0;
+  uint32_t agreeing_count = 0;
+  // How much faster the true time runs than the machine's steady clock, in parts per billion, as the last
+  // syncs with the server tell: the best estimate follows it. kNoFrequency while they do not tell yet.
+  int64_t frequency_ppb = kNoFrequency;
 
   bool has_time() const { return result != NtpResult::kNoResult; }
   bool has_bound() const { return error_bound_us != kNoBound; }
+  bool has_frequency() const { return frequency_ppb != kNoFrequency; }
 };
 
 struct NtpSyncOutcome {
   NtpSyncReason reason = NtpSyncReason::kStopped;
   uint64_t attempt = 0;  // the number of the attempt in this process, from 1; 0: there was none
   NtpClockReading reading;
+};
+
+// What one server said when the result of an attempt was checked. The limits are differences from the
+// result's own estimate, in microseconds: the true time lies between them if this server is right.
+struct NtpWitness {
+  std::string domain;
+  net::IPEndPoint server;
+  int64_t earliest_us = 0;
+  int64_t latest_us = 0;
+  bool agrees = false;       // its interval overlaps that of the result's server
+  bool is_outvoted = false;  // a majority contradicts it
+};
+
+// How the result of an attempt was checked against the other servers.
+struct NtpWitnessReport {
+  uint64_t attempt = 0;  // as in NtpSyncOutcome
+  NtpClockAgreement agreement = NtpClockAgreement::kUnchecked;
+  // The result's server first, then the others that have answered.
+  std::vector<NtpWitness> servers;
+  // Between which limits a majority of the servers has the time, as differences like those above. Without a
+  // majority both are 0.
+  bool has_majority = false;
+  int64_t majority_earliest_us = 0;
+  int64_t majority_latest_us = 0;
+  // The servers differ as they do when some of them smear a leap second.
+  bool may_be_smear = false;
 };
 
 namespace internal {
@@ -208,6 +250,12 @@ class NtpClock {
   // It runs on the manager's queue: return soon.
   [[nodiscard]] SKORRA_EXPORT static NtpClockSubscription Observe(
       std::function<void(const NtpSyncOutcome&)> observer);
+
+  // Calls `observer` with what the other servers say of each attempt's result, after its outcome: once all
+  // have answered, or the time for it is over. Not called for an attempt without a result, without other
+  // servers, or with ntp.witnesses set to "off". It runs on the manager's queue: return soon.
+  [[nodiscard]] SKORRA_EXPORT static NtpClockSubscription ObserveWitnesses(
+      std::function<void(const NtpWitnessReport&)> observer);
 
   static sys_time_point to_sys(time_point time) noexcept { return sys_time_point(time.time_since_epoch()); }
   static time_point from_sys(sys_time_point time) noexcept { return time_point(time.time_since_epoch()); }

@@ -86,6 +86,10 @@ class PublishedReading {
     AtomicWord<int64_t> slept_ns;
     AtomicWord<int64_t> sleep_error_us;
     AtomicWord<const char*> domain = "";
+    AtomicWord<NtpClockAgreement> agreement;
+    AtomicWord<uint32_t> witness_count;
+    AtomicWord<uint32_t> agreeing_count;
+    AtomicWord<int64_t> frequency_ppb = NtpClockReading::kNoFrequency;
   };
 
   template <class From, class To>
@@ -109,6 +113,10 @@ class PublishedReading {
     to.slept_ns = from.slept_ns;
     to.sleep_error_us = from.sleep_error_us;
     to.domain = from.domain;
+    to.agreement = from.agreement;
+    to.witness_count = from.witness_count;
+    to.agreeing_count = from.agreeing_count;
+    to.frequency_ppb = from.frequency_ppb;
   }
 
   std::atomic<uint32_t> sequence_{0};

@@ -101,6 +101,11 @@ struct ClockSnapshot {
   int64_t slept_ns = 0;
   int64_t sleep_error_us = 0;
   const char* domain = "";
+  // As they are told (NtpClockReading).
+  NtpClockAgreement agreement = NtpClockAgreement::kUnchecked;
+  uint32_t witness_count = 0;
+  uint32_t agreeing_count = 0;
+  int64_t frequency_ppb = NtpClockReading::kNoFrequency;
 };
 
 // What has passed on each clock since the snapshot. `now` is read in the order steady, raw, monotonic, so its
@@ -198,6 +203,10 @@ constexpr void EvaluateInto(NtpClockReading& reading, const Snapshot& at, const 
   }
   const int64_t ticks_us = boot_ns / 1000;
   reading.domain = at.domain;
+  reading.agreement = at.agreement;
+  reading.witness_count = at.witness_count;
+  reading.agreeing_count = at.agreeing_count;
+  reading.frequency_ppb = at.frequency_ppb;
   reading.age_us = spans.steady_ns / 1000;
   reading.best_estimate_us = base::WrappingAdd(ticks_us, at.estimate_us);
   if (disruption_marker != at.disruption_marker) [[unlikely]] {

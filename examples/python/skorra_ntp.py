@@ -39,7 +39,8 @@ class _Reading(_Sized):
                 ("agreement", ctypes.c_int32), ("has_time", ctypes.c_bool), ("has_bound", ctypes.c_bool),
                 ("reserved", ctypes.c_uint8 * 2), ("domain", ctypes.c_char_p), ("best_estimate_us", ctypes.c_int64),
                 ("earliest_us", ctypes.c_int64), ("latest_us", ctypes.c_int64), ("error_estimate_us", ctypes.c_int64),
-                ("error_bound_us", ctypes.c_int64), ("age_us", ctypes.c_int64)]
+                ("error_bound_us", ctypes.c_int64), ("age_us", ctypes.c_int64), ("witness_count", ctypes.c_uint32),
+                ("agreeing_count", ctypes.c_uint32), ("frequency_ppb", ctypes.c_int64)]
 
 
 class _Outcome(_Sized):
