@@ -130,6 +130,19 @@ std::optional<OffsetInterval> Intersect(const std::vector<OffsetInterval>& inter
   return all.earliest_us <= all.latest_us ? std::optional(all) : std::nullopt;
 }
 
+int64_t EstimateUs(const std::vector<NtpExchange>& exchanges) {
+  int64_t earliest_us = kMin;
+  int64_t latest_us = kMax;
+  for (const NtpExchange& e : exchanges) {
+    const int64_t offset_us = e.system_offset_from_steady_us;
+    earliest_us =
+        std::max(earliest_us, EndUs(e.server_transmit_us, e.receive_local_us, offset_us, 0).value_or(kMin));
+    latest_us = std::min(latest_us, EndUs(e.server_receive_us, e.send_local_us, offset_us, 0).value_or(kMax));
+  }
+  // Half of the sum, which itself may not fit.
+  return earliest_us / 2 + latest_us / 2 + (earliest_us % 2 + latest_us % 2) / 2;
+}
+
 bool AreWaysOpposed(const std::vector<NtpExchange>& exchanges, int64_t drift_us) {
   if (exchanges.size() < kEnoughToCompare) {
     return false;

@@ -47,6 +47,12 @@ OffsetInterval ProvenInterval(const NtpExchange& exchange, int64_t drift_us);
 // What all of them prove together; nothing when they contradict each other. There is at least one.
 std::optional<OffsetInterval> Intersect(const std::vector<OffsetInterval>& intervals);
 
+// The best guess of the offset, a difference like those above: the middle between what the quickest request
+// and what the quickest reply of them say. A packet that no queue held up shows the length of its way, and
+// the two need not be of one exchange. So it does not matter whether queues build up in one direction or in
+// both: only ways that differ in length without any queue move this. There is at least one exchange.
+int64_t EstimateUs(const std::vector<NtpExchange>& exchanges);
+
 // Of fewer exchanges chance makes anything: the next two functions say nothing of them.
 inline constexpr size_t kEnoughToCompare = 6;
 

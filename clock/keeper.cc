@@ -100,7 +100,7 @@ void Keeper::Start(const NtpClockOptions& options) {
   }
   if (snapshot_.result != NtpResult::kNoResult) {
     // The options hold for the reading that there is, too.
-    snapshot_.growth = GrowthFromPpb(int64_t{1000} * options_.frequency_error_ppm);
+    ForgetFrequencyLimits();
     snapshot_.fresh_for_ns = FreshForNs();
     snapshot_.disruption_marker = shared_.disruption_marker();
     shared_.snapshot.Publish(snapshot_);
@@ -242,7 +242,10 @@ void Keeper::OnBurstBegun(const NtpBurstBegun& event) {
     // A correction that has just changed may be a slew itself: then the oscillator is as wrong as the change.
     const int64_t before_ppb = std::exchange(frequency_ppb_, base::GetKernelFrequencyPpb());
     growth_ppb_ = int64_t{1000} * options_.frequency_error_ppm + std::abs(frequency_ppb_ - before_ppb);
-    drift_.Begin(ReadClocksClosely(), frequency_ppb_);
+    clock_source_ = base::GetClockSource();
+    const MachineState state = StateNow();
+    frequency_.Continue(state);
+    drift_.Begin(state.at, frequency_ppb_);
   }
   bursts_[event.domain].clear();
   asked_.insert(event.server);
@@ -288,6 +291,7 @@ void Keeper::OnAttemptEnded(const NtpAttemptEnded& event) {
   NtpSyncReason reason = NtpSyncReason::kNoServer;
   if (event.end == NtpAttemptEnd::kOutcome) {
     has_servers_ = true;
+    NoteFrequency(event);
     reason = JudgeOutcome(event);
   } else if (!names_.empty()) {
     reason = NtpSyncReason::kNotResolved;
@@ -344,10 +348,7 @@ NtpSyncReason Keeper::JudgeOutcome(const NtpAttemptEnded& event) {
   const int64_t width_us = base::SaturatingSubtract(burst.interval->latest_us, burst.interval->earliest_us);
   const bool is_better = event.is_kept || !reading.has_bound() ||
                          width_us < base::SaturatingSubtract(reading.latest_us, reading.earliest_us);
-  const int64_t mean_us = base::SaturatingSubtract(
-      base::SaturatingAdd(event.record.offset_us, burst.system_offset_from_steady_us),
-      base::kWindowsToUnixEpochUs);
-  if (is_better && !Publish(event.domain, event.record.result, mean_us, burst)) {
+  if (is_better && !Publish(event.domain, event.record.result, burst)) {
     return NtpSyncReason::kUnusable;
   }
   return event.record.result == NtpResult::kSuccess ? NtpSyncReason::kOk : NtpSyncReason::kInaccurate;
@@ -361,17 +362,49 @@ bool Keeper::PublishAnother(const std::string& liar) {
       continue;
     }
     const ProvenBurst burst = ProveNow(exchanges);
-    if (burst.interval) {
-      const int64_t half_us = (burst.interval->latest_us - burst.interval->earliest_us) / 2;
-      if (Publish(domain, NtpResult::kMaybeInaccurate, burst.interval->earliest_us + half_us, burst)) {
-        return true;
-      }
+    if (burst.interval && Publish(domain, NtpResult::kMaybeInaccurate, burst)) {
+      return true;
     }
   }
   return false;
 }
 
-bool Keeper::Publish(const std::string& domain, NtpResult result, int64_t mean_us, const ProvenBurst& burst) {
+MachineState Keeper::StateNow() const {
+  return {.at = ReadClocksClosely(),
+          .kernel_ppb = frequency_ppb_,
+          .disruption_marker = shared_.disruption_marker(),
+          .clock_source = clock_source_};
+}
+
+void Keeper::NoteFrequency(const NtpAttemptEnded& event) {
+  if (!frequency_.Continue(StateNow())) {
+    return;
+  }
+  for (const auto& [domain, exchanges] : bursts_) {
+    const auto found = proven_.find(domain);
+    // Only the domain that the outcome is of has been judged for certain, see PublishAnother.
+    if (exchanges.empty() || (domain != event.domain && exchanges.size() < kEnoughToCompare)) {
+      continue;
+    }
+    const ProvenBurst burst = found != proven_.end() ? found->second : ProveNow(exchanges);
+    if (burst.interval) {
+      frequency_.Add(burst.server, {.at = burst.at,
+                                    .kernel_ppb = frequency_ppb_,
+                                    .proven = *burst.interval,
+                                    .estimate_us = burst.estimate_us,
+                                    .uncertainty_us = burst.scatter_us + kKernelStampErrorUs});
+    }
+  }
+  frequency_.EndAttempt();
+}
+
+void Keeper::ForgetFrequencyLimits() {
+  snapshot_.growth = GrowthFromPpb(int64_t{1000} * options_.frequency_error_ppm);
+  snapshot_.rate = std::clamp(snapshot_.rate, -snapshot_.growth, snapshot_.growth);
+  snapshot_.middle_rate = 0;
+}
+
+bool Keeper::Publish(const std::string& domain, NtpResult result, const ProvenBurst& burst) {
   const OffsetInterval& proven = *burst.interval;
   if (proven.earliest_us <= -kMaxTimeUs || proven.latest_us >= kMaxTimeUs) {
     return false;  // the server says of itself that it may be wrong by any amount
@@ -382,11 +415,22 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, int64_t mean_u
   snapshot.result = result;
   snapshot.clocks = burst.at.clocks;
   snapshot.reading_error_ns = burst.at.error_ns;
-  snapshot.estimate_us = std::clamp(mean_us, proven.earliest_us, proven.latest_us);
+  snapshot.estimate_us = burst.estimate_us;
   snapshot.earliest_us = proven.earliest_us;
   snapshot.latest_us = proven.latest_us;
   snapshot.error_estimate_us = burst.scatter_us;
   snapshot.growth = GrowthFromPpb(growth_ppb_);
+  if (const auto frequency = frequency_.Estimate(burst.server, growth_ppb_)) {
+    snapshot.earliest_us -= kGainErrorUs;
+    snapshot.latest_us += kGainErrorUs;
+    const int64_t middle_ppb = (frequency->lowest_ppb + frequency->highest_ppb) / 2;
+    // 2: the middle was cut to a whole number, and the rates are rounded.
+    const int64_t half_ppb = (frequency->highest_ppb - frequency->lowest_ppb) / 2 + 2;
+    snapshot.growth = RateFromPpb(half_ppb);
+    snapshot.rate = RateFromPpb(frequency->ppb);
+    snapshot.middle_rate = RateFromPpb(middle_ppb);
+    snapshot.frequency_ppb = frequency->ppb;
+  }
   snapshot.frequency = drift_.frequency();
   snapshot.leap = burst.leap;
   snapshot.leap_us = EndOfDayUs(burst.leap_seen_us);
@@ -395,7 +439,6 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, int64_t mean_u
   snapshot.domain = names->insert(domain).first->c_str();
   snapshot_ = snapshot;
   shared_.snapshot.Publish(snapshot);
-  shared_.estimate_us.store(snapshot.estimate_us, std::memory_order_relaxed);
   return true;
 }
 
@@ -468,7 +511,8 @@ void Keeper::PlanAfter(NtpSyncReason reason) {
     longest_us = kInaccurateUs;
   }
   const int64_t limit_wait_us =
-      SyncWaitUs(0, shared_.Read().error_bound_us, snapshot_.growth, options_.max_error_us);
+      SyncWaitUs(0, shared_.Read().error_bound_us,
+                 snapshot_.growth + std::abs(snapshot_.rate - snapshot_.middle_rate), options_.max_error_us);
   const int64_t limit_ticks_us = base::SaturatingAdd(now_ticks_us, limit_wait_us);
   const int64_t interval_ticks_us =
       longest_us == 0 ? kNever : result_ticks_us_ + std::max(longest_us, kMinIntervalUs);
@@ -580,6 +624,7 @@ void Keeper::NoteSleep() {
   if (snapshot_.result != NtpResult::kNoResult && HasSleptMore(snapshot_, spans, now.error_ns)) {
     snapshot_.slept_ns = spans.slept_ns();
     snapshot_.sleep_error_us += kSleepErrorUs;
+    ForgetFrequencyLimits();
     shared_.snapshot.Publish(snapshot_);
   }
 }

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "clock/attempt_tally.h"
+#include "clock/frequency.h"
 #include "clock/ntp_clock.h"
 #include "clock/proven_burst.h"
 #include "clock/shared_clock.h"
@@ -100,9 +101,14 @@ class Keeper final : public NtpSyncListener {
   // After a contradiction of `liar`: publishes what another domain has proved in the same attempt. False:
   // there is none.
   bool PublishAnother(const std::string& liar);
-  // `mean_us` is the estimate, a difference like those of the burst. False: the burst proves nothing, and
-  // nothing is published.
-  bool Publish(const std::string& domain, NtpResult result, int64_t mean_us, const ProvenBurst& burst);
+  // False: the burst proves nothing, and nothing is published.
+  bool Publish(const std::string& domain, NtpResult result, const ProvenBurst& burst);
+  // Takes what the bursts of this attempt tell of the oscillator's frequency.
+  void NoteFrequency(const NtpAttemptEnded& event);
+  // From now on the reading assumes no more of the oscillator than the options say.
+  void ForgetFrequencyLimits();
+  // What must stay as it is from one attempt to the next.
+  MachineState StateNow() const;
   void PublishStatus(NtpClockStatus status);
   // Tells everybody who waits, and plans the next sync.
   void Finish(NtpSyncReason reason);
@@ -160,7 +166,9 @@ class Keeper final : public NtpSyncListener {
   std::map<std::string, std::vector<NtpExchange>> bursts_;  // by domain: what its burst has brought
   std::map<std::string, ProvenBurst> proven_;               // by domain: its last burst of this attempt
   MachineDrift drift_;
-  int64_t burst_marker_ = 0;  // the disruption marker when the bursts began
+  FrequencyHistory frequency_;
+  uint64_t clock_source_ = 0;  // as it was read last
+  int64_t burst_marker_ = 0;   // the disruption marker when the bursts began
 
   ClockSnapshot snapshot_;  // as it was published
   uint32_t failures_ = 0;   // attempts in a row without a result

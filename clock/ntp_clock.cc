@@ -391,11 +391,11 @@ bool NtpClock::IsRunning() noexcept {
 
 NtpClock::time_point NtpClock::now() noexcept {
   const int64_t now_ticks_us = base::GetSteadyTimeTicks();
-  const int64_t estimate_us = shared.estimate_us.load(std::memory_order_relaxed);
+  const int64_t estimate_us = shared.EstimateUs(now_ticks_us);
   if (now_ticks_us >= shared.work_ticks_us.load(std::memory_order_relaxed)) {
     DoWork(now_ticks_us);
   }
-  return time_point(duration(estimate_us == SharedClock::kNoEstimate ? 0 : now_ticks_us + estimate_us));
+  return time_point(duration(estimate_us));
 }
 
 NtpClockReading NtpClock::Read() noexcept {

@@ -33,7 +33,8 @@ ProvenBurst Prove(const std::vector<NtpExchange>& exchanges, const ClocksReading
                   int64_t drift_us) {
   ProvenBurst burst;
   burst.at = at;
-  burst.system_offset_from_steady_us = exchanges.back().system_offset_from_steady_us;
+  burst.server = exchanges.back().server;
+  burst.estimate_us = EstimateUs(exchanges);
   std::vector<OffsetInterval> intervals;
   for (const NtpExchange& exchange : exchanges) {
     const int64_t sent_ticks_us =
@@ -51,6 +52,9 @@ ProvenBurst Prove(const std::vector<NtpExchange>& exchanges, const ClocksReading
   }
   if (!IsRamp(exchanges, drift_us) && !AreWaysOpposed(exchanges, drift_us)) {
     burst.interval = Intersect(intervals);
+  }
+  if (burst.interval) {
+    burst.estimate_us = std::clamp(burst.estimate_us, burst.interval->earliest_us, burst.interval->latest_us);
   }
   return burst;
 }

@@ -25,6 +25,7 @@ class MachineDrift {
   // What the steady clock may have gained or lost between two moments since `Begin`, beyond what the
   // oscillator may be wrong by.
   int64_t drift_us() const;
+  bool has_slept() const { return has_slept_; }
   ClockRate frequency() const { return begin_.frequency; }
 
  private:
@@ -38,8 +39,9 @@ class MachineDrift {
 // A burst that was judged.
 struct ProvenBurst {
   ClocksReading at;                        // when
+  net::IPEndPoint server;                  // of the last exchange
   std::optional<OffsetInterval> interval;  // at that moment; nothing: the replies contradict each other
-  int64_t system_offset_from_steady_us = 0;
+  int64_t estimate_us = 0;                 // within the interval, where there is one (EstimateUs)
   LeapWarning leap = LeapWarning::kNone;
   int64_t leap_seen_us = 0;  // when the server first announced it, since 1970 by its own clock
   int64_t scatter_us = 0;    // of the samples that the result is the mean of

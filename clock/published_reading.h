@@ -78,6 +78,8 @@ class PublishedReading {
     AtomicWord<int64_t> latest_us;
     AtomicWord<int64_t> error_estimate_us;
     AtomicWord<ClockRate> growth;
+    AtomicWord<ClockRate> rate;
+    AtomicWord<ClockRate> middle_rate;
     AtomicWord<ClockRate> frequency;
     AtomicWord<LeapWarning> leap;
     AtomicWord<int64_t> leap_us;
@@ -105,6 +107,8 @@ class PublishedReading {
     to.latest_us = from.latest_us;
     to.error_estimate_us = from.error_estimate_us;
     to.growth = from.growth;
+    to.rate = from.rate;
+    to.middle_rate = from.middle_rate;
     to.frequency = from.frequency;
     to.leap = from.leap;
     to.leap_us = from.leap_us;

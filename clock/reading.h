@@ -9,10 +9,11 @@
 //
 //   E = E0 + rho * age + |slew of the host's clock since the sync| + S
 //
-// E0 is half of the interval that the sync proved, `rho` how wrong the oscillator may be. The steady clock is
-// slewed by the host's own time daemon, the raw clock is not: what the monotonic clock has gained over the
-// raw one, beyond the kernel's frequency correction at the sync, is the slew. S is what a suspend, or a leap
-// second that may have been inserted, adds.
+// E0 is half of the interval that the sync proved, `rho` how wrong the oscillator may be, once what is known
+// of its frequency (frequency.h) is taken into account. The steady clock is slewed by the host's own time
+// daemon, the raw clock is not: what the monotonic clock has gained over the raw one, beyond the kernel's
+// frequency correction at the sync, is the slew. S is what a suspend, or a leap second that may have been
+// inserted, adds.
 #pragma once
 
 #include <algorithm>
@@ -91,7 +92,11 @@ struct ClockSnapshot {
   int64_t earliest_us = 0;
   int64_t latest_us = 0;
   int64_t error_estimate_us = 0;
-  ClockRate growth = 0;     // rho
+  ClockRate growth = 0;  // rho
+  // How fast the true time runs against the oscillator: as the estimate assumes, and in the middle of what it
+  // may be, from where rho counts.
+  ClockRate rate = 0;
+  ClockRate middle_rate = 0;
   ClockRate frequency = 0;  // the kernel's correction
   LeapWarning leap = LeapWarning::kNone;
   int64_t leap_us = 0;       // when that day ends, since 1970
@@ -171,7 +176,8 @@ constexpr int64_t GrowthUs(const Snapshot& at, const ClockSpans& spans, int64_t 
   }
   // The slew comes last from the clocks, so its part is one product: with that of rho, since the oscillator
   // may have counted more than the steady clock shows.
-  const ClockRate slew_rate = (at.growth + (int64_t{1} << 32)) / 1000 + 1;
+  const ClockRate slew_rate =
+      (at.growth + base::WrappingMagnitude(at.middle_rate) + (int64_t{1} << 32)) / 1000 + 1;
   const int64_t age_ns = Scale(spans.steady_ns, at.growth) + 1 + 2 * at.reading_error_ns;
   return (age_ns + 999) / 1000 + (Scale(slew_ns, slew_rate) + 1) + at.sleep_error_us +
          (HasSleptMore(at, spans, reading_error_ns) ? kSleepErrorUs : 0);
@@ -187,6 +193,20 @@ constexpr void AddLeapSecond(const Snapshot& at, NtpClockReading& reading) {
     reading.error_bound_us = std::max(reading.best_estimate_us - reading.earliest_us,
                                       reading.latest_us - reading.best_estimate_us);
   }
+}
+
+// What the true time gains on the steady clock in `span_ns` without sleep, in microseconds, within
+// kGainErrorUs.
+constexpr int64_t GainUs(int64_t span_ns, ClockRate rate) { return Scale(span_ns, rate) / 1000; }
+inline constexpr int64_t kGainErrorUs = 2;
+
+// The estimate of a snapshot that has a time, without the rest of the reading. Of sleeps it knows those that
+// the snapshot counts.
+template <class Snapshot>
+constexpr int64_t EstimateAtUs(const Snapshot& at, int64_t ticks_us) {
+  const int64_t steady_ns = base::WrappingSubtract(base::WrappingScale(ticks_us, 1000), at.clocks.boot_ns);
+  return base::WrappingAdd(base::WrappingAdd(ticks_us, at.estimate_us),
+                           GainUs(base::WrappingSubtract(steady_ns, at.slept_ns), at.rate));
 }
 
 // Writes the reading at the moment of `now`'s steady clock into `reading`, which is as it was made. `at` is a
@@ -208,7 +228,9 @@ constexpr void EvaluateInto(NtpClockReading& reading, const Snapshot& at, const 
   reading.agreeing_count = at.agreeing_count;
   reading.frequency_ppb = at.frequency_ppb;
   reading.age_us = spans.steady_ns / 1000;
-  reading.best_estimate_us = base::WrappingAdd(ticks_us, at.estimate_us);
+  // While the machine sleeps, the oscillator counts nothing.
+  reading.best_estimate_us =
+      base::WrappingAdd(base::WrappingAdd(ticks_us, at.estimate_us), GainUs(spans.monotonic_ns, at.rate));
   if (disruption_marker != at.disruption_marker) [[unlikely]] {
     reading.status = NtpClockStatus::kDisrupted;
     return;
@@ -222,11 +244,12 @@ constexpr void EvaluateInto(NtpClockReading& reading, const Snapshot& at, const 
   if (growth_us < 0) [[unlikely]] {
     return;
   }
-  reading.earliest_us = base::WrappingAdd(ticks_us, at.earliest_us) - growth_us;
+  const int64_t middle_us = GainUs(spans.monotonic_ns, at.middle_rate);
+  reading.earliest_us = base::WrappingAdd(ticks_us, at.earliest_us) + middle_us - growth_us;
   // 1: the ticks were cut to whole microseconds.
-  reading.latest_us = base::WrappingAdd(ticks_us, at.latest_us) + growth_us + 1;
+  reading.latest_us = base::WrappingAdd(ticks_us, at.latest_us) + middle_us + growth_us + 1;
   reading.error_bound_us =
-      std::max(at.estimate_us - at.earliest_us, at.latest_us + 1 - at.estimate_us) + growth_us;
+      std::max(reading.best_estimate_us - reading.earliest_us, reading.latest_us - reading.best_estimate_us);
   reading.error_estimate_us =
       std::min(reading.error_bound_us, at.error_estimate_us + growth_us / kLikelyShareOfGrowth);
   if (at.leap != LeapWarning::kNone) [[unlikely]] {

@@ -13,9 +13,6 @@
 namespace skorra {
 
 struct SharedClock {
-  // The estimate of the snapshot alone, for `NtpClock::now`: network time since 1970 minus steady ticks.
-  static constexpr int64_t kNoEstimate = std::numeric_limits<int64_t>::min();
-  std::atomic<int64_t> estimate_us{kNoEstimate};
   // From these steady ticks on a read finds work to do: the manager's own checks, or a keeper of a child.
   std::atomic<int64_t> work_ticks_us{std::numeric_limits<int64_t>::max()};
   PublishedReading snapshot;
@@ -27,6 +24,15 @@ struct SharedClock {
   int64_t disruption_marker() const {
     const base::VmClock* const page = vm_clock.load(std::memory_order_acquire);
     return page == nullptr ? 0 : static_cast<int64_t>(page->disruption_marker());
+  }
+
+  // Any thread. The best estimate alone, at the steady time `ticks_us`; 0 while there is none.
+  int64_t EstimateUs(int64_t ticks_us) const {
+    int64_t estimate_us = 0;
+    snapshot.LookAt([&](const auto& at) {
+      estimate_us = at.result == NtpResult::kNoResult ? 0 : EstimateAtUs(at, ticks_us);
+    });
+    return estimate_us;
   }
 
   // Any thread. Writes the steady ticks of the reading, unless null.

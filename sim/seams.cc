@@ -143,6 +143,8 @@ MachineClocks ReadMachineClocks() {
 
 int64_t GetKernelFrequencyPpb() { return sim::WorldState::Current().kernel_frequency_ppb; }
 
+uint64_t GetClockSource() { return sim::WorldState::Current().clock_source; }
+
 // The configuration may be read, and an address parsed, before there is a world.
 Optional<std::string> GetEnvironmentVariable(const char* name) {
   const sim::WorldState* const state = sim::WorldState::Find();

@@ -85,6 +85,8 @@ void World::SetKernelFrequency(int64_t ppb) {
   state_->ApplySteadyFrequency();
 }
 
+void World::SetClockSource(uint64_t number) { state_->clock_source = number; }
+
 void WorldState::ApplySteadyFrequency() {
   // Nothing wanders here, so no random number is drawn.
   const int64_t frequency_ppb = InverseFrequency(slew_ppb + kernel_frequency_ppb);

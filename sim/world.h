@@ -107,6 +107,9 @@ class World {
   // The frequency correction that the kernel applies to the oscillator, from now on, and tells: the same as a
   // slew, in addition to it. Both together are limited as `SetSteadyError` is.
   void SetKernelFrequency(int64_t ppb);
+  // The machine takes another oscillator as its clock source; a world begins with number 1, and 0 stands for
+  // a machine that does not tell. How fast it runs is `SetSteadyError`'s.
+  void SetClockSource(uint64_t number);
   // The machine sleeps: tasks and events wait for the end, and what arrives meanwhile is lost. Clocks go on
   // and count `duration`, but the raw and the monotonic clock stand still. The sleep took `sleep_error`
   // longer than the clocks count; what the truth says inside the sleep leaves that out. More than

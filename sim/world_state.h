@@ -80,6 +80,7 @@ struct WorldState {
   ClockModel truth;       // of the oscillator
   int64_t slew_ppb = 0;
   int64_t kernel_frequency_ppb = 0;
+  uint64_t clock_source = 1;
   netmodel::Random random;
   std::vector<std::pair<int64_t, int64_t>> suspends_ticks_us;  // from, to
   // What all of them took by the steady clock and by the oscillator.

@@ -34,7 +34,6 @@ inline void PublishTimeInProcess(NtpTimeManagerPeer& peer_of_process) {
   SharedClock& clock = internal::ProcessClock();
   clock.max_error_us = 500000;
   clock.snapshot.Publish(snapshot);
-  clock.estimate_us = snapshot.estimate_us;
   clock.work_ticks_us = 0;  // due: the next read hands the checks to the manager
 }
 

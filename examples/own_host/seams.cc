@@ -84,6 +84,8 @@ MachineClocks ReadMachineClocks() {
 
 int64_t GetKernelFrequencyPpb() { return 0; }  // this host does not ask
 
+uint64_t GetClockSource() { return 0; }
+
 uint64_t RandUint64() {
   uint64_t number;
   if (getentropy(&number, sizeof number) != 0) {

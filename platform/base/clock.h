@@ -35,5 +35,9 @@ MachineClocks ReadMachineClocks();
 // system call, which changes nothing.
 int64_t GetKernelFrequencyPpb();
 
+// A number that stands for the hardware that the raw clock counts, and changes when the system takes another.
+// 0 when the system does not tell. A few system calls, which change nothing.
+uint64_t GetClockSource();
+
 }  // namespace skorra_ntp
 }  // namespace base

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/base/clock.h"
 
+#include <fcntl.h>
 #include <sys/timex.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <limits>
 
@@ -76,6 +78,23 @@ int64_t GetKernelFrequencyPpb() {
   // In units of 2^-16 parts per million. Adding a half before the shift, which rounds down, rounds to
   // nearest.
   return (static_cast<int64_t>(state.freq) * 1000 + (1 << 15)) >> 16;
+}
+
+uint64_t GetClockSource() {
+  const int file =
+      open("/sys/devices/system/clocksource/clocksource0/current_clocksource", O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    return 0;
+  }
+  char name[64];
+  const ssize_t length = read(file, name, sizeof name);
+  close(file);
+  // The hash FNV-1a, which tells names apart.
+  uint64_t hash = length <= 0 ? 0 : 14695981039346656037u;
+  for (ssize_t i = 0; i < length; ++i) {
+    hash = (hash ^ static_cast<uint8_t>(name[i])) * 1099511628211u;
+  }
+  return hash;
 }
 
 }  // namespace skorra_ntp

@@ -156,19 +156,26 @@ class Story {
 
   // The seconds at which the truth lay outside.
   int64_t Play() {
-    clock_.StartWith({kServer});
+    NtpClockOptions options;
+    options.servers = {kServer};
+    // In every second story the syncs come so often that the frequency of the oscillator is known for most of
+    // it.
+    options.interval_s = random_.Chance(500) ? 600 : 0;
+    clock_.Start(options);
     int64_t outside = 0;
     for (int64_t second = 0; second < host_.story_s; ++second) {
       clock_.world.RunFor(KeptClock::S(1));
       outside += clock_.IsTruthInside() ? 0 : 1;
       const NtpClockReading reading = clock_.Read();
       bounded_ += reading.has_bound() ? 1 : 0;
+      with_frequency_ += reading.has_frequency() ? 1 : 0;
       EXPECT_TRUE(!reading.has_bound() || (reading.earliest_us <= reading.best_estimate_us &&
                                            reading.best_estimate_us <= reading.latest_us));
     }
     return outside;
   }
   int64_t bounded() const { return bounded_; }
+  int64_t with_frequency() const { return with_frequency_; }
   int64_t outcomes() const { return static_cast<int64_t>(clock_.outcomes.size()); }
   int64_t disagreeing() const {
     const auto reasons = clock_.Reasons();
@@ -208,6 +215,7 @@ class Story {
   size_t place_ = 0;
   int64_t last_sent_ticks_us_ = 0;
   int64_t bounded_ = 0;
+  int64_t with_frequency_ = 0;
 };
 
 TEST(BoundTest, TheTruthLiesBetweenTheLimitsAtEverySecondOfEveryStory) {
@@ -215,6 +223,7 @@ TEST(BoundTest, TheTruthLiesBetweenTheLimitsAtEverySecondOfEveryStory) {
   const uint64_t first = EnvironmentNumber("SKORRA_SEED").value_or(1);
   std::printf("%llu seeds from SKORRA_SEED=%llu on\n", static_cast<unsigned long long>(seeds),
               static_cast<unsigned long long>(first));
+  int64_t with_frequency = 0;
   for (const Host& host : Hosts()) {
     for (const Path& path : Paths()) {
       int64_t outside = 0;
@@ -225,6 +234,7 @@ TEST(BoundTest, TheTruthLiesBetweenTheLimitsAtEverySecondOfEveryStory) {
         Story story(path, host, seed);
         const int64_t story_outside = story.Play();
         bounded += story.bounded();
+        with_frequency += story.with_frequency();
         outcomes += story.outcomes();
         disagreeing += story.disagreeing();
         outside += story_outside;
@@ -241,6 +251,9 @@ TEST(BoundTest, TheTruthLiesBetweenTheLimitsAtEverySecondOfEveryStory) {
       EXPECT_GT(bounded, total * 6 / 10) << path.name << ", " << host.name;
     }
   }
+  std::printf("the frequency of the oscillator was known for %lld s\n",
+              static_cast<long long>(with_frequency));
+  EXPECT_GT(with_frequency, 0);
 }
 
 }  // namespace

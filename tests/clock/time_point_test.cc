@@ -35,13 +35,33 @@ TEST(TimePointTest, WithoutATimeNowIsTheEpoch) {
   EXPECT_EQ(NtpClock::now(), NtpClock::time_point());
 }
 
+// A time that is `us` since 1970 now, with an oscillator that is slow by this.
+void PublishTime(int64_t us, int64_t ppb = 0) {
+  ClockSnapshot snapshot;
+  snapshot.result = NtpResult::kSuccess;
+  snapshot.clocks = base::ReadMachineClocks();
+  snapshot.estimate_us = us - base::GetSteadyTimeTicks();
+  snapshot.rate = RateFromPpb(ppb);
+  internal::ProcessClock().snapshot.Publish(snapshot);
+}
+
 TEST(TimePointTest, NowIsTheEstimate) {
   sim::World world;
-  const int64_t now_ticks_us = base::GetSteadyTimeTicks();
-  internal::ProcessClock().estimate_us = 1000000000 - now_ticks_us;
+  PublishTime(1000000000);
   EXPECT_EQ(NtpClock::now().time_since_epoch(), std::chrono::seconds(1000));
   world.RunFor(base::TimeDelta::FromSeconds(2));
   EXPECT_EQ(NtpClock::now().time_since_epoch(), std::chrono::seconds(1002));
+}
+
+TEST(TimePointTest, NowFollowsTheFrequencyOfTheOscillator) {
+  for (const int64_t ppb : {-20000, 20000}) {
+    sim::World world;
+    PublishTime(1000000000, ppb);
+    world.RunFor(base::TimeDelta::FromSeconds(1000));
+    EXPECT_NEAR(static_cast<double>(NtpClock::now().time_since_epoch().count()),
+                static_cast<double>(2000000000 + ppb), 1);
+    EXPECT_EQ(NtpClock::now().time_since_epoch().count(), NtpClock::Read().best_estimate_us);
+  }
 }
 
 TEST(TimePointTest, ATimeGoesToTheSystemClockAndBack) {
@@ -60,7 +80,7 @@ TEST(TimePointTest, ATimeGoesToTheSystemClockAndBack) {
 
 TEST(TimePointTest, ASleepUntilATimeThatIsReachedReturns) {
   sim::World world;
-  internal::ProcessClock().estimate_us = 1000000000;
+  PublishTime(1000000000);
   std::this_thread::sleep_until(NtpClock::now());
   std::this_thread::sleep_until(NtpClock::now() - std::chrono::hours(1));
 }

@@ -6,11 +6,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/timex.h>
 #include <time.h>
 
+#include <cerrno>
+#include <fstream>
+#include <string>
+#include <thread>
 #include <vector>
 
+#include "testing/refuse_system_call.h"
 #include "testing/time_call_names.h"
 
 namespace {
@@ -102,6 +108,19 @@ TEST_F(ClockCallsTest, TheKernelsFrequencyIsRoundedToTheNearestPartPerBillion) {
     EXPECT_EQ(GetKernelFrequencyPpb(), c.ppb) << c.what;
     EXPECT_EQ(answers_.adjtimex_modes, 0u) << "it only reads";
   }
+}
+
+TEST(ClockSourceTest, TheClockSourceIsToldWhereTheSystemHasAName) {
+  std::ifstream file("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+  std::string name;
+  EXPECT_EQ(GetClockSource() != 0, static_cast<bool>(file >> name)) << name;
+}
+
+TEST(ClockSourceTest, ASandboxThatHidesTheClockSourceGivesNone) {
+  std::thread([] {
+    ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_openat, EACCES));
+    EXPECT_EQ(GetClockSource(), 0u);
+  }).join();
 }
 
 TEST_F(ClockCallsTest, TheKernelsFrequencyHoldsInEveryStateOfItsClock) {

@@ -158,6 +158,10 @@ TEST_F(ClockSeamTest, TheKernelCorrectsTheOscillatorByAtMost500PartsPerMillion) 
   EXPECT_LE(std::abs(base::GetKernelFrequencyPpb()), 500000);
 }
 
+TEST_F(ClockSeamTest, TheClockSourceIsTheSameWhileNobodyChangesIt) {
+  EXPECT_EQ(base::GetClockSource(), base::GetClockSource());
+}
+
 TEST_F(ClockSeamTest, RandomNumbersDiffer) {
   std::set<uint64_t> numbers;
   for (int i = 0; i < 1000; ++i) {

@@ -253,6 +253,12 @@ TEST_F(WorldTest, TheKernelsFrequencyIsToldAndAddsToASlew) {
   EXPECT_NEAR(static_cast<double>(both.raw_ns - alone.raw_ns), 1e12 / 1.0001, 2e3);
 }
 
+TEST_F(WorldTest, TheClockSourceIsTheOneThatWasSet) {
+  EXPECT_EQ(base::GetClockSource(), 1u);
+  world_.SetClockSource(2);
+  EXPECT_EQ(base::GetClockSource(), 2u);
+}
+
 TEST_F(WorldTest, AnOscillatorsErrorMovesAllClocksOfTheMachineAgainstTheTruthAlsoUnderASlew) {
   world_.SlewSteady(100000);
   world_.SetSteadyError({.frequency_ppb = -30000});
