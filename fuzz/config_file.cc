@@ -59,7 +59,7 @@ void CheckText(ConfigCenterImpl& center, std::string_view text) {
   // Every entry has a value before, so that one that stays shows.
   const std::vector<std::string> none = center.LoadText(
       "[ntp]\nsync_interval = 7\nresolve_timeout_ms = 7\nrequests_per_burst = 7\n"
-      "max_root_distance_ms = 7\nmax_round_trip_ms = 7\ndefault_domain = \"before\"\n",
+      "max_root_distance_ms = 7\nmax_round_trip_ms = 7\ndefault_domain = \"before\"\nwitnesses = \"off\"\n",
       kName);
   SKORRA_FUZZ_CHECK(none.empty());
   const Values before = ReadValues(center);
@@ -79,7 +79,9 @@ void CheckText(ConfigCenterImpl& center, std::string_view text) {
     SKORRA_FUZZ_CHECK(!number || (*number >= entry.min && *number <= entry.max && is_written(entry.key)));
   }
   for (size_t i = 0; i < kTextEntryCount; ++i) {
-    SKORRA_FUZZ_CHECK(!values.texts[i] || is_written(BaseCfg().texts()[i]->key));
+    const TextEntry& entry = *BaseCfg().texts()[i];
+    const auto& value = values.texts[i];
+    SKORRA_FUZZ_CHECK(!value || (IsValid(entry, *value) && is_written(entry.key)));
   }
   for (const std::string& message : messages) {
     SKORRA_FUZZ_CHECK(NamesAPlace(message, text));

@@ -85,7 +85,9 @@ std::string EnvironmentHelp() {
   }
   for (const config::TextEntry* entry : config::BaseCfg().texts()) {
     const std::string value = entry->default_value;
-    add(*entry, "default " + (value.empty() ? "none" : value));
+    const bool has_values = entry->values[0] != nullptr;
+    add(*entry,
+        (has_values ? config::RangeText(*entry) + ", " : "") + "default " + (value.empty() ? "none" : value));
   }
   return text;
 }

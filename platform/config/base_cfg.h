@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <string_view>
 
 namespace config {
 inline namespace skorra_ntp {
@@ -37,10 +38,32 @@ struct TextEntry {
   const char* default_value;
   size_t slot;  // the row's place among the texts
   const char* meaning;
+  std::array<const char*, 3> values = {};  // the only ones that are valid; all null: any text is
 };
 
+constexpr bool IsValid(const TextEntry& entry, std::string_view value) {
+  bool is_any = true;
+  for (const char* const valid : entry.values) {
+    if (valid != nullptr && value == valid) {
+      return true;
+    }
+    is_any = is_any && valid == nullptr;
+  }
+  return is_any;
+}
+
+// "text", or "off, report or refuse".
+inline std::string RangeText(const TextEntry& entry) {
+  std::string text;
+  for (size_t i = 0; i < entry.values.size() && entry.values[i] != nullptr; ++i) {
+    const bool is_last = i + 1 == entry.values.size() || entry.values[i + 1] == nullptr;
+    text += (i == 0 ? "" : is_last ? " or " : ", ") + std::string(entry.values[i]);
+  }
+  return text.empty() ? "text" : text;
+}
+
 inline constexpr size_t kNumberEntryCount = 5;
-inline constexpr size_t kTextEntryCount = 1;
+inline constexpr size_t kTextEntryCount = 2;
 
 struct BaseConfig {
   // clang-format off
@@ -66,13 +89,20 @@ struct BaseConfig {
   TextEntry ntp_default_domain{
       "ntp.default_domain", "SKORRA_NTP_DEFAULT_DOMAIN", "", 0,
       "the server that a sync asks when the program has named none"};
+  TextEntry ntp_witnesses{
+      "ntp.witnesses", "SKORRA_NTP_WITNESSES", "report", 1,
+      "whether the clock checks a result against the other servers; with refuse, a reading that they outvote "
+      "has no bound",
+      {"off", "report", "refuse"}};
   // clang-format on
 
   constexpr std::array<const NumberEntry*, kNumberEntryCount> numbers() const {
     return {&ntp_sync_interval, &ntp_resolve_timeout_ms, &ntp_requests_per_burst, &ntp_max_root_distance_ms,
             &ntp_max_round_trip_ms};
   }
-  constexpr std::array<const TextEntry*, kTextEntryCount> texts() const { return {&ntp_default_domain}; }
+  constexpr std::array<const TextEntry*, kTextEntryCount> texts() const {
+    return {&ntp_default_domain, &ntp_witnesses};
+  }
 };
 
 inline constexpr BaseConfig kBaseConfig{};

@@ -69,8 +69,12 @@ std::string ConfigCenterImpl::Set(const NumberEntry& entry, base::Optional<uint6
   return {};
 }
 
-void ConfigCenterImpl::Set(const TextEntry& entry, base::Optional<std::string> value) {
+std::string ConfigCenterImpl::Set(const TextEntry& entry, base::Optional<std::string> value) {
+  if (value && !IsValid(entry, *value)) {
+    return std::string(entry.key) + ": '" + *value + "' is not " + RangeText(entry);
+  }
   SetText(entry, Layer::kProgram, std::move(value));
+  return {};
 }
 
 std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
@@ -88,7 +92,13 @@ std::vector<std::string> ConfigCenterImpl::LoadEnvironment() {
     SetNumber(*entry, Layer::kEnvironment, value);
   }
   for (const TextEntry* entry : entries.texts()) {
-    SetText(*entry, Layer::kEnvironment, base::GetEnvironmentVariable(entry->environment_variable));
+    auto text = base::GetEnvironmentVariable(entry->environment_variable);
+    if (text && !IsValid(*entry, *text)) {
+      messages.push_back(std::string(entry->environment_variable) + ": '" + *text + "' is not " +
+                         RangeText(*entry) + "; the variable is ignored");
+      text.reset();
+    }
+    SetText(*entry, Layer::kEnvironment, std::move(text));
   }
   for (const std::string& message : messages) {
     base::LocalLog(base::kLogFailure, kLogFile, __LINE__, "%s", message.c_str());

@@ -52,9 +52,10 @@ class ConfigCenterImpl {
                                                                  base::Optional<std::string> fallback) const;
 
   // Sets the program's layer; nullopt clears it. Returns an empty string. For a number out of the entry's
-  // range it returns a message, and the layer stays as it was.
+  // range, and for a text that is none of the entry's values, it returns a message, and the layer stays as it
+  // was.
   SKORRA_EXPORT std::string Set(const NumberEntry& entry, base::Optional<uint64_t> value);
-  SKORRA_EXPORT void Set(const TextEntry& entry, base::Optional<std::string> value);
+  SKORRA_EXPORT std::string Set(const TextEntry& entry, base::Optional<std::string> value);
 
   // Replaces the environment layer by what the environment holds now. Returns a message for each bad value.
   // Not safe while another thread changes the environment.

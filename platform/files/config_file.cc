@@ -70,6 +70,7 @@ class FileReader {
   void ReadTable(const toml::table& table, const std::string& prefix);
   void ReadValue(const std::string& key, const toml::node& value);
   void ReadNumber(const NumberEntry& entry, const toml::node& value);
+  void ReadText(const TextEntry& entry, const toml::node& value);
   void AddMessage(const toml::source_region& place, const std::string& text);
 
   const std::string path_;
@@ -149,10 +150,7 @@ void FileReader::ReadValue(const std::string& key, const toml::node& value) {
   }
   for (const TextEntry* entry : BaseCfg().texts()) {
     if (key == entry->key) {
-      texts[entry->slot] = value.value_exact<std::string>();
-      if (!texts[entry->slot]) {
-        AddMessage(value.source(), key + ": must be a text in quotes");
-      }
+      ReadText(*entry, value);
       return;
     }
     known_keys += std::string(known_keys.empty() ? "" : ", ") + entry->key;
@@ -173,6 +171,19 @@ void FileReader::ReadNumber(const NumberEntry& entry, const toml::node& value) {
     return;
   }
   numbers[entry.slot] = static_cast<uint64_t>(*number);
+}
+
+void FileReader::ReadText(const TextEntry& entry, const toml::node& value) {
+  const auto text = value.value_exact<std::string>();
+  if (!text) {
+    AddMessage(value.source(), std::string(entry.key) + ": must be a text in quotes");
+    return;
+  }
+  if (!IsValid(entry, *text)) {
+    AddMessage(value.source(), std::string(entry.key) + ": '" + *text + "' is not " + RangeText(entry));
+    return;
+  }
+  texts[entry.slot] = *text;
 }
 
 std::vector<std::string> ConfigCenterImpl::LoadFile(const std::string& path) {

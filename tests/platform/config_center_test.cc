@@ -69,7 +69,7 @@ TEST_F(ConfigCenterTest, ReadersGetTheValueOrElseTheDefaultOfTheRow) {
   }
   const TextEntry& domain = BaseCfg().ntp_default_domain;
   EXPECT_EQ(GetText(domain), "");
-  center_.Set(domain, "ntp.example.org");
+  EXPECT_EQ(center_.Set(domain, "ntp.example.org"), "");
   EXPECT_EQ(GetText(domain), "ntp.example.org");
 }
 
@@ -171,6 +171,41 @@ TEST_F(ConfigCenterTest, ANumberOutOfRangeYieldsAMessageAndTheLayerStays) {
   EXPECT_THAT(center_.Set(entry, 60001), AllOf(HasSubstr("ntp.resolve_timeout_ms"), HasSubstr("1 to 60000")));
   EXPECT_THAT(center_.Set(entry, 0), HasSubstr("range"));
   EXPECT_EQ(center_.GetValueWithPriority(entry, 2000), 60000u);
+}
+
+TEST_F(ConfigCenterTest, ATextWithAFixedSetOfValuesTakesEachOfThemFromEachLayer) {
+  const TextEntry& entry = BaseCfg().ntp_witnesses;
+  EXPECT_EQ(RangeText(entry), "off, report or refuse");
+  EXPECT_EQ(RangeText(BaseCfg().ntp_default_domain), "text");
+  EXPECT_EQ(GetText(entry), "report");
+  for (const char* value : {"off", "report", "refuse"}) {
+    EXPECT_THAT(LoadEnvironmentWith("SKORRA_NTP_WITNESSES", value), IsEmpty());
+    EXPECT_EQ(GetText(entry), value);
+  }
+  for (const char* value : {"off", "report", "refuse"}) {
+    EXPECT_EQ(center_.Set(entry, value), "");
+    EXPECT_EQ(GetText(entry), value);
+  }
+}
+
+TEST_F(ConfigCenterTest, ATextThatIsNoneOfTheEntrysValuesYieldsAMessageAndTheNextLayerCounts) {
+  const TextEntry& entry = BaseCfg().ntp_witnesses;
+  for (const char* value : {"", "on", "Report", "report ", "offreport", "off, report or refuse"}) {
+    LoadEnvironmentWith("SKORRA_NTP_WITNESSES", "off");
+    EXPECT_EQ(center_.Set(entry, value),
+              "ntp.witnesses: '" + std::string(value) + "' is not off, report or refuse");
+    EXPECT_EQ(GetText(entry), "off") << value;
+    log_.lines.clear();
+    const auto messages = LoadEnvironmentWith("SKORRA_NTP_WITNESSES", value);
+    EXPECT_THAT(messages, ElementsAre("SKORRA_NTP_WITNESSES: '" + std::string(value) +
+                                      "' is not off, report or refuse; the variable is ignored"));
+    ASSERT_EQ(log_.lines.size(), 1u) << value;
+    EXPECT_EQ(log_.lines[0].level, base::kLogFailure);
+    EXPECT_EQ(GetText(entry), "report") << value;
+  }
+  EXPECT_EQ(center_.Set(entry, "refuse"), "");
+  EXPECT_NE(center_.Set(entry, "deny"), "");
+  EXPECT_EQ(GetText(entry), "refuse") << "the layer stays as it was";
 }
 
 TEST_F(ConfigCenterTest, TheDefaultDomainOfTheEnvironmentIsTheConfiguredOne) {

@@ -46,8 +46,9 @@ class ConfigFileTest : public ::testing::Test {
 
 TEST_F(ConfigFileTest, EveryEntryIsRead) {
   EXPECT_THAT(Load("# servers\n[ntp]\nsync_interval = 9223372036854775807\nresolve_timeout_ms = 1_500\n"
-                   "default_domain = \"ntp.example.org\"\n"),
+                   "default_domain = \"ntp.example.org\"\nwitnesses = \"off\"\n"),
               IsEmpty());
+  EXPECT_EQ(GetText(BaseCfg().ntp_witnesses), "off");
   EXPECT_EQ(Number(BaseCfg().ntp_sync_interval), 9223372036854775807u);
   EXPECT_EQ(Number(BaseCfg().ntp_resolve_timeout_ms), 1500u);
   EXPECT_EQ(Domain(), "ntp.example.org");
@@ -117,11 +118,21 @@ TEST_F(ConfigFileTest, ADomainMustBeAText) {
   EXPECT_EQ(Domain(), std::nullopt);
 }
 
+TEST_F(ConfigFileTest, ATextWithAFixedSetOfValuesMustBeOneOfThem) {
+  EXPECT_THAT(Load("[ntp]\nwitnesses = \"on\"\n"),
+              ElementsAre(path_ + ":2: ntp.witnesses: 'on' is not off, report or refuse"));
+  EXPECT_EQ(GetText(BaseCfg().ntp_witnesses), "report");
+  EXPECT_THAT(Load("[ntp]\nwitnesses = false\n"),
+              ElementsAre(HasSubstr(":2: ntp.witnesses: must be a text in quotes")));
+}
+
 TEST_F(ConfigFileTest, AnUnknownKeyNamesTheKnownOnes) {
-  EXPECT_THAT(Load("interval = 5\n[server]\n"),
-              ElementsAre(HasSubstr("ntp.sync_interval, ntp.resolve_timeout_ms, ntp.requests_per_burst, "
-                                    "ntp.max_root_distance_ms, ntp.max_round_trip_ms, ntp.default_domain"),
-                          HasSubstr("unknown key 'server'")));
+  EXPECT_THAT(
+      Load("interval = 5\n[server]\n"),
+      ElementsAre(
+          HasSubstr("ntp.sync_interval, ntp.resolve_timeout_ms, ntp.requests_per_burst, "
+                    "ntp.max_root_distance_ms, ntp.max_round_trip_ms, ntp.default_domain, ntp.witnesses"),
+          HasSubstr("unknown key 'server'")));
 }
 
 TEST_F(ConfigFileTest, ATextThatIsNoTomlIsReportedWithItsLineAndClearsTheLayer) {

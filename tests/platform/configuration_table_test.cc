@@ -30,8 +30,8 @@ std::vector<std::string> ExpectedRows() {
   }
   for (const TextEntry* entry : BaseCfg().texts()) {
     const std::string value = entry->default_value;
-    rows.push_back(
-        Row(entry->key, entry->environment_variable, "text", value.empty() ? "none" : value, entry->meaning));
+    rows.push_back(Row(entry->key, entry->environment_variable, RangeText(*entry),
+                       value.empty() ? "none" : value, entry->meaning));
   }
   return rows;
 }
