@@ -61,6 +61,22 @@ bool NtpAddressLedger::Admit(const net::IPEndPoint& address, int64_t now_ticks_u
   return is_sent;
 }
 
+bool NtpAddressLedger::AdmitSingle(const net::IPEndPoint& address, int64_t now_ticks_us) {
+  SendRefusal refusal = SendRefusal::kNone;
+  {
+    const base::AutoLock lock(lock_);
+    // An address without an account gets none: that might evict another one's.
+    if (const auto found = accounts_.find(address); found != accounts_.end()) {
+      refusal = Refusal(found->second, now_ticks_us);
+      found->second.counts.requests_withheld += refusal == SendRefusal::kNone ? 0 : 1;
+    }
+  }
+  if (refusal != SendRefusal::kNone) {
+    base::KeyMetrics::Count(std::string("ntp.send_withheld.") + SendRefusalName(refusal));
+  }
+  return refusal == SendRefusal::kNone;
+}
+
 SendRefusal NtpAddressLedger::Check(const net::IPEndPoint& address, int64_t now_ticks_us) const {
   const base::AutoLock lock(lock_);
   const auto found = accounts_.find(address);
@@ -79,6 +95,13 @@ void NtpAddressLedger::OnReply(const net::IPEndPoint& address) {
   if (const auto found = accounts_.find(address); found != accounts_.end()) {
     ++found->second.counts.replies;
     found->second.has_answered = true;
+  }
+}
+
+void NtpAddressLedger::OnSingleReply(const net::IPEndPoint& address) {
+  const base::AutoLock lock(lock_);
+  if (const auto found = accounts_.find(address); found != accounts_.end()) {
+    ++found->second.counts.replies;
   }
 }
 

@@ -22,6 +22,10 @@
 //   - An address that must not be asked when the burst begins gets none of its requests. A refusal that
 //     comes during a burst ends it.
 //
+// Single requests (`AdmitSingle`) are no part of bursts: they neither begin one nor count as its calls, and
+// their replies say nothing about it. So an address is asked and judged the same with them and without. But
+// they leave only when a burst that began now would, and a refusal that answers one binds like any other.
+//
 // Refusals:
 //   - RATE: wait 2 minutes, and twice as long after each further burst that ends so, up to 2 hours, plus up
 //     to 25 % random jitter, so that many clients do not return together; at the cap the jitter is subtracted
@@ -93,13 +97,16 @@ class NtpAddressLedger {
   // One call for a request to `address`: whether the request may leave. Counts why when it may not.
   // `requests_per_burst`, 1 to 20, is used when the call begins a burst.
   bool Admit(const net::IPEndPoint& address, int64_t now_ticks_us, uint32_t requests_per_burst);
+  // The same for a request outside bursts. It begins none and joins none.
+  bool AdmitSingle(const net::IPEndPoint& address, int64_t now_ticks_us);
   // Whether a burst that began now would leave. Begins none.
   SendRefusal Check(const net::IPEndPoint& address, int64_t now_ticks_us) const;
 
   // An admitted request was handed to the system.
   void OnRequestSent(const net::IPEndPoint& address);
-  // A reply with a good nonce came.
+  // A reply with a good nonce came: to a request of a burst, or to a single one.
   void OnReply(const net::IPEndPoint& address);
+  void OnSingleReply(const net::IPEndPoint& address);
   // The system reports that nobody listens on the port (ICMP; may be forged).
   void OnPortClosed(const net::IPEndPoint& address, int64_t now_ticks_us);
   // RATE, DENY or RSTR came with a good nonce; call it after `OnReply` for the same datagram. `random` is 64
@@ -107,7 +114,7 @@ class NtpAddressLedger {
   // sent before its first refusal reached us.
   bool OnRefusal(const net::IPEndPoint& address, KissCode code, int64_t now_ticks_us, uint64_t random);
 
-  // Whether a reply with a good nonce has come since the last admitted burst began.
+  // Whether a reply with a good nonce to a burst's request has come since the last admitted burst began.
   bool HasAnswered(const net::IPEndPoint& address) const;
   // Whether the last admitted burst brought no reply: ask other addresses first.
   bool IsSilent(const net::IPEndPoint& address, int64_t now_ticks_us) const;

@@ -30,14 +30,6 @@ std::string CountUnder(const char* group, const char* name) {
   return counter;
 }
 
-// `group` is send_error or receive_error.
-void OnSocketError(const char* group, const net::IPEndPoint& server, net::SocketError error) {
-  CountUnder(group, net::SocketErrorName(error));
-  if (error == net::SocketError::kRefused) {
-    NtpAddressLedger::GetInstance()->OnPortClosed(server, base::GetSteadyTimeTicks());
-  }
-}
-
 // A configured limit in milliseconds.
 int64_t LimitUs(const config::NumberEntry& entry) {
   return static_cast<int64_t>(config::GetNumber(entry)) * 1000;
@@ -45,8 +37,9 @@ int64_t LimitUs(const config::NumberEntry& entry) {
 
 }  // namespace
 
-NtpTimePacketHandler::NtpTimePacketHandler(Client* client, int64_t system_offset_from_steady_us)
-    : client_(client), system_offset_from_steady_us_(system_offset_from_steady_us) {}
+NtpTimePacketHandler::NtpTimePacketHandler(Client* client, int64_t system_offset_from_steady_us,
+                                           Requests requests)
+    : client_(client), kind_(requests), system_offset_from_steady_us_(system_offset_from_steady_us) {}
 
 NtpTimePacketHandler::~NtpTimePacketHandler() = default;
 
@@ -71,8 +64,7 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   }
   const int64_t now_ticks_us = base::GetSteadyTimeTicks();
   ForgetOldRequests(now_ticks_us);
-  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
-  if (!ledger->Admit(server, now_ticks_us, requests_per_burst_)) {
+  if (!Admit(server, now_ticks_us)) {
     return;
   }
   Peer& peer = peers_[server];
@@ -98,7 +90,7 @@ void NtpTimePacketHandler::SendPacket(const net::IPEndPoint& server) {
   peer.requests.push_back(request);
   requests_[request.nonce] = &peer.requests.back();
   send_order_.emplace_back(request.send_ticks_us, &peer);
-  ledger->OnRequestSent(server);
+  NtpAddressLedger::GetInstance()->OnRequestSent(server);
   base::KeyMetrics::Count("ntp.requests_sent");
 }
 
@@ -117,7 +109,7 @@ net::SocketError NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server,
         {.on_datagram = [this, server, &peer](
                             const net::ReceivedDatagram& datagram) { OnDatagram(server, peer, datagram); },
          .on_error =
-             [server, &peer](net::SocketError what) {
+             [this, server, &peer](net::SocketError what) {
                OnSocketError("receive_error", server, what);
                StopReadingIfDone(peer, base::GetSteadyTimeTicks());
              },
@@ -126,6 +118,20 @@ net::SocketError NtpTimePacketHandler::OpenSocket(const net::IPEndPoint& server,
         &error);
   }
   return error;
+}
+
+bool NtpTimePacketHandler::Admit(const net::IPEndPoint& server, int64_t now_ticks_us) const {
+  NtpAddressLedger* const ledger = NtpAddressLedger::GetInstance();
+  return kind_ == Requests::kSingle ? ledger->AdmitSingle(server, now_ticks_us)
+                                    : ledger->Admit(server, now_ticks_us, requests_per_burst_);
+}
+
+void NtpTimePacketHandler::OnSocketError(const char* group, const net::IPEndPoint& server,
+                                         net::SocketError error) const {
+  CountUnder(group, net::SocketErrorName(error));
+  if (error == net::SocketError::kRefused && kind_ == Requests::kOfBursts) {
+    NtpAddressLedger::GetInstance()->OnPortClosed(server, base::GetSteadyTimeTicks());
+  }
 }
 
 void NtpTimePacketHandler::OnSent(Peer& peer, uint32_t send_id, int64_t send_ticks_us) {
@@ -155,7 +161,11 @@ void NtpTimePacketHandler::OnDatagram(const net::IPEndPoint& server, Peer& peer,
   NtpExchange exchange;
   ReplyRejection rejection = FindRequest(server, datagram, &reply, &request);
   if (rejection == ReplyRejection::kNone) {
-    NtpAddressLedger::GetInstance()->OnReply(server);
+    if (kind_ == Requests::kSingle) {
+      NtpAddressLedger::GetInstance()->OnSingleReply(server);
+    } else {
+      NtpAddressLedger::GetInstance()->OnReply(server);
+    }
     if (const KissCode code = ReadKissCode(reply); code != KissCode::kNone) {
       OnKissCode(code, *request);
       return;

@@ -12,8 +12,8 @@
 // Once every nonce that a server got is used up or expired, the first rejected datagram or error is the last
 // one read from its socket until the next request: a flood then costs no more than a full receive buffer.
 //
-// The address ledger (ntp_address_ledger.h) decides which calls of `SendPacket` become requests. A refusal by
-// the server ends the burst to its address at once.
+// The address ledger (ntp_address_ledger.h) decides which calls of `SendPacket` become requests, as calls of
+// bursts or as single ones. A refusal by the server ends the burst to its address at once.
 //
 // Threads: everything, the client's callbacks included, runs on the time manager's queue. A client callback
 // runs inside a socket's own callback: it may send, but it may not close sockets, that is, call
@@ -54,9 +54,16 @@ class NtpTimePacketHandler {
     virtual void OnReplyRejected(const net::IPEndPoint& /*server*/, const std::string& /*counter*/) {}
   };
 
+  // What the ledger is told about the requests.
+  enum class Requests {
+    kOfBursts,
+    kSingle,  // what becomes of them says nothing about the bursts to the same address, refusals aside
+  };
+
   // `client` outlives the handler. `system_offset_from_steady_us` is the wall clock (microseconds since
   // 1601) minus the steady ticks: samples are measured against steady ticks plus this value.
-  NtpTimePacketHandler(Client* client, int64_t system_offset_from_steady_us);
+  NtpTimePacketHandler(Client* client, int64_t system_offset_from_steady_us,
+                       Requests requests = Requests::kOfBursts);
   virtual ~NtpTimePacketHandler();
   NtpTimePacketHandler(const NtpTimePacketHandler&) = delete;
   NtpTimePacketHandler& operator=(const NtpTimePacketHandler&) = delete;
@@ -98,6 +105,9 @@ class NtpTimePacketHandler {
 
   // Opens the peer's socket unless it is open. Returns why it cannot be.
   net::SocketError OpenSocket(const net::IPEndPoint& server, Peer& peer);
+  bool Admit(const net::IPEndPoint& server, int64_t now_ticks_us) const;
+  // `group` is send_error or receive_error.
+  void OnSocketError(const char* group, const net::IPEndPoint& server, net::SocketError error) const;
   static void OnSent(Peer& peer, uint32_t send_id, int64_t send_ticks_us);
   // Call it for a rejected datagram or an error, with the time of its arrival: stops reading when no reply
   // from then on could be the first to a request.
@@ -114,6 +124,7 @@ class NtpTimePacketHandler {
   int64_t ToLocalTimestampUs(int64_t steady_ticks_us) const;
 
   Client* const client_;
+  const Requests kind_;
   int64_t system_offset_from_steady_us_;
   bool is_prepared_ = false;
   bool is_first_packet_reported_ = false;

@@ -460,6 +460,55 @@ TEST_F(NtpAddressLedgerTest, ARefusalDuringTheBurstsOfAllMakesRoomAtOnce) {
   EXPECT_EQ(ledger_.GetCounts().size(), NtpAddressLedger::kMaxAddresses);
 }
 
+// --- Single requests.
+
+TEST_F(NtpAddressLedgerTest, ASingleRequestLeavesWhenABurstWouldAndBeginsNone) {
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, kNow));
+  EXPECT_TRUE(ledger_.GetCounts().empty()) << "an address without an account gets none";
+  EXPECT_EQ(Burst(kNow), 20u);
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, kNow)) << "the burst has had its calls, and this is none of them";
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, kNow + 5 * kSecond));
+  EXPECT_EQ(Burst(kNow + 5 * kSecond), 20u);
+}
+
+TEST_F(NtpAddressLedgerTest, SingleRequestsTakeNoCallOfABurstAndDoNotMakeItLonger) {
+  for (int call = 0; call < 19; ++call) {
+    EXPECT_TRUE(Call(kNow));
+    EXPECT_TRUE(ledger_.AdmitSingle(kServer, kNow));
+  }
+  EXPECT_TRUE(Call(kNow)) << "the twentieth";
+  EXPECT_FALSE(Call(kNow));
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, kNow + NtpAddressLedger::kFullBurstUs - 1));
+  EXPECT_EQ(Burst(kNow + NtpAddressLedger::kFullBurstUs), 20u);
+}
+
+TEST_F(NtpAddressLedgerTest, ASingleRequestIsWithheldAndCountedWhileTheAddressIsHeldAndTooSoonAfterItsBurst) {
+  Burst(kNow);
+  Rate(kNow);
+  const uint64_t held = base::KeyMetrics::GetCount("ntp.send_withheld.back_off");
+  EXPECT_FALSE(ledger_.AdmitSingle(kServer, kNow + 1));
+  EXPECT_EQ(base::KeyMetrics::GetCount("ntp.send_withheld.back_off"), held + 1);
+  EXPECT_EQ(ledger_.GetCounts().at(kServer).requests_withheld, 1u);
+  const int64_t later = kNow + 3 * kMinute;
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, later));
+  EXPECT_EQ(Burst(later), NtpAddressLedger::kLimitedBurst);
+  EXPECT_FALSE(ledger_.AdmitSingle(kServer, later + 1));
+  EXPECT_EQ(ledger_.GetCounts().at(kServer).requests_withheld, 2u);
+  EXPECT_TRUE(ledger_.AdmitSingle(kServer, later + NtpAddressLedger::kBurstSpacingUs));
+  ledger_.OnRefusal(kServer, KissCode::kDeny, later + NtpAddressLedger::kBurstSpacingUs, 0);
+  EXPECT_FALSE(ledger_.AdmitSingle(kServer, later + kHour));
+}
+
+TEST_F(NtpAddressLedgerTest, AReplyToASingleRequestIsCountedAndSaysNothingAboutTheBurst) {
+  Burst(kNow);
+  ledger_.OnPortClosed(kServer, kNow + 1);
+  ledger_.OnSingleReply(kServer);
+  EXPECT_EQ(ledger_.GetCounts().at(kServer).replies, 1u);
+  EXPECT_FALSE(ledger_.HasAnswered(kServer));
+  EXPECT_TRUE(ledger_.WasClosedSince(kServer, kNow));
+  EXPECT_TRUE(ledger_.IsSilent(kServer, kNow + NtpAddressLedger::kSilentAfterUs));
+}
+
 TEST_F(NtpAddressLedgerTest, AClearedLedgerHoldsNoAddress) {
   Burst(kNow);
   Rate(kNow);

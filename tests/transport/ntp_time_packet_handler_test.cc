@@ -631,6 +631,61 @@ INSTANTIATE_TEST_SUITE_P(, LocalClockTest,
                                          LocalClock{2116, 4610500096}, LocalClock{2137, 5270054400}),
                          [](const auto& row) { return std::to_string(row.param.year); });
 
+class SingleRequestsTest : public NtpTimePacketHandlerTest {
+ protected:
+  SingleRequestsTest() {
+    handler_.emplace(&client_, base::GetSystemTimeOffsetFromSteady(),
+                     NtpTimePacketHandler::Requests::kSingle);
+    Prepare();
+    // The account of a burst that nobody answered.
+    NtpAddressLedger::GetInstance()->Admit(kServer, world_.steady_ticks_us(), 20);
+  }
+  NtpAddressLedger::Counts Counts() { return NtpAddressLedger::GetInstance()->GetCounts().at(kServer); }
+};
+
+TEST_F(SingleRequestsTest, TheyLeaveWhateverTheirNumberAndAreNoCallsOfTheBurst) {
+  for (int i = 0; i < 30; ++i) {
+    Send();
+  }
+  EXPECT_EQ(sent_.size(), 30u);
+  EXPECT_EQ(Counts().requests_sent, 30u);
+  for (int call = 1; call < 20; ++call) {
+    EXPECT_TRUE(NtpAddressLedger::GetInstance()->Admit(kServer, world_.steady_ticks_us(), 20));
+  }
+}
+
+TEST_F(SingleRequestsTest, TheirRepliesAreSamplesThatSayNothingAboutTheBurst) {
+  Send();
+  Run();
+  EXPECT_EQ(client_.Samples().size(), 1u);
+  EXPECT_EQ(Counts().replies, 1u);
+  EXPECT_FALSE(NtpAddressLedger::GetInstance()->HasAnswered(kServer));
+}
+
+TEST_F(SingleRequestsTest, AClosedPortIsCountedAndSaysNothingAboutTheBurst) {
+  is_answering_ = false;
+  Send();
+  const uint64_t before = Count("receive_error.refused");
+  world_.ReportError(sent_[0].client, net::SocketError::kRefused);
+  EXPECT_EQ(Count("receive_error.refused"), before + 1);
+  EXPECT_FALSE(NtpAddressLedger::GetInstance()->WasClosedSince(kServer, 0));
+}
+
+TEST_F(SingleRequestsTest, ARefusalBindsAndNoSingleRequestLeavesUntilItIsOver) {
+  is_answering_ = false;
+  Send();
+  NtpPacket refusal = ReplyTo(sent_[0]);
+  refusal.stratum = 0;
+  refusal.reference_id = 0x44454e59;  // "DENY"
+  Deliver(sent_[0], refusal);
+  Run();
+  const uint64_t before = Count("send_withheld.denied");
+  Send();
+  EXPECT_EQ(sent_.size(), 1u);
+  EXPECT_EQ(Count("send_withheld.denied"), before + 1);
+  EXPECT_EQ(Counts().requests_withheld, 1u);
+}
+
 class LaboratoryTest : public NtpTimePacketHandlerTest {
  protected:
   LaboratoryTest()
