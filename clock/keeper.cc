@@ -129,6 +129,7 @@ void Keeper::OpenWatch() {
 }
 
 void Keeper::Stop() {
+  witnesses_.End();
   is_running_ = false;
   watch_.reset();
   names_.clear();
@@ -142,9 +143,9 @@ void Keeper::Stop() {
 }
 
 void Keeper::ContinueInChild() {
-  watch_.reset();  // the parent's, which is silent here
-  bursts_.clear();
-  proven_.clear();
+  watch_.reset();     // the parent's, which is silent here
+  witnesses_.Drop();  // the parent's, which hears of it
+  ForgetBursts();
   phase_ = Phase::kIdle;
   timer_ticks_us_ = kNever;
   is_asking_names_ = false;
@@ -219,6 +220,7 @@ void Keeper::OnWatchdog(uint64_t number) {
 }
 
 void Keeper::OnAttemptBegun() {
+  witnesses_.End();
   ++attempt_number_;
   tally_ = AttemptTally();
   EnterPhase(Phase::kRunning);
@@ -249,6 +251,7 @@ void Keeper::OnBurstBegun(const NtpBurstBegun& event) {
   }
   bursts_[event.domain].clear();
   asked_.insert(event.server);
+  witnesses_.NoteBurst(event.domain, event.server);
 }
 
 void Keeper::OnSampleAccepted(const NtpSampleAccepted& event) {
@@ -296,17 +299,21 @@ void Keeper::OnAttemptEnded(const NtpAttemptEnded& event) {
   } else if (!names_.empty()) {
     reason = NtpSyncReason::kNotResolved;
   }
-  bursts_.clear();
-  proven_.clear();
-  asked_.clear();
+  ForgetBursts();
   endless_count_ = 0;
   Finish(reason);
 }
 
-void Keeper::OnQueueStopped() {
+void Keeper::ForgetBursts() {
   bursts_.clear();
   proven_.clear();
   asked_.clear();
+  witnesses_.ForgetBursts();
+}
+
+void Keeper::OnQueueStopped() {
+  witnesses_.End();
+  ForgetBursts();
   EnterPhase(Phase::kIdle);
   if (!is_running_ || !is_attempt_wanted_) {
     return;
@@ -437,9 +444,27 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, const ProvenBu
   snapshot.fresh_for_ns = FreshForNs();
   snapshot.disruption_marker = burst_marker_;
   snapshot.domain = names->insert(domain).first->c_str();
+  if (is_running_) {
+    witnesses_.Begin({.attempt = attempt_number_,
+                      .domain = domain,
+                      .estimate_us = snapshot.estimate_us,
+                      .at = burst.at,
+                      .drift = drift_,
+                      .growth = GrowthFromPpb(growth_ppb_),
+                      .disruption_marker = burst_marker_},
+                     bursts_, snapshot);
+  }
   snapshot_ = snapshot;
   shared_.snapshot.Publish(snapshot);
   return true;
+}
+
+void Keeper::OnWitnessesJudged(const NtpWitnessReport& report) {
+  witnesses_.Tell(report, snapshot_);
+  shared_.snapshot.Publish(snapshot_);
+  if (on_witnesses_) {
+    on_witnesses_(report);
+  }
 }
 
 int64_t Keeper::FreshForNs() const {
@@ -635,8 +660,8 @@ void Keeper::SyncIfReadingIsPoor() {
   const int64_t narrowest_us =
       std::max(base::SaturatingSubtract(snapshot_.latest_us, snapshot_.estimate_us),
                base::SaturatingSubtract(snapshot_.estimate_us, snapshot_.earliest_us));
-  const bool is_too_wide =
-      reading.error_bound_us > options_.max_error_us && narrowest_us < options_.max_error_us;
+  const bool is_too_wide = reading.error_bound_us > options_.max_error_us &&
+                           narrowest_us < options_.max_error_us && !IsBoundRefused(reading);
   const bool is_poor = is_too_wide || reading.status == NtpClockStatus::kFreeRunning ||
                        reading.status == NtpClockStatus::kDisrupted;
   if (is_running_ && is_poor && failures_ == 0) {

@@ -22,6 +22,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clock/attempt_tally.h"
@@ -29,6 +30,7 @@
 #include "clock/ntp_clock.h"
 #include "clock/proven_burst.h"
 #include "clock/shared_clock.h"
+#include "clock/witnesses.h"
 #include "ntp/ntp_sync_events.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/time.h"
@@ -110,6 +112,8 @@ class Keeper final : public NtpSyncListener {
   // What must stay as it is from one attempt to the next.
   MachineState StateNow() const;
   void PublishStatus(NtpClockStatus status);
+  void ForgetBursts();
+  void OnWitnessesJudged(const NtpWitnessReport& report);
   // Tells everybody who waits, and plans the next sync.
   void Finish(NtpSyncReason reason);
   void PlanAfter(NtpSyncReason reason);
@@ -144,6 +148,9 @@ class Keeper final : public NtpSyncListener {
   SharedClock& shared_;
   const Done on_outcome_;
   const OnWitnesses on_witnesses_;
+  Witnesses witnesses_{
+      shared_, [this](std::function<void()> task, int64_t delay_us) { Post(std::move(task), delay_us); },
+      [this](const NtpWitnessReport& report) { OnWitnessesJudged(report); }};
 
   NtpClockOptions options_;
   bool is_running_ = false;

@@ -13,6 +13,7 @@
 #include "clock/reading.h"
 #include "clock/schedule.h"
 #include "clock/shared_clock.h"
+#include "clock/witnesses.h"
 #include "platform/base/clock.h"
 #include "platform/base/event.h"
 #include "platform/base/fork.h"
@@ -110,6 +111,7 @@ struct Process {
 
   Process();
   void OnOutcome(const NtpSyncOutcome& outcome);
+  void TellWaiters(const NtpClockReading& reading);
   // Calls those observers that the event is for.
   template <class Event>
   void RunObservers(const Event& event);
@@ -129,7 +131,10 @@ Process::Process()
     : keeper(std::make_shared<Keeper>(
           *NtpTimeManager::GetInstance(), shared,
           [this](const NtpSyncOutcome& outcome) { OnOutcome(outcome); },
-          [this](const NtpWitnessReport& report) { RunObservers(report); })) {
+          [this](const NtpWitnessReport& report) {
+            TellWaiters(shared.Read());  // the bound may have come back
+            RunObservers(report);
+          })) {
   AddNtpSyncListener(keeper);
   // The child's first read finds work: a keeper of its own.
   pthread_atfork(nullptr, nullptr, [] {
@@ -140,15 +145,17 @@ Process::Process()
 }
 
 void Process::OnOutcome(const NtpSyncOutcome& outcome) {
-  {
-    const base::AutoLock guard(lock);
-    for (const auto& waiter : waiters) {
-      if (IsReached(*waiter, outcome.reading)) {
-        waiter->Tell();
-      }
+  TellWaiters(outcome.reading);
+  RunObservers(outcome);
+}
+
+void Process::TellWaiters(const NtpClockReading& reading) {
+  const base::AutoLock guard(lock);
+  for (const auto& waiter : waiters) {
+    if (IsReached(*waiter, reading)) {
+      waiter->Tell();
     }
   }
-  RunObservers(outcome);
 }
 
 template <class Event>
@@ -199,8 +206,8 @@ void ContinueInChild() {
 
 // Whether a sync may make it better.
 bool IsPoor(const NtpClockReading& reading) {
-  return reading.error_bound_us > shared.max_error_us.load(std::memory_order_relaxed) ||
-         reading.status > NtpClockStatus::kSynchronized;
+  const bool is_too_wide = reading.error_bound_us > shared.max_error_us.load(std::memory_order_relaxed);
+  return (is_too_wide && !IsBoundRefused(reading)) || reading.status > NtpClockStatus::kSynchronized;
 }
 
 [[gnu::noinline]] void ReportPoorReading(int64_t now_ticks_us) {

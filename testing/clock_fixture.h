@@ -84,13 +84,16 @@ class KeptClock {
   SharedClock shared;
   std::vector<NtpSyncOutcome> outcomes;
   std::vector<NtpSyncOutcome> synced;
-  std::shared_ptr<Keeper> keeper =
-      std::make_shared<Keeper>(peer.manager(), shared, [this](const NtpSyncOutcome& outcome) {
+  std::vector<NtpWitnessReport> reports;
+  std::shared_ptr<Keeper> keeper = std::make_shared<Keeper>(
+      peer.manager(), shared,
+      [this](const NtpSyncOutcome& outcome) {
         outcomes.push_back(outcome);
         if (on_outcome) {
           on_outcome(outcome);
         }
-      });
+      },
+      [this](const NtpWitnessReport& report) { reports.push_back(report); });
   std::function<void(const NtpSyncOutcome&)> on_outcome;
 };
 
