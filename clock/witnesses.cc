@@ -2,6 +2,7 @@
 #include "clock/witnesses.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/base/clock.h"
 #include "platform/base/int_math.h"
@@ -42,7 +43,9 @@ void Witnesses::NoteBurst(const std::string& domain, const net::IPEndPoint& addr
 
 void Witnesses::Begin(const CheckedResult& result, const Bursts& bursts, ClockSnapshot& snapshot) {
   End();
-  if (asked_.size() < 2 || result.disruption_marker != shared_.disruption_marker()) {
+  const auto own = bursts.find(result.domain);
+  if (asked_.size() < 2 || own == bursts.end() || own->second.empty() ||
+      result.disruption_marker != shared_.disruption_marker()) {
     return;
   }
   const std::string mode = config::GetText(config::BaseCfg().ntp_witnesses);
@@ -52,8 +55,8 @@ void Witnesses::Begin(const CheckedResult& result, const Bursts& bursts, ClockSn
   is_refusing_ = mode == "refuse";
   reading_error_ns_ = snapshot.reading_error_ns;
   Check& check = check_.emplace(Check{.result = result, .servers = {}});
-  const std::vector<NtpExchange>& own = bursts.at(result.domain);
-  check.servers.push_back({.domain = result.domain, .address = own.back().server, .exchanges = own});
+  check.servers.push_back(
+      {.domain = result.domain, .address = own->second.back().server, .exchanges = own->second});
   bool is_any_asked = false;
   for (const auto& [domain, address] : asked_) {
     if (Find(address) != nullptr || domain == result.domain) {
