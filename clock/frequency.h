@@ -6,8 +6,8 @@
 // intervals prove limits of its average between them: the truth went from somewhere in the first to somewhere
 // in the second. And their estimates say what it probably was: the slope of a straight line (least squares).
 //
-// Only the raw clock takes part: the steady clock is slewed, and measures a sleep as well as it can. After a
-// sleep there is nothing to compare: whoever keeps the points forgets them.
+// Only the raw clock takes part: the steady clock is slewed, and measures a sleep as well as it can. A sleep
+// separates the points before it from those after it.
 #pragma once
 
 #include <cstddef>

@@ -71,7 +71,8 @@ TEST(FrequencyTest, TheSlopeOfTheLineIsTheGuess) {
       ASSERT_TRUE(estimate);
       // Without scatter, only the noise of 50 ppb is allowed for.
       const auto slope = static_cast<double>(ppb);
-      EXPECT_NEAR(static_cast<double>(estimate->ppb), slope * slope * slope / (slope * slope + 4 * 50 * 50), 4)
+      EXPECT_NEAR(static_cast<double>(estimate->ppb), slope * slope * slope / (slope * slope + 4 * 50 * 50),
+                  4)
           << ppb << ", kernel " << kernel_ppb;
       EXPECT_LE(estimate->lowest_ppb, ppb);
       EXPECT_GE(estimate->highest_ppb, ppb);
