@@ -113,24 +113,41 @@ TEST_F(WitnessTest, AServerThatSentRateOnceIsHeardByItsBurstAlone) {
   EXPECT_EQ(Read().witness_count, 1u);
 }
 
-TEST_F(WitnessTest, ARefusalOfAWitnessesRequestEndsItsCheckAndBinds) {
+TEST(WitnessRefusalTest, ARefusalOfAWitnessesRequestEndsItsCheckAndBinds) {
+  for (const size_t refused : {20, 21}) {  // the first of the two, or the second
+    WitnessWorld w;
+    w.Add(w.Near());
+    netmodel::ServerOptions refusing = w.Near();
+    refusing.script = [refused](netmodel::Exchange& e) {
+      if (e.index == refused) {
+        e.reply.stratum = 0;
+        e.reply.reference_id = 0x44454e59;  // "DENY"
+      }
+    };
+    w.Add(std::move(refusing));
+    w.StartAll();
+    ASSERT_TRUE(w.RunToOutcome());
+    const int64_t outcome_ticks_us = w.world.steady_ticks_us();
+    ASSERT_TRUE(w.RunToReport());
+    EXPECT_LE(w.world.steady_ticks_us(), outcome_ticks_us + 20000) << refused;
+    EXPECT_EQ(w.RequestsTo(1), refused + 1);
+    w.world.RunFor(KeptClock::S(3600));
+    EXPECT_EQ(w.RequestsTo(1), refused + 1);
+  }
+}
+
+TEST_F(WitnessTest, AnAnswerToAWitnessesRequestLeavesASilentBurstSilent) {
   Add(Near());
-  netmodel::ServerOptions refusing = Near();
-  refusing.script = [](netmodel::Exchange& e) {
-    if (e.index == 20) {
-      e.reply.stratum = 0;
-      e.reply.reference_id = 0x44454e59;  // "DENY"
-    }
-  };
-  Add(std::move(refusing));
+  netmodel::ServerOptions late = Near();
+  late.script = [](netmodel::Exchange& e) { e.is_answered = e.index >= 20; };
+  Add(std::move(late));
   StartAll();
-  ASSERT_TRUE(RunToOutcome());
-  const int64_t outcome_ticks_us = world.steady_ticks_us();
   ASSERT_TRUE(RunToReport());
-  EXPECT_LE(world.steady_ticks_us(), outcome_ticks_us + 10000);
-  EXPECT_EQ(RequestsTo(1), 21u);
-  world.RunFor(S(3600));
-  EXPECT_EQ(RequestsTo(1), 21u);
+  EXPECT_EQ(Read().witness_count, 1u);
+  const NtpAddressLedger& ledger = *NtpAddressLedger::GetInstance();
+  EXPECT_EQ(ledger.GetCounts().at(Address(Name(1))).replies, 2u);
+  EXPECT_FALSE(ledger.HasAnswered(Address(Name(1))));
+  EXPECT_TRUE(ledger.IsSilent(Address(Name(1)), world.steady_ticks_us() + 5 * kUsPerSecond));
 }
 
 TEST_F(WitnessTest, TwoDomainsOnOneAddressAreOneServer) {
@@ -395,6 +412,36 @@ TEST_F(WitnessTest, AReaderOfAReadingWithoutItsBoundDoesNotBringSyncAfterSync) {
   EXPECT_EQ(outcomes.size(), 1u);
   world.RunFor(S(601));
   EXPECT_EQ(outcomes.size(), 2u) << "the next sync comes after the interval";
+}
+
+// The same through the process's clock, whose readers do not even post a task for it.
+TEST(ProcessWitnessTest, ReadersOfAReadingWithoutItsBoundPostNothing) {
+  ConfigScope config;
+  ASSERT_EQ(config.Set(config::BaseCfg().ntp_witnesses, "refuse"), "");
+  const FreshLedger fresh_ledger;
+  sim::World world;
+  sim::Network network(world);
+  base::SetLogThreshold(base::kLogNothing);
+  NtpClockOptions options;
+  for (const size_t server : {0, 1, 2}) {
+    options.servers.push_back(WitnessWorld::Name(server));
+    network.AddServer(Address(options.servers.back()), WitnessWorld::Near(server == 0 ? kHourUs : 0));
+  }
+  std::vector<NtpWitnessReport> reports;
+  const auto subscription =
+      NtpClock::ObserveWitnesses([&](const NtpWitnessReport& report) { reports.push_back(report); });
+  NtpClock::Start(options);
+  world.RunFor(KeptClock::S(100));
+  ASSERT_EQ(reports.size(), 1u);
+  ASSERT_FALSE(NtpClock::Read().has_bound());
+  const size_t posted = world.posted().size();
+  for (int i = 0; i < 40; ++i) {
+    world.RunFor(KeptClock::S(10));
+    NtpClock::Read();
+  }
+  EXPECT_EQ(world.posted().size(), posted);
+  NtpClock::Stop();
+  world.RunFor(KeptClock::S(1));
 }
 
 // A server that answers too late for the outcome may bring the bound back.
