@@ -124,7 +124,7 @@ TEST(WitnessLiarsTest, OfTwoThatDifferNobodyIsNamed) {
   const uint64_t first = EnvironmentNumber("SKORRA_SEED").value_or(1);
   for (const int64_t lie_us : Lies()) {
     for (const int64_t sign : {-1, 1}) {
-      for (const size_t liar : {0, 1}) {
+      for (const size_t liar : {0u, 1u}) {
         Random random(first);
         WitnessWorld w("report", first);
         for (size_t i = 0; i < 2; ++i) {

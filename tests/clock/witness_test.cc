@@ -46,7 +46,7 @@ TEST_F(WitnessTest, EachOtherServerGetsTwoRequests10MsApartFromPortsOfTheirOwn) 
   const int64_t outcome_ticks_us = world.steady_ticks_us();
   ASSERT_TRUE(RunToReport());
   EXPECT_EQ(RequestsTo(0), 20u);
-  for (const size_t server : {1, 2}) {
+  for (const size_t server : {1u, 2u}) {
     const auto& requests = network.requests(Address(Name(server)));
     ASSERT_EQ(requests.size(), 22u);
     EXPECT_EQ(requests[20].sent_ticks_us, outcome_ticks_us);
@@ -85,7 +85,7 @@ TEST_F(WitnessTest, AServerThatRefusesIsNotAskedAgain) {
   world.RunFor(S(3));
   EXPECT_THAT(reports, IsEmpty()) << "nobody is asked, and nobody was heard";
   EXPECT_EQ(Read().agreement, NtpClockAgreement::kUnchecked);
-  for (const size_t server : {1, 2, 3}) {
+  for (const size_t server : {1u, 2u, 3u}) {
     EXPECT_LE(RequestsTo(server), 2u) << "until the first refusal came";
   }
 }
@@ -114,7 +114,7 @@ TEST_F(WitnessTest, AServerThatSentRateOnceIsHeardByItsBurstAlone) {
 }
 
 TEST(WitnessRefusalTest, ARefusalOfAWitnessesRequestEndsItsCheckAndBinds) {
-  for (const size_t refused : {20, 21}) {  // the first of the two, or the second
+  for (const size_t refused : {20u, 21u}) {  // the first of the two, or the second
     WitnessWorld w;
     w.Add(w.Near());
     netmodel::ServerOptions refusing = w.Near();
@@ -200,7 +200,7 @@ TEST_F(WitnessTest, OffAsksNobodyAndChecksNothing) {
   }
   world.RunFor(S(3));
   EXPECT_THAT(reports, IsEmpty());
-  for (const size_t server : {0, 1, 2}) {
+  for (const size_t server : {0u, 1u, 2u}) {
     EXPECT_EQ(RequestsTo(server), 400u);
   }
 }
@@ -423,7 +423,7 @@ TEST(ProcessWitnessTest, ReadersOfAReadingWithoutItsBoundPostNothing) {
   sim::Network network(world);
   base::SetLogThreshold(base::kLogNothing);
   NtpClockOptions options;
-  for (const size_t server : {0, 1, 2}) {
+  for (const size_t server : {0u, 1u, 2u}) {
     options.servers.push_back(WitnessWorld::Name(server));
     network.AddServer(Address(options.servers.back()), WitnessWorld::Near(server == 0 ? kHourUs : 0));
   }

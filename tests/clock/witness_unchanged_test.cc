@@ -139,7 +139,7 @@ Story Play(const char* mode, uint64_t seed, size_t attempts, bool with_nonces) {
 
 TEST(WitnessUnchangedTest, HundredsOfAttemptsAreTheSameWithWitnessesAndWithout) {
   constexpr size_t kAttempts = 300;
-  for (const uint64_t seed : {1, 2, 3}) {
+  for (const uint64_t seed : {1u, 2u, 3u}) {
     const Story off = Play("off", seed, kAttempts, false);
     const Story report = Play("report", seed, kAttempts, false);
     EXPECT_EQ(off.attempts, kAttempts);
