@@ -16,7 +16,7 @@
 namespace skorra {
 namespace {
 
-constexpr char kSourcePath[] = "clock/witnesses";
+constexpr char kWitnessesPath[] = "clock/witnesses";
 
 bool MayBeAsked(const net::IPEndPoint& address) {
   return NtpAddressLedger::GetInstance()->Check(address, base::GetSteadyTimeTicks()) == SendRefusal::kNone;
@@ -24,8 +24,8 @@ bool MayBeAsked(const net::IPEndPoint& address) {
 
 }  // namespace
 
-Witnesses::Witnesses(const SharedClock& shared, Post post, OnJudged on_judged)
-    : shared_(shared), post_(std::move(post)), on_judged_(std::move(on_judged)) {}
+Witnesses::Witnesses(const SharedClock& clock, Post post, OnJudged on_judged)
+    : shared_(clock), post_(std::move(post)), on_judged_(std::move(on_judged)) {}
 
 Witnesses::~Witnesses() = default;
 
@@ -252,13 +252,13 @@ void Witnesses::LogChange(const Judgement& judgement, const std::string& domain)
   }
   const char* const smear = report.may_be_smear ? "; some of them may smear a leap second" : "";
   if (report.agreement == NtpClockAgreement::kOutvoted) {
-    base::LocalLog(base::kLogFailure, kSourcePath, __LINE__,
+    base::LocalLog(base::kLogFailure, kWitnessesPath, __LINE__,
                    "server %s is outvoted: a majority of %zu servers has the time %+lld to %+lld us from its "
                    "own%s; find out why it differs, or leave it out",
                    domain.c_str(), report.servers.size(), static_cast<long long>(report.majority_earliest_us),
                    static_cast<long long>(report.majority_latest_us), smear);
   } else if (report.agreement == NtpClockAgreement::kConflict) {
-    base::LocalLog(base::kLogFailure, kSourcePath, __LINE__,
+    base::LocalLog(base::kLogFailure, kWitnessesPath, __LINE__,
                    "the %zu servers contradict each other, and no majority says which one is wrong%s; give "
                    "three servers or more",
                    report.servers.size(), smear);

@@ -56,7 +56,7 @@ class Witnesses final : private NtpTimePacketHandler::Client {
   using OnJudged = std::function<void(const NtpWitnessReport&)>;
 
   // `on_judged` hears every final judgement, as a task of its own or inside `End`.
-  Witnesses(const SharedClock& shared, Post post, OnJudged on_judged);
+  Witnesses(const SharedClock& clock, Post post, OnJudged on_judged);
   ~Witnesses() override;
 
   // A burst to `address` begins. Of each domain the last address counts.
