@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Draws docs/scale.svg from docs/scale.json (./dev bench --scale --json FILE) and docs/fleet.svg from docs/fleet.json
-(./dev sim --fleet 10000 --json FILE): draw_charts.py [--check]
+"""Draws docs/scale.svg from docs/scale.json (./dev bench --scale --json FILE), docs/fleet.svg from docs/fleet.json
+(./dev sim --fleet 10000 --json FILE) and docs/clocks.svg from docs/clocks.json (./dev sim --clocks --json FILE):
+draw_charts.py [--check]
 
 With --check nothing is written; the exit status is 1 when a drawing is out of date.
 """
@@ -98,5 +99,81 @@ def draw_fleet():
     return drawing.write()
 
 
+CLOCKS_STYLE = """<style>
+  :root { --manager: #bc4c00; }
+  @media (prefers-color-scheme: dark) { :root { --manager: #f0883e; } }
+  .bound { fill: var(--line); fill-opacity: 0.3; }
+  .manager { stroke: var(--manager); fill: none; }
+  .clock { stroke: var(--mark); fill: none; stroke-width: 2; }
+  polygon.manager { fill: var(--manager); fill-opacity: 0.4; }
+</style>"""
+CLOCKS_WIDTH, CLOCKS_HEIGHT = 800, 160
+
+
+class ClocksPlot:
+    """One plot of errors in milliseconds over a time, its upper left corner at (LEFT, y)."""
+
+    def __init__(self, drawing, y, length, low_ms, high_ms):
+        self.drawing, self.y, self.length, self.low_ms, self.high_ms = drawing, y, length, low_ms, high_ms
+
+    def level(self, ms):
+        return round(self.y + CLOCKS_HEIGHT * (self.high_ms - ms) / (self.high_ms - self.low_ms), 1)
+
+    def points(self, times, errors_us):
+        return [f"{LEFT + CLOCKS_WIDTH * time / self.length:.1f},{self.level(us / 1000):.1f}"
+                for time, us in zip(times, errors_us)]
+
+    def frame(self, title, times, unit):
+        self.drawing.text(LEFT, self.y - 10, title, "name", "start")
+        self.drawing.parts.append(f'<rect class="room" x="{LEFT}" y="{self.y}" width="{CLOCKS_WIDTH}" '
+                                  f'height="{CLOCKS_HEIGHT}"/>')
+        for ms in range(self.low_ms, self.high_ms + 1, 100):
+            self.drawing.text(LEFT - 6, self.level(ms) + 4, f"{ms} ms", "faint", "end")
+            self.drawing.parts.append(f'<path class="lane" d="M{LEFT} {self.level(ms)} H{LEFT + CLOCKS_WIDTH}"/>')
+        for time in times:
+            self.drawing.text(round(LEFT + CLOCKS_WIDTH * time / self.length, 1), self.y + CLOCKS_HEIGHT + 17,
+                              f"{time} {unit}", "faint")
+
+    def band(self, style, times, least_us, most_us):
+        outline = self.points(times, least_us) + self.points(times, most_us)[::-1]
+        self.drawing.parts.append(f'<polygon class="{style}" points="{" ".join(outline)}"/>')
+
+    def line(self, style, times, errors_us):
+        self.drawing.parts.append(f'<polyline class="{style}" points="{" ".join(self.points(times, errors_us))}"/>')
+
+
+def draw_clocks():
+    """The manager's reading and the clock with a bound, less the true time: 30 days, and the first of them."""
+    measured = json.loads((DOCS / "clocks.json").read_text(encoding="utf-8"))
+    month, day = measured["days_30_us"], measured["first_day_us"]
+    drawing = Drawing(LEFT + CLOCKS_WIDTH + RIGHT, "The errors of the manager's reading and of the clock with a bound")
+    drawing.parts.append(CLOCKS_STYLE)
+    x = LEFT
+    for style, words in (("manager", "the manager's reading"), ("clock", "the clock's best estimate"),
+                         ("bound", "its limits: the truth, 0, lies between them")):
+        drawing.parts.append(f'<rect class="{style}" x="{x}" y="14" width="22" height="10"/>' if style == "bound" else
+                             f'<path class="{style}" d="M{x} 19 h22"/>')
+        drawing.text(x + 28, 24, words, "", "start")
+        x += 60 + 7 * len(words)
+    low_ms = 100 * (min(month["earliest_least"]) // 100000)
+    high_ms = -100 * (-max(month["latest_most"]) // 100000)
+
+    plot = ClocksPlot(drawing, 66, 30, low_ms, high_ms)
+    plot.frame("Least and most error in every two hours of 30 days", range(0, 31, 5), "d")
+    hours_2 = [measured["span_s"] / 86400 * (i + 0.5) for i in range(len(month["clock_least"]))]
+    plot.band("bound", hours_2, month["earliest_least"], month["latest_most"])
+    plot.band("manager", hours_2, month["manager_least"], month["manager_most"])
+    plot.band("clock", hours_2, month["clock_least"], month["clock_most"])
+
+    plot = ClocksPlot(drawing, 66 + CLOCKS_HEIGHT + 68, 24, low_ms, high_ms)
+    plot.frame("The first day, every three minutes", range(0, 25, 4), "h")
+    steps = [measured["step_s"] / 3600 * i for i in range(len(day["clock"]))]
+    plot.band("bound", steps, day["earliest"], day["latest"])
+    plot.line("manager", steps, day["manager"])
+    plot.line("clock", steps, day["clock"])
+    return drawing.write()
+
+
 if __name__ == "__main__":
-    sys.exit(update("docs/draw_charts.py", {"scale.svg": draw_scale, "fleet.svg": draw_fleet}))
+    sys.exit(update("docs/draw_charts.py", {"scale.svg": draw_scale, "fleet.svg": draw_fleet,
+                                            "clocks.svg": draw_clocks}))

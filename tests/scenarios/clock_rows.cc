@@ -153,12 +153,14 @@ std::vector<Scenario> DriftRows() {
   return {
       {"resync_over_30_days",
        "an oscillator 20 ppm fast that wanders: read every minute, NTP time is renewed at the first read "
-       "later than 3601 s, every 61 minutes, and is off by 73 ms and the wander at the most",
+       "later than 3601 s, every 61 minutes, and is off by 73 ms and the wander at the most. A clock that "
+       "hears the same attempts knows the rate from the third one on, and is then right to 1 ms",
        [](Run& run) {
          OneServer({})(run);
          run.world.SetSteadyError({.frequency_ppb = 20000, .wander_ppb = 5});
        },
        [](Run& run) {
+         run.ListenWithClock();
          run.AddDomains({"time.test"});
          run.ReadEvery(kMinute);
          run.For(30 * kDay);
@@ -167,7 +169,11 @@ std::vector<Scenario> DriftRows() {
         .rms_error_us = 47 * kMs,
         .first_result_us = 2 * kSecond,
         .requests = {Bursts(kA, 709)},
-        .outcomes = std::vector<int>(709, 0)}},
+        .outcomes = std::vector<int>(709, 0),
+        .clock = ClockLimits{.max_error_us = kMs,
+                             .rms_error_us = 100,
+                             .max_bound_us = 50 * kMs,
+                             .rate_us = 123 * kMinute}}},
       {"slewed_wall_clock_over_a_day",
        "something slews the wall clock by 20 ppm: the clocks disagree by 12 ms when reads may ask again, so "
        "every ten minutes; NTP time itself never moves",

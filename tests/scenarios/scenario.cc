@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <string_view>
 
@@ -30,12 +31,36 @@ RequestMeasure MeasureRequests(Run& run, const std::string& address) {
   return measure;
 }
 
+using Check = std::function<void(bool holds, const std::string& failure)>;
+
+void JudgeClock(const ClockMeasure& measured, const ClockLimits& limits, const Check& check) {
+  check(measured.error.max_us() <= limits.max_error_us, "largest error of the clock " +
+                                                            DurationText(measured.error.max_us()) +
+                                                            ", limit " + DurationText(limits.max_error_us));
+  check(measured.error.rms_us() <= limits.rms_error_us, "RMS error of the clock " +
+                                                            DurationText(measured.error.rms_us()) +
+                                                            ", limit " + DurationText(limits.rms_error_us));
+  check(measured.max_bound_us <= limits.max_bound_us, "largest bound of the clock " +
+                                                          DurationText(measured.max_bound_us) + ", limit " +
+                                                          DurationText(limits.max_bound_us));
+  check(measured.rate_us && *measured.rate_us <= limits.rate_us,
+        "the clock knows the rate " +
+            (measured.rate_us ? "after " + DurationText(*measured.rate_us) : std::string("never")) +
+            ", limit " + DurationText(limits.rate_us));
+  check(!measured.outside_us, "the truth lies outside the clock's limits, first after " +
+                                  DurationText(measured.outside_us.value_or(0)));
+}
+
 void Judge(Run& run, const Limits& limits, ScenarioReport* report) {
   const auto check = [report](bool holds, const std::string& failure) {
     if (!holds) {
       report->failures.push_back(failure);
     }
   };
+  if (limits.clock) {
+    check(run.clock().has_value(), "no clock listens");
+    JudgeClock(run.clock().value_or(ClockMeasure()), *limits.clock, check);
+  }
   check(run.max_error_us() <= limits.max_error_us,
         "largest error " + DurationText(run.max_error_us()) + ", limit " + DurationText(limits.max_error_us));
   check(run.rms_error_us() <= limits.rms_error_us,
@@ -96,6 +121,10 @@ Run::Run(const Scenario& scenario, uint64_t seed, std::function<void(const std::
 }
 
 Run::~Run() {
+  if (keeper_ != nullptr) {
+    RemoveNtpSyncListener(keeper_.get());
+    world.RunAsTask(core::BusinessID::kNtpTime, [this] { keeper_.reset(); });
+  }
   base::SetLogSink(nullptr);
   base::SetLogThreshold(base::kLogFailure);
 }
@@ -126,14 +155,23 @@ NtpTimeManagerPeer& Run::peer() {
   return *peer_;
 }
 
-int64_t Run::ErrorUs() {
-  return peer().GetNtpTimestampFrom1970Internal() - (world.true_us() - base::kWindowsToUnixEpochUs);
+int64_t Run::ErrorUs() { return peer().GetNtpTimestampFrom1970Internal() - TrueUs(); }
+
+void Run::ListenWithClock() {
+  keeper_ = std::make_shared<Keeper>(manager(), shared_, [](const NtpSyncOutcome&) {});
+  AddNtpSyncListener(keeper_);
+  clock_.emplace();
 }
 
-int64_t Run::rms_error_us() const {
-  return measured_count_ == 0
-             ? 0
-             : static_cast<int64_t>(std::sqrt(square_sum_ / static_cast<double>(measured_count_)));
+void ErrorMeasure::Add(int64_t error_us) {
+  const int64_t magnitude_us = std::abs(error_us);
+  max_us_ = std::max(max_us_, magnitude_us);
+  square_sum_ += static_cast<double>(magnitude_us) * static_cast<double>(magnitude_us);
+  ++count_;
+}
+
+int64_t ErrorMeasure::rms_us() const {
+  return count_ == 0 ? 0 : static_cast<int64_t>(std::sqrt(square_sum_ / static_cast<double>(count_)));
 }
 
 const std::vector<int>& Run::outcomes() const { return listener_->outcomes; }
@@ -159,10 +197,27 @@ void Run::Measure() {
   if (!first_result_us_) {
     first_result_us_ = world.steady_ticks_us() - world.begin_ticks_us();
   }
-  const int64_t error_us = std::abs(ErrorUs());
-  max_error_us_ = std::max(max_error_us_, error_us);
-  square_sum_ += static_cast<double>(error_us) * static_cast<double>(error_us);
-  ++measured_count_;
+  error_.Add(ErrorUs());
+  if (clock_) {
+    MeasureClock();
+  }
+  if (on_measured) {
+    on_measured();
+  }
+}
+
+void Run::MeasureClock() {
+  const NtpClockReading reading = ReadClock();
+  const int64_t true_us = TrueUs();
+  const int64_t since_begin_us = world.steady_ticks_us() - world.begin_ticks_us();
+  if (reading.has_bound() && (true_us < reading.earliest_us || reading.latest_us < true_us)) {
+    clock_->outside_us = clock_->outside_us.value_or(since_begin_us);
+  }
+  if (reading.has_frequency()) {
+    clock_->error.Add(reading.best_estimate_us - true_us);
+    clock_->max_bound_us = std::max(clock_->max_bound_us, reading.error_bound_us);
+    clock_->rate_us = clock_->rate_us.value_or(since_begin_us);
+  }
 }
 
 const std::vector<Scenario>& AllScenarios() {
@@ -178,6 +233,12 @@ const std::vector<Scenario>& AllScenarios() {
   return *all_scenarios;
 }
 
+const Scenario* FindScenario(const std::string& name) {
+  const auto& all = AllScenarios();
+  const auto found = std::find_if(all.begin(), all.end(), [&](const auto& row) { return row.name == name; });
+  return found == all.end() ? nullptr : &*found;
+}
+
 ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
                             std::function<void(const std::string&)> event_log) {
   Run run(scenario, seed, std::move(event_log));
@@ -188,6 +249,7 @@ ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
   report.max_error_us = run.max_error_us();
   report.rms_error_us = run.rms_error_us();
   report.first_result_us = run.first_result_us();
+  report.clock = run.clock();
   for (const RequestLimit& limit : scenario.limits.requests) {
     report.requests.push_back({limit.address, MeasureRequests(run, limit.address).count});
   }

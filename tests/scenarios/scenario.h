@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "clock/keeper.h"
+#include "clock/shared_clock.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/time.h"
 #include "sim/attacker.h"
@@ -37,6 +39,16 @@ struct RequestLimit {
   int64_t min_spacing_us = 10 * kMs;
 };
 
+// Of a clock (clock/ntp_clock.h) that listens to the manager.
+struct ClockLimits {
+  // Once it knows the rate: of its best estimate against the world's truth, and of its bound.
+  int64_t max_error_us = 0;
+  int64_t rms_error_us = 0;
+  int64_t max_bound_us = 0;
+  // From the beginning until it knows the rate.
+  int64_t rate_us = 0;
+};
+
 struct Limits {
   // Of NTP time as it is read, against the world's truth, while there is a result. A provisional one counts.
   int64_t max_error_us = 0;
@@ -47,10 +59,33 @@ struct Limits {
   std::vector<int> outcomes = {};     // what observers hear, in this order and nothing else
   std::vector<int> or_outcomes = {};  // as good as `outcomes`, where chance decides; empty: there is no such
   bool has_result_at_end = true;
-  int64_t min_error_at_end_us = 0;  // where being wrong is what the manager promises
+  int64_t min_error_at_end_us = 0;                  // where being wrong is what the manager promises
+  std::optional<ClockLimits> clock = std::nullopt;  // of a row whose clock listens
 };
 
 struct Scenario;
+
+// The errors of one clock, at all moments of measurement together.
+class ErrorMeasure {
+ public:
+  void Add(int64_t error_us);
+  int64_t max_us() const { return max_us_; }
+  int64_t rms_us() const;
+
+ private:
+  int64_t max_us_ = 0;
+  double square_sum_ = 0.0;
+  int64_t count_ = 0;
+};
+
+// What was measured of a clock that listens.
+struct ClockMeasure {
+  // Once the rate is known.
+  ErrorMeasure error;
+  int64_t max_bound_us = 0;
+  std::optional<int64_t> rate_us;     // from the beginning until the rate was known
+  std::optional<int64_t> outside_us;  // when the truth lay outside the limits for the first time
+};
 
 // One world with one manager in it, while a scenario is played.
 class Run {
@@ -96,12 +131,23 @@ class Run {
     next_read_ticks_us_ = world.steady_ticks_us();
   }
 
+  // From now on a clock hears the manager's attempts. It starts none, so the manager goes its way without it.
+  void ListenWithClock();
+
   // --- What was measured.
+
+  // Called after each measurement.
+  std::function<void()> on_measured;
+  // Of the clock that listens.
+  NtpClockReading ReadClock() const { return shared_.Read(); }
+  const std::optional<ClockMeasure>& clock() const { return clock_; }
+  // Microseconds since 1970.
+  int64_t TrueUs() const { return world.true_us() - base::kWindowsToUnixEpochUs; }
 
   bool HasResult() { return peer().ntp_offset_us() != kNoOffsetUs; }
   int64_t ErrorUs();
-  int64_t max_error_us() const { return max_error_us_; }
-  int64_t rms_error_us() const;
+  int64_t max_error_us() const { return error_.max_us(); }
+  int64_t rms_error_us() const { return error_.rms_us(); }
   std::optional<int64_t> first_result_us() const { return first_result_us_; }
   const std::vector<int>& outcomes() const;
 
@@ -110,16 +156,18 @@ class Run {
 
   NtpTimeManagerPeer& peer();
   void Measure();
+  void MeasureClock();
 
   ConfigScope config_;
   std::optional<NtpTimeManagerPeer> peer_;
   std::shared_ptr<Listener> listener_;
+  SharedClock shared_;
+  std::shared_ptr<Keeper> keeper_;
   std::vector<std::unique_ptr<sim::Attacker>> attackers_;
   int64_t read_interval_us_ = 0;  // 0: nobody reads
   int64_t next_read_ticks_us_ = 0;
-  int64_t max_error_us_ = 0;
-  double square_sum_ = 0.0;
-  int64_t measured_count_ = 0;
+  ErrorMeasure error_;
+  std::optional<ClockMeasure> clock_;
   std::optional<int64_t> first_result_us_;
 };
 
@@ -134,6 +182,8 @@ struct Scenario {
 
 // All rows, in the order of the table.
 const std::vector<Scenario>& AllScenarios();
+// Null: no row is called so.
+const Scenario* FindScenario(const std::string& name);
 std::vector<Scenario> NetworkScenarios();
 std::vector<Scenario> ServerScenarios();
 std::vector<Scenario> ClockScenarios();
@@ -149,6 +199,7 @@ struct ScenarioReport {
   int64_t max_error_us = 0;
   int64_t rms_error_us = 0;
   std::optional<int64_t> first_result_us;
+  std::optional<ClockMeasure> clock;
   std::vector<RequestCount> requests;  // for each address that the limits name
   std::vector<std::string> failures;   // in words; empty: the row holds
 };

@@ -18,19 +18,9 @@ static void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scena
 
 namespace {
 
-const Scenario& FindScenario(const std::string& name) {
-  for (const Scenario& scenario : AllScenarios()) {
-    if (scenario.name == name) {
-      return scenario;
-    }
-  }
-  ADD_FAILURE() << "no scenario is called " << name;
-  return AllScenarios().front();
-}
-
 std::string EventLogOf(const std::string& name, uint64_t seed) {
   std::string log;
-  PlayScenario(FindScenario(name), seed, [&log](const std::string& line) { log += line + "\n"; });
+  PlayScenario(*FindScenario(name), seed, [&log](const std::string& line) { log += line + "\n"; });
   return log;
 }
 
@@ -155,6 +145,96 @@ TEST(ScenarioJudgeTest, EachLimitThatIsBrokenIsNamed) {
                 ::testing::ElementsAre(::testing::HasSubstr(broken.expected)))
         << broken.expected;
   }
+}
+
+// A story with a clock that listens: an oscillator 20 ppm fast, and seven hourly attempts.
+Scenario WithClock(bool listens) {
+  return {"judged",
+          "the clock knows the rate from the third attempt on",
+          [](skorra::Run& run) {
+            run.AddServer("198.51.100.1", {});
+            run.world.SetSteadyError({.frequency_ppb = 20000});
+          },
+          [listens](skorra::Run& run) {
+            if (listens) {
+              run.ListenWithClock();
+            }
+            run.AddDomains({"198.51.100.1"});
+            run.ReadEvery(kMinute);
+            run.For(6 * kHour);
+          },
+          {.max_error_us = 80 * kMs,
+           .rms_error_us = 47 * kMs,
+           .first_result_us = 2 * kSecond,
+           .requests = {{"198.51.100.1", 120, 120}},
+           .outcomes = std::vector<int>(6, 0)}};
+}
+
+TEST(ScenarioClockTest, AClockThatListensChangesNothingOfTheStory) {
+  std::string logs[2];
+  for (const bool listens : {false, true}) {
+    const auto log = [&](const std::string& line) { logs[listens ? 1 : 0] += line + "\n"; };
+    const ScenarioReport report = PlayScenario(WithClock(listens), 1, log);
+    EXPECT_THAT(report.failures, ::testing::IsEmpty());
+    EXPECT_EQ(report.clock.has_value(), listens);
+  }
+  EXPECT_EQ(logs[0], logs[1]);
+  EXPECT_GT(logs[0].size(), 1000u);
+}
+
+TEST(ScenarioClockTest, EachLimitOfTheClockThatIsBrokenIsNamed) {
+  struct BrokenClockLimit {
+    const char* expected;  // in the failure's text
+    void (*change)(ClockLimits&);
+  };
+  const BrokenClockLimit cases[] = {
+      {"largest error of the clock", [](ClockLimits& l) { l.max_error_us = -1; }},
+      {"RMS error of the clock", [](ClockLimits& l) { l.rms_error_us = -1; }},
+      {"largest bound of the clock", [](ClockLimits& l) { l.max_bound_us = 0; }},
+      {"the clock knows the rate after", [](ClockLimits& l) { l.rate_us = 0; }},
+  };
+  const ClockLimits good = {
+      .max_error_us = 7 * kMs, .rms_error_us = 7 * kMs, .max_bound_us = 190 * kMs, .rate_us = 3 * kHour};
+  Scenario scenario = WithClock(true);
+  scenario.limits.clock = good;
+  EXPECT_THAT(PlayScenario(scenario, 1).failures, ::testing::IsEmpty());
+  for (const BrokenClockLimit& broken : cases) {
+    scenario.limits.clock = good;
+    broken.change(*scenario.limits.clock);
+    EXPECT_THAT(PlayScenario(scenario, 1).failures,
+                ::testing::ElementsAre(::testing::HasSubstr(broken.expected)))
+        << broken.expected;
+  }
+}
+
+TEST(ScenarioClockTest, ATruthOutsideTheLimitsAndAClockThatDoesNotListenAreNamed) {
+  const ClockLimits any = {
+      .max_error_us = kHour, .rms_error_us = kHour, .max_bound_us = kHour, .rate_us = kDay};
+  Scenario deaf = WithClock(false);
+  deaf.limits.clock = any;
+  EXPECT_THAT(PlayScenario(deaf, 1).failures, ::testing::Contains("no clock listens"));
+  Scenario lied_to = WithClock(true);
+  lied_to.setup = [](skorra::Run& run) { run.AddServer("198.51.100.1", {.clock_error_us = 10 * kMs}); };
+  lied_to.limits.clock = any;
+  EXPECT_THAT(
+      PlayScenario(lied_to, 1).failures,
+      ::testing::ElementsAre(::testing::HasSubstr("the truth lies outside the clock's limits, first")));
+}
+
+TEST(ScenarioTableTest, ARowWithAClockShowsBothSideBySide) {
+  Scenario scenario = WithClock(true);
+  scenario.limits.clock = ClockLimits{
+      .max_error_us = 7 * kMs, .rms_error_us = 7 * kMs, .max_bound_us = 190 * kMs, .rate_us = kDay};
+  const ScenarioReport report = PlayScenario(scenario, 1);
+  const std::string row = ClockRow(scenario, report);
+  EXPECT_THAT(row, ::testing::StartsWith("  the clock that listens"));
+  EXPECT_EQ(row.size(), TableHeader().size());
+  EXPECT_EQ(ClockRow(WithClock(false), PlayScenario(WithClock(false), 1)), "");
+  EXPECT_THAT(ReportLines(scenario, report),
+              ::testing::IsSupersetOf({::testing::HasSubstr("error of the clock: "),
+                                       ::testing::HasSubstr("RMS error of the clock: "),
+                                       ::testing::HasSubstr("largest bound of the clock: "),
+                                       ::testing::HasSubstr("the clock knows the rate: after ")}));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // skorra-sim: plays the scenarios, or one of them with its log of events, or walks the manager alongside its
-// model, or plays a day of many processes.
+// model, or plays a day of many processes, or two clocks side by side for 30 days.
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -13,6 +13,7 @@
 #include "tests/scenarios/fleet.h"
 #include "tests/scenarios/scenario.h"
 #include "tests/scenarios/table.h"
+#include "tests/scenarios/two_clocks.h"
 
 namespace skorra {
 namespace {
@@ -35,6 +36,9 @@ int PlayAll(uint64_t seed) {
     const ScenarioReport report = PlayScenario(scenario, seed);
     failed += report.failures.empty() ? 0 : 1;
     std::printf("%s\n", TableRow(scenario, report).c_str());
+    if (const std::string row = ClockRow(scenario, report); !row.empty()) {
+      std::printf("%s\n", row.c_str());
+    }
     PrintFailures(report);
   }
   std::printf("%zu scenarios, %zu failed\n", AllScenarios().size(), failed);
@@ -42,23 +46,21 @@ int PlayAll(uint64_t seed) {
 }
 
 int PlayOne(const std::string& name, uint64_t seed) {
-  for (const Scenario& scenario : AllScenarios()) {
-    if (scenario.name != name) {
-      continue;
-    }
-    std::printf("%s, seed %llu:\n%s%s\n", name.c_str(), static_cast<unsigned long long>(seed),
-                Wrapped(scenario.sentence, 4).c_str(), EventHeader().c_str());
-    const ScenarioReport report = PlayScenario(
-        scenario, seed, [](const std::string& line) { std::fputs(EventLines(line).c_str(), stdout); });
-    for (const std::string& line : ReportLines(scenario, report)) {
-      std::fputs(Broken(line, 4).c_str(), stdout);
-    }
-    std::puts(report.failures.empty() ? "ok" : "FAIL");
-    PrintFailures(report);
-    return report.failures.empty() ? 0 : 1;
+  const Scenario* const scenario = FindScenario(name);
+  if (scenario == nullptr) {
+    PrintProblem("no scenario is called '" + name + "'", "Run 'skorra-sim --list' to see their names.");
+    return kExitUsage;
   }
-  PrintProblem("no scenario is called '" + name + "'", "Run 'skorra-sim --list' to see their names.");
-  return kExitUsage;
+  std::printf("%s, seed %llu:\n%s%s\n", name.c_str(), static_cast<unsigned long long>(seed),
+              Wrapped(scenario->sentence, 4).c_str(), EventHeader().c_str());
+  const ScenarioReport report = PlayScenario(
+      *scenario, seed, [](const std::string& line) { std::fputs(EventLines(line).c_str(), stdout); });
+  for (const std::string& line : ReportLines(*scenario, report)) {
+    std::fputs(Broken(line, 4).c_str(), stdout);
+  }
+  std::puts(report.failures.empty() ? "ok" : "FAIL");
+  PrintFailures(report);
+  return report.failures.empty() ? 0 : 1;
 }
 
 int List() {
@@ -94,12 +96,19 @@ int Main(int argc, char** argv) {
   const CLI::Option* const fleet_option =
       app.add_option("--fleet", fleet.processes, "instead play a day of so many processes; see docs/fleet.md")
           ->transform(WholeNumber(1, kMaxProcesses));
+  bool is_two_clocks = false;
+  app.add_flag("--clocks", is_two_clocks,
+               "instead play 30 days of the manager and of the clock side by side");
   std::string json_path;
-  app.add_option("--json", json_path, "where --fleet writes the requests of each minute")->needs("--fleet");
+  app.add_option("--json", json_path, "where --fleet writes requests per minute, or --clocks the errors");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return ExitAfterParsing(app, error);
+  }
+  if (!json_path.empty() && fleet_option->count() == 0 && !is_two_clocks) {
+    PrintProblem("--json needs --fleet or --clocks", "Run 'skorra-sim --help' to see what it takes.");
+    return kExitUsage;
   }
   if (walk_option->count() > 0) {
     return RunOneWalk(walk_seed);
@@ -110,6 +119,9 @@ int Main(int argc, char** argv) {
   if (fleet_option->count() > 0) {
     fleet.seed = seed;
     return RunFleet(fleet, json_path);
+  }
+  if (is_two_clocks) {
+    return RunTwoClocks(seed, json_path);
   }
   if (is_list) {
     return List();

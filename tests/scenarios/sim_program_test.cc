@@ -93,6 +93,14 @@ TEST(SimProgramTest, AFleetHasAHeaderFits100ColumnsAndIsRepeatedByItsSeed) {
   EXPECT_EQ(LinesOfMode(arguments), lines);
 }
 
+TEST(SimProgramTest, TwoClocksHaveAHeaderAndFit100Columns) {
+  const auto lines = LinesOfMode({"--clocks"});
+  EXPECT_EQ(lines.at(0), "resync_over_30_days, seed 1: the manager's reading and the clock with a bound");
+  EXPECT_THAT(lines.at(1),
+              testing::MatchesRegex("days +error of the manager +error of the clock +its farthest limit"));
+  EXPECT_EQ(lines.size(), 12u);
+}
+
 TEST(SimProgramTest, TheHelpFits100Columns) {
   EXPECT_THAT(LinesOfMode({"--help"}).at(0), StartsWith("Plays the scenarios"));
 }

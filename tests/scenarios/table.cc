@@ -88,6 +88,19 @@ std::string TableRow(const Scenario& scenario, const ScenarioReport& report) {
               report.failures.empty() ? "ok" : "FAIL");
 }
 
+std::string ClockRow(const Scenario& scenario, const ScenarioReport& report) {
+  if (!report.clock) {
+    return {};
+  }
+  std::string row = Line("  the clock that listens, with its rate", "",
+                         report.clock->rate_us ? ShortText(report.clock->error.max_us()) : "-",
+                         scenario.limits.clock ? ShortText(scenario.limits.clock->max_error_us) : "-",
+                         report.clock->rate_us ? ShortText(report.clock->error.rms_us()) : "-",
+                         ShortText(report.clock->rate_us), "", "");
+  row.pop_back();
+  return row;
+}
+
 std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioReport& report) {
   std::vector<std::string> lines = {"outcomes: " + OutcomesText(report.outcomes)};
   if (report.first_result_us) {
@@ -100,6 +113,19 @@ std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioRep
                     DurationText(limits.first_result_us.value_or(0)));
   } else {
     lines.push_back("no result");
+  }
+  if (report.clock && scenario.limits.clock) {
+    const ClockMeasure& measured = *report.clock;
+    const ClockLimits& limits = *scenario.limits.clock;
+    const auto line = [&](const char* what, int64_t us, int64_t limit_us) {
+      lines.push_back(what + DurationText(us) + ", at most " + DurationText(limit_us));
+    };
+    line("largest error of the clock: ", measured.error.max_us(), limits.max_error_us);
+    line("RMS error of the clock: ", measured.error.rms_us(), limits.rms_error_us);
+    line("largest bound of the clock: ", measured.max_bound_us, limits.max_bound_us);
+    if (measured.rate_us) {
+      line("the clock knows the rate: after ", *measured.rate_us, limits.rate_us);
+    }
   }
   for (const RequestCount& count : report.requests) {
     lines.push_back("requests to " + count.address + ": " + std::to_string(count.count));

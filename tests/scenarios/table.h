@@ -21,6 +21,8 @@ std::string DurationText(int64_t us);
 // The line above the rows, and one row.
 std::string TableHeader();
 std::string TableRow(const Scenario& scenario, const ScenarioReport& report);
+// The row below it, for the clock that listens; empty where none does.
+std::string ClockRow(const Scenario& scenario, const ScenarioReport& report);
 
 // Everything that was measured with its limit, one line each.
 std::vector<std::string> ReportLines(const Scenario& scenario, const ScenarioReport& report);
