@@ -281,6 +281,10 @@ const char* skorra_ntp_reason_name(int reason) {
   return NtpSyncReasonName(static_cast<skorra::NtpSyncReason>(reason));
 }
 
+const char* skorra_ntp_agreement_name(int agreement) {
+  return NtpClockAgreementName(static_cast<skorra::NtpClockAgreement>(agreement));
+}
+
 #define TEXT_OF(number) #number
 #define VERSION_TEXT(major, minor, patch) TEXT_OF(major) "." TEXT_OF(minor) "." TEXT_OF(patch)
 

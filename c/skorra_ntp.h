@@ -143,6 +143,7 @@ SKORRA_EXPORT const char* skorra_ntp_error_text(int error);
 SKORRA_EXPORT const char* skorra_ntp_status_name(int status);
 SKORRA_EXPORT const char* skorra_ntp_result_name(int result);
 SKORRA_EXPORT const char* skorra_ntp_reason_name(int reason);
+SKORRA_EXPORT const char* skorra_ntp_agreement_name(int agreement);
 
 // --- Version.
 

@@ -18,6 +18,7 @@ import dataclasses
 import sys
 import time
 
+NO_FREQUENCY = -2 ** 63
 NOT_REACHED = (7, 8)  # SKORRA_NTP_ERROR_TIMED_OUT, SKORRA_NTP_ERROR_NOT_RUNNING
 
 
@@ -85,6 +86,10 @@ class Reading:
     error_estimate_us: int | None  # what the error probably is
     error_bound_us: int | None  # what the error is at most
     age_us: int  # since the sync
+    agreement: str  # what the other servers say: "unchecked", "agrees", "conflict", "outvoted"
+    witness_count: int  # how many others have answered
+    agreeing_count: int  # how many of them agree with the server
+    frequency_ppb: int | None  # how much faster the true time runs than the machine's clock
 
 
 @dataclasses.dataclass(frozen=True)
@@ -124,7 +129,7 @@ class Clock:
 
     def __init__(self, library="libskorra_ntp.so.0"):
         self._library = ctypes.CDLL(library)
-        for name in ("version", "error_text", "status_name", "result_name", "reason_name"):
+        for name in ("version", "error_text", "status_name", "result_name", "reason_name", "agreement_name"):
             getattr(self._library, f"skorra_ntp_{name}").restype = ctypes.c_char_p
         for name in ("now_us", "manager_time_us"):
             getattr(self._library, f"skorra_ntp_{name}").restype = ctypes.c_int64
@@ -235,7 +240,10 @@ class Clock:
                        earliest_us=known(reading.earliest_us, has_bound),
                        latest_us=known(reading.latest_us, has_bound),
                        error_estimate_us=known(reading.error_estimate_us, has_time),
-                       error_bound_us=known(reading.error_bound_us, has_bound), age_us=reading.age_us)
+                       error_bound_us=known(reading.error_bound_us, has_bound), age_us=reading.age_us,
+                       agreement=self._library.skorra_ntp_agreement_name(reading.agreement).decode(),
+                       witness_count=reading.witness_count, agreeing_count=reading.agreeing_count,
+                       frequency_ppb=known(reading.frequency_ppb, reading.frequency_ppb != NO_FREQUENCY))
 
     @staticmethod
     def _texts(servers):
@@ -280,6 +288,8 @@ def main():
                  ("at most", f"{reading.latest_us - system_us} us"),
                  ("probable error", f"{reading.error_estimate_us} us"),
                  ("age", f"{reading.age_us} us"),
+                 ("agreement", f"{reading.agreement} ({reading.agreeing_count} of {reading.witness_count} others)"),
+                 ("rate", "not known yet" if reading.frequency_ppb is None else f"{reading.frequency_ppb / 1000} ppm"),
                  ("attempts", f"{costs['request_count']}, {costs['success_count']} successful"),
                  ("counters", f"{len(clock.counters())}"),
                  ("library", clock.version)])

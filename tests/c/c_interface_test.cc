@@ -14,6 +14,7 @@
 
 #include "c/skorra_ntp.h"
 #include "clock/ntp_clock.h"
+#include "clock/shared_clock.h"
 #include "gmock/gmock.h"
 #include "ntp/ntp_time_manager.h"
 #include "platform/base/log.h"
@@ -150,7 +151,13 @@ TEST_F(CInterfaceTest, CodesHaveTheNamesOfTheClock) {
   for (int i = -1; i <= 13; ++i) {
     EXPECT_STREQ(skorra_ntp_status_name(i), NtpClockStatusName(static_cast<NtpClockStatus>(i)));
     EXPECT_STREQ(skorra_ntp_reason_name(i), NtpSyncReasonName(static_cast<NtpSyncReason>(i)));
+    EXPECT_STREQ(skorra_ntp_agreement_name(i), NtpClockAgreementName(static_cast<NtpClockAgreement>(i)));
   }
+  EXPECT_STREQ(skorra_ntp_agreement_name(SKORRA_NTP_AGREEMENT_UNCHECKED), "unchecked");
+  EXPECT_STREQ(skorra_ntp_agreement_name(SKORRA_NTP_AGREEMENT_AGREES), "agrees");
+  EXPECT_STREQ(skorra_ntp_agreement_name(SKORRA_NTP_AGREEMENT_CONFLICT), "conflict");
+  EXPECT_STREQ(skorra_ntp_agreement_name(SKORRA_NTP_AGREEMENT_OUTVOTED), "outvoted");
+  EXPECT_STREQ(skorra_ntp_agreement_name(SKORRA_NTP_AGREEMENT_OUTVOTED + 1), "unknown");
   EXPECT_STREQ(skorra_ntp_status_name(SKORRA_NTP_STATUS_FREE_RUNNING), "free_running");
   EXPECT_STREQ(skorra_ntp_reason_name(SKORRA_NTP_REASON_TOO_FEW_SAMPLES), "too_few_samples");
   EXPECT_STREQ(skorra_ntp_result_name(SKORRA_NTP_RESULT_NONE), "none");
@@ -429,6 +436,9 @@ TEST_F(CInterfaceTest, WithoutATimeAReadingSaysSo) {
   EXPECT_EQ(reading.error_estimate_us, INT64_MAX);
   EXPECT_EQ(reading.error_bound_us, INT64_MAX);
   EXPECT_EQ(reading.age_us, 0);
+  EXPECT_EQ(reading.witness_count, 0u);
+  EXPECT_EQ(reading.agreeing_count, 0u);
+  EXPECT_EQ(reading.frequency_ppb, INT64_MIN);
 }
 
 TEST_F(CInterfaceTest, AReadingIsThatOfTheClockMemberByMember) {
@@ -455,6 +465,35 @@ TEST_F(CInterfaceTest, AReadingIsThatOfTheClockMemberByMember) {
   EXPECT_EQ(skorra_ntp_now_us(), TrueUs() + 7);
   EXPECT_LE(reading.earliest_us, TrueUs());
   EXPECT_GE(reading.latest_us, TrueUs());
+}
+
+TEST_F(CInterfaceTest, AReadingTellsTheRateAndWhatTheOtherServersSay) {
+  SyncOnce();
+  auto reading = Sized<skorra_ntp_reading>();
+  ASSERT_EQ(skorra_ntp_read(&reading), SKORRA_NTP_OK);
+  EXPECT_EQ(reading.agreement, SKORRA_NTP_AGREEMENT_UNCHECKED) << "there is one server";
+  EXPECT_EQ(reading.frequency_ppb, INT64_MIN) << "there was one sync";
+  ClockSnapshot snapshot = internal::ProcessClock().snapshot.Read();
+  snapshot.agreement = NtpClockAgreement::kOutvoted;
+  snapshot.witness_count = 5;
+  snapshot.agreeing_count = 2;
+  snapshot.frequency_ppb = -19873;
+  internal::ProcessClock().snapshot.Publish(snapshot);
+  ASSERT_EQ(skorra_ntp_read(&reading), SKORRA_NTP_OK);
+  EXPECT_EQ(reading.agreement, SKORRA_NTP_AGREEMENT_OUTVOTED);
+  EXPECT_EQ(reading.witness_count, 5u);
+  EXPECT_EQ(reading.agreeing_count, 2u);
+  EXPECT_EQ(reading.frequency_ppb, -19873);
+}
+
+// A caller that was compiled before these members were there, and one from later.
+TEST_F(CInterfaceTest, AnOlderReadingEndsBeforeTheRate) {
+  SyncOnce();
+  Room<skorra_ntp_reading> room(offsetof(skorra_ntp_reading, witness_count), 0x77);
+  ASSERT_EQ(skorra_ntp_read(room.get()), SKORRA_NTP_OK);
+  EXPECT_TRUE(room.AreGuardsWhole());
+  EXPECT_GT(room.Seen().age_us, 0);
+  EXPECT_EQ(room.Seen().frequency_ppb, 0) << "nothing was written";
 }
 
 TEST_F(CInterfaceTest, AMachineThatWasMovedHasATimeAndNoBound) {

@@ -24,6 +24,8 @@ class PythonClassTest(unittest.TestCase):
         self.assertFalse(before.has_time or before.has_bound)
         self.assertEqual([before.best_estimate_us, before.earliest_us, before.latest_us, before.error_bound_us],
                          [None] * 4)
+        self.assertEqual((before.agreement, before.witness_count, before.agreeing_count, before.frequency_ppb),
+                         ("unchecked", 0, 0, None))
         self.assertEqual(clock.now_us(), 0)
         self.assertFalse(clock.wait_until_synced(LIMIT_S), "it does not run")
         for call, code in ((lambda: clock.start(["not a name"]), 5), (lambda: clock.add_servers(["host:99999"]), 5),
@@ -50,6 +52,8 @@ class PythonClassTest(unittest.TestCase):
         self.assertTrue(reading.earliest_us <= reading.best_estimate_us <= reading.latest_us)
         self.assertLess(abs(clock.now_us() - reading.best_estimate_us), 1000000)
         self.assertLess(abs(clock.manager_time_us() - reading.best_estimate_us), 1000000)
+        self.assertEqual((reading.agreement, reading.witness_count), ("unchecked", 0))
+        self.assertIsNone(reading.frequency_ppb)
         self.assertFalse(clock.wait_until_bound(0, 0))
         statistics = clock.take_statistics()
         self.assertGreaterEqual(statistics["attempts"]["request_count"], 2)
