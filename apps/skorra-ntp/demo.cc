@@ -2,7 +2,9 @@
 #include "apps/skorra-ntp/demo.h"
 
 #include <cstdlib>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "apps/skorra-ntp/demo_server.h"
 #include "apps/skorra-ntp/exit_status.h"
@@ -13,6 +15,7 @@ namespace skorra {
 namespace {
 
 constexpr int64_t kMaxErrorUs = 5000;
+constexpr int64_t kLieUs = 3'000'000;
 
 }  // namespace
 
@@ -23,20 +26,36 @@ int RunDemo() {
                                   .jitter_us = 2'000,
                                   .loss = 0.1,
                                   .seed = 1};
-  std::string error;
-  const auto server = DemoServer::Open(options, &error);
-  if (server == nullptr) {
-    PrintProblem("cannot open a server on the loopback interface: " + error,
-                 "Check that the interface lo is up and has the address 127.0.0.1.");
-    return kExitNoResult;
+  DemoServerOptions second = options;
+  second.loss = 0;
+  second.seed = 2;
+  // So far away that it is never the first to have enough answers.
+  DemoServerOptions liar = second;
+  liar.clock_error_us += kLieUs;
+  liar.delay_us = 250'000;
+  liar.seed = 3;
+  std::vector<std::unique_ptr<DemoServer>> servers;
+  std::vector<std::string> names;
+  for (const DemoServerOptions& server_options : {options, second, liar}) {
+    std::string error;
+    servers.push_back(DemoServer::Open(server_options, &error));
+    if (servers.back() == nullptr) {
+      PrintProblem("cannot open a server on the loopback interface: " + error,
+                   "Check that the interface lo is up and has the address 127.0.0.1.");
+      return kExitNoResult;
+    }
+    names.push_back(servers.back()->local().ToString());
   }
-  const std::string name = server->local().ToString();
-  if (!PrintText("A server on " + name + " whose clock is off by " + FormatOffset(options.clock_error_us) +
-                 ", over a network\nwith 20 ms delay, up to 2 ms jitter each way and 10 % loss:\n\n")) {
+  if (!PrintText("A server on " + names[0] + " whose clock is off by " +
+                 FormatOffset(options.clock_error_us) +
+                 ", over a network\nwith 20 ms delay, up to 2 ms jitter each way and 10 % loss. It is "
+                 "checked against\n" +
+                 names[1] + ", which agrees, and " + names[2] + ", which lies by " + FormatOffset(kLieUs) +
+                 ":\n\n")) {
     return kExitOutput;
   }
 
-  const SyncReport report = RunAttempt({.servers = {name}});
+  const SyncReport report = RunAttempt({.servers = names});
   std::string text = ToText(report);
   const auto offset_us = OffsetUs(report);
   const int64_t error_us = offset_us.value_or(0) - options.clock_error_us;

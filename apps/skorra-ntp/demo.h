@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// `skorra-ntp demo`: a server with a known clock error inside the process, one sync against it, and the
-// outcome with the true offset.
+// `skorra-ntp demo`: a server with a known clock error inside the process, one that agrees with it and one
+// that lies, one sync with them, and the outcome with the true offset.
 #pragma once
 
 namespace skorra {

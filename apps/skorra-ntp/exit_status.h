@@ -6,8 +6,8 @@
 namespace skorra {
 
 inline constexpr int kExitSuccess = 0;
-inline constexpr int kExitMaybeInaccurate = 1;
-inline constexpr int kExitCannotListen = 1;  // `serve` cannot have its address
+inline constexpr int kExitMaybeInaccurate = 1;  // or other servers contradict the result
+inline constexpr int kExitCannotListen = 1;     // `serve` cannot have its address
 inline constexpr int kExitNoResult = 2;
 inline constexpr int kExitWrongDemo = 3;  // `demo` measured or proved something other than the truth
 inline constexpr int kExitUsage = 64;     // EX_USAGE of sysexits.h

@@ -34,7 +34,8 @@ constexpr const char* kFooter =
 constexpr const char* kSyncFooter =
     "Examples:\n"
     "  skorra-ntp sync ntp.example.org                    a name, port 123\n"
-    "  skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'    two servers; the first good answer wins\n"
+    "  skorra-ntp sync 192.0.2.1 '[2001:db8::1]:12300'    two servers; the first good answer wins,\n"
+    "                                                     and is checked against the other\n"
     "  skorra-ntp sync --json --timeout 5 192.0.2.1       for scripts\n\n"
     "The report tells how wrong the offset is at most, and why the sync ended as it did:\n"
     "  ok, inaccurate    there is an offset, and the true one lies between the limits\n"
@@ -48,9 +49,14 @@ constexpr const char* kSyncFooter =
     "  disagreeing       the answers contradict each other: no time is told\n"
     "  stopped           the attempt took too long, and was stopped\n"
     "  timed_out         the time allowed has passed\n\n"
+    "It also tells what the other servers say of the one that answered first:\n"
+    "  agrees            a majority has a time in common with it\n"
+    "  unchecked         no other server answered\n"
+    "  conflict          they contradict each other, and no majority tells who is wrong\n"
+    "  outvoted          a majority contradicts it: the offset is probably wrong\n\n"
     "Exit status:\n"
     "  0   success\n"
-    "  1   an offset was measured, but it may be inaccurate\n"
+    "  1   an offset was measured, but it may be inaccurate, or other servers contradict it\n"
     "  2   no result, or the time allowed has passed\n"
     "  64  wrong usage\n"
     "  74  the report was lost: standard output is full, closed or no longer read\n\n";
@@ -173,7 +179,7 @@ int main(int argc, char** argv) {
   AddSync(app, sync, as_json);
   AddServe(app, serve);
   auto* const demo =
-      app.add_subcommand("demo", "Sync with a server whose clock error is known, and show both");
+      app.add_subcommand("demo", "Sync with a server whose clock error is known, and find out one that lies");
   demo->footer(kDemoFooter);
 
   try {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <vector>
 
 #include "apps/skorra-ntp/exit_status.h"
 #include "platform/base/time.h"
@@ -77,6 +78,116 @@ std::string AdviceWithoutResult(const SyncReport& report) {
   return "Too few usable answers came in one burst from " + report.asked + ". Try again.";
 }
 
+// The magnitude of the smallest number has no signed form.
+uint64_t Magnitude(int64_t number) {
+  return number < 0 ? 0 - static_cast<uint64_t>(number) : static_cast<uint64_t>(number);
+}
+
+// "B", "B and C", "B, C and D".
+std::string Enumerate(const std::vector<std::string>& names) {
+  std::string text;
+  for (size_t i = 0; i < names.size(); ++i) {
+    text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+  }
+  return text;
+}
+
+// An interval around a difference, with `positive` or `negative` after it: "2.999000 s to 3.001000 s later".
+std::string SpanText(int64_t earliest_us, int64_t latest_us, const char* positive, const char* negative) {
+  if (earliest_us > 0) {
+    return FormatSpan(earliest_us) + " to " + FormatSpan(latest_us) + positive;
+  }
+  if (latest_us < 0) {
+    return FormatSpan(latest_us) + " to " + FormatSpan(earliest_us) + negative;
+  }
+  return FormatOffset(earliest_us) + " to " + FormatOffset(latest_us);
+}
+
+std::string WitnessText(const NtpWitness& witness) {
+  return witness.domain + " says " + SpanText(witness.earliest_us, witness.latest_us, " later", " earlier");
+}
+
+std::string ConflictText(const NtpWitnessReport& report) {
+  std::string text;
+  for (size_t i = 1; i < report.servers.size(); ++i) {
+    if (!report.servers[i].agrees) {
+      text += (text.empty() ? "" : "; ") + WitnessText(report.servers[i]);
+    }
+  }
+  return text;
+}
+
+std::string OutvotedText(const NtpWitnessReport& report) {
+  std::vector<std::string> voters;
+  for (const NtpWitness& server : report.servers) {
+    if (!server.is_outvoted) {
+      voters.push_back(server.domain);
+    }
+  }
+  // A true time that is later than the server's: its clock is behind.
+  return (report.servers.empty() ? std::string("the server") : report.servers[0].domain) + " is wrong by " +
+         SpanText(report.majority_earliest_us, report.majority_latest_us, " (behind)", " (ahead)") +
+         (voters.size() == 1 ? ", says " : ", say ") + Enumerate(voters);
+}
+
+std::string AgreementText(const SyncReport& report) {
+  const NtpClockReading& reading = report.reading;
+  std::string name = NtpClockAgreementName(reading.agreement);
+  const std::string count = " (" + std::to_string(reading.agreeing_count) + " of " +
+                            std::to_string(reading.witness_count) +
+                            (reading.witness_count == 1 ? " other)" : " others)");
+  switch (reading.agreement) {
+    case NtpClockAgreement::kUnchecked:
+      return name + " (" + report.why_unchecked + ")";
+    case NtpClockAgreement::kAgrees:
+      return name + count;
+    case NtpClockAgreement::kConflict:
+      return name + (report.witnesses ? ": " + ConflictText(*report.witnesses) : count);
+    case NtpClockAgreement::kOutvoted:
+      return name + (report.witnesses ? ": " + OutvotedText(*report.witnesses) : count);
+  }
+  return name;
+}
+
+std::string RateText(const NtpClockReading& reading) {
+  if (!reading.has_frequency()) {
+    return "not known yet (needs three syncs over half an hour)";
+  }
+  const uint64_t magnitude = Magnitude(reading.frequency_ppb);
+  char text[64];
+  std::snprintf(text, sizeof text, "%c%" PRIu64 ".%03" PRIu64 " ppm", reading.frequency_ppb < 0 ? '-' : '+',
+                magnitude / 1000, magnitude % 1000);
+  return text;
+}
+
+template <class Line>
+void AddAgreementLines(const SyncReport& report, const Line& line) {
+  line("agreement", AgreementText(report));
+  if (!report.witnesses) {
+    return;
+  }
+  // The result's own server stands in the line before.
+  for (size_t i = 1; i < report.witnesses->servers.size(); ++i) {
+    if (report.witnesses->servers[i].is_outvoted) {
+      line("outvoted", WitnessText(report.witnesses->servers[i]));
+    }
+  }
+  if (report.witnesses->may_be_smear) {
+    line("smear?", "the servers differ as they do when some of them smear a leap second");
+  }
+}
+
+std::string AdviceWhenContradicted(const SyncReport& report) {
+  std::string advice =
+      report.reading.agreement == NtpClockAgreement::kOutvoted
+          ? "Do not rely on this time. Ask without " + std::string(report.reading.domain) + "."
+          : "Nothing tells which of them is right. Ask more servers: a majority tells.";
+  if (report.witnesses && report.witnesses->may_be_smear) {
+    advice += " If some of them smear leap seconds, ask only those, or only the others.";
+  }
+  return advice;
+}
+
 template <class T>
 nlohmann::ordered_json OrNull(const std::optional<T>& value) {
   return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
@@ -86,7 +197,42 @@ nlohmann::ordered_json NumberIf(bool is_there, int64_t number) {
   return is_there ? nlohmann::ordered_json(number) : nlohmann::ordered_json(nullptr);
 }
 
+// What the other servers say. The limits are times, of the moment of `ntp_time_us`.
+void AddAgreement(nlohmann::ordered_json& json, const SyncReport& report) {
+  const NtpClockReading& reading = report.reading;
+  const NtpWitnessReport none;
+  const NtpWitnessReport& witnesses = report.witnesses ? *report.witnesses : none;
+  json["agreement"] = NtpClockAgreementName(reading.agreement);
+  json["witnesses"] = reading.witness_count;
+  json["agreeing"] = reading.agreeing_count;
+  auto outvoted = nlohmann::ordered_json::array();
+  auto servers = nlohmann::ordered_json::array();
+  for (const NtpWitness& server : witnesses.servers) {
+    if (server.is_outvoted) {
+      outvoted.push_back(server.domain);
+    }
+    servers.push_back({{"domain", server.domain},
+                       {"address", server.server.ToString()},
+                       {"earliest_us", reading.best_estimate_us + server.earliest_us},
+                       {"latest_us", reading.best_estimate_us + server.latest_us},
+                       {"agrees", server.agrees},
+                       {"outvoted", server.is_outvoted}});
+  }
+  json["outvoted"] = outvoted;
+  json["majority_earliest_us"] =
+      NumberIf(witnesses.has_majority, reading.best_estimate_us + witnesses.majority_earliest_us);
+  json["majority_latest_us"] =
+      NumberIf(witnesses.has_majority, reading.best_estimate_us + witnesses.majority_latest_us);
+  json["may_be_smear"] = witnesses.may_be_smear;
+  json["servers"] = servers;
+}
+
 }  // namespace
+
+bool IsContradicted(const SyncReport& report) {
+  return report.reading.agreement == NtpClockAgreement::kConflict ||
+         report.reading.agreement == NtpClockAgreement::kOutvoted;
+}
 
 std::optional<int64_t> OffsetUs(const SyncReport& report) {
   if (!report.reading.has_time() || !report.system_time_us) {
@@ -104,6 +250,10 @@ bool LimitsHold(const SyncReport& report, int64_t true_offset_us) {
 }
 
 std::string Message(const SyncReport& report) {
+  if (IsContradicted(report)) {
+    return report.reading.agreement == NtpClockAgreement::kOutvoted ? "most servers contradict the result"
+                                                                    : "the servers contradict each other";
+  }
   switch (report.reason) {
     case NtpSyncReason::kTimedOut:
       return "no outcome within " + SecondsText(report.timeout_s);
@@ -123,6 +273,9 @@ std::string Message(const SyncReport& report) {
 std::string Advice(const SyncReport& report) {
   if (report.timers_failed > 0 && report.result == NtpResult::kNoResult) {
     return AdviceWithoutResult(report);
+  }
+  if (IsContradicted(report)) {
+    return AdviceWhenContradicted(report);
   }
   switch (report.reason) {
     case NtpSyncReason::kOk:
@@ -148,9 +301,7 @@ std::string Advice(const SyncReport& report) {
 }
 
 std::string FormatOffset(int64_t offset_us) {
-  // The magnitude of the smallest number has no signed form.
-  const uint64_t magnitude =
-      offset_us < 0 ? 0 - static_cast<uint64_t>(offset_us) : static_cast<uint64_t>(offset_us);
+  const uint64_t magnitude = Magnitude(offset_us);
   char text[48];
   std::snprintf(text, sizeof text, "%c%" PRIu64 ".%06" PRIu64 " s", offset_us < 0 ? '-' : '+',
                 magnitude / base::kUsPerSecond, magnitude % base::kUsPerSecond);
@@ -182,9 +333,16 @@ std::string ToText(const SyncReport& report) {
     line("error", "at most " + FormatSpan(report.reading.error_bound_us) + ", probably " +
                       FormatSpan(report.reading.error_estimate_us));
   } else if (report.reading.has_time()) {
-    line("error", "without a limit (" + std::string(NtpClockStatusName(report.reading.status)) + ")");
+    const bool is_outvoted = report.reading.agreement == NtpClockAgreement::kOutvoted;
+    line("error", "without a limit (" +
+                      std::string(is_outvoted ? "outvoted" : NtpClockStatusName(report.reading.status)) +
+                      ")");
   }
   line("server", report.server.value_or("none"));
+  if (report.reading.has_time()) {
+    AddAgreementLines(report, line);
+    line("rate", RateText(report.reading));
+  }
   line("requests", std::to_string(report.requests_sent) + " sent");
   line("samples", std::to_string(report.samples_received) + " received" +
                       (report.samples_used ? ", " + std::to_string(*report.samples_used) + " used" : ""));
@@ -217,17 +375,21 @@ std::string ToJson(const SyncReport& report) {
                           {"kiss_codes", counts.kiss_codes}};
   }
   const NtpClockReading& reading = report.reading;
-  const nlohmann::ordered_json json = {
+  nlohmann::ordered_json json = {
       {"result", static_cast<int>(report.result)},
       {"message", Message(report)},
       {"reason", NtpSyncReasonName(report.reason)},
       {"status", NtpClockStatusName(reading.status)},
       {"offset_us", OrNull(OffsetUs(report))},
+      {"manager_offset_us", OrNull(report.manager_offset_us)},
       {"error_bound_us", NumberIf(reading.has_bound(), reading.error_bound_us)},
       {"error_estimate_us", NumberIf(reading.has_bound(), reading.error_estimate_us)},
       {"ntp_time_us", NumberIf(reading.has_time(), reading.best_estimate_us)},
       {"earliest_us", NumberIf(reading.has_bound(), reading.earliest_us)},
       {"latest_us", NumberIf(reading.has_bound(), reading.latest_us)},
+      {"frequency_ppm", reading.has_frequency()
+                            ? nlohmann::ordered_json(static_cast<double>(reading.frequency_ppb) / 1000)
+                            : nlohmann::ordered_json(nullptr)},
       {"server", OrNull(report.server)},
       {"requests_sent", report.requests_sent},
       {"samples_received", report.samples_received},
@@ -242,13 +404,14 @@ std::string ToJson(const SyncReport& report) {
       {"receive_stamps", report.receive_stamps},
       {"addresses", addresses},
   };
+  AddAgreement(json, report);
   return json.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 int ExitStatus(const SyncReport& report) {
   switch (report.result) {
     case NtpResult::kSuccess:
-      return kExitSuccess;
+      return IsContradicted(report) ? kExitMaybeInaccurate : kExitSuccess;
     case NtpResult::kMaybeInaccurate:
       return kExitMaybeInaccurate;
     case NtpResult::kNoResult:

@@ -36,6 +36,11 @@ struct SyncReport {
   std::optional<uint64_t> samples_used;
   NtpClockReading reading = {};           // the time with its limits; without a result only the status
   std::optional<int64_t> system_time_us;  // since 1970, at the moment of the reading
+  std::optional<int64_t> manager_offset_us = {};  // the manager's mean offset, as it was evaluated
+
+  // What the other servers say. Without a report only the reading tells of it.
+  std::optional<NtpWitnessReport> witnesses = {};
+  std::string why_unchecked = "no other server was asked";
 
   int64_t took_ms = 0;
   uint64_t requests_sent = 0;
@@ -56,6 +61,9 @@ std::optional<int64_t> OffsetUs(const SyncReport& report);
 
 // Whether there are limits and the true time, which is ahead of system time by this much, lies between them.
 bool LimitsHold(const SyncReport& report, int64_t true_offset_us);
+
+// Whether other servers contradict the result, so that it may be wrong though it was measured well.
+bool IsContradicted(const SyncReport& report);
 
 // The end of the attempt in a few words.
 std::string Message(const SyncReport& report);

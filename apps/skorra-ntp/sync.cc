@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -22,6 +23,8 @@
 #include "platform/base/log.h"
 #include "platform/base/thread_annotations.h"
 #include "platform/base/time.h"
+#include "platform/config/base_cfg.h"
+#include "platform/config/config_center.h"
 #include "platform/metrics/key_metrics.h"
 #include "platform/net/ip_endpoint.h"
 #include "transport/ntp_address_ledger.h"
@@ -31,6 +34,8 @@ namespace skorra {
 namespace {
 
 constexpr int64_t kProgressIntervalUs = 100'000;
+// What the other servers say comes this much later than their longest round trip at most.
+constexpr int64_t kWitnessSlackUs = 250'000;
 constexpr const char* kClearLine = "\r\x1b[K";
 
 std::string JoinNames(const std::vector<std::string>& names) {
@@ -39,6 +44,10 @@ std::string JoinNames(const std::vector<std::string>& names) {
     text += (text.empty() ? "" : ", ") + name;
   }
   return text;
+}
+
+bool IsResult(NtpSyncReason reason) {
+  return reason == NtpSyncReason::kOk || reason == NtpSyncReason::kInaccurate;
 }
 
 // What the library reports about the first attempt. It begins once the names have been looked up.
@@ -64,6 +73,13 @@ class Watch final : public NtpSyncListener {
     asked_.insert(asked_.end(), event.added.begin(), event.added.end());
   }
 
+  void OnBurstBegun(const NtpBurstBegun& event) override {
+    const base::AutoLock lock(lock_);
+    if (!is_over_) {
+      servers_[event.domain] = event.server;
+    }
+  }
+
   void OnAttemptEnded(const NtpAttemptEnded& event) override {
     const base::AutoLock lock(lock_);
     if (is_over_) {
@@ -85,31 +101,52 @@ class Watch final : public NtpSyncListener {
     }
   }
 
+  // Of the clock, after `OnOutcome` of the same attempt.
+  void OnWitnesses(const NtpWitnessReport& report) {
+    const base::AutoLock lock(lock_);
+    if (is_over_ && !witnesses_ && outcome_.attempt == report.attempt) {
+      witnesses_ = report;
+      witnessed_.Set();
+    }
+  }
+
   // Shows a line of the library's log, in place of the progress.
   void PrintLogLine(const base::LogLine& line) { PrintLine(base::FormatLogLine(line)); }
 
   // Waits for the end, showing the progress, until `deadline_ticks_us` at the longest. After the return
-  // nothing that the library reports changes the watch.
+  // nothing that the library reports changes the watch, but for what the other servers say.
   void Wait(int64_t start_ticks_us, int64_t deadline_ticks_us) {
-    for (bool has_ended = false; !has_ended;) {
-      const int64_t now_ticks_us = base::GetSteadyTimeTicks();
-      if (now_ticks_us >= deadline_ticks_us) {
-        GiveUp();
-        break;
-      }
-      ShowProgress(now_ticks_us - start_ticks_us);
-      const int64_t left_us = deadline_ticks_us - now_ticks_us;
-      has_ended = ended_.WaitFor(shows_progress_ ? std::min(left_us, kProgressIntervalUs) : left_us);
+    if (!WaitFor(ended_, start_ticks_us, deadline_ticks_us)) {
+      GiveUp();
     }
-    if (shows_progress_) {
-      WriteError(kClearLine);
+  }
+
+  // The same for what the other servers say of the result, if any other was asked.
+  void WaitForWitnesses(int64_t start_ticks_us, int64_t deadline_ticks_us) {
+    const int64_t longest_us =
+        static_cast<int64_t>(config::GetNumber(config::BaseCfg().ntp_max_round_trip_ms)) * 1000 +
+        kWitnessSlackUs;
+    if (HasResult() && AskedOthers()) {
+      WaitFor(witnessed_, start_ticks_us,
+              std::min(deadline_ticks_us, base::GetSteadyTimeTicks() + longest_us));
     }
+  }
+
+  // Whether servers with different addresses were asked.
+  bool AskedOthers() {
+    const base::AutoLock lock(lock_);
+    std::set<net::IPEndPoint> addresses;
+    for (const auto& [domain, address] : servers_) {
+      addresses.insert(address);
+    }
+    return addresses.size() > 1;
   }
 
   void FillIn(SyncReport& report) {
     const base::AutoLock lock(lock_);
     report.reason = outcome_.reason;
     report.reading = outcome_.reading;
+    report.witnesses = witnesses_;
     if (!asked_.empty()) {
       report.asked = JoinNames(asked_);
     }
@@ -119,8 +156,9 @@ class Watch final : public NtpSyncListener {
       if (const std::string server = ended_attempt_->record.endpoint.ToString(); !server.empty()) {
         report.server = server;
       }
-      if (outcome_.reason == NtpSyncReason::kOk || outcome_.reason == NtpSyncReason::kInaccurate) {
+      if (IsResult(outcome_.reason)) {
         report.result = ended_attempt_->result;
+        report.manager_offset_us = ended_attempt_->record.offset_us;
       }
     }
   }
@@ -131,6 +169,28 @@ class Watch final : public NtpSyncListener {
     is_over_ = true;
     outcome_ = outcome;
     ended_.Set();
+  }
+
+  bool WaitFor(base::Event& event, int64_t start_ticks_us, int64_t deadline_ticks_us) {
+    bool is_set = false;
+    while (!is_set) {
+      const int64_t now_ticks_us = base::GetSteadyTimeTicks();
+      if (now_ticks_us >= deadline_ticks_us) {
+        break;
+      }
+      ShowProgress(now_ticks_us - start_ticks_us);
+      const int64_t left_us = deadline_ticks_us - now_ticks_us;
+      is_set = event.WaitFor(shows_progress_ ? std::min(left_us, kProgressIntervalUs) : left_us);
+    }
+    if (shows_progress_) {
+      WriteError(kClearLine);
+    }
+    return is_set;
+  }
+
+  bool HasResult() {
+    const base::AutoLock lock(lock_);
+    return IsResult(outcome_.reason);
   }
 
   void GiveUp() {
@@ -159,13 +219,18 @@ class Watch final : public NtpSyncListener {
 
   const bool shows_progress_;
   base::Event ended_;
+  base::Event witnessed_;
   base::Lock lock_;
   bool is_over_ SKORRA_GUARDED_BY(lock_) = false;
   NtpSyncOutcome outcome_ SKORRA_GUARDED_BY(lock_);
+  std::map<std::string, net::IPEndPoint> servers_ SKORRA_GUARDED_BY(lock_);  // by domain: whom it asked last
+  std::optional<NtpWitnessReport> witnesses_ SKORRA_GUARDED_BY(lock_);
   std::vector<std::string> asked_ SKORRA_GUARDED_BY(lock_);
   std::set<std::string> without_address_ SKORRA_GUARDED_BY(lock_);
   std::optional<NtpAttemptEnded> ended_attempt_ SKORRA_GUARDED_BY(lock_);
 };
+
+bool AreWitnessesOn() { return config::GetText(config::BaseCfg().ntp_witnesses) != "off"; }
 
 // The library's counters since the process began, which are those of this attempt.
 void FillInCounters(SyncReport& report) {
@@ -243,12 +308,26 @@ SyncReport RunAttempt(const SyncOptions& options) {
   AddNtpSyncListener(watch);
   const NtpClockSubscription subscription =
       NtpClock::Observe([watch](const NtpSyncOutcome& outcome) { watch->OnOutcome(outcome); });
+  // With one server there is nobody to contradict it.
+  const bool hears_witnesses = options.servers.size() > 1 && AreWitnessesOn();
+  const NtpClockSubscription witnesses =
+      hears_witnesses
+          ? NtpClock::ObserveWitnesses([watch](const NtpWitnessReport& heard) { watch->OnWitnesses(heard); })
+          : NtpClockSubscription();
   NtpClockOptions clock_options;
   clock_options.servers = options.servers;
   NtpClock::Start(clock_options);
   watch->Wait(start_ticks_us, deadline_ticks_us);
+  if (hears_witnesses) {
+    watch->WaitForWitnesses(start_ticks_us, deadline_ticks_us);
+  }
   base::SetLogThreshold(base::kLogNothing);
   watch->FillIn(report);
+  if (!AreWitnessesOn()) {
+    report.why_unchecked = "ntp.witnesses is off";
+  } else if (watch->AskedOthers()) {
+    report.why_unchecked = "no other server answered";
+  }
   report.took_ms = (base::GetSteadyTimeTicks() - start_ticks_us) / 1000;
   FillInCounters(report);
   if (report.result != NtpResult::kNoResult) {

@@ -17,8 +17,9 @@ struct SyncOptions {
   int log_level = base::kLogNothing;  // of the library's lines that go to standard error
 };
 
-// Starts the clock (clock/ntp_clock.h) and waits for the end of its first attempt. Warnings and progress go
-// to standard error. The clock runs until the process ends, so this is called once.
+// Starts the clock (clock/ntp_clock.h) and waits for the end of its first attempt, and then for what the
+// other servers say of the result, if there are any. Warnings and progress go to standard error. The clock
+// runs until the process ends, so this is called once.
 SyncReport RunAttempt(const SyncOptions& options);
 
 // The whole command: checks the servers, waits for the attempt, prints the report. Returns the exit status.

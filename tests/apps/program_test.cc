@@ -211,6 +211,15 @@ TEST(ProgramTest, TheHelpOfSyncNamesEveryReason) {
   }
 }
 
+TEST(ProgramTest, TheHelpOfSyncNamesEveryAgreement) {
+  const ChildExit exit = RunProgram({"sync", "--help"});
+  for (int32_t number = 0; number <= static_cast<int32_t>(NtpClockAgreement::kOutvoted); ++number) {
+    EXPECT_THAT(
+        exit.out,
+        HasSubstr("\n  " + std::string(NtpClockAgreementName(static_cast<NtpClockAgreement>(number))) + " "));
+  }
+}
+
 TEST(ProgramTest, HelpExplainsEveryEntryOfTheConfiguration) {
   for (const char* command : {"--help", "sync"}) {
     const ChildExit exit = RunProgram({command, "--help"});
@@ -404,6 +413,16 @@ TEST(ProgramTest, TheDemonstrationMeasuresTheTruth) {
   EXPECT_THAT(exit.out,
               testing::ContainsRegex("  error at most    0\\.01[0-9]* s: the true offset lies between the "
                                      "limits\n"));
+}
+
+TEST(ProgramTest, TheDemonstrationShowsALiarThatIsFoundOut) {
+  const ChildExit exit = RunProgram({"demo"});
+  EXPECT_EQ(exit.status, 0) << exit.out << exit.err;
+  EXPECT_THAT(exit.out, testing::ContainsRegex("which lies by \\+3\\.000000 s:\n"));
+  EXPECT_THAT(exit.out, testing::ContainsRegex(
+                            "  agreement    agrees \\(1 of 2 others\\)\n"
+                            "  outvoted     127.0.0.1:[0-9]+ says [0-9.]+ s to [0-9.]+ s later\n"
+                            "  rate         not known yet \\(needs three syncs over half an hour\\)\n"));
 }
 
 TEST(ProgramTest, TheServerEndsCleanlyOnASignalAndCounts) {

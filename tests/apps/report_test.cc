@@ -36,6 +36,7 @@ SyncReport Success() {
           .samples_used = 10,
           .reading = Reading(),
           .system_time_us = 1704067200000000,
+          .manager_offset_us = 2345987,
           .took_ms = 203,
           .requests_sent = 20,
           .samples_received = 18};
@@ -64,6 +65,8 @@ TEST(ReportTest, ASuccessShowsTheOffsetItsLimitsTheServerAndBothTimes) {
             "  limits       +2.335678 s to +2.355801 s\n"
             "  error        at most 0.010123 s, probably 0.000450 s\n"
             "  server       192.0.2.1:123\n"
+            "  agreement    unchecked (no other server was asked)\n"
+            "  rate         not known yet (needs three syncs over half an hour)\n"
             "  requests     20 sent\n"
             "  samples      18 received, 10 used\n"
             "  took         203 ms\n"
@@ -111,7 +114,7 @@ TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
       {"192.0.2.1:123", {.requests_sent = 20, .requests_withheld = 3, .replies = 19, .kiss_codes = 1}}};
   const auto expected = nlohmann::json::parse(R"({
     "result": 0, "message": "success", "reason": "ok", "status": "synchronized", "offset_us": 2345678,
-    "error_bound_us": 10123, "error_estimate_us": 450, "ntp_time_us": 1704067202345678,
+    "manager_offset_us": 2345987, "frequency_ppm": null, "error_bound_us": 10123, "error_estimate_us": 450, "ntp_time_us": 1704067202345678,
     "earliest_us": 1704067202335678, "latest_us": 1704067202355801,
     "server": "192.0.2.1:123", "requests_sent": 20, "samples_received": 18, "samples_used": 10,
     "took_ms": 203, "rejected": {"zero_origin": 1}, "kiss_codes": {"rate": 1},
@@ -119,7 +122,9 @@ TEST(ReportTest, TheJsonOfASuccessHoldsEveryField) {
     "domain_errors": {"not_found": 1}, "send_stamps": {"kernel": 18},
     "receive_stamps": {"kernel": 17, "user": 1},
     "addresses": {"192.0.2.1:123": {"requests_sent": 20, "requests_withheld": 3, "replies": 19,
-                                    "kiss_codes": 1}}})");
+                                    "kiss_codes": 1}},
+    "agreement": "unchecked", "witnesses": 0, "agreeing": 0, "outvoted": [], "majority_earliest_us": null,
+    "majority_latest_us": null, "may_be_smear": false, "servers": []})");
   EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
 }
 
@@ -128,10 +133,12 @@ TEST(ReportTest, TheJsonOfAFailureHasNullForWhatDoesNotExist) {
   report.samples_used.reset();
   const auto expected = nlohmann::json::parse(R"({
     "result": -1, "message": "no usable result", "reason": "silent", "status": "unknown", "offset_us": null,
-    "error_bound_us": null, "error_estimate_us": null, "ntp_time_us": null, "earliest_us": null, "latest_us": null,
+    "manager_offset_us": null, "frequency_ppm": null, "error_bound_us": null, "error_estimate_us": null, "ntp_time_us": null, "earliest_us": null, "latest_us": null,
     "server": null, "requests_sent": 20, "samples_received": 0, "samples_used": null,
     "took_ms": 3201, "rejected": {}, "kiss_codes": {}, "withheld": {}, "socket_errors": {},
-    "domain_errors": {}, "send_stamps": {}, "receive_stamps": {}, "addresses": {}})");
+    "domain_errors": {}, "send_stamps": {}, "receive_stamps": {}, "addresses": {},
+    "agreement": "unchecked", "witnesses": 0, "agreeing": 0, "outvoted": [], "majority_earliest_us": null,
+    "majority_latest_us": null, "may_be_smear": false, "servers": []})");
   EXPECT_EQ(nlohmann::json::parse(ToJson(report)), expected);
 }
 
@@ -368,6 +375,156 @@ TEST(ReportTest, EachEndHasItsStatusMessageAndRemedy) {
       EXPECT_THAT(Advice(c.report), HasSubstr(c.advice));
     }
     EXPECT_EQ(nlohmann::json::parse(ToJson(c.report))["message"], c.message);
+  }
+}
+
+// --- What other servers say.
+
+NtpWitness Witness(const char* domain, int64_t earliest_us, int64_t latest_us, bool agrees,
+                   bool is_outvoted = false) {
+  return {.domain = domain,
+          .server = *net::IPEndPoint::FromLiteral("192.0.2.9", 123),
+          .earliest_us = earliest_us,
+          .latest_us = latest_us,
+          .agrees = agrees,
+          .is_outvoted = is_outvoted};
+}
+
+// A success against A, with what the others say of it.
+SyncReport Checked(NtpClockAgreement agreement, std::vector<NtpWitness> others, bool is_outvoted = false) {
+  SyncReport report = Success();
+  report.reading.agreement = agreement;
+  report.reading.domain = "A";
+  report.reading.witness_count = static_cast<uint32_t>(others.size());
+  NtpWitnessReport witnesses;
+  witnesses.agreement = agreement;
+  witnesses.servers = {Witness("A", -10000, 10123, true, is_outvoted)};
+  for (const NtpWitness& other : others) {
+    report.reading.agreeing_count += other.agrees ? 1 : 0;
+    witnesses.servers.push_back(other);
+  }
+  report.witnesses = witnesses;
+  return report;
+}
+
+SyncReport Outvoted() {
+  SyncReport report =
+      Checked(NtpClockAgreement::kOutvoted,
+              {Witness("B", 2990000, 3010000, false), Witness("C", 2999000, 3001000, false)}, true);
+  report.witnesses->has_majority = true;
+  report.witnesses->majority_earliest_us = 2999000;
+  report.witnesses->majority_latest_us = 3001000;
+  return report;
+}
+
+TEST(ReportTest, TheTextTellsWhatOtherServersSay) {
+  struct Case {
+    const char* what;
+    SyncReport report;
+    const char* lines;
+  };
+  const NtpWitness b = Witness("B", -9000, 9000, true);
+  const NtpWitness later = Witness("B", 2999000, 3001000, false);
+  const NtpWitness earlier = Witness("C", -3001000, -2999000, false, true);
+  const Case cases[] = {
+      {"one other agrees", Checked(NtpClockAgreement::kAgrees, {b}), "agreement    agrees (1 of 1 other)\n"},
+      {"all others agree", Checked(NtpClockAgreement::kAgrees, {b, b}),
+       "agreement    agrees (2 of 2 others)\n"},
+      {"one of the others is wrong", Checked(NtpClockAgreement::kAgrees, {b, earlier}),
+       "agreement    agrees (1 of 2 others)\n"
+       "  outvoted     C says 2.999000 s to 3.001000 s earlier\n"},
+      {"two that differ", Checked(NtpClockAgreement::kConflict, {later}),
+       "agreement    conflict: B says 2.999000 s to 3.001000 s later\n"},
+      {"halves that differ",
+       Checked(NtpClockAgreement::kConflict, {b, later, Witness("D", 5000000, 6000000, false)}),
+       "agreement    conflict: B says 2.999000 s to 3.001000 s later; D says 5.000000 s to 6.000000 s "
+       "later\n"},
+      {"a majority against it", Outvoted(),
+       "agreement    outvoted: A is wrong by 2.999000 s to 3.001000 s (behind), say B and C\n"},
+      {"a majority of three against it, which says earlier",
+       With(Checked(NtpClockAgreement::kOutvoted, {earlier, earlier, earlier}, true),
+            [](auto& r) {
+              for (size_t i = 1; i < r.witnesses->servers.size(); ++i) {
+                r.witnesses->servers[i].is_outvoted = false;
+              }
+              r.witnesses->majority_earliest_us = -3001000;
+              r.witnesses->majority_latest_us = -2999000;
+            }),
+       "agreement    outvoted: A is wrong by 2.999000 s to 3.001000 s (ahead), say C, C and C\n"},
+      {"a majority on both sides of it",
+       With(Outvoted(), [](auto& r) { r.witnesses->majority_earliest_us = -5; }),
+       "agreement    outvoted: A is wrong by -0.000005 s to +3.001000 s, say B and C\n"},
+      {"what a leap second does",
+       With(Checked(NtpClockAgreement::kConflict, {Witness("B", 490000, 500000, false)}),
+            [](auto& r) { r.witnesses->may_be_smear = true; }),
+       "agreement    conflict: B says 0.490000 s to 0.500000 s later\n"
+       "  smear?       the servers differ as they do when some of them smear a leap second\n"},
+      {"no report within the limit",
+       With(Checked(NtpClockAgreement::kConflict, {later}), [](auto& r) { r.witnesses.reset(); }),
+       "agreement    conflict (0 of 1 other)\n"},
+      {"a setting", With(Success(), [](auto& r) { r.why_unchecked = "ntp.witnesses is off"; }),
+       "agreement    unchecked (ntp.witnesses is off)\n"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_THAT(ToText(c.report), HasSubstr(std::string("  ") + c.lines + "  rate  ")) << c.what;
+  }
+}
+
+TEST(ReportTest, AContradictedResultIsNoSuccess) {
+  const SyncReport conflict = Checked(NtpClockAgreement::kConflict, {Witness("B", 490000, 500000, false)});
+  EXPECT_EQ(ExitStatus(conflict), 1);
+  EXPECT_THAT(ToText(conflict),
+              testing::StartsWith("NTP time sync: the servers contradict each other (result "));
+  EXPECT_EQ(Advice(conflict), "Nothing tells which of them is right. Ask more servers: a majority tells.");
+  EXPECT_EQ(ExitStatus(Outvoted()), 1);
+  EXPECT_THAT(ToText(Outvoted()),
+              testing::StartsWith("NTP time sync: most servers contradict the result (result "));
+  EXPECT_EQ(Advice(Outvoted()), "Do not rely on this time. Ask without A.");
+  EXPECT_THAT(Advice(With(conflict, [](auto& r) { r.witnesses->may_be_smear = true; })),
+              HasSubstr(" If some of them smear leap seconds, ask only those, or only the others."));
+  const SyncReport agrees = Checked(NtpClockAgreement::kAgrees,
+                                    {Witness("B", 0, 1, true), Witness("C", 490000, 500000, false, true)});
+  EXPECT_EQ(ExitStatus(agrees), 0) << "the liar is another one";
+  EXPECT_EQ(Message(agrees), "success");
+  EXPECT_EQ(Advice(agrees), "");
+}
+
+TEST(ReportTest, TheJsonTellsWhatOtherServersSayAsTimes) {
+  const auto json = nlohmann::json::parse(ToJson(Outvoted()));
+  EXPECT_EQ(json["agreement"], "outvoted");
+  EXPECT_EQ(json["witnesses"], 2);
+  EXPECT_EQ(json["agreeing"], 0);
+  EXPECT_EQ(json["outvoted"], nlohmann::json::parse(R"(["A"])"));
+  EXPECT_EQ(json["majority_earliest_us"], 1704067202345678 + 2999000);
+  EXPECT_EQ(json["majority_latest_us"], 1704067202345678 + 3001000);
+  EXPECT_EQ(json["may_be_smear"], false);
+  ASSERT_EQ(json["servers"].size(), 3u);
+  EXPECT_EQ(json["servers"][2], nlohmann::json::parse(R"({
+    "domain": "C", "address": "192.0.2.9:123", "earliest_us": 1704067205344678, "latest_us": 1704067205346678,
+    "agrees": false, "outvoted": false})"));
+  EXPECT_EQ(json["servers"][0]["outvoted"], true);
+  const auto smear = With(Outvoted(), [](auto& r) { r.witnesses->may_be_smear = true; });
+  EXPECT_EQ(nlohmann::json::parse(ToJson(smear))["may_be_smear"], true);
+}
+
+TEST(ReportTest, AnOutvotedTimeMayHaveNoLimits) {
+  SyncReport report = Outvoted();
+  report.reading.error_bound_us = NtpClockReading::kNoBound;
+  EXPECT_THAT(ToText(report), HasSubstr("  error        without a limit (outvoted)\n"));
+}
+
+TEST(ReportTest, TheRateIsToldInPartsPerMillion) {
+  struct Case {
+    int64_t ppb;
+    const char* text;
+    double ppm;
+  };
+  for (const Case& c : {Case{19873, "+19.873 ppm", 19.873}, Case{-7, "-0.007 ppm", -0.007},
+                        Case{0, "+0.000 ppm", 0.0}, Case{-100000, "-100.000 ppm", -100.0}}) {
+    SyncReport report = Success();
+    report.reading.frequency_ppb = c.ppb;
+    EXPECT_THAT(ToText(report), HasSubstr(std::string("  rate         ") + c.text + "\n"));
+    EXPECT_DOUBLE_EQ(nlohmann::json::parse(ToJson(report))["frequency_ppm"].get<double>(), c.ppm);
   }
 }
 

@@ -9,6 +9,7 @@ Debian packages tell the program's version.
 
 usage: papers.py SKORRA_NTP_PROGRAM
 """
+import json
 import os
 import pathlib
 import re
@@ -77,20 +78,28 @@ class PapersTest(unittest.TestCase):
                 synopsis = re.search(rf"\.B skorra-ntp {command}\n((?!\.br).*\n)*", parts["SYNOPSIS"])[0]
                 self.assertEqual(set(re.findall(r"--[\w-]+", synopsis)), own)
 
-    def test_the_page_has_each_reason_and_exit_status(self):
+    def test_the_page_has_each_reason_agreement_and_exit_status(self):
         parts = sections(page(), "SH")
         text = help_of("sync")
         told = re.search(r"why the sync ended as it did:\n((?:  .*\n)+)", text)[1]
         reasons = {word for line in told.splitlines() for word in re.findall(r"\w+", line.strip().split("   ")[0])}
         self.assertGreater(len(reasons), 5)
+        told = re.search(r"of the one that answered first:\n((?:  .*\n)+)", text)[1]
+        agreements = {line.split()[0] for line in told.splitlines()}
+        self.assertEqual(len(agreements), 4)
         self.assertEqual({w for w in tagged(sections(parts["COMMANDS"], "SS")["sync"]) if re.fullmatch("[a-z_]+", w)},
-                         reasons)
+                         reasons | agreements)
         texts = [help_of(), text, help_of("serve"), help_of("demo")]
         status = set()
         for part in texts:
             told = re.split(r"Exit status:", part)[1].split("\n\n")[0]
             status |= set(re.findall(r"(?:^|, |or )\s*(\d+)(?=\s+[a-z])(?! ms)", told, re.MULTILINE))
         self.assertEqual(tagged(parts["EXIT STATUS"]), status)
+
+    def test_the_page_has_each_key_of_the_json(self):
+        done = subprocess.run([PROGRAM, "sync", "--json", "--timeout", "0.1", "127.0.0.1:9"], capture_output=True,
+                              text=True)
+        self.assertEqual(tagged(sections(page(), "SH")["JSON KEYS"]), set(json.loads(done.stdout)))
 
     def test_the_page_has_each_number_of_an_option(self):
         described = sections(sections(page(), "SH")["COMMANDS"], "SS")
