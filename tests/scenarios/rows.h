@@ -16,6 +16,12 @@ inline constexpr char kA[] = "198.51.100.1";
 inline constexpr char kB[] = "198.51.100.2";
 inline constexpr char kC[] = "198.51.100.3";
 
+// A row whose result comes from a server that lies.
+inline Scenario WithALiar(Scenario row) {
+  row.is_honest = false;
+  return row;
+}
+
 // 20 requests 10 ms apart make a burst; each address gets one per attempt.
 inline RequestLimit Bursts(const std::string& address, size_t count) {
   return {address, count * 20, count * 20};

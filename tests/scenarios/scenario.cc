@@ -158,6 +158,9 @@ NtpTimeManagerPeer& Run::peer() {
 int64_t Run::ErrorUs() { return peer().GetNtpTimestampFrom1970Internal() - TrueUs(); }
 
 void Run::ListenWithClock() {
+  if (keeper_ != nullptr) {
+    return;
+  }
   keeper_ = std::make_shared<Keeper>(manager(), shared_, [](const NtpSyncOutcome&) {});
   AddNtpSyncListener(keeper_);
   clock_.emplace();
@@ -255,6 +258,14 @@ ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
   }
   Judge(run, scenario.limits, &report);
   return report;
+}
+
+ClockMeasure PlayWithClock(const Scenario& scenario, uint64_t seed) {
+  Run run(scenario, seed, nullptr);
+  scenario.setup(run);
+  run.ListenWithClock();
+  scenario.story(run);
+  return *run.clock();
 }
 
 }  // namespace skorra

@@ -178,6 +178,9 @@ struct Scenario {
   std::function<void(Run&)> story;
   Limits limits;
   int64_t begin_true_us = sim::World::Options().wall_us;  // microseconds since 1601
+  // False: the server that is believed is wrong by more than it says of itself. Then the limits of a clock
+  // that listens promise nothing.
+  bool is_honest = true;
 };
 
 // All rows, in the order of the table.
@@ -207,5 +210,8 @@ struct ScenarioReport {
 // Plays one scenario. Changes the process's log settings and configuration while it runs.
 ScenarioReport PlayScenario(const Scenario& scenario, uint64_t seed,
                             std::function<void(const std::string&)> event_log = nullptr);
+
+// Plays one scenario with a clock that listens from the beginning.
+ClockMeasure PlayWithClock(const Scenario& scenario, uint64_t seed);
 
 }  // namespace skorra

@@ -10,6 +10,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "testing/environment_number.h"
 #include "tests/scenarios/table.h"
 
 namespace skorra {
@@ -42,6 +43,16 @@ TEST_P(ScenarioTest, AScenarioStaysWithinItsLimitsAndItsColumns) {
 
 INSTANTIATE_TEST_SUITE_P(All, ScenarioTest, ::testing::ValuesIn(AllScenarios()),
                          [](const auto& row) { return row.param.name; });
+
+// SKORRA_SEED sets the first seed, SKORRA_SCENARIO_SEEDS how many there are (`./dev bounds` takes 1000).
+TEST_P(ScenarioTest, TheTruthStaysBetweenTheLimitsOfAClockThatIsToldTheTruth) {
+  const uint64_t count = EnvironmentNumber("SKORRA_SCENARIO_SEEDS", 1, 1000000).value_or(2);
+  const uint64_t first = EnvironmentNumber("SKORRA_SEED").value_or(1);
+  for (uint64_t seed = first; seed < first + count; ++seed) {
+    EXPECT_NE(PlayWithClock(GetParam(), seed).outside_us.has_value(), GetParam().is_honest)
+        << "SKORRA_SEED=" << seed;
+  }
+}
 
 TEST(ScenarioTableTest, EachScenarioHasANameOfItsOwnAndASentence) {
   std::set<std::string> names;

@@ -36,17 +36,19 @@ std::vector<Scenario> SeveralServerRows() {
       {"far_server_lies_by_an_hour",
        "one of three lies by an hour but answers later: the first domain with a good result ends the attempt",
        ThreeServers({}, {}, Far({.clock_error_us = kHour})), SyncWithThree, Right(20 * kMs, each, {0})},
-      {"near_server_lies_by_an_hour",
-       "one of three lies by an hour and is heard first: domains are not compared, so it is believed",
-       ThreeServers({.clock_error_us = kHour, .to_server = {.delay_us = kMs}, .to_client = {.delay_us = kMs}},
-                    {}, {}),
-       SyncWithThree,
-       {.max_error_us = kHour,
-        .rms_error_us = kHour,
-        .first_result_us = 20 * kMs,
-        .requests = each,
-        .outcomes = {0},
-        .min_error_at_end_us = kHour}},
+      WithALiar(
+          {"near_server_lies_by_an_hour",
+           "one of three lies by an hour and is heard first: domains are not compared, so it is believed",
+           ThreeServers(
+               {.clock_error_us = kHour, .to_server = {.delay_us = kMs}, .to_client = {.delay_us = kMs}}, {},
+               {}),
+           SyncWithThree,
+           {.max_error_us = kHour,
+            .rms_error_us = kHour,
+            .first_result_us = 20 * kMs,
+            .requests = each,
+            .outcomes = {0},
+            .min_error_at_end_us = kHour}}),
       {"two_of_three_dead", "the one that lives is enough, and nobody waits for the others",
        ThreeServers({.is_silent = true}, {.is_silent = true}, {}), SyncWithThree, Right(20 * kMs, each, {0})},
       {"all_dead",
@@ -324,21 +326,21 @@ std::vector<Scenario> ServerBehaviourRows() {
         .requests = {OneBurst(kA)},
         .outcomes = {0},
         .min_error_at_end_us = 700}},
-      {"drifting_server",
-       "a server that gains 200 ppm: an hour later its time, and ours, is 0.72 s off",
-       OneServer({.drift_ppb = 200000}),
-       [](Run& run) {
-         SyncOnce(run);
-         run.For(kHour);
-         run.Start();
-         run.For(5 * kSecond);
-       },
-       {.max_error_us = 724 * kMs,
-        .rms_error_us = 250 * kMs,
-        .first_result_us = 20 * kMs,
-        .requests = {Bursts(kA, 2)},
-        .outcomes = {0, 0},
-        .min_error_at_end_us = 720 * kMs}},
+      WithALiar({"drifting_server",
+                 "a server that gains 200 ppm: an hour later its time, and ours, is 0.72 s off",
+                 OneServer({.drift_ppb = 200000}),
+                 [](Run& run) {
+                   SyncOnce(run);
+                   run.For(kHour);
+                   run.Start();
+                   run.For(5 * kSecond);
+                 },
+                 {.max_error_us = 724 * kMs,
+                  .rms_error_us = 250 * kMs,
+                  .first_result_us = 20 * kMs,
+                  .requests = {Bursts(kA, 2)},
+                  .outcomes = {0, 0},
+                  .min_error_at_end_us = 720 * kMs}}),
   };
 }
 
