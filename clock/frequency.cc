@@ -2,6 +2,7 @@
 #include "clock/frequency.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
@@ -27,6 +28,15 @@ int64_t GainNs(const FrequencyPoint& from, const FrequencyPoint& to, int64_t fro
                              base::SaturatingSubtract(steady_ns, RawSpanNs(from, to)));
 }
 
+// The month of a point's estimate, counted from any beginning.
+int64_t MonthOf(const FrequencyPoint& point) {
+  constexpr int64_t kDayUs = int64_t{24} * 3600 * base::kUsPerSecond;
+  const int64_t us = base::SaturatingAdd(point.at.clocks.boot_ns / 1000, point.estimate_us);
+  const auto day = static_cast<int>(std::clamp<int64_t>(us / kDayUs, 0, 1000000));
+  const std::chrono::year_month_day date{std::chrono::sys_days(std::chrono::days(day))};
+  return int64_t{int{date.year()}} * 12 + unsigned{date.month()};
+}
+
 // Parts per billion of a span, cut to a range in which sums do not overflow.
 double Ppb(int64_t gain_ns, int64_t span_ns) {
   const double ppb = static_cast<double>(gain_ns) / static_cast<double>(span_ns) * kPpb;
@@ -44,8 +54,9 @@ int64_t ErrorOfShownPpb(int64_t error_ppb) {
   return error_ppb + error_ppb * error_ppb / (1000000000 - error_ppb) + 1;
 }
 
-// What all pairs prove, against the oscillator with the last point's correction.
-Limits ProvenLimits(const std::vector<FrequencyPoint>& points, int64_t wander_ppb) {
+// What all pairs prove of their averages, against the oscillator with the last point's correction. Of
+// averages that differ, the lowest limit is above the highest.
+Limits ProvenLimits(const std::vector<FrequencyPoint>& points) {
   Limits limits{-kMaxRatePpb, kMaxRatePpb};
   const double correction = 1 + static_cast<double>(points.back().kernel_ppb) / kPpb;
   // Against the corrected oscillator, from that against the raw clock.
@@ -62,8 +73,8 @@ Limits ProvenLimits(const std::vector<FrequencyPoint>& points, int64_t wander_pp
           GainNs(points[i], points[j], points[i].proven.earliest_us, points[j].proven.latest_us), errors_ns);
       const auto lowest_ppb = static_cast<int64_t>(std::floor(corrected(Ppb(least_ns, span_ns))));
       const auto highest_ppb = static_cast<int64_t>(std::ceil(corrected(Ppb(most_ns, span_ns))));
-      limits.lowest_ppb = std::max(limits.lowest_ppb, lowest_ppb - wander_ppb);
-      limits.highest_ppb = std::min(limits.highest_ppb, highest_ppb + wander_ppb);
+      limits.lowest_ppb = std::max(limits.lowest_ppb, lowest_ppb);
+      limits.highest_ppb = std::min(limits.highest_ppb, highest_ppb);
     }
   }
   return limits;
@@ -138,10 +149,11 @@ std::optional<FrequencyEstimate> EstimateFrequency(const std::vector<FrequencyPo
   }
   const int64_t limited_ppb = std::clamp<int64_t>(error_ppb, 0, kMaxRatePpb);
   const int64_t prior_ppb = ErrorOfShownPpb(limited_ppb);
-  const Limits proven = ProvenLimits(points, std::max(kWanderPpb, limited_ppb / kWanderPart));
-  FrequencyEstimate estimate{.lowest_ppb = std::max(proven.lowest_ppb, -prior_ppb),
-                             .highest_ppb = std::min(proven.highest_ppb, prior_ppb)};
-  if (estimate.lowest_ppb > estimate.highest_ppb) {
+  const int64_t wander_ppb = std::max(kWanderPpb, limited_ppb / kWanderPart);
+  const Limits proven = ProvenLimits(points);
+  FrequencyEstimate estimate{.lowest_ppb = std::max(proven.lowest_ppb - wander_ppb, -prior_ppb),
+                             .highest_ppb = std::min(proven.highest_ppb + wander_ppb, prior_ppb)};
+  if (proven.lowest_ppb - proven.highest_ppb > wander_ppb || estimate.lowest_ppb > estimate.highest_ppb) {
     estimate.lowest_ppb = -prior_ppb;
     estimate.highest_ppb = prior_ppb;
   }
@@ -163,7 +175,8 @@ bool FrequencyHistory::Continue(const MachineState& now) {
                                base::WrappingSubtract(now.at.clocks.monotonic_ns, before.monotonic_ns));
     const int64_t errors_ns = base::SaturatingAdd(now.at.error_ns, last_->at.error_ns);
     is_same = base::SaturatingSubtract(slept_ns, errors_ns) <= kSuspendNs &&
-              now.disruption_marker == last_->disruption_marker && now.clock_source == last_->clock_source &&
+              now.disruption_marker == last_->disruption_marker &&
+              (now.clock_source == last_->clock_source || last_->clock_source == 0) &&
               std::abs(base::SaturatingSubtract(now.kernel_ppb, last_->kernel_ppb)) <= kFrequencyStepPpb;
   }
   last_ = now;
@@ -176,6 +189,9 @@ bool FrequencyHistory::Continue(const MachineState& now) {
 void FrequencyHistory::Add(const net::IPEndPoint& server, const FrequencyPoint& point) {
   Server& entry = servers_[server];
   entry.attempts_without = 0;
+  if (!entry.points.empty() && MonthOf(entry.points.back()) != MonthOf(point)) {
+    entry.points.clear();
+  }
   if (entry.points.size() == kFrequencyPoints) {
     entry.points.erase(entry.points.begin());
   }

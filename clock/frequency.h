@@ -54,8 +54,8 @@ struct FrequencyEstimate {
 
 // `points` in the order of time, with no sleep between them; `error_ppb` is what the oscillator may be wrong
 // by, whatever the points say. The limits are those that every pair of points proves, each widened by the
-// wander, and never beyond `error_ppb`. Where they leave nothing, the server or the oscillator breaks a
-// promise: then the limits are those of `error_ppb`, and the guess is limited to them.
+// wander, and never beyond `error_ppb`. Where they leave nothing, or two pairs are further apart than the
+// wander, the server, the clocks or the oscillator break a promise: then the limits are those of `error_ppb`.
 //
 // The guess is the line's slope times s^2 / (s^2 + 4 u^2), s being the slope and u its uncertainty: what may
 // be chance alone is not followed, since the next hour would show it as an error. Nothing: too few points, or
@@ -68,7 +68,7 @@ struct MachineState {
   ClocksReading at;
   int64_t kernel_ppb = 0;
   int64_t disruption_marker = 0;
-  uint64_t clock_source = 0;
+  uint64_t clock_source = 0;  // 0: not known
 };
 
 // The last points of each server. Pure apart from what it keeps; one thread at a time.
@@ -78,13 +78,14 @@ class FrequencyHistory {
   // machine slept since the last call, was moved or restored, changed its clock source, or corrects its
   // oscillator otherwise by more than kFrequencyStepPpb.
   bool Continue(const MachineState& now);
-  // Servers are told apart by their addresses: another one has points of its own.
+  // Servers are told apart by their addresses: another one has points of its own. Points of another month are
+  // forgotten: there may have been a leap second between.
   void Add(const net::IPEndPoint& server, const FrequencyPoint& point);
   // Call it after the points of an attempt. Forgets servers that brought none in the last attempts.
   void EndAttempt();
   // EstimateFrequency of the server's points.
   std::optional<FrequencyEstimate> Estimate(const net::IPEndPoint& server, int64_t error_ppb) const;
-  void Clear() { servers_.clear(); }
+  bool empty() const { return servers_.empty(); }
 
  private:
   struct Server {

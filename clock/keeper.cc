@@ -87,6 +87,7 @@ void Keeper::Start(const NtpClockOptions& options) {
   is_running_ = true;
   options_ = options;
   shared_.max_error_us.store(options.max_error_us, std::memory_order_relaxed);
+  const bool is_disrupted = snapshot_.disruption_marker != shared_.disruption_marker();
   auto& page = vm_clocks_[options.vmclock_path];
   if (page == nullptr) {
     page = base::VmClock::Open(options.vmclock_path);
@@ -102,7 +103,9 @@ void Keeper::Start(const NtpClockOptions& options) {
     // The options hold for the reading that there is, too.
     ForgetFrequencyLimits();
     snapshot_.fresh_for_ns = FreshForNs();
-    snapshot_.disruption_marker = shared_.disruption_marker();
+    if (!is_disrupted) {
+      snapshot_.disruption_marker = shared_.disruption_marker();  // of another page, perhaps
+    }
     shared_.snapshot.Publish(snapshot_);
     if (failures_ == 0 && IsResult(result_reason_)) {
       PlanAfter(result_reason_);
@@ -243,8 +246,11 @@ void Keeper::OnBurstBegun(const NtpBurstBegun& event) {
     burst_marker_ = shared_.disruption_marker();
     // A correction that has just changed may be a slew itself: then the oscillator is as wrong as the change.
     const int64_t before_ppb = std::exchange(frequency_ppb_, base::GetKernelFrequencyPpb());
-    growth_ppb_ = int64_t{1000} * options_.frequency_error_ppm + std::abs(frequency_ppb_ - before_ppb);
-    clock_source_ = base::GetClockSource();
+    kernel_change_ppb_ = std::abs(frequency_ppb_ - before_ppb);
+    growth_ppb_ = int64_t{1000} * options_.frequency_error_ppm + kernel_change_ppb_;
+    if (!frequency_.empty()) {
+      clock_source_ = base::GetClockSource();
+    }
     const MachineState state = StateNow();
     frequency_.Continue(state);
     drift_.Begin(state.at, frequency_ppb_);
@@ -313,6 +319,9 @@ void Keeper::ForgetBursts() {
 
 void Keeper::OnQueueStopped() {
   witnesses_.End();
+  if (clock_source_ == 0 && !frequency_.empty()) {
+    clock_source_ = base::GetClockSource();  // not in the first attempt: a program may end after that
+  }
   ForgetBursts();
   EnterPhase(Phase::kIdle);
   if (!is_running_ || !is_attempt_wanted_) {
@@ -406,7 +415,9 @@ void Keeper::NoteFrequency(const NtpAttemptEnded& event) {
 }
 
 void Keeper::ForgetFrequencyLimits() {
-  snapshot_.growth = GrowthFromPpb(int64_t{1000} * options_.frequency_error_ppm);
+  snapshot_.growth =
+      GrowthFromPpb(int64_t{1000} * options_.frequency_error_ppm + snapshot_kernel_change_ppb_);
+  snapshot_.prior_growth = snapshot_.growth;
   snapshot_.rate = std::clamp(snapshot_.rate, -snapshot_.growth, snapshot_.growth);
   snapshot_.middle_rate = 0;
 }
@@ -427,6 +438,8 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, const ProvenBu
   snapshot.latest_us = proven.latest_us;
   snapshot.error_estimate_us = burst.scatter_us;
   snapshot.growth = GrowthFromPpb(growth_ppb_);
+  snapshot.prior_growth = snapshot.growth;
+  snapshot_kernel_change_ppb_ = kernel_change_ppb_;
   if (const auto frequency = frequency_.Estimate(burst.server, growth_ppb_)) {
     snapshot.earliest_us -= kGainErrorUs;
     snapshot.latest_us += kGainErrorUs;
@@ -448,7 +461,6 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, const ProvenBu
     witnesses_.Begin({.attempt = attempt_number_,
                       .domain = domain,
                       .estimate_us = snapshot.estimate_us,
-                      .at = burst.at,
                       .drift = drift_,
                       .growth = GrowthFromPpb(growth_ppb_),
                       .disruption_marker = burst_marker_},
@@ -462,6 +474,9 @@ bool Keeper::Publish(const std::string& domain, NtpResult result, const ProvenBu
 void Keeper::OnWitnessesJudged(const NtpWitnessReport& report) {
   witnesses_.Tell(report, snapshot_);
   shared_.snapshot.Publish(snapshot_);
+  if (is_running_ && phase_ == Phase::kIdle && failures_ == 0 && IsResult(result_reason_)) {
+    PlanAfter(result_reason_);  // the bound may have gone, or come back
+  }
   if (on_witnesses_) {
     on_witnesses_(report);
   }
@@ -532,6 +547,9 @@ void Keeper::PlanAfter(NtpSyncReason reason) {
     return;
   }
   int64_t longest_us = interval_us();
+  if (longest_us == 0 && IsBoundRefused(shared_.Read())) {
+    longest_us = kInaccurateUs;  // no limit would bring a sync
+  }
   if (reason == NtpSyncReason::kInaccurate && (longest_us == 0 || longest_us > kInaccurateUs)) {
     longest_us = kInaccurateUs;
   }
@@ -650,6 +668,7 @@ void Keeper::NoteSleep() {
     snapshot_.slept_ns = spans.slept_ns();
     snapshot_.sleep_error_us += kSleepErrorUs;
     ForgetFrequencyLimits();
+    snapshot_.frequency_ppb = NtpClockReading::kNoFrequency;
     shared_.snapshot.Publish(snapshot_);
   }
 }

@@ -107,7 +107,8 @@ class Keeper final : public NtpSyncListener {
   bool Publish(const std::string& domain, NtpResult result, const ProvenBurst& burst);
   // Takes what the bursts of this attempt tell of the oscillator's frequency.
   void NoteFrequency(const NtpAttemptEnded& event);
-  // From now on the reading assumes no more of the oscillator than the options say.
+  // From now on the reading assumes no more of the oscillator than the options say, and what the kernel's
+  // correction changed by before its sync.
   void ForgetFrequencyLimits();
   // What must stay as it is from one attempt to the next.
   MachineState StateNow() const;
@@ -182,8 +183,10 @@ class Keeper final : public NtpSyncListener {
   // The last result, published or not.
   NtpSyncReason result_reason_ = NtpSyncReason::kStopped;
   int64_t result_ticks_us_ = 0;
-  int64_t frequency_ppb_ = 0;  // the kernel's correction as it was read last
-  int64_t growth_ppb_ = 0;     // rho of the burst under way
+  int64_t frequency_ppb_ = 0;               // the kernel's correction as it was read last
+  int64_t growth_ppb_ = 0;                  // rho of the burst under way, as if its frequency were not known
+  int64_t kernel_change_ppb_ = 0;           // the part of it that the kernel's correction has changed by
+  int64_t snapshot_kernel_change_ppb_ = 0;  // the same of the published burst
 
   int64_t sync_ticks_us_ = kNever;
   int64_t names_ticks_us_ = kNever;

@@ -78,6 +78,7 @@ class PublishedReading {
     AtomicWord<int64_t> latest_us;
     AtomicWord<int64_t> error_estimate_us;
     AtomicWord<ClockRate> growth;
+    AtomicWord<ClockRate> prior_growth;
     AtomicWord<ClockRate> rate;
     AtomicWord<ClockRate> middle_rate;
     AtomicWord<ClockRate> frequency;
@@ -107,6 +108,7 @@ class PublishedReading {
     to.latest_us = from.latest_us;
     to.error_estimate_us = from.error_estimate_us;
     to.growth = from.growth;
+    to.prior_growth = from.prior_growth;
     to.rate = from.rate;
     to.middle_rate = from.middle_rate;
     to.frequency = from.frequency;

@@ -92,7 +92,8 @@ struct ClockSnapshot {
   int64_t earliest_us = 0;
   int64_t latest_us = 0;
   int64_t error_estimate_us = 0;
-  ClockRate growth = 0;  // rho
+  ClockRate growth = 0;        // rho
+  ClockRate prior_growth = 0;  // rho of an oscillator whose frequency is not known
   // How fast the true time runs against the oscillator: as the estimate assumes, and in the middle of what it
   // may be, from where rho counts.
   ClockRate rate = 0;
@@ -169,6 +170,11 @@ constexpr bool HasSleptMore(const Snapshot& at, const ClockSpans& spans, int64_t
 template <class Snapshot>
 constexpr int64_t GrowthUs(const Snapshot& at, const ClockSpans& spans, int64_t reading_error_ns) {
   const int64_t slew_ns = spans.slew_ns(reading_error_ns);
+  ClockRate growth = at.growth;
+  if (spans.has_slept(reading_error_ns)) [[unlikely]] {
+    // What counted the sleep may be as wrong as any oscillator.
+    growth = at.prior_growth + base::WrappingMagnitude(at.middle_rate);
+  }
   // As unsigned numbers, so that what is negative is too large.
   if (static_cast<uint64_t>(spans.steady_ns) >= kMaxSpanNs || static_cast<uint64_t>(slew_ns) >= kMaxSpanNs ||
       static_cast<uint64_t>(at.reading_error_ns) >= kMaxSpanNs) {
@@ -177,8 +183,8 @@ constexpr int64_t GrowthUs(const Snapshot& at, const ClockSpans& spans, int64_t 
   // The slew comes last from the clocks, so its part is one product: with that of rho, since the oscillator
   // may have counted more than the steady clock shows.
   const ClockRate slew_rate =
-      (at.growth + base::WrappingMagnitude(at.middle_rate) + (int64_t{1} << 32)) / 1000 + 1;
-  const int64_t age_ns = Scale(spans.steady_ns, at.growth) + 1 + 2 * at.reading_error_ns;
+      (growth + base::WrappingMagnitude(at.middle_rate) + (int64_t{1} << 32)) / 1000 + 1;
+  const int64_t age_ns = Scale(spans.steady_ns, growth) + 1 + 2 * at.reading_error_ns;
   return (age_ns + 999) / 1000 + (Scale(slew_ns, slew_rate) + 1) + at.sleep_error_us +
          (HasSleptMore(at, spans, reading_error_ns) ? kSleepErrorUs : 0);
 }
@@ -204,7 +210,7 @@ inline constexpr int64_t kGainErrorUs = 2;
 // the snapshot counts.
 template <class Snapshot>
 constexpr int64_t EstimateAtUs(const Snapshot& at, int64_t ticks_us) {
-  const int64_t steady_ns = base::WrappingSubtract(base::WrappingScale(ticks_us, 1000), at.clocks.boot_ns);
+  const int64_t steady_ns = base::WrappingSubtract(base::WrappingMultiply(ticks_us, 1000), at.clocks.boot_ns);
   return base::WrappingAdd(base::WrappingAdd(ticks_us, at.estimate_us),
                            GainUs(base::WrappingSubtract(steady_ns, at.slept_ns), at.rate));
 }

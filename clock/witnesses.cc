@@ -71,15 +71,14 @@ void Witnesses::Begin(const CheckedResult& result, const Bursts& bursts, ClockSn
     server.open_requests = MayBeAsked(address) ? kRequestsPerServer : 0;
     is_any_asked = is_any_asked || server.open_requests > 0;
   }
-  const Judgement judgement = Judge(check, result.at);
-  Tell(judgement.report, snapshot);
+  const ClocksReading at = ReadClocksClosely();
+  check.result.drift.Note(at);
+  Tell(Judge(check, at).report, snapshot);
   ++check_number_;
   if (is_any_asked) {
     PostForCheck([this] { SendRound(0); }, 0);
-  } else if (judgement.report.servers.size() > 1) {
-    PostForCheck([this] { End(); }, 0);
   } else {
-    check_.reset();  // nobody to hear
+    PostForCheck([this] { End(); }, 0);
   }
 }
 
@@ -187,13 +186,16 @@ Witnesses::Judgement Witnesses::Judge(const Check& check, const ClocksReading& a
     }
     const ProvenBurst proven =
         Prove(server.exchanges, at, check.result.growth, check.result.drift.drift_us());
-    if (proven.interval) {
+    // A server that says of itself that it may be wrong by any amount would agree with everybody.
+    const bool says_nothing = proven.interval && (proven.interval->earliest_us <= -kMaxTimeUs ||
+                                                  proven.interval->latest_us >= kMaxTimeUs);
+    if (proven.interval && !says_nothing) {
       judgement.is_leap_announced = judgement.is_leap_announced || proven.leap != LeapWarning::kNone;
       judgement.intervals.push_back(*proven.interval);
       report.servers.push_back({.domain = server.domain, .server = server.address});
     } else if (&server == &check.servers.front()) {
       return judgement;  // without a result's own interval there is nothing to hold others against
-    } else {
+    } else if (!says_nothing) {
       ++judgement.contradictions;
     }
   }

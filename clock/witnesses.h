@@ -41,7 +41,6 @@ struct CheckedResult {
   uint64_t attempt = 0;
   std::string domain;
   int64_t estimate_us = 0;  // network time minus steady ticks
-  ClocksReading at;         // the moment that its interval was proved for
   MachineDrift drift;
   ClockRate growth = 0;
   int64_t disruption_marker = 0;  // when the bursts began

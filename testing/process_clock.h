@@ -28,6 +28,7 @@ inline void PublishTimeInProcess(NtpTimeManagerPeer& peer_of_process) {
   snapshot.latest_us = snapshot.estimate_us + 5000;
   snapshot.error_estimate_us = 100;
   snapshot.growth = GrowthFromPpb(50000);
+  snapshot.prior_growth = snapshot.growth;
   snapshot.frequency = RateFromPpb(base::GetKernelFrequencyPpb());
   snapshot.fresh_for_ns = 3600 * base::kUsPerSecond * 1000;
   snapshot.domain = "example.org";

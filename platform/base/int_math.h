@@ -29,10 +29,6 @@ constexpr int64_t WrappingMultiply(int64_t a, int64_t b) {
 }
 
 // The absolute value. That of the smallest number does not exist and wraps around to the smallest number.
-constexpr int64_t WrappingScale(int64_t value, int64_t factor) {
-  return static_cast<int64_t>(static_cast<uint64_t>(value) * static_cast<uint64_t>(factor));
-}
-
 constexpr int64_t WrappingMagnitude(int64_t value) { return value < 0 ? WrappingSubtract(0, value) : value; }
 
 constexpr int64_t SaturatingAdd(int64_t a, int64_t b) {

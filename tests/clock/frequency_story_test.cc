@@ -277,5 +277,31 @@ TEST_F(FrequencyForgottenTest, ASleepIsNotCorrected) {
   EXPECT_TRUE(day_.clock.IsTruthInside());
 }
 
+// Nobody hears of the resume: the reading alone finds out that the machine slept. What counts the sleep is as
+// wrong as the oscillator here.
+TEST(FrequencyStoryTest, ASleepOfAStoppedClockGrowsTheBoundAsIfNothingWasKnown) {
+  for (const int64_t ppb : {-45000, 45000}) {
+    Day day({.base_ppb = ppb}, Server(0), FirstSeed());
+    day.PlayUntil(5 * kHourUs, [] {});
+    ASSERT_TRUE(day.clock.Read().has_frequency());
+    day.clock.OnQueue([&] { day.clock.keeper->Stop(); });
+    for (int days = 0; days < 3; ++days) {
+      day.clock.world.Suspend(KeptClock::S(24 * 3600));
+      EXPECT_TRUE(day.clock.IsTruthInside()) << ppb << ", after day " << days;
+    }
+  }
+}
+
+TEST_F(FrequencyForgottenTest, AStartDoesNotForgetWhatTheKernelsCorrectionHasChangedBy) {
+  day_.clock.world.SetKernelFrequency(100000);  // a daemon slews by the frequency
+  EXPECT_FALSE(KnowsAfterNextSync());
+  day_.clock.network.RemoveServer(Address(kServer));
+  day_.clock.StartWith({kServer});
+  for (int minute = 0; minute < 60; ++minute) {
+    day_.clock.world.RunFor(KeptClock::S(60));
+    ASSERT_TRUE(day_.clock.IsTruthInside()) << minute;
+  }
+}
+
 }  // namespace
 }  // namespace skorra

@@ -108,6 +108,21 @@ TEST(FrequencyTest, AServerThatLiesAboutTheRateIsFollowedAsFarAsTheOscillatorMay
   }
 }
 
+TEST(FrequencyTest, AStepThatNobodySawLeavesWhatTheOscillatorMayBeWrongBy) {
+  // Three points of a good clock, and one after a second was put in, 20 hours later.
+  const Points points{.half_width_us = 100};
+  std::vector<FrequencyPoint> stepped = points.Hourly(3);
+  FrequencyPoint last = points.At(22 * kHourNs);
+  last.estimate_us -= 1000000;
+  last.proven.earliest_us -= 1000000;
+  last.proven.latest_us -= 1000000;
+  stepped.push_back(last);
+  const auto estimate = EstimateFrequency(stepped, kErrorPpb);
+  ASSERT_TRUE(estimate);
+  EXPECT_EQ(estimate->lowest_ppb, -50003);
+  EXPECT_EQ(estimate->highest_ppb, 50003);
+}
+
 TEST(FrequencyTest, AnOscillatorThatMayBeMoreWrongMayWanderMore) {
   const auto estimate = EstimateFrequency(Points{.ppb = 0, .half_width_us = 1}.Hourly(4), 500000);
   ASSERT_TRUE(estimate);
@@ -221,6 +236,7 @@ TEST_F(FrequencyHistoryTest, EachChangeOfTheMachineForgetsEverything) {
        true},
       {"the marker", [](MachineState& s) { s.disruption_marker = 6; }, false},
       {"the clock source", [](MachineState& s) { s.clock_source = 8; }, false},
+      {"a clock source that is not told any more", [](MachineState& s) { s.clock_source = 0; }, false},
       {"1 ppm of the kernel's correction", [](MachineState& s) { s.kernel_ppb += 1000; }, true},
       {"more than that", [](MachineState& s) { s.kernel_ppb += 1001; }, false},
       {"the same backwards", [](MachineState& s) { s.kernel_ppb -= 1001; }, false},
@@ -248,6 +264,28 @@ TEST_F(FrequencyHistoryTest, AServerThatIsSilentForLongIsForgotten) {
     history_.EndAttempt();
   }
   EXPECT_FALSE(Knows(server_));
+}
+
+TEST_F(FrequencyHistoryTest, APointOfAnotherMonthBeginsAgain) {
+  constexpr int64_t kMonthEndUs = int64_t{1709251200} * 1000000;  // 2024-03-01
+  FrequencyHistory history;
+  for (int i = -4; i < 3; ++i) {
+    FrequencyPoint point = points_.At((i + 10) * kHourNs);
+    point.estimate_us += kMonthEndUs - 1700000000000000 - 10 * kHourNs / 1000 - 1000000;
+    history.Add(server_, point);
+    // The point at the end of the month is a second before it.
+    EXPECT_EQ(history.Estimate(server_, kErrorPpb).has_value(), i >= -2 && i <= 0) << i;
+  }
+}
+
+TEST_F(FrequencyHistoryTest, AnUnknownClockSourceIsNoChange) {
+  MachineState state = StateAt(4 * kHourNs);
+  FrequencyHistory history;
+  state.clock_source = 0;
+  EXPECT_TRUE(history.Continue(state));
+  history.Add(server_, points_.At(0));
+  EXPECT_TRUE(history.Continue(StateAt(5 * kHourNs)));
+  EXPECT_FALSE(history.empty());
 }
 
 TEST_F(FrequencyHistoryTest, OnlyTheLastFourPointsCount) {

@@ -184,6 +184,22 @@ TEST_F(KeeperScheduleTest, AChangedMarkerTakesTheBoundAwayUntilTheNextSync) {
   EXPECT_TRUE(Read().has_bound());
 }
 
+TEST_F(KeeperScheduleTest, AStartMakesADisruptedReadingNoBetter) {
+  const TempDir folder;
+  const std::string path = folder / "vmclock";
+  WriteFile(path, VmClockPage(7));
+  NtpClockOptions options;
+  options.servers = {kA};
+  options.vmclock_path = path;
+  Start(options);
+  world.RunFor(S(100));
+  ASSERT_EQ(Read().status, NtpClockStatus::kSynchronized);
+  SetVmClockMarker(path, 8);
+  Start(options);
+  EXPECT_EQ(Read().status, NtpClockStatus::kDisrupted);
+  EXPECT_FALSE(Read().has_bound());
+}
+
 // --- Leap seconds.
 
 TEST_F(KeeperScheduleTest, AnAnnouncedLeapSecondWidensTheBoundFromTheEndOfTheDayOn) {

@@ -23,6 +23,9 @@ ClockSnapshot Numbered(int64_t n) {
   snapshot.latest_us = n;
   snapshot.error_estimate_us = n;
   snapshot.growth = n;
+  snapshot.prior_growth = n;
+  snapshot.rate = n;
+  snapshot.middle_rate = n;
   snapshot.frequency = -n;
   snapshot.leap = static_cast<LeapWarning>(n % 3);
   snapshot.leap_us = n;
@@ -37,9 +40,11 @@ bool IsSame(const ClockSnapshot& a, const ClockSnapshot& b) {
          a.clocks.raw_ns == b.clocks.raw_ns && a.clocks.monotonic_ns == b.clocks.monotonic_ns &&
          a.reading_error_ns == b.reading_error_ns && a.estimate_us == b.estimate_us &&
          a.earliest_us == b.earliest_us && a.latest_us == b.latest_us &&
-         a.error_estimate_us == b.error_estimate_us && a.growth == b.growth && a.frequency == b.frequency &&
-         a.leap == b.leap && a.leap_us == b.leap_us && a.fresh_for_ns == b.fresh_for_ns &&
-         a.disruption_marker == b.disruption_marker && a.domain[0] == b.domain[0];
+         a.error_estimate_us == b.error_estimate_us && a.growth == b.growth &&
+         a.prior_growth == b.prior_growth && a.rate == b.rate && a.middle_rate == b.middle_rate &&
+         a.frequency == b.frequency && a.leap == b.leap && a.leap_us == b.leap_us &&
+         a.fresh_for_ns == b.fresh_for_ns && a.disruption_marker == b.disruption_marker &&
+         a.domain[0] == b.domain[0];
 }
 
 TEST(PublishedReadingTest, BeforeTheFirstPublicationThereIsNoTime) {

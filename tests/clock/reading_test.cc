@@ -43,6 +43,7 @@ ClockSnapshot PlainSnapshot() {
   at.latest_us = at.estimate_us + 10000;
   at.error_estimate_us = 100;
   at.growth = GrowthFromPpb(50000);
+  at.prior_growth = at.growth;
   at.fresh_for_ns = 3600 * kSecondNs;
   at.domain = "example.org";
   return at;
@@ -252,6 +253,7 @@ ClockSnapshot AnySnapshot() {
   at.estimate_us = InRange(at.earliest_us, at.latest_us);
   at.error_estimate_us = InRange(0, kMaxTimeUs);
   at.growth = GrowthFromPpb(AnyBits<int64_t>());
+  at.prior_growth = at.growth;
   at.frequency = RateFromPpb(AnyBits<int64_t>());
   at.leap = static_cast<LeapWarning>(InRange(0, 2));
   at.leap_us = InRange(1 - kMaxTimeUs, kMaxTimeUs - 1);
@@ -364,6 +366,7 @@ RC_GTEST_PROP(ReadingPropertyTest, TheTruthIsInsideWhateverTheHostDoesToItsClock
   at.reading_error_ns = monotonic_ns - sync_ns + 1 + (monotonic_ns - sync_ns) / 10;  // by the steady clock
   at.frequency = RateFromPpb(machine.frequency_ppt / 1000);
   at.growth = GrowthFromPpb(max_error_ppb);
+  at.prior_growth = at.growth;
   // The interval is as narrow as it can be, at one end or at both.
   const int64_t offset_ns = machine.True(sync_ns) - machine.Boot(sync_ns);
   at.earliest_us = offset_ns / 1000 - (offset_ns % 1000 < 0 ? 1 : 0);

@@ -83,11 +83,25 @@ TEST_F(WitnessTest, AServerThatRefusesIsNotAskedAgain) {
   StartAll();
   ASSERT_TRUE(RunToOutcome());
   world.RunFor(S(3));
-  EXPECT_THAT(reports, IsEmpty()) << "nobody is asked, and nobody was heard";
+  ASSERT_EQ(reports.size(), 1u) << "nobody is asked, and nobody was heard";
+  EXPECT_EQ(report().agreement, NtpClockAgreement::kUnchecked);
+  EXPECT_EQ(report().servers.size(), 1u) << "the result's own";
   EXPECT_EQ(Read().agreement, NtpClockAgreement::kUnchecked);
   for (const size_t server : {1u, 2u, 3u}) {
     EXPECT_LE(RequestsTo(server), 2u) << "until the first refusal came";
   }
+}
+
+TEST_F(WitnessTest, AServerThatMayBeWrongByAnyAmountIsNoVoice) {
+  Add(Near(kHourUs));
+  Add(Near());
+  netmodel::ServerOptions unsure = Near();
+  unsure.script = [](netmodel::Exchange& e) { e.reply.precision = 40; };
+  Add(std::move(unsure));
+  StartAll();
+  ASSERT_TRUE(RunToReport());
+  EXPECT_EQ(report().agreement, NtpClockAgreement::kConflict) << "with a third voice a majority would agree";
+  EXPECT_EQ(Read().witness_count, 1u);
 }
 
 TEST_F(WitnessTest, AServerThatSentRateOnceIsHeardByItsBurstAlone) {
@@ -360,6 +374,21 @@ TEST_F(WitnessTest, TheLogSaysOnceThatAServerIsOutvotedOrThatTwoContradictEachOt
 }
 
 // --- Without a bound while outvoted.
+
+// No bound passes a limit and no interval ends: the sync that may bring the bound back comes all the same.
+TEST_F(WitnessTest, ARefusedReadingWithoutAnIntervalIsSyncedAgain) {
+  config.Set(config::BaseCfg().ntp_witnesses, "refuse");
+  config.Set(config::BaseCfg().ntp_sync_interval, 0);
+  Add(Near(kHourUs, 500));
+  Add(Near());
+  Add(Near());
+  StartAll(0);
+  ASSERT_TRUE(RunToReport());
+  EXPECT_FALSE(Read().has_bound());
+  ASSERT_EQ(outcomes.size(), 1u);
+  world.RunFor(S(11 * 60));
+  EXPECT_EQ(outcomes.size(), 2u);
+}
 
 TEST_F(WitnessTest, RefuseTakesTheBoundAwayWhileTheServerIsOutvotedAndGivesItBack) {
   config.Set(config::BaseCfg().ntp_witnesses, "refuse");

@@ -95,6 +95,17 @@ void Judge(Run& run, const Limits& limits, ScenarioReport* report) {
 
 }  // namespace
 
+void ErrorMeasure::Add(int64_t error_us) {
+  const int64_t magnitude_us = std::abs(error_us);
+  max_us_ = std::max(max_us_, magnitude_us);
+  square_sum_ += static_cast<double>(magnitude_us) * static_cast<double>(magnitude_us);
+  ++count_;
+}
+
+int64_t ErrorMeasure::rms_us() const {
+  return count_ == 0 ? 0 : static_cast<int64_t>(std::sqrt(square_sum_ / static_cast<double>(count_)));
+}
+
 class Run::Listener : public NtpTimeManager::Observer {
  public:
   explicit Listener(sim::World& world) : world_(world) {}
@@ -164,17 +175,6 @@ void Run::ListenWithClock() {
   keeper_ = std::make_shared<Keeper>(manager(), shared_, [](const NtpSyncOutcome&) {});
   AddNtpSyncListener(keeper_);
   clock_.emplace();
-}
-
-void ErrorMeasure::Add(int64_t error_us) {
-  const int64_t magnitude_us = std::abs(error_us);
-  max_us_ = std::max(max_us_, magnitude_us);
-  square_sum_ += static_cast<double>(magnitude_us) * static_cast<double>(magnitude_us);
-  ++count_;
-}
-
-int64_t ErrorMeasure::rms_us() const {
-  return count_ == 0 ? 0 : static_cast<int64_t>(std::sqrt(square_sum_ / static_cast<double>(count_)));
 }
 
 const std::vector<int>& Run::outcomes() const { return listener_->outcomes; }

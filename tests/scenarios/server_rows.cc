@@ -30,25 +30,28 @@ void SyncWithThree(Run& run) {
   run.For(5 * kSecond);
 }
 
+Scenario NearLiarRow(const std::vector<RequestLimit>& each) {
+  return WithALiar(
+      {"near_server_lies_by_an_hour",
+       "one of three lies by an hour and is heard first: domains are not compared, so it is believed",
+       ThreeServers({.clock_error_us = kHour, .to_server = {.delay_us = kMs}, .to_client = {.delay_us = kMs}},
+                    {}, {}),
+       SyncWithThree,
+       {.max_error_us = kHour,
+        .rms_error_us = kHour,
+        .first_result_us = 20 * kMs,
+        .requests = each,
+        .outcomes = {0},
+        .min_error_at_end_us = kHour}});
+}
+
 std::vector<Scenario> SeveralServerRows() {
   const std::vector<RequestLimit> each = {OneBurst(kA), OneBurst(kB), OneBurst(kC)};
   return {
       {"far_server_lies_by_an_hour",
        "one of three lies by an hour but answers later: the first domain with a good result ends the attempt",
        ThreeServers({}, {}, Far({.clock_error_us = kHour})), SyncWithThree, Right(20 * kMs, each, {0})},
-      WithALiar(
-          {"near_server_lies_by_an_hour",
-           "one of three lies by an hour and is heard first: domains are not compared, so it is believed",
-           ThreeServers(
-               {.clock_error_us = kHour, .to_server = {.delay_us = kMs}, .to_client = {.delay_us = kMs}}, {},
-               {}),
-           SyncWithThree,
-           {.max_error_us = kHour,
-            .rms_error_us = kHour,
-            .first_result_us = 20 * kMs,
-            .requests = each,
-            .outcomes = {0},
-            .min_error_at_end_us = kHour}}),
+      NearLiarRow(each),
       {"two_of_three_dead", "the one that lives is enough, and nobody waits for the others",
        ThreeServers({.is_silent = true}, {.is_silent = true}, {}), SyncWithThree, Right(20 * kMs, each, {0})},
       {"all_dead",
