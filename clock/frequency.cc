@@ -80,13 +80,15 @@ Limits ProvenLimits(const std::vector<FrequencyPoint>& points) {
   return limits;
 }
 
+double Square(double value) { return value * value; }
+
 // The slope of the line, as far as it is more than chance.
 double ProbablePpb(const std::vector<FrequencyPoint>& points) {
   // Of each point the oscillator's time and the network's gain on it, both from the first point on, in
   // seconds.
   std::vector<double> times{0.0};
   std::vector<double> gains{0.0};
-  double uncertainty_square = std::pow(static_cast<double>(points.front().uncertainty_us) / 1e6, 2);
+  double uncertainty_square = Square(static_cast<double>(points.front().uncertainty_us) / 1e6);
   double correction_s = 0;  // what the kernel's correction has added to the raw clock
   double raw_s = 0;
   double correction_square =
@@ -104,7 +106,7 @@ double ProbablePpb(const std::vector<FrequencyPoint>& points) {
     const int64_t gain_ns = GainNs(points.front(), point, points.front().estimate_us, point.estimate_us);
     times.push_back(raw_s + correction_s);
     gains.push_back(static_cast<double>(gain_ns) / 1e9 - correction_s);
-    uncertainty_square += std::pow(static_cast<double>(point.uncertainty_us) / 1e6, 2);
+    uncertainty_square += Square(static_cast<double>(point.uncertainty_us) / 1e6);
   }
   const auto count = static_cast<double>(points.size());
   double mean_time = 0;

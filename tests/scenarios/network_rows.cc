@@ -189,15 +189,17 @@ std::vector<Scenario> LossRows() {
         .first_result_us = 60 * kMs,
         .requests = {OneBurst(kA)},
         .outcomes = {0}}},
-      {"corrupted_datagrams",
-       "bits flip in one of twenty datagrams: a wrong nonce is dropped, a wrong time stamp is trimmed",
-       Path({.delay_us = 15 * kMs}, {.delay_us = 15 * kMs, .corrupt_permille = 50}),
-       SyncOnce,
-       {.max_error_us = 1 * kMs,
-        .rms_error_us = 1 * kMs,
-        .first_result_us = 40 * kMs,
-        .requests = {OneBurst(kA)},
-        .outcomes = {0}}},
+      WithReplies(
+          Replies::kWrongByChance,
+          {"corrupted_datagrams",
+           "bits flip in one of twenty datagrams: a wrong nonce is dropped, a wrong time stamp is trimmed",
+           Path({.delay_us = 15 * kMs}, {.delay_us = 15 * kMs, .corrupt_permille = 50}),
+           SyncOnce,
+           {.max_error_us = 1 * kMs,
+            .rms_error_us = 1 * kMs,
+            .first_result_us = 40 * kMs,
+            .requests = {OneBurst(kA)},
+            .outcomes = {0}}}),
   };
 }
 
@@ -316,7 +318,8 @@ std::vector<Scenario> SlowNameRows() {
        OneServerFoundAfter(1500 * kMs), SyncOnce, Right(1530 * kMs, {OneBurst(kA)}, {0})},
       {"name_whose_lookup_takes_too_long", "after 2 s the domain is skipped, and no attempt comes of it",
        OneServerFoundAfter(2500 * kMs), SyncOnce, NoResult({Bursts(kA, 0)}, {})},
-      WithALiar(
+      WithReplies(
+          Replies::kWrong,
           {"name_that_leads_to_a_liar",
            "a wrong answer of the name service leads to a server an hour ahead: without a second opinion the "
            "manager believes it",

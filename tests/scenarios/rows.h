@@ -16,9 +16,8 @@ inline constexpr char kA[] = "198.51.100.1";
 inline constexpr char kB[] = "198.51.100.2";
 inline constexpr char kC[] = "198.51.100.3";
 
-// A row whose result comes from a server that lies.
-inline Scenario WithALiar(Scenario row) {
-  row.is_honest = false;
+inline Scenario WithReplies(Replies replies, Scenario row) {
+  row.replies = replies;
   return row;
 }
 

@@ -171,6 +171,14 @@ class Run {
   std::optional<int64_t> first_result_us_;
 };
 
+// Whether the replies that are believed are right, within what the server says of itself. If not, the limits
+// of a clock that listens promise nothing.
+enum class Replies {
+  kHonest,
+  kWrong,
+  kWrongByChance,  // with some seeds
+};
+
 struct Scenario {
   std::string name;
   std::string sentence;  // what is different, and why a surprising limit is right
@@ -178,9 +186,7 @@ struct Scenario {
   std::function<void(Run&)> story;
   Limits limits;
   int64_t begin_true_us = sim::World::Options().wall_us;  // microseconds since 1601
-  // False: the server that is believed is wrong by more than it says of itself. Then the limits of a clock
-  // that listens promise nothing.
-  bool is_honest = true;
+  Replies replies = Replies::kHonest;
 };
 
 // All rows, in the order of the table.
