@@ -51,7 +51,7 @@ void ExpectLiarsNamed(const Liars& c, bool are_first, uint64_t seed) {
   std::vector<bool> lies(c.servers, false);
   std::fill_n(lies.begin(), c.liars, true);
   for (size_t i = c.servers - 1; !are_first && i > 0; --i) {
-    const size_t other = random.Below(i + 1);
+    const size_t other = static_cast<size_t>(random.Below(i + 1));
     const bool before = lies[i];
     lies[i] = lies[other];
     lies[other] = before;
@@ -171,7 +171,7 @@ TEST(WitnessLiarsTest, HonestServersOnAsymmetricPathsRaiseNoAlarm) {
     Random random(seed);
     WitnessWorld w("report", seed);
     w.world.SetSteadyError({.frequency_ppb = static_cast<int64_t>(random.Below(80000)) - 40000});
-    const size_t servers = 2 + random.Below(6);
+    const size_t servers = 2 + static_cast<size_t>(random.Below(6));
     for (size_t i = 0; i < servers; ++i) {
       w.Add(Asymmetric(random, i));
     }
