@@ -41,7 +41,11 @@ ImpairingRelay::ImpairingRelay(const net::IPEndPoint& server, Options options)
                  netmodel::Random(options.seed)},
       to_client_{netmodel::Link(std::move(options.to_client), base::GetSteadyTimeTicks()),
                  netmodel::Random(~options.seed)},
-      thread_([this] { Run(); }) {}
+      thread_([this] { Run(); }) {
+  // Its start allocates. A child that is forked meanwhile would find the allocator of AddressSanitizer
+  // locked.
+  is_waiting_.wait(false);
+}
 
 ImpairingRelay::~ImpairingRelay() {
   eventfd_write(end_fd_, 1);
@@ -142,6 +146,8 @@ void ImpairingRelay::WaitForWork() const {
     until_due.tv_sec = static_cast<time_t>(wait_us / base::kUsPerSecond);
     until_due.tv_nsec = static_cast<long>(wait_us % base::kUsPerSecond * 1000);
   }
+  is_waiting_ = true;
+  is_waiting_.notify_one();
   ppoll(sources.data(), sources.size(), under_way_.empty() ? nullptr : &until_due, nullptr);
 }
 

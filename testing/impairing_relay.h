@@ -12,6 +12,7 @@
 // own until it is destroyed; then what is under way is dropped. The functions may be called from any thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <thread>
@@ -92,7 +93,8 @@ class ImpairingRelay {
   Direction to_server_;
   Direction to_client_;
   std::map<net::IPEndPoint, Client> clients_;
-  std::multimap<int64_t, Parcel> under_way_;  // by due time; what is due together keeps its order
+  std::multimap<int64_t, Parcel> under_way_;     // by due time; what is due together keeps its order
+  mutable std::atomic<bool> is_waiting_{false};  // the thread has waited for work
   std::thread thread_;
 };
 
