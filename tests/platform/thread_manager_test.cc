@@ -202,7 +202,8 @@ TEST(ThreadManagerTest, ATimerThatTheSystemDoesNotSetIsLoggedOnceAndCounted) {
   std::thread([&] {
     ASSERT_TRUE(skorra::RefuseSystemCallOnThisThread(SYS_timerfd_settime, EPERM));
     const auto queue = Queue(9);
-    for (const int64_t delay_ms : {2, 1}) {
+    // Too far ahead to be due already on a busy machine: then no timer would be set.
+    for (const int64_t delay_ms : {20000, 10000}) {
       queue->PostDelayedTask(kHere, base::BindOnce([&] { ++run_count; }),
                              base::TimeDelta::FromMilliseconds(delay_ms));
     }
