@@ -91,8 +91,8 @@ double ProbablePpb(const std::vector<FrequencyPoint>& points) {
   double uncertainty_square = Square(static_cast<double>(points.front().uncertainty_us) / 1e6);
   double correction_s = 0;  // what the kernel's correction has added to the raw clock
   double raw_s = 0;
-  double correction_square =
-      0;  // how far the correction may have been from what is assumed, the worst of all
+  // How far the correction may have been from what is assumed, at the worst.
+  double correction_square = 0;
   for (size_t i = 1; i < points.size(); ++i) {
     const FrequencyPoint& before = points[i - 1];
     const FrequencyPoint& point = points[i];

@@ -25,7 +25,6 @@ class MachineDrift {
   // What the steady clock may have gained or lost between two moments since `Begin`, beyond what the
   // oscillator may be wrong by.
   int64_t drift_us() const;
-  bool has_slept() const { return has_slept_; }
   ClockRate frequency() const { return begin_.frequency; }
 
  private:

@@ -163,18 +163,26 @@ TEST_F(KeeperScheduleTest, AResultThatMayBeInaccurateIsRenewedAfterTenMinutes) {
 
 // --- What a virtual machine's host does.
 
-TEST_F(KeeperScheduleTest, AChangedMarkerTakesTheBoundAwayUntilTheNextSync) {
-  const TempDir folder;
-  const std::string path = folder / "vmclock";
-  WriteFile(path, VmClockPage(7));
-  NtpClockOptions options;
-  options.servers = {kA};
-  options.vmclock_path = path;
-  Start(options);
-  world.RunFor(S(100));
-  ASSERT_EQ(Read().status, NtpClockStatus::kSynchronized);
+class MovedMachineTest : public KeeperScheduleTest {
+ protected:
+  // A clock that has synced with marker 7.
+  MovedMachineTest() {
+    WriteFile(path_, VmClockPage(7));
+    options_.servers = {kA};
+    options_.vmclock_path = path_;
+    Start(options_);
+    world.RunFor(S(100));
+    EXPECT_EQ(Read().status, NtpClockStatus::kSynchronized);
+  }
+
+  const TempDir folder_;
+  const std::string path_ = folder_ / "vmclock";
+  NtpClockOptions options_;
+};
+
+TEST_F(MovedMachineTest, AChangedMarkerTakesTheBoundAwayUntilTheNextSync) {
   const int64_t estimate_us = Read().best_estimate_us;
-  SetVmClockMarker(path, 8);
+  SetVmClockMarker(path_, 8);
   EXPECT_EQ(Read().status, NtpClockStatus::kDisrupted);
   EXPECT_FALSE(Read().has_bound());
   EXPECT_EQ(Read().best_estimate_us, estimate_us);
@@ -184,18 +192,9 @@ TEST_F(KeeperScheduleTest, AChangedMarkerTakesTheBoundAwayUntilTheNextSync) {
   EXPECT_TRUE(Read().has_bound());
 }
 
-TEST_F(KeeperScheduleTest, AStartMakesADisruptedReadingNoBetter) {
-  const TempDir folder;
-  const std::string path = folder / "vmclock";
-  WriteFile(path, VmClockPage(7));
-  NtpClockOptions options;
-  options.servers = {kA};
-  options.vmclock_path = path;
-  Start(options);
-  world.RunFor(S(100));
-  ASSERT_EQ(Read().status, NtpClockStatus::kSynchronized);
-  SetVmClockMarker(path, 8);
-  Start(options);
+TEST_F(MovedMachineTest, AStartMakesADisruptedReadingNoBetter) {
+  SetVmClockMarker(path_, 8);
+  Start(options_);
   EXPECT_EQ(Read().status, NtpClockStatus::kDisrupted);
   EXPECT_FALSE(Read().has_bound());
 }
